@@ -1,0 +1,165 @@
+#include "platform/gpu/CommandBuffer.h"
+#include "platform/gpu/CommandQueue.h"
+#include "tests/platform/gpu/GpuTesting.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <mutex>
+#include <thread>
+
+namespace quorva {
+namespace {
+
+using testing::Pixel;
+using testing::Pixels;
+using testing::SharedDevice;
+
+std::shared_ptr<CommandQueue> MakeQueue() {
+    auto device = SharedDevice();
+    if (!device)
+        return nullptr;
+    auto queue = CommandQueue::make(device);
+    EXPECT_TRUE(queue);
+    return queue ? queue.value() : nullptr;
+}
+
+// A command buffer that clears `target` to `colour`.
+std::shared_ptr<CommandBuffer> Clear(CommandQueue& queue, const std::shared_ptr<Texture>& target,
+                                     std::array<float, 4> colour) {
+    auto buffer = queue.commandBuffer();
+    EXPECT_TRUE(buffer);
+    if (!buffer)
+        return nullptr;
+    buffer.value()->beginRendering(target, colour);
+    buffer.value()->endRendering();
+    return buffer.value();
+}
+
+TEST(CommandQueue, CallsHandlersOnItsOwnThreadOnceTheGpuIsDoneInCommitOrder) {
+    auto queue = MakeQueue();
+    ASSERT_TRUE(queue);
+    std::mutex lock;
+    std::vector<int> order;
+    std::vector<std::thread::id> threads;
+    std::vector<std::shared_ptr<Texture>> targets;
+    std::promise<void> last;
+    for (int i = 0; i < 6; ++i) {
+        auto target = queue->device()->makeTexture(64, 64);
+        ASSERT_TRUE(target);
+        targets.push_back(target.value());
+        auto buffer = Clear(*queue, target.value(), {0, float(i) / 5, 0, 1});
+        buffer->addCompletedHandler([&, i, texture = target.value()] {
+            // Done means readable: the read-back, queued behind nothing, shows the clear.
+            Pixel pixel = Pixels(texture, 10, 10, 1, 1).at(10, 10);
+            std::lock_guard guard(lock);
+            EXPECT_EQ(pixel.g, uint8_t(i * 51));
+            order.push_back(i);
+            threads.push_back(std::this_thread::get_id());
+        });
+        if (i == 5)
+            buffer->addCompletedHandler([&] { last.set_value(); });
+        ASSERT_TRUE(buffer->commit());
+    }
+    last.get_future().wait();
+    std::lock_guard guard(lock);
+    EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3, 4, 5}));
+    for (auto id : threads) {
+        EXPECT_NE(id, std::this_thread::get_id());
+        EXPECT_EQ(id, threads.front());
+    }
+}
+
+TEST(CommandQueue, HoldsWhatACommandBufferUsesUntilTheGpuIsDone) {
+    auto queue = MakeQueue();
+    ASSERT_TRUE(queue);
+    std::weak_ptr<Texture> watched;
+    std::promise<bool> aliveInHandler;
+    {
+        auto target = queue->device()->makeTexture(256, 256);
+        ASSERT_TRUE(target);
+        watched = target.value();
+        auto buffer = Clear(*queue, target.value(), {1, 0, 0, 1});
+        buffer->addCompletedHandler([&] { aliveInHandler.set_value(!watched.expired()); });
+        ASSERT_TRUE(buffer->commit());
+    } // the caller lets go of the texture and the buffer at once
+    EXPECT_TRUE(aliveInHandler.get_future().get());
+    queue.reset(); // waits for the completion thread, which let go after the handlers
+    EXPECT_TRUE(watched.expired());
+}
+
+TEST(CommandQueue, ClosingWaitsForCommittedWorkAndRefusesLaterCommits) {
+    auto queue = MakeQueue();
+    ASSERT_TRUE(queue);
+    auto target = queue->device()->makeTexture(512, 512);
+    ASSERT_TRUE(target);
+    std::atomic<int> completed = 0;
+    for (int i = 0; i < 5; ++i) {
+        auto buffer = Clear(*queue, target.value(), {0, 0, 1, 1});
+        buffer->addCompletedHandler([&] { ++completed; });
+        ASSERT_TRUE(buffer->commit());
+    }
+    auto late = Clear(*queue, target.value(), {0, 0, 1, 1});
+    bool lateCalled = false;
+    late->addCompletedHandler([&] { lateCalled = true; });
+    queue.reset();
+    EXPECT_EQ(completed, 5);
+    auto refused = late->commit();
+    ASSERT_FALSE(refused);
+    EXPECT_NE(refused.error().message().find("closed"), std::string::npos);
+    EXPECT_FALSE(lateCalled);
+}
+
+TEST(CommandQueue, AHandlerMayLetGoOfTheLastHoldOnItsQueue) {
+    auto queue = MakeQueue();
+    ASSERT_TRUE(queue);
+    auto target = queue->device()->makeTexture(32, 32);
+    ASSERT_TRUE(target);
+    std::promise<void> done;
+    auto buffer = Clear(*queue, target.value(), {0, 0, 0, 1});
+    buffer->addCompletedHandler([&done, held = queue]() mutable {
+        held.reset(); // the queue goes away on its own completion thread
+        done.set_value();
+    });
+    ASSERT_TRUE(buffer->commit());
+    buffer.reset();
+    queue.reset();
+    EXPECT_EQ(done.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
+}
+
+TEST(CommandQueue, ThreadsRecordAndCommitAtOnce) {
+    auto queue = MakeQueue();
+    ASSERT_TRUE(queue);
+    constexpr int Threads = 4, Buffers = 40;
+    std::atomic<int> completed = 0;
+    std::vector<std::shared_ptr<Texture>> targets(Threads);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < Threads; ++t) {
+        threads.emplace_back([&, t] {
+            auto target = queue->device()->makeTexture(128, 64 + t);
+            ASSERT_TRUE(target);
+            targets[t] = target.value();
+            for (int i = 0; i < Buffers; ++i) {
+                auto buffer =
+                    Clear(*queue, target.value(), {0.2f * float(t), float(i) / (Buffers - 1), 0.2f, 1});
+                ASSERT_TRUE(buffer);
+                buffer->addCompletedHandler([&] { ++completed; });
+                ASSERT_TRUE(buffer->commit());
+            }
+        });
+    }
+    for (auto& thread : threads)
+        thread.join();
+    for (int t = 0; t < Threads; ++t) {
+        ASSERT_TRUE(targets[t]);
+        Pixel pixel = Pixels(targets[t], 0, 0, 1, 1).at(0, 0);
+        EXPECT_EQ(pixel, (Pixel{51, 255, uint8_t(51 * t), 255}))
+            << "thread " << t << " ends with its last clear";
+    }
+    queue.reset();
+    EXPECT_EQ(completed, Threads * Buffers);
+}
+
+} // namespace
+} // namespace quorva
