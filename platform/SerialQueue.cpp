@@ -71,10 +71,13 @@ void SerialQueue::State::work() {
         if (!due) {
             if (stopping)
                 break; // what is left was not due yet: dropped
-            if (heap.empty())
+            if (heap.empty()) {
                 wake.wait(guard);
-            else
-                wake.wait_until(guard, heap.front().due);
+            } else {
+                // A copy: the heap may grow, and move its entries, while we sleep.
+                Clock::time_point earliest = heap.front().due;
+                wake.wait_until(guard, earliest);
+            }
             continue;
         }
         std::pop_heap(heap.begin(), heap.end(), Later{});

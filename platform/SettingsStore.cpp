@@ -86,7 +86,8 @@ json JSONFromValue(const SettingValue& value) {
 Result<DomainFile> ReadDomainFile(const fs::path& file) {
     int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
-        if (errno == ENOENT)
+        // No file, or not even its folder (a file stands in the folder's place): nothing stored yet.
+        if (errno == ENOENT || errno == ENOTDIR)
             return DomainFile{true, {}};
         return SettingsError(std::strerror(errno));
     }
