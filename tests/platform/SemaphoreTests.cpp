@@ -32,19 +32,6 @@ TEST(Semaphore, TimesOutNoEarlierThanAskedAndTakesNothingThen) {
     EXPECT_TRUE(semaphore.wait(0)); // the failed wait did not consume the later signal
 }
 
-TEST(Semaphore, WakesAWaiterOnAnotherThread) {
-    Semaphore ready, go;
-    std::atomic<bool> woke = false;
-    std::thread waiter([&] {
-        ready.signal();
-        woke = go.wait(60);
-    });
-    ASSERT_TRUE(ready.wait(60));
-    go.signal();
-    waiter.join();
-    EXPECT_TRUE(woke);
-}
-
 TEST(Semaphore, ManyProducersAndConsumersBalanceExactly) {
     Semaphore semaphore;
     constexpr int threads = 4, each = 2000;

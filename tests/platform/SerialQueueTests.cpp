@@ -90,13 +90,6 @@ TEST(SerialQueue, SyncWaitsForItsTaskAndRunsInPlaceOnTheQueueItself) {
     EXPECT_EQ(order, (std::vector<std::string>{"outer", "inner, in place", "outer again"}));
 }
 
-TEST(SerialQueue, SyncAcrossTwoQueuesDoesNotDeadlock) {
-    SerialQueue first("first"), second("second");
-    bool reached = false;
-    first.sync([&] { second.sync([&] { reached = first.isCurrent() == false && second.isCurrent(); }); });
-    EXPECT_TRUE(reached);
-}
-
 TEST(SerialQueue, DelayedTasksWaitForTheirTimeWhileOthersGoOn) {
     SerialQueue queue("test");
     std::mutex lock;
