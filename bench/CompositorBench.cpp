@@ -1,0 +1,85 @@
+// The compositor's cost at the recorder's largest picture: eight 1920 × 1080 sources assembled into a
+// 3840 × 2160 grid, timed until the GPU has finished each composition. QUORVA_VULKAN_DEVICE names part
+// of the device to use (say "NVIDIA" or "llvmpipe"); the device's name is in the report's context.
+#include "core/Compositor.h"
+#include "sources/TestPattern.h"
+
+#include <benchmark/benchmark.h>
+
+#include <cstdlib>
+#include <future>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace quorva {
+namespace {
+
+std::shared_ptr<GpuDevice> Device;
+
+void ComposeEightSourcesIntoA4KGrid(benchmark::State& state) {
+    auto queue = CommandQueue::make(Device);
+    auto compositor = queue ? Compositor::make(queue.value()) : nullptr;
+    if (!compositor) {
+        state.SkipWithError("no compositor");
+        return;
+    }
+    auto pattern = TestPattern::make(queue.value(), 1920, 1080, false);
+    if (!pattern) {
+        state.SkipWithError(pattern.error().message().c_str());
+        return;
+    }
+    std::vector<std::shared_ptr<Texture>> sources;
+    for (uint64_t i = 0; i < 8; ++i) {
+        auto picture = pattern.value()->drawFrame(1000 * i);
+        if (!picture) {
+            state.SkipWithError(picture.error().message().c_str());
+            return;
+        }
+        sources.push_back(picture.value());
+    }
+    Layout layout(2, std::vector<Size>(8, Size{1920, 1080}), 0, {3840, 2160});
+    std::vector<bool> flipped(8, false);
+
+    for (auto _ : state) {
+        std::promise<void> drawn;
+        auto target = compositor->compose(layout, sources, flipped, false,
+                                          [&](const std::shared_ptr<Texture>&) { drawn.set_value(); });
+        if (!target) {
+            state.SkipWithError("a composition was refused");
+            return;
+        }
+        drawn.get_future().wait();
+    }
+    state.counters["compositions/s"] =
+        benchmark::Counter(double(state.iterations()), benchmark::Counter::kIsRate);
+    state.SetLabel(Device->name());
+}
+BENCHMARK(ComposeEightSourcesIntoA4KGrid)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+} // namespace
+} // namespace quorva
+
+int main(int argc, char** argv) {
+    // The Vulkan loader wants a private runtime folder, which machines without a session lack.
+    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+    if (!runtime || !*runtime) {
+        std::string folder = "/tmp/quorva-runtime-" + std::to_string(getuid());
+        mkdir(folder.c_str(), 0700);
+        setenv("XDG_RUNTIME_DIR", folder.c_str(), 1);
+    }
+    auto device = quorva::GpuDevice::make();
+    if (!device) {
+        std::fprintf(stderr, "compositor_bench: %s\n", device.error().message().c_str());
+        return 1;
+    }
+    quorva::Device = device.value();
+    benchmark::AddCustomContext("vulkan_device", quorva::Device->name());
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    quorva::Device.reset();
+    return 0;
+}
