@@ -198,7 +198,11 @@ GpuDevice::GpuDevice(const vk::raii::Instance& instance, vk::raii::PhysicalDevic
 
 GpuDevice::~GpuDevice() {
     // Whatever is still in flight must finish before the objects it uses are destroyed.
-    _device.waitIdle();
+    try {
+        _device.waitIdle();
+    } catch (const std::exception& exception) {
+        Log("GPU: ", std::string("The device did not finish its work: ") + exception.what());
+    }
 }
 
 std::optional<uint32_t> GpuDevice::memoryType(uint32_t allowedTypes,
@@ -243,7 +247,6 @@ Result<void> GpuDevice::waitUntilCompleted(uint64_t value) const {
 
 Result<void> GpuDevice::execute(const std::function<void(const vk::raii::CommandBuffer&)>& record) {
     std::lock_guard lock(_executeLock);
-    Result<uint64_t> submitted = GpuError("");
     try {
         _executePool.reset();
         _executeCommands.begin(vk::CommandBufferBeginInfo(vk::CommandBufferUsageFlagBits::eOneTimeSubmit));
@@ -252,9 +255,10 @@ Result<void> GpuDevice::execute(const std::function<void(const vk::raii::Command
     } catch (const std::exception& exception) {
         return GpuError(std::string("The GPU commands could not be recorded: ") + exception.what());
     }
-    submitted = submit(*_executeCommands);
+    Result<uint64_t> submitted = submit(*_executeCommands);
     if (!submitted)
         return submitted.error();
+    // The pool is reset by the next call, so the commands must be done before the lock is let go.
     return waitUntilCompleted(submitted.value());
 }
 
