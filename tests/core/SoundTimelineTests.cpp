@@ -37,6 +37,31 @@ bool IsSilence(const SourceSound& sound, uint64_t frameCount) {
     return true;
 }
 
+using Pieces = std::vector<std::shared_ptr<SourceSound>>;
+
+// What a placement gave, a word a piece: "block" for `block` itself, "silence:N" for N frames of zeros,
+// "N@V" for N frames whose first left sample is V (a ramp's frame V − 1).
+std::string Shape(const Pieces& pieces, const std::shared_ptr<SourceSound>& block) {
+    std::string shape;
+    for (const auto& piece : pieces) {
+        if (!shape.empty())
+            shape += " ";
+        if (piece == block)
+            shape += "block";
+        else if (IsSilence(*piece, piece->frameCount()))
+            shape += "silence:" + std::to_string(piece->frameCount());
+        else
+            shape += std::to_string(piece->frameCount()) + "@" + std::to_string(int(piece->samples()[0]));
+    }
+    return shape;
+}
+
+// Places a fresh ramp of `frameCount` frames arriving at `time` and describes what came out.
+std::string Place(SoundTimeline& timeline, uint64_t frameCount, double rate, double time) {
+    auto block = Ramp(frameCount, rate);
+    return Shape(timeline.piecesForSound(block, time), block);
+}
+
 // ---- SourceSound -------------------------------------------------------------------------------------
 
 TEST(SourceSoundPlanar, ChannelsAreInterleavedAcrossTheStride) {
@@ -148,179 +173,122 @@ TEST(SoundTimelineAnchoring, FirstBlockOfARunIsPlacedWhereItArrived) {
     // 10 ms arriving 1.51 s after the origin began 1.5 s in: 72000 frames of silence come first.
     SoundTimeline timeline(100.0);
     auto block = Ramp(480, 48000);
-    auto pieces = timeline.piecesForSound(block, 101.51);
-    ASSERT_EQ(pieces.size(), 2u);
-    EXPECT_TRUE(IsSilence(*pieces[0], 72000));
+    Pieces pieces = timeline.piecesForSound(block, 101.51);
+    EXPECT_EQ(Shape(pieces, block), "silence:72000 block");
     EXPECT_EQ(pieces[0]->sampleRate(), 48000);
-    EXPECT_EQ(pieces[1].get(), block.get());
     EXPECT_DOUBLE_EQ(timeline.silenceAdded(), 1.5);
     EXPECT_DOUBLE_EQ(timeline.writtenDuration(), 1.51);
     EXPECT_EQ(timeline.soundLeftOut(), 0);
-    EXPECT_EQ(timeline.rate(), 48000);
 }
 
 TEST(SoundTimelineAnchoring, ABlockThatBeganBeforeTheOriginLosesItsEarlyFrames) {
-    SoundTimeline timeline(50.0);
-    auto block = Ramp(1000, 1000);
     // One second of sound ending 0.4 s after the origin: its first 600 frames are before movie time 0.
-    auto pieces = timeline.piecesForSound(block, 50.4);
-    ASSERT_EQ(pieces.size(), 1u);
-    ASSERT_EQ(pieces[0]->frameCount(), 400u);
-    EXPECT_EQ(pieces[0]->samples()[0], 601);
+    SoundTimeline timeline(50.0);
+    EXPECT_EQ(Place(timeline, 1000, 1000, 50.4), "400@601");
     EXPECT_DOUBLE_EQ(timeline.soundLeftOut(), 0.6);
     EXPECT_DOUBLE_EQ(timeline.writtenDuration(), 0.4);
-    EXPECT_EQ(timeline.silenceAdded(), 0);
 }
 
 TEST(SoundTimelineAnchoring, AStaleBlockIsLeftOutWholeAndDoesNotAnchor) {
     SoundTimeline timeline(0.0);
-    // Ended half a second before the origin.
-    EXPECT_TRUE(timeline.piecesForSound(Ramp(100, 1000), -0.5).empty());
+    EXPECT_EQ(Place(timeline, 100, 1000, -0.5), ""); // ended before the origin
     EXPECT_DOUBLE_EQ(timeline.soundLeftOut(), 0.1);
-    EXPECT_EQ(timeline.writtenDuration(), 0);
-
     // Still unanchored, so the next block is placed exactly, 50 frames in, rather than smoothed onto
     // the end of the (empty) track.
-    auto block = Ramp(100, 1000);
-    auto pieces = timeline.piecesForSound(block, 0.15);
-    ASSERT_EQ(pieces.size(), 2u);
-    EXPECT_TRUE(IsSilence(*pieces[0], 50));
-    EXPECT_EQ(pieces[1].get(), block.get());
-    EXPECT_DOUBLE_EQ(timeline.silenceAdded(), 0.05);
+    EXPECT_EQ(Place(timeline, 100, 1000, 0.15), "silence:50 block");
     EXPECT_DOUBLE_EQ(timeline.writtenDuration(), 0.15);
 }
 
 TEST(SoundTimelineAnchoring, ABlockOlderThanWhatIsWrittenIsLeftOutWhole) {
     SoundTimeline timeline(0.0);
-    ASSERT_EQ(timeline.piecesForSound(Ramp(1000, 1000), 1.0).size(), 1u);
-    // 0.3 to 0.4 s was written long ago.
-    EXPECT_TRUE(timeline.piecesForSound(Ramp(100, 1000), 0.4).empty());
+    EXPECT_EQ(Place(timeline, 1000, 1000, 1.0), "block");
+    EXPECT_EQ(Place(timeline, 100, 1000, 0.4), ""); // 0.3 to 0.4 s was written long ago
     EXPECT_DOUBLE_EQ(timeline.soundLeftOut(), 0.1);
     EXPECT_DOUBLE_EQ(timeline.writtenDuration(), 1.0);
     // The run stays anchored: a block 30 ms late is still smoothed on, not padded.
-    auto next = Ramp(10, 1000);
-    auto pieces = timeline.piecesForSound(next, 1.04);
-    ASSERT_EQ(pieces.size(), 1u);
-    EXPECT_EQ(pieces[0].get(), next.get());
+    EXPECT_EQ(Place(timeline, 10, 1000, 1.04), "block");
 }
 
 TEST(SoundTimelineGaps, LongSilenceRepeatsOneCachedTenSecondBlock) {
     SoundTimeline timeline(0.0);
-    auto block = Ramp(480, 48000);
-    auto pieces = timeline.piecesForSound(block, 25.01);
-    ASSERT_EQ(pieces.size(), 4u);
-    EXPECT_TRUE(IsSilence(*pieces[0], 480000));
-    EXPECT_EQ(pieces[1].get(), pieces[0].get());
-    EXPECT_TRUE(IsSilence(*pieces[2], 240000));
-    EXPECT_EQ(pieces[3].get(), block.get());
+    Pieces first = timeline.piecesForSound(Ramp(480, 48000), 25.01);
+    ASSERT_EQ(Shape(first, nullptr), "silence:480000 silence:480000 silence:240000 480@1");
+    EXPECT_EQ(first[1], first[0]);
     EXPECT_DOUBLE_EQ(timeline.silenceAdded(), 25);
 
     // A later gap of the same run reuses the very same block: 12 s = 10 s + 2 s.
-    auto later = timeline.piecesForSound(Ramp(480, 48000), 37.02);
-    ASSERT_EQ(later.size(), 3u);
-    EXPECT_EQ(later[0].get(), pieces[0].get());
-    EXPECT_TRUE(IsSilence(*later[1], 96000));
-    EXPECT_DOUBLE_EQ(timeline.silenceAdded(), 37);
+    Pieces later = timeline.piecesForSound(Ramp(480, 48000), 37.02);
+    ASSERT_EQ(Shape(later, nullptr), "silence:480000 silence:96000 480@1");
+    EXPECT_EQ(later[0], first[0]);
     EXPECT_DOUBLE_EQ(timeline.writtenDuration(), 37.02);
-}
 
-TEST(SoundTimelineGaps, ExactlyTenSecondsIsOneCachedBlockAndNoRemainder) {
-    SoundTimeline timeline(0.0);
-    auto pieces = timeline.piecesForSound(Ramp(1000, 1000), 11.0);
-    ASSERT_EQ(pieces.size(), 2u);
-    EXPECT_TRUE(IsSilence(*pieces[0], 10000));
+    // Exactly ten seconds is one whole block, the cached one.
+    SoundTimeline exact(0.0);
+    Pieces tenSeconds = exact.piecesForSound(Ramp(1000, 1000), 11.0);
+    ASSERT_EQ(Shape(tenSeconds, nullptr), "silence:10000 1000@1");
+    EXPECT_EQ(exact.piecesForSound(Ramp(1000, 1000), 22.0)[0], tenSeconds[0]);
 }
 
 // ---- SoundTimeline: jitter and drift -----------------------------------------------------------------
 
 TEST(SoundTimelineSmoothing, SmallLatenessIsAbsorbedWithoutPadding) {
     SoundTimeline timeline(0.0);
-    ASSERT_EQ(timeline.piecesForSound(Ramp(480, 48000), 0.01).size(), 1u);
+    EXPECT_EQ(Place(timeline, 480, 48000, 0.01), "block");
     // 30 ms late: offset 1440 frames, weight 0.005, so the error estimate is only 7.2 frames.
-    auto late = Ramp(480, 48000);
-    auto pieces = timeline.piecesForSound(late, 0.05);
-    ASSERT_EQ(pieces.size(), 1u);
-    EXPECT_EQ(pieces[0].get(), late.get());
+    EXPECT_EQ(Place(timeline, 480, 48000, 0.05), "block");
     EXPECT_DOUBLE_EQ(timeline.writtenDuration(), 0.02);
-    EXPECT_EQ(timeline.silenceAdded(), 0);
 }
 
 TEST(SoundTimelineSmoothing, ATenthOfASecondIsTheEdgeOfSmoothing) {
     SoundTimeline timeline(0.0);
-    ASSERT_EQ(timeline.piecesForSound(Ramp(10, 1000), 0.01).size(), 1u);
-    // Exactly 100 frames (a tenth of a second) late: still smoothed, no silence.
-    EXPECT_EQ(timeline.piecesForSound(Ramp(10, 1000), 0.12).size(), 1u);
-    EXPECT_EQ(timeline.silenceAdded(), 0);
-    // 101 frames late: re-anchored, with all 101 frames of the gap as silence.
-    auto pieces = timeline.piecesForSound(Ramp(10, 1000), 0.131);
-    ASSERT_EQ(pieces.size(), 2u);
-    EXPECT_TRUE(IsSilence(*pieces[0], 101));
+    EXPECT_EQ(Place(timeline, 10, 1000, 0.01), "block");
+    EXPECT_EQ(Place(timeline, 10, 1000, 0.12), "block");              // 100 frames late: smoothed
+    EXPECT_EQ(Place(timeline, 10, 1000, 0.131), "silence:101 block"); // 101: re-anchored exactly
     EXPECT_DOUBLE_EQ(timeline.writtenDuration(), 0.131);
 }
 
-TEST(SoundTimelineSmoothing, APersistentLatenessIsCorrectedByTheSmoothedAmount) {
+TEST(SoundTimelineSmoothing, APersistentErrorIsCorrectedByTheSmoothedAmount) {
     // One-second blocks weigh 0.5. Two blocks 30 frames late: the estimate goes 15, then 22.5, above
-    // the 20-frame limit, and 23 frames of silence are inserted.
-    SoundTimeline timeline(0.0);
-    ASSERT_EQ(timeline.piecesForSound(Ramp(1000, 1000), 1.0).size(), 1u);
-    EXPECT_EQ(timeline.piecesForSound(Ramp(1000, 1000), 2.03).size(), 1u);
-    EXPECT_DOUBLE_EQ(timeline.writtenDuration(), 2.0);
-    auto block = Ramp(1000, 1000);
-    auto pieces = timeline.piecesForSound(block, 3.03);
-    ASSERT_EQ(pieces.size(), 2u);
-    EXPECT_TRUE(IsSilence(*pieces[0], 23));
-    EXPECT_EQ(pieces[1].get(), block.get());
-    EXPECT_DOUBLE_EQ(timeline.silenceAdded(), 0.023);
-    EXPECT_DOUBLE_EQ(timeline.writtenDuration(), 3.023);
+    // the 20-frame limit, and 23 frames of silence are inserted; then the estimate starts over.
+    SoundTimeline late(0.0);
+    EXPECT_EQ(Place(late, 1000, 1000, 1.0), "block");
+    EXPECT_EQ(Place(late, 1000, 1000, 2.03), "block");
+    EXPECT_EQ(Place(late, 1000, 1000, 3.03), "silence:23 block");
+    EXPECT_DOUBLE_EQ(late.silenceAdded(), 0.023);
+    EXPECT_DOUBLE_EQ(late.writtenDuration(), 3.023);
+    EXPECT_EQ(Place(late, 1000, 1000, 4.053), "block");
 
-    // The estimate started over: the same lateness again is absorbed.
-    EXPECT_EQ(timeline.piecesForSound(Ramp(1000, 1000), 4.053).size(), 1u);
-}
+    // The same early: 23 frames are cut from the front.
+    SoundTimeline early(0.0);
+    EXPECT_EQ(Place(early, 1000, 1000, 1.0), "block");
+    EXPECT_EQ(Place(early, 1000, 1000, 1.97), "block");
+    EXPECT_EQ(Place(early, 1000, 1000, 2.97), "977@24");
+    EXPECT_DOUBLE_EQ(early.soundLeftOut(), 0.023);
+    EXPECT_DOUBLE_EQ(early.writtenDuration(), 2.977);
 
-TEST(SoundTimelineSmoothing, APersistentEarlinessCutsTheSmoothedAmount) {
-    SoundTimeline timeline(0.0);
-    ASSERT_EQ(timeline.piecesForSound(Ramp(1000, 1000), 1.0).size(), 1u);
-    EXPECT_EQ(timeline.piecesForSound(Ramp(1000, 1000), 1.97).size(), 1u);
-    auto pieces = timeline.piecesForSound(Ramp(1000, 1000), 2.97);
-    ASSERT_EQ(pieces.size(), 1u);
-    ASSERT_EQ(pieces[0]->frameCount(), 977u);
-    EXPECT_EQ(pieces[0]->samples()[0], 24);
-    EXPECT_DOUBLE_EQ(timeline.soundLeftOut(), 0.023);
-    EXPECT_DOUBLE_EQ(timeline.writtenDuration(), 2.977);
-}
-
-TEST(SoundTimelineSmoothing, AnErrorOfExactlyTwentyMillisecondsIsNotCorrected) {
-    SoundTimeline timeline(0.0);
-    ASSERT_EQ(timeline.piecesForSound(Ramp(1000, 1000), 1.0).size(), 1u);
-    // 40 frames late at weight 0.5: an estimate of exactly 20 frames.
-    EXPECT_EQ(timeline.piecesForSound(Ramp(1000, 1000), 2.04).size(), 1u);
-    EXPECT_EQ(timeline.silenceAdded(), 0);
+    // 40 frames late gives an estimate of exactly 20 frames: not beyond the limit.
+    SoundTimeline edge(0.0);
+    EXPECT_EQ(Place(edge, 1000, 1000, 1.0), "block");
+    EXPECT_EQ(Place(edge, 1000, 1000, 2.04), "block");
 }
 
 TEST(SoundTimelineSmoothing, LongBlocksWeighAtMostOne) {
     // Four-second blocks would weigh 2; capped at 1, an error of 50 frames is taken as it is.
     SoundTimeline timeline(0.0);
-    ASSERT_EQ(timeline.piecesForSound(Ramp(4000, 1000), 4.0).size(), 1u);
-    auto pieces = timeline.piecesForSound(Ramp(4000, 1000), 8.05);
-    ASSERT_EQ(pieces.size(), 2u);
-    EXPECT_TRUE(IsSilence(*pieces[0], 50));
+    EXPECT_EQ(Place(timeline, 4000, 1000, 4.0), "block");
+    EXPECT_EQ(Place(timeline, 4000, 1000, 8.05), "silence:50 block");
 }
 
 // ---- SoundTimeline: runs and refusals ----------------------------------------------------------------
 
 TEST(SoundTimelineRuns, ANewRateStartsARunThatIsAnchoredAfresh) {
     SoundTimeline timeline(0.0);
-    ASSERT_EQ(timeline.piecesForSound(Ramp(4800, 48000), 0.2).size(), 2u); // 0.1 s of silence first
-    EXPECT_DOUBLE_EQ(timeline.writtenDuration(), 0.2);
-
+    EXPECT_EQ(Place(timeline, 4800, 48000, 0.2), "silence:4800 block");
     // 50 ms late at the new rate: at the old rate that would have been smoothed away; a new run places
     // it exactly, with 2205 frames of silence at 44100.
-    auto block = Ramp(4410, 44100);
-    auto pieces = timeline.piecesForSound(block, 0.35);
-    ASSERT_EQ(pieces.size(), 2u);
-    EXPECT_TRUE(IsSilence(*pieces[0], 2205));
+    Pieces pieces = timeline.piecesForSound(Ramp(4410, 44100), 0.35);
+    EXPECT_EQ(Shape(pieces, nullptr), "silence:2205 4410@1");
     EXPECT_EQ(pieces[0]->sampleRate(), 44100);
-    EXPECT_EQ(pieces[1].get(), block.get());
     EXPECT_EQ(timeline.rate(), 44100);
     // Totals carry over from the first run.
     EXPECT_DOUBLE_EQ(timeline.silenceAdded(), 0.15);
@@ -329,18 +297,15 @@ TEST(SoundTimelineRuns, ANewRateStartsARunThatIsAnchoredAfresh) {
 
 TEST(SoundTimelineRuns, StartingARunKeepsTheTotalsInSeconds) {
     SoundTimeline timeline(0.0);
-    EXPECT_EQ(timeline.writtenDuration(), 0);
     timeline.startRunAtRate(1000);
-    ASSERT_EQ(timeline.piecesForSound(Ramp(1000, 1000), 1.5).size(), 2u); // 0.5 s of silence
-    EXPECT_TRUE(timeline.piecesForSound(Ramp(100, 1000), 0.3).empty());   // 0.1 s left out
+    EXPECT_EQ(Place(timeline, 1000, 1000, 1.5), "silence:500 block");
+    EXPECT_EQ(Place(timeline, 100, 1000, 0.3), "");
     timeline.startRunAtRate(48000);
     EXPECT_DOUBLE_EQ(timeline.writtenDuration(), 1.5);
     EXPECT_DOUBLE_EQ(timeline.silenceAdded(), 0.5);
     EXPECT_DOUBLE_EQ(timeline.soundLeftOut(), 0.1);
     // The first block of the new run is placed against where the track really is.
-    auto pieces = timeline.piecesForSound(Ramp(480, 48000), 1.61);
-    ASSERT_EQ(pieces.size(), 2u);
-    EXPECT_TRUE(IsSilence(*pieces[0], 4800));
+    EXPECT_EQ(Place(timeline, 480, 48000, 1.61), "silence:4800 block");
 }
 
 TEST(SoundTimelineRefusals, BlocksWithoutAUsableTimeChangeNothing) {
@@ -348,16 +313,15 @@ TEST(SoundTimelineRefusals, BlocksWithoutAUsableTimeChangeNothing) {
     const double nan = std::numeric_limits<double>::quiet_NaN();
     const double inf = std::numeric_limits<double>::infinity();
     for (double time : {nan, inf, -inf, 86400.02, -86400.0})
-        EXPECT_TRUE(timeline.piecesForSound(Ramp(480, 48000), time).empty()) << time;
+        EXPECT_EQ(Place(timeline, 480, 48000, time), "") << time;
     EXPECT_TRUE(timeline.piecesForSound(nullptr, 1.0).empty());
     // Refused before the rate is looked at.
     EXPECT_EQ(timeline.rate(), 0);
     EXPECT_EQ(timeline.writtenDuration(), 0);
     EXPECT_EQ(timeline.soundLeftOut(), 0);
 
-    // Just under a day away is a real gap.
-    auto pieces = timeline.piecesForSound(Ramp(480, 48000), 86400.0);
-    ASSERT_EQ(pieces.size(), 8641u); // 8639 ten-second blocks, 9.99 s, the block
+    // Just under a day away is a real gap: 8639 ten-second blocks, 9.99 s, the block.
+    EXPECT_EQ(timeline.piecesForSound(Ramp(480, 48000), 86400.0).size(), 8641u);
     EXPECT_DOUBLE_EQ(timeline.writtenDuration(), 86400.0);
 }
 
@@ -370,7 +334,7 @@ TEST(SoundTimelineRefusals, SilenceThatCannotBeAllocatedRefusesTheBlock) {
     });
     // At this rate a one-second gap is more frames than memory can hold.
     SoundTimeline timeline(0.0);
-    EXPECT_TRUE(timeline.piecesForSound(Ramp(1, 2e18), 1.0).empty());
+    EXPECT_EQ(Place(timeline, 1, 2e18, 1.0), "");
     SetLogSink({});
     EXPECT_EQ(timeline.writtenDuration(), 0);
     EXPECT_EQ(timeline.silenceAdded(), 0);
