@@ -46,28 +46,5 @@ TEST(MovieRecorderSettingsValues, NewSettingsAreAllZero) {
     EXPECT_FALSE(settings.recordsSound());
 }
 
-TEST(MovieRecorderSettingsValues, ACopyCarriesAllSixFieldsAndStaysApart) {
-    MovieRecorderSettings settings;
-    // Stored as given, unchecked: an unknown codec and a negative size are the caller's to judge.
-    settings.setCodec(9);
-    settings.setWidth(-4);
-    settings.setHeight(1080);
-    settings.setFramesPerSecond(29.97);
-    settings.setMegabitsPerSecond(-1);
-    settings.setRecordsSound(true);
-
-    MovieRecorderSettings copy = settings;
-    settings.setCodec(1);
-    settings.setWidth(1920);
-    settings.setRecordsSound(false);
-
-    EXPECT_EQ(copy.codec(), 9);
-    EXPECT_EQ(copy.width(), -4);
-    EXPECT_EQ(copy.height(), 1080);
-    EXPECT_EQ(copy.framesPerSecond(), 29.97);
-    EXPECT_EQ(copy.megabitsPerSecond(), -1);
-    EXPECT_TRUE(copy.recordsSound());
-}
-
 } // namespace
 } // namespace quorva
