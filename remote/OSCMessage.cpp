@@ -190,6 +190,8 @@ template <class... Ts>
 struct Overloaded : Ts... {
     using Ts::operator()...;
 };
+template <class... Ts>
+Overloaded(Ts...) -> Overloaded<Ts...>; // clang 14 does not deduce aggregates by itself
 
 template <class Number>
 std::string ShortestDecimal(Number value) {
