@@ -48,7 +48,7 @@ protected:
     fs::path _folder;
 };
 
-TEST(TakeFileName, ReplacesOnlySlashesColonsAndALeadingDot) {
+TEST(TakeNamingFileName, ReplacesOnlySlashesColonsAndALeadingDot) {
     EXPECT_EQ(FileName("a/b:c"), "a-b-c");
     EXPECT_EQ(FileName(".hidden"), "-hidden");
     EXPECT_EQ(FileName("..x.y"), "-.x.y");
@@ -56,7 +56,7 @@ TEST(TakeFileName, ReplacesOnlySlashesColonsAndALeadingDot) {
     EXPECT_EQ(FileName(""), "");
 }
 
-TEST(TakeOutputs, NamesAndNumbersMatchTheTable) {
+TEST(TakeNamingOutputs, NamesAndNumbersMatchTheTable) {
     EXPECT_EQ(OutputNames(), (std::vector<std::string>{"separate", "assembled", "both"}));
     EXPECT_EQ(NameForOutput(2), "both");
     EXPECT_EQ(NameForOutput(-1), "separate");

@@ -1,0 +1,156 @@
+#pragma once
+
+#include "platform/Error.h"
+
+extern "C" {
+#include <libavcodec/packet.h>
+#include <libavutil/frame.h>
+#include <libavutil/pixfmt.h>
+}
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace quorva {
+
+// The error domain of movie writing: the application identifier followed by ".MovieRecorder".
+inline const std::string MovieRecorderErrorDomain = std::string(ApplicationIdentifier) + ".MovieRecorder";
+
+// An error of movie writing: code -1 and the sentence the user reads.
+Error RecorderError(std::string message);
+
+// The average bit rate, in bits a second, of an H.264 or HEVC movie: the megabits asked for when above 0,
+// otherwise 0.1 (H.264) or 0.06 (HEVC) bits per pixel of every frame at the expected frame rate (60 when
+// unset), never below 1,000,000.
+int64_t MovieBitRate(int64_t codec, int64_t width, int64_t height, double framesPerSecond,
+                     double megabitsPerSecond);
+
+struct AVFrameFree {
+    void operator()(AVFrame* frame) const { av_frame_free(&frame); }
+};
+// A picture or sound frame that the writer hands out or takes in.
+using MovieFrame = std::unique_ptr<AVFrame, AVFrameFree>;
+
+// One QuickTime movie written with FFmpeg: a picture track and, if asked for, a 48 kHz stereo sound
+// track. It is what the movie recorder drives from its serial queue; it is not safe to call from two
+// threads at once. Pictures and sound are encoded and handed to the muxer as they come, and the movie is
+// cut into 10-second fragments, so a movie whose writer dies is still readable up to its last fragment.
+//
+// Times of pictures are in 1/60000 s; positions of sound are in frames at 48000 a second; both count from
+// the movie's time 0.
+class MovieWriter {
+public:
+    static constexpr int TimeScale = 60000;
+    static constexpr int SoundRate = 48000;
+
+    // What one movie is to be. The size is the movie's own (even, at least 2): the caller has already
+    // decided it, from the settings or from the first frame.
+    struct Format {
+        int64_t codec = 0; // 0 H.264, 1 HEVC, 2 ProRes 422, 3 ProRes 4444 (with alpha); others H.264
+        int64_t width = 0;
+        int64_t height = 0;
+        double framesPerSecond = 0;   // the expected rate; 0 means unknown and counts as 60
+        double megabitsPerSecond = 0; // H.264 and HEVC only; 0 chooses from size and rate
+        bool recordsSound = false;
+    };
+
+    // Where one plane of a picture lies in a buffer of frameBytes(): the layout that makeFrame() uses and
+    // that wrapFrame() expects, so that a GPU pass can read back straight into it.
+    struct Plane {
+        size_t offset;
+        size_t stride; // bytes from one row to the next
+        size_t rows;
+    };
+
+    // Creates the file (never replacing one: "“name” already exists"), opens the encoders and writes the
+    // movie's header. Errors, in the domain above: "The movie file could not be created", "A %@ movie of
+    // %ld × %ld cannot be written" (no encoder takes that size), "The movie file could not be set up",
+    // "The movie's sound track could not be set up", "The movie file could not be written". A failed
+    // creation leaves no file behind.
+    static Result<std::unique_ptr<MovieWriter>> make(const std::filesystem::path& path, const Format& format);
+
+    // Without finish() or cancel() first, the file is closed as it stands: its complete fragments stay
+    // readable. That is what a recording that failed half-way keeps.
+    ~MovieWriter();
+    MovieWriter(const MovieWriter&) = delete;
+    MovieWriter& operator=(const MovieWriter&) = delete;
+
+    const std::filesystem::path& path() const { return _path; }
+    const Format& format() const { return _format; }
+    // The encoder chosen, such as "libx264", "h264_nvenc" or "prores_ks".
+    const std::string& encoderName() const { return _encoderName; }
+    // What the pictures must hold: yuv420p for H.264 and HEVC, yuv422p10le for ProRes 422, yuva444p10le
+    // for ProRes 4444. Tags: BT.709 primaries, transfer and matrix, limited range.
+    AVPixelFormat pixelFormat() const { return _pixelFormat; }
+    int64_t width() const { return _format.width; }
+    int64_t height() const { return _format.height; }
+    const std::vector<Plane>& planes() const { return _planes; }
+    size_t frameBytes() const { return _frameBytes; }
+
+    // A picture to fill, from a small pool of buffers that come back once the encoder is done with them.
+    // Nothing when memory runs out.
+    MovieFrame makeFrame();
+    // A picture over memory that the caller owns (a mapped GPU buffer, say), laid out as planes() says
+    // over frameBytes() bytes. `release` is called, on whichever thread lets go last, once neither the
+    // frame nor the encoder needs the memory any more. Nothing when memory runs out (and then `release`
+    // has already been called).
+    MovieFrame wrapFrame(uint8_t* memory, std::function<void()> release);
+
+    // Encodes a picture at `time` (1/60000 s), which must be later than the last picture's. Whatever the
+    // encoder has ready goes on to the file.
+    Result<> appendFrame(MovieFrame frame, int64_t time);
+    // Appends interleaved float stereo sound (or silence when `samples` is null) at `position` (48 kHz
+    // frames). A position past the end of what was appended is reached with silence; one before it is
+    // refused. Without a sound track, refused.
+    Result<> appendSound(const float* samples, int64_t frameCount, int64_t position);
+
+    // Ends the movie at `endTime` (1/60000 s): the last picture is held until then (or for one frame at
+    // the expected rate if the end is not later than it); sound past the end that is still buffered is
+    // dropped; the encoders are drained and the file completed. A movie without a picture is not kept:
+    // the file is removed and the answer is "No frame was received, so no movie was written".
+    Result<> finish(int64_t endTime);
+    // Closes the movie and removes its file.
+    void cancel();
+
+    uint64_t framesWritten() const { return _framesWritten; }
+    // Sound frames handed to the sound encoder (silence included), at 48000 a second.
+    int64_t soundPosition() const { return _soundPosition; }
+    // The first failure of writing, which every later call answers with.
+    bool hasFailed() const { return _failure != nullptr; }
+
+private:
+    struct State;
+
+    MovieWriter(std::filesystem::path path, Format format);
+
+    Result<> openFile();
+    Result<> openVideo();
+    Result<> openAudio();
+    Result<> writeHeader();
+    Result<> encodeVideo(AVFrame* frame);
+    Result<> writeVideoPacket(AVPacket* packet, int64_t nextTime);
+    Result<> encodeSound(bool draining);
+    Result<> writeSoundPackets();
+    // Notes the first failure of writing, which every later call answers with.
+    Result<> fail(const std::string& what, int code);
+    void close(bool remove);
+
+    std::filesystem::path _path;
+    Format _format;
+    std::string _encoderName;
+    AVPixelFormat _pixelFormat = AV_PIX_FMT_NONE;
+    std::vector<Plane> _planes;
+    size_t _frameBytes = 0;
+    std::unique_ptr<State> _state;
+    int64_t _lastTime = -1;
+    uint64_t _framesWritten = 0;
+    int64_t _soundPosition = 0;
+    std::unique_ptr<Error> _failure;
+};
+
+} // namespace quorva

@@ -1,0 +1,667 @@
+#include "core/MovieWriter.h"
+
+#include "platform/Log.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/pixdesc.h>
+#include <libswscale/swscale.h>
+}
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <fstream>
+#include <mutex>
+#include <poll.h>
+#include <random>
+#include <string>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+// libx264 and libx265 leak a little when they refuse a size (their error paths, not ours).
+extern "C" const char* __lsan_default_suppressions() {
+    return "leak:libx264.so\nleak:libx265.so\n";
+}
+
+namespace quorva {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int64_t H264 = 0, HEVC = 1, ProRes422 = 2, ProRes4444 = 3;
+
+// --- Pictures and sound to write ---------------------------------------------------------------------
+
+// Draws frame `index` of a moving picture into `frame`, in whatever format the writer wants: a grey
+// ramp with a white square that moves right a few pixels a frame. The left quarter is fully
+// transparent, so that a format with alpha has something to keep. Drawn in BGRA, then converted with
+// BT.709 coefficients in limited range, as the GPU pass will.
+void DrawPicture(AVFrame* frame, int index) {
+    const int width = frame->width, height = frame->height;
+    std::vector<uint8_t> bgra(size_t(width) * size_t(height) * 4);
+    const int side = std::max(2, height / 4);
+    const int left = (index * 4) % std::max(1, width - side);
+    for (int y = 0; y < height; ++y) {
+        for (int x = 0; x < width; ++x) {
+            uint8_t* p = &bgra[(size_t(y) * size_t(width) + size_t(x)) * 4];
+            const bool square = x >= left && x < left + side && y >= height / 3 && y < height / 3 + side;
+            const uint8_t grey = square ? 255 : uint8_t(64 + 128 * x / std::max(1, width));
+            p[0] = grey;
+            p[1] = grey;
+            p[2] = square ? 255 : uint8_t(grey / 2);
+            p[3] = x < width / 4 ? 0 : 255;
+        }
+    }
+    SwsContext* scale = sws_getContext(width, height, AV_PIX_FMT_BGRA, width, height,
+                                       AVPixelFormat(frame->format), SWS_POINT, nullptr, nullptr, nullptr);
+    ASSERT_NE(scale, nullptr);
+    const int* coefficients = sws_getCoefficients(SWS_CS_ITU709);
+    sws_setColorspaceDetails(scale, coefficients, 1, coefficients, 0, 0, 1 << 16, 1 << 16);
+    const uint8_t* source[] = {bgra.data()};
+    const int stride[] = {width * 4};
+    sws_scale(scale, source, stride, 0, height, frame->data, frame->linesize);
+    sws_freeContext(scale);
+}
+
+// Fills every plane with noise, which no encoder can make small.
+void DrawNoise(AVFrame* frame, std::mt19937& random, const MovieWriter& writer) {
+    for (size_t plane = 0; plane < writer.planes().size(); ++plane) {
+        for (size_t row = 0; row < writer.planes()[plane].rows; ++row) {
+            auto* line =
+                reinterpret_cast<uint16_t*>(frame->data[plane] + row * size_t(frame->linesize[plane]));
+            for (size_t i = 0; i < writer.planes()[plane].stride / 2; ++i)
+                line[i] = uint16_t(64 + random() % 876); // within the 10-bit video range
+        }
+    }
+}
+
+// `frames` frames of a 440 Hz tone at 48 kHz, interleaved stereo, starting at frame `first`.
+std::vector<float> Tone(int64_t first, int64_t frames) {
+    std::vector<float> samples;
+    for (int64_t i = first; i < first + frames; ++i) {
+        const float v = 0.25f * std::sin(float(2 * M_PI * 440 * double(i) / 48000));
+        samples.push_back(v);
+        samples.push_back(v);
+    }
+    return samples;
+}
+
+std::string CodecName(int64_t codec) {
+    const char* names[] = {"H264", "HEVC", "ProRes422", "ProRes4444"};
+    return names[codec];
+}
+
+MovieWriter::Format Small(int64_t codec, bool sound = false, double rate = 30) {
+    MovieWriter::Format format;
+    format.codec = codec;
+    format.width = 320;
+    format.height = 240;
+    format.framesPerSecond = rate;
+    format.recordsSound = sound;
+    return format;
+}
+
+// Writes `count` pictures at `rate` a second (and sound alongside, in 10 ms blocks, when the movie has a
+// track) and finishes at the end of the last picture's slot.
+void WriteMovie(MovieWriter& writer, int count, double rate) {
+    const int64_t step = std::llround(MovieWriter::TimeScale / rate);
+    int64_t sound = 0;
+    for (int i = 0; i < count; ++i) {
+        MovieFrame frame = writer.makeFrame();
+        ASSERT_TRUE(frame);
+        DrawPicture(frame.get(), i);
+        Result<> appended = writer.appendFrame(std::move(frame), i * step);
+        ASSERT_TRUE(appended) << appended.error().message();
+        if (writer.format().recordsSound) {
+            for (; sound * MovieWriter::TimeScale < (i + 1) * step * MovieWriter::SoundRate; sound += 480) {
+                std::vector<float> tone = Tone(sound, 480);
+                Result<> written = writer.appendSound(tone.data(), 480, sound);
+                ASSERT_TRUE(written) << written.error().message();
+            }
+        }
+    }
+    Result<> finished = writer.finish(count * step);
+    ASSERT_TRUE(finished) << finished.error().message();
+}
+
+// --- Reading movies back -----------------------------------------------------------------------------
+
+struct Movie {
+    bool opened = false;
+    AVCodecID videoCodec = AV_CODEC_ID_NONE;
+    std::string videoTag;
+    int width = 0, height = 0;
+    AVPixelFormat pixelFormat = AV_PIX_FMT_NONE;
+    AVColorPrimaries primaries = AVCOL_PRI_UNSPECIFIED;
+    AVColorTransferCharacteristic transfer = AVCOL_TRC_UNSPECIFIED;
+    AVColorSpace matrix = AVCOL_SPC_UNSPECIFIED;
+    AVColorRange range = AVCOL_RANGE_UNSPECIFIED;
+    AVRational videoTimeBase{0, 1};
+    std::vector<int64_t> times; // of the decoded pictures, in the video stream's time base
+    int keyFrames = 0;
+    double videoDuration = 0; // seconds, from the stream
+    // Alpha of the first picture's left quarter and of the rest, 0 to 1, for formats that carry alpha.
+    double leftAlpha = -1, rightAlpha = -1;
+
+    AVCodecID audioCodec = AV_CODEC_ID_NONE;
+    int sampleRate = 0, channels = 0;
+    int64_t audioBitRate = 0;
+    int64_t soundFrames = 0; // decoded from time 0 on (AAC's priming left out)
+    double audioDuration = 0;
+    double firstSoundPeak = -1; // the loudest sample of the first 10 ms
+};
+
+void MeasureAlpha(const AVFrame* frame, Movie& movie) {
+    const AVPixFmtDescriptor* descriptor = av_pix_fmt_desc_get(AVPixelFormat(frame->format));
+    if (!(descriptor->flags & AV_PIX_FMT_FLAG_ALPHA) || descriptor->comp[3].depth <= 8)
+        return;
+    const double opaque = double((1 << descriptor->comp[3].depth) - 1);
+    const int plane = descriptor->comp[3].plane;
+    double left = 0, right = 0;
+    int leftCount = 0, rightCount = 0;
+    // A few columns either side of the edge are left out: the encoder may soften it.
+    const int edge = frame->width / 4;
+    for (int y = 0; y < frame->height; ++y) {
+        auto* row = reinterpret_cast<const uint16_t*>(frame->data[plane] + y * frame->linesize[plane]);
+        for (int x = 0; x < frame->width; ++x) {
+            if (x < edge - 2) {
+                left += row[x] / opaque;
+                ++leftCount;
+            } else if (x >= edge + 2) {
+                right += row[x] / opaque;
+                ++rightCount;
+            }
+        }
+    }
+    movie.leftAlpha = left / std::max(1, leftCount);
+    movie.rightAlpha = right / std::max(1, rightCount);
+}
+
+// Decodes every picture and every sound frame of the file, as a player would.
+Movie ReadMovie(const fs::path& path) {
+    Movie movie;
+    AVFormatContext* input = nullptr;
+    if (avformat_open_input(&input, path.c_str(), nullptr, nullptr) < 0)
+        return movie;
+    if (avformat_find_stream_info(input, nullptr) < 0) {
+        avformat_close_input(&input);
+        return movie;
+    }
+    movie.opened = true;
+    AVCodecContext* decoders[8] = {};
+    for (unsigned i = 0; i < input->nb_streams && i < 8; ++i) {
+        const AVStream* stream = input->streams[i];
+        const AVCodecParameters* p = stream->codecpar;
+        const AVCodec* codec = avcodec_find_decoder(p->codec_id);
+        decoders[i] = avcodec_alloc_context3(codec);
+        avcodec_parameters_to_context(decoders[i], p);
+        decoders[i]->pkt_timebase = stream->time_base;
+        avcodec_open2(decoders[i], codec, nullptr);
+        const double duration =
+            stream->duration > 0 ? double(stream->duration) * av_q2d(stream->time_base) : 0;
+        if (p->codec_type == AVMEDIA_TYPE_VIDEO) {
+            movie.videoCodec = p->codec_id;
+            char tag[AV_FOURCC_MAX_STRING_SIZE] = {};
+            movie.videoTag = av_fourcc_make_string(tag, p->codec_tag);
+            movie.width = p->width;
+            movie.height = p->height;
+            movie.pixelFormat = AVPixelFormat(p->format);
+            movie.primaries = p->color_primaries;
+            movie.transfer = p->color_trc;
+            movie.matrix = p->color_space;
+            movie.range = p->color_range;
+            movie.videoTimeBase = stream->time_base;
+            movie.videoDuration = duration;
+        } else if (p->codec_type == AVMEDIA_TYPE_AUDIO) {
+            movie.audioCodec = p->codec_id;
+            movie.sampleRate = p->sample_rate;
+            movie.channels = p->ch_layout.nb_channels;
+            movie.audioBitRate = p->bit_rate;
+            movie.audioDuration = duration;
+        }
+    }
+    AVPacket* packet = av_packet_alloc();
+    AVFrame* frame = av_frame_alloc();
+    auto drain = [&](unsigned index) {
+        AVCodecContext* decoder = decoders[index];
+        while (avcodec_receive_frame(decoder, frame) >= 0) {
+            if (decoder->codec_type == AVMEDIA_TYPE_VIDEO) {
+                if (movie.times.empty())
+                    MeasureAlpha(frame, movie);
+                movie.times.push_back(frame->best_effort_timestamp);
+                movie.keyFrames += frame->key_frame ? 1 : 0;
+            } else {
+                if (movie.soundFrames == 0 && frame->format == AV_SAMPLE_FMT_FLTP) {
+                    double peak = 0;
+                    for (int i = 0; i < std::min(frame->nb_samples, 480); ++i)
+                        peak = std::max(peak, double(std::fabs(reinterpret_cast<float*>(frame->data[0])[i])));
+                    movie.firstSoundPeak = peak;
+                }
+                // The AAC encoder's priming comes out before time 0; a player skips it.
+                const int64_t first = frame->best_effort_timestamp;
+                movie.soundFrames +=
+                    first < 0 ? std::max<int64_t>(0, frame->nb_samples + first) : frame->nb_samples;
+            }
+            av_frame_unref(frame);
+        }
+    };
+    while (av_read_frame(input, packet) >= 0) {
+        const unsigned index = unsigned(packet->stream_index);
+        if (index < 8 && decoders[index] && avcodec_send_packet(decoders[index], packet) >= 0)
+            drain(index);
+        av_packet_unref(packet);
+    }
+    for (unsigned i = 0; i < input->nb_streams && i < 8; ++i) {
+        avcodec_send_packet(decoders[i], nullptr);
+        drain(i);
+        avcodec_free_context(&decoders[i]);
+    }
+    av_frame_free(&frame);
+    av_packet_free(&packet);
+    avformat_close_input(&input);
+    return movie;
+}
+
+// --- Fixtures ----------------------------------------------------------------------------------------
+
+class MovieWriterTest : public testing::Test {
+protected:
+    void SetUp() override {
+        std::string pattern = (fs::temp_directory_path() / "quorva-movies-XXXXXX").string();
+        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+        _folder = pattern;
+    }
+    void TearDown() override {
+        if (_mounted)
+            umount2(_folder.c_str(), MNT_DETACH);
+        fs::remove_all(_folder);
+    }
+
+    // Puts a tmpfs of `megabytes` on the folder, or says why not.
+    bool MountSmallDisk(int megabytes) {
+        std::string size = "size=" + std::to_string(megabytes) + "m";
+        _mounted = mount("quorva-test", _folder.c_str(), "tmpfs", 0, size.c_str()) == 0;
+        return _mounted;
+    }
+
+    std::unique_ptr<MovieWriter> Make(const std::string& name, const MovieWriter::Format& format) {
+        Result<std::unique_ptr<MovieWriter>> made = MovieWriter::make(_folder / name, format);
+        EXPECT_TRUE(made) << made.error().message();
+        return made ? std::move(made).value() : nullptr;
+    }
+
+    // The message of a creation that must fail, and whether it left the folder as it was.
+    std::string Refusal(const fs::path& path, const MovieWriter::Format& format) {
+        Result<std::unique_ptr<MovieWriter>> made = MovieWriter::make(path, format);
+        EXPECT_FALSE(made);
+        if (made)
+            return "";
+        EXPECT_EQ(made.error().domain(), "org.quorva.QuorvaRecorder.MovieRecorder");
+        EXPECT_EQ(made.error().code(), -1);
+        return made.error().message();
+    }
+
+    fs::path _folder;
+    bool _mounted = false;
+};
+
+// --- Tests -------------------------------------------------------------------------------------------
+
+TEST(MovieWriterBitRate, FollowsTheRuleAndItsFloor) {
+    EXPECT_EQ(MovieBitRate(H264, 1920, 1080, 0, 0), 12441600);
+    EXPECT_EQ(MovieBitRate(HEVC, 320, 240, 10, 0), 1000000);
+    EXPECT_EQ(MovieBitRate(HEVC, 1920, 1080, 30, 0), 3732480);
+    EXPECT_EQ(MovieBitRate(H264, 1920, 1080, 30, 0), 6220800);
+    EXPECT_EQ(MovieBitRate(7, 1920, 1080, 30, 0), 6220800); // an unknown codec is H.264
+    EXPECT_EQ(MovieBitRate(H264, 1920, 1080, 30, 8), 8000000);
+    EXPECT_EQ(MovieBitRate(HEVC, 16, 16, 60, 0.25), 250000); // asked for: no floor
+    EXPECT_EQ(MovieBitRate(H264, 1920, 1080, -5, -1), 12441600);
+}
+
+class MovieWriterCodecs : public MovieWriterTest, public testing::WithParamInterface<int64_t> {};
+
+// Each codec writes a movie that decodes back with the right codec, size, pixel format, colour tags,
+// every picture on the 1/60000 grid, the last picture held until the end, and its sound track.
+TEST_P(MovieWriterCodecs, WritesAMovieThatDecodesBack) {
+    const int64_t codec = GetParam();
+    std::vector<std::string> lines;
+    std::mutex linesLock;
+    SetLogSink([&](const std::string& line) {
+        std::lock_guard guard(linesLock);
+        lines.push_back(line);
+    });
+    std::unique_ptr<MovieWriter> writer = Make("take.mov", Small(codec, true));
+    SetLogSink({});
+    ASSERT_TRUE(writer);
+    const bool proRes = codec >= ProRes422;
+    EXPECT_EQ(writer->encoderName(), proRes ? "prores_ks" : codec == HEVC ? "libx265" : "libx264");
+    EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [&](const std::string& line) {
+        return line.starts_with("MovieRecorder: ") && line.find(writer->encoderName()) != std::string::npos;
+    }));
+    EXPECT_EQ(writer->pixelFormat(), codec == ProRes4444  ? AV_PIX_FMT_YUVA444P10LE
+                                     : codec == ProRes422 ? AV_PIX_FMT_YUV422P10LE
+                                                          : AV_PIX_FMT_YUV420P);
+    WriteMovie(*writer, 45, 30); // 1.5 s
+    EXPECT_EQ(writer->framesWritten(), 45u);
+
+    Movie movie = ReadMovie(_folder / "take.mov");
+    ASSERT_TRUE(movie.opened);
+    EXPECT_EQ(movie.videoCodec, proRes          ? AV_CODEC_ID_PRORES
+                                : codec == HEVC ? AV_CODEC_ID_HEVC
+                                                : AV_CODEC_ID_H264);
+    EXPECT_EQ(movie.videoTag, codec == ProRes4444  ? "ap4h"
+                              : codec == ProRes422 ? "apcn"
+                              : codec == HEVC      ? "hvc1"
+                                                   : "avc1");
+    EXPECT_EQ(movie.width, 320);
+    EXPECT_EQ(movie.height, 240);
+    // Decoders may give more bits than were written (ProRes 4444 decodes to 12), never other planes.
+    const AVPixFmtDescriptor* written = av_pix_fmt_desc_get(writer->pixelFormat());
+    const AVPixFmtDescriptor* decoded = av_pix_fmt_desc_get(movie.pixelFormat);
+    ASSERT_NE(decoded, nullptr);
+    EXPECT_EQ(decoded->log2_chroma_w, written->log2_chroma_w);
+    EXPECT_EQ(decoded->log2_chroma_h, written->log2_chroma_h);
+    EXPECT_EQ(decoded->flags & AV_PIX_FMT_FLAG_ALPHA, written->flags & AV_PIX_FMT_FLAG_ALPHA);
+    EXPECT_GE(decoded->comp[0].depth, written->comp[0].depth);
+    EXPECT_EQ(movie.primaries, AVCOL_PRI_BT709);
+    EXPECT_EQ(movie.transfer, AVCOL_TRC_BT709);
+    EXPECT_EQ(movie.matrix, AVCOL_SPC_BT709);
+    EXPECT_EQ(movie.range, AVCOL_RANGE_MPEG);
+
+    EXPECT_EQ(movie.videoTimeBase.num, 1);
+    EXPECT_EQ(movie.videoTimeBase.den, 60000);
+    ASSERT_EQ(movie.times.size(), 45u);
+    for (size_t i = 0; i < movie.times.size(); ++i)
+        EXPECT_EQ(movie.times[i], int64_t(i) * 2000) << "picture " << i;
+    EXPECT_NEAR(movie.videoDuration, 1.5, 1e-6);
+    if (codec == ProRes4444) {
+        EXPECT_LT(movie.leftAlpha, 0.01);
+        EXPECT_GT(movie.rightAlpha, 0.99);
+    }
+
+    EXPECT_EQ(movie.audioCodec, proRes ? AV_CODEC_ID_PCM_S24LE : AV_CODEC_ID_AAC);
+    EXPECT_EQ(movie.sampleRate, 48000);
+    EXPECT_EQ(movie.channels, 2);
+    if (!proRes) {
+        EXPECT_NEAR(double(movie.audioBitRate), 256000, 40000); // measured from the track
+    }
+    EXPECT_NEAR(movie.audioDuration, movie.videoDuration, 1.0 / 30);
+    EXPECT_NEAR(double(movie.soundFrames) / 48000, 1.5, 1.0 / 30);
+}
+
+INSTANTIATE_TEST_SUITE_P(EachCodec, MovieWriterCodecs, testing::Values(H264, HEVC, ProRes422, ProRes4444),
+                         [](const testing::TestParamInfo<int64_t>& info) { return CodecName(info.param); });
+
+TEST_F(MovieWriterTest, KeyFramesComeAtLeastEveryTwoSeconds) {
+    std::unique_ptr<MovieWriter> writer = Make("keys.mov", Small(H264, false, 10));
+    ASSERT_TRUE(writer);
+    WriteMovie(*writer, 50, 10); // 5 s at 10 frames a second: key frames at 0, 2 and 4 s at least
+    Movie movie = ReadMovie(_folder / "keys.mov");
+    ASSERT_EQ(movie.times.size(), 50u);
+    EXPECT_GE(movie.keyFrames, 3);
+}
+
+TEST_F(MovieWriterTest, HoldsEachPictureUntilTheNextAndTheLastUntilTheEnd) {
+    std::unique_ptr<MovieWriter> writer = Make("held.mov", Small(H264));
+    ASSERT_TRUE(writer);
+    // Irregular times, as a source with gaps delivers them; the movie ends 2 s in.
+    const int64_t times[] = {0, 2000, 10000, 11000, 30000};
+    for (int i = 0; i < 5; ++i) {
+        MovieFrame frame = writer->makeFrame();
+        DrawPicture(frame.get(), i);
+        ASSERT_TRUE(writer->appendFrame(std::move(frame), times[i]));
+    }
+    ASSERT_TRUE(writer->finish(120000));
+    Movie movie = ReadMovie(_folder / "held.mov");
+    EXPECT_EQ(movie.times, std::vector<int64_t>(std::begin(times), std::end(times)));
+    EXPECT_NEAR(movie.videoDuration, 2.0, 1e-6);
+}
+
+TEST_F(MovieWriterTest, AnEndNotAfterTheLastPictureHoldsItForOneFrame) {
+    std::unique_ptr<MovieWriter> writer = Make("short.mov", Small(H264, false, 25));
+    ASSERT_TRUE(writer);
+    for (int64_t time : {0, 2400}) {
+        MovieFrame frame = writer->makeFrame();
+        DrawPicture(frame.get(), 0);
+        ASSERT_TRUE(writer->appendFrame(std::move(frame), time));
+    }
+    ASSERT_TRUE(writer->finish(2400));
+    Movie movie = ReadMovie(_folder / "short.mov");
+    EXPECT_EQ(movie.times.size(), 2u);
+    EXPECT_NEAR(movie.videoDuration, 4800 / 60000.0, 1e-6);
+}
+
+TEST_F(MovieWriterTest, APictureAtOrBeforeTheLastOneIsRefusedAndWritingGoesOn) {
+    std::unique_ptr<MovieWriter> writer = Make("order.mov", Small(H264));
+    ASSERT_TRUE(writer);
+    auto append = [&](int64_t time) { return bool(writer->appendFrame(writer->makeFrame(), time)); };
+    EXPECT_TRUE(append(1000));
+    EXPECT_FALSE(append(1000));
+    EXPECT_FALSE(append(0));
+    EXPECT_TRUE(append(3000));
+
+    MovieFrame other(av_frame_alloc());
+    other->format = AV_PIX_FMT_YUV420P;
+    other->width = 640;
+    other->height = 480;
+    ASSERT_GE(av_frame_get_buffer(other.get(), 0), 0);
+    EXPECT_FALSE(writer->appendFrame(std::move(other), 5000));
+    EXPECT_FALSE(writer->appendFrame(nullptr, 5000));
+    EXPECT_FALSE(writer->hasFailed());
+
+    ASSERT_TRUE(writer->finish(6000));
+    EXPECT_EQ(ReadMovie(_folder / "order.mov").times, (std::vector<int64_t>{1000, 3000}));
+}
+
+// A frame over the caller's memory (a mapped GPU buffer, later) is encoded from that memory and handed
+// back exactly once, when the encoder is done with it.
+TEST_F(MovieWriterTest, WrappedMemoryIsEncodedAndReleasedOnce) {
+    std::unique_ptr<MovieWriter> writer = Make("wrapped.mov", Small(ProRes4444));
+    ASSERT_TRUE(writer);
+    std::vector<uint8_t> memory(writer->frameBytes());
+    std::atomic<int> released{0};
+    {
+        MovieFrame frame = writer->wrapFrame(memory.data(), [&] { ++released; });
+        ASSERT_TRUE(frame);
+        EXPECT_EQ(frame->data[0], memory.data());
+        DrawPicture(frame.get(), 3);
+        ASSERT_TRUE(writer->appendFrame(std::move(frame), 0));
+    }
+    ASSERT_TRUE(writer->finish(2000));
+    EXPECT_EQ(released.load(), 1);
+    Movie movie = ReadMovie(_folder / "wrapped.mov");
+    EXPECT_EQ(movie.times.size(), 1u);
+    EXPECT_LT(movie.leftAlpha, 0.01); // the picture came from the wrapped memory
+    EXPECT_GT(movie.rightAlpha, 0.99);
+}
+
+TEST_F(MovieWriterTest, PlanesFitInTheFrameAndMatchTheFrames) {
+    for (int64_t codec : {H264, ProRes422, ProRes4444}) {
+        MovieWriter::Format format = Small(codec);
+        format.width = 322; // rows that are not a multiple of the alignment
+        format.height = 242;
+        std::unique_ptr<MovieWriter> writer = Make("planes" + std::to_string(codec) + ".mov", format);
+        ASSERT_TRUE(writer);
+        const std::vector<MovieWriter::Plane>& planes = writer->planes();
+        ASSERT_EQ(planes.size(), codec == ProRes4444 ? 4u : 3u);
+        MovieFrame frame = writer->makeFrame();
+        for (size_t i = 0; i < planes.size(); ++i) {
+            EXPECT_EQ(planes[i].offset % 64, 0u);
+            EXPECT_EQ(planes[i].stride % 64, 0u);
+            EXPECT_EQ(frame->linesize[i], int(planes[i].stride));
+            EXPECT_EQ(frame->data[i] - frame->data[0], std::ptrdiff_t(planes[i].offset));
+            EXPECT_LE(planes[i].offset + planes[i].stride * planes[i].rows, writer->frameBytes());
+        }
+        EXPECT_EQ(planes[0].rows, 242u);
+        EXPECT_EQ(planes[1].rows, codec == H264 ? 121u : 242u);
+        writer->cancel();
+    }
+}
+
+TEST_F(MovieWriterTest, SoundGapsAreFilledWithSilenceAndOverlapsRefused) {
+    std::unique_ptr<MovieWriter> writer = Make("gap.mov", Small(H264, true));
+    ASSERT_TRUE(writer);
+    // Sound begins half a second in, then goes on with a stretch of explicit silence.
+    std::vector<float> tone = Tone(24000, 24000);
+    ASSERT_TRUE(writer->appendSound(tone.data(), 24000, 24000));
+    EXPECT_EQ(writer->soundPosition(), 48000);
+    EXPECT_FALSE(writer->appendSound(tone.data(), 480, 47000));
+    ASSERT_TRUE(writer->appendSound(nullptr, 48000, 48000));
+    EXPECT_EQ(writer->soundPosition(), 96000);
+    for (int i = 0; i < 60; ++i)
+        ASSERT_TRUE(writer->appendFrame(writer->makeFrame(), i * 2000));
+    ASSERT_TRUE(writer->finish(120000));
+
+    Movie movie = ReadMovie(_folder / "gap.mov");
+    EXPECT_NEAR(double(movie.soundFrames) / 48000, 2.0, 1.0 / 30);
+    EXPECT_LT(movie.firstSoundPeak, 0.01); // it starts silent
+}
+
+TEST_F(MovieWriterTest, SoundPastTheEndIsCutAndAMovieWithoutSoundRefusesIt) {
+    std::unique_ptr<MovieWriter> writer = Make("cut.mov", Small(ProRes422, true));
+    ASSERT_TRUE(writer);
+    for (int i = 0; i < 30; ++i)
+        ASSERT_TRUE(writer->appendFrame(writer->makeFrame(), i * 2000));
+    std::vector<float> tone = Tone(0, 48000 + 600);
+    ASSERT_TRUE(writer->appendSound(tone.data(), 48000 + 600, 0));
+    ASSERT_TRUE(writer->finish(60000));
+    // Sound already encoded past the end stays: at most one piece of 1024 frames.
+    Movie movie = ReadMovie(_folder / "cut.mov");
+    EXPECT_GE(movie.soundFrames, 48000);
+    EXPECT_LE(movie.soundFrames, 48000 + 1024);
+
+    std::unique_ptr<MovieWriter> silent = Make("silent.mov", Small(H264));
+    ASSERT_TRUE(silent);
+    EXPECT_FALSE(silent->appendSound(tone.data(), 480, 0));
+    silent->cancel();
+}
+
+TEST_F(MovieWriterTest, CancelAndAFinishWithoutPicturesLeaveNoFile) {
+    std::unique_ptr<MovieWriter> cancelled = Make("cancelled.mov", Small(H264, true));
+    ASSERT_TRUE(cancelled);
+    ASSERT_TRUE(cancelled->appendFrame(cancelled->makeFrame(), 0));
+    cancelled->cancel();
+    EXPECT_FALSE(fs::exists(_folder / "cancelled.mov"));
+    EXPECT_FALSE(cancelled->appendFrame(cancelled->makeFrame(), 1000));
+
+    std::unique_ptr<MovieWriter> empty = Make("empty.mov", Small(HEVC, true));
+    ASSERT_TRUE(empty);
+    std::vector<float> tone = Tone(0, 4800);
+    ASSERT_TRUE(empty->appendSound(tone.data(), 4800, 0));
+    Result<> finished = empty->finish(60000);
+    ASSERT_FALSE(finished);
+    EXPECT_EQ(finished.error().message(), "No frame was received, so no movie was written");
+    EXPECT_FALSE(fs::exists(_folder / "empty.mov"));
+}
+
+TEST_F(MovieWriterTest, CreationRefusesWhatCannotBeWrittenAndLeavesNoFile) {
+    // Never overwrite, even a file that appeared after the recorder looked.
+    std::ofstream(_folder / "taken.mov") << "precious";
+    EXPECT_EQ(Refusal(_folder / "taken.mov", Small(H264)), "“taken.mov” already exists");
+    std::ifstream taken(_folder / "taken.mov");
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(taken), {}), "precious");
+
+    // Root can write anywhere, but not under a file.
+    EXPECT_EQ(Refusal(_folder / "taken.mov" / "movie.mov", Small(H264)),
+              "The movie file could not be created");
+
+    MovieWriter::Format wide = Small(H264);
+    wide.width = 20000; // beyond what H.264 encoders take
+    wide.height = 100;
+    EXPECT_EQ(Refusal(_folder / "wide.mov", wide), "A h264 movie of 20000 × 100 cannot be written");
+    MovieWriter::Format tiny = Small(HEVC);
+    tiny.width = 2;
+    tiny.height = 2;
+    EXPECT_EQ(Refusal(_folder / "tiny.mov", tiny), "A hevc movie of 2 × 2 cannot be written");
+    MovieWriter::Format huge = Small(ProRes4444);
+    huge.width = 40000;
+    huge.height = 40000;
+    EXPECT_EQ(Refusal(_folder / "huge.mov", huge), "A prores4444 movie of 40000 × 40000 cannot be written");
+
+    EXPECT_EQ(std::distance(fs::directory_iterator(_folder), fs::directory_iterator()), 1);
+}
+
+TEST_F(MovieWriterTest, ADiskThatFillsUpFailsTheMovieWithAClearMessage) {
+    if (!MountSmallDisk(2))
+        GTEST_SKIP() << "mounting a tmpfs is not permitted here";
+    // ProRes of noise: well over 2 MB by the time the first fragment, 10 s in, goes to the disk.
+    std::unique_ptr<MovieWriter> writer = Make("full.mov", Small(ProRes422, true, 10));
+    ASSERT_TRUE(writer);
+    std::mt19937 random(7);
+    Result<> result;
+    int64_t time = 0;
+    for (; time < 30 * 60000 && result; time += 6000) {
+        MovieFrame frame = writer->makeFrame();
+        DrawNoise(frame.get(), random, *writer);
+        result = writer->appendFrame(std::move(frame), time);
+        if (result)
+            result = writer->appendSound(nullptr, 4800, time * 4 / 5);
+    }
+    ASSERT_FALSE(result) << "2 MB held " << time / 60000.0 << " s of noise";
+    EXPECT_EQ(result.error().message(), "The movie could not be written: No space left on device");
+    EXPECT_TRUE(writer->hasFailed());
+    EXPECT_EQ(writer->appendFrame(writer->makeFrame(), time).error(), result.error());
+    Result<> finished = writer->finish(time);
+    ASSERT_FALSE(finished);
+    EXPECT_EQ(finished.error(), result.error());
+}
+
+// A writer killed half-way leaves a movie that plays up to its last complete fragment: here 25 s were
+// written, so the fragments of the first 20 s are on the disk and the last 5 s died with the process.
+TEST_F(MovieWriterTest, AMovieWhoseWriterIsKilledStaysReadableUpToItsLastFragment) {
+    const fs::path path = _folder / "killed.mov";
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        close(ready[0]);
+        MovieWriter::Format format = Small(H264, true);
+        format.width = 160;
+        format.height = 120;
+        Result<std::unique_ptr<MovieWriter>> made = MovieWriter::make(path, format);
+        if (!made)
+            _exit(1);
+        MovieWriter& writer = *made.value();
+        for (int i = 0; i < 750; ++i) { // 25 s at 30 frames a second
+            if (!writer.appendFrame(writer.makeFrame(), i * 2000) ||
+                !writer.appendSound(nullptr, 1600, i * 1600))
+                _exit(2);
+        }
+        char done = 1;
+        if (write(ready[1], &done, 1) != 1)
+            _exit(3);
+        for (;;)
+            pause();
+    }
+    close(ready[1]);
+    pollfd wait{ready[0], POLLIN, 0};
+    char done = 0;
+    const bool wrote = poll(&wait, 1, 120000) == 1 && read(ready[0], &done, 1) == 1;
+    close(ready[0]);
+    kill(child, SIGKILL);
+    int status = 0;
+    waitpid(child, &status, 0);
+    ASSERT_TRUE(wrote) << "the writer did not get through its 25 s, status " << status;
+    ASSERT_TRUE(WIFSIGNALED(status));
+
+    Movie movie = ReadMovie(path);
+    ASSERT_TRUE(movie.opened);
+    ASSERT_GE(movie.times.size(), 570u); // 19 s or more
+    EXPECT_LE(movie.times.size(), 630u); // 21 s or less
+    for (size_t i = 0; i < movie.times.size(); ++i)
+        ASSERT_EQ(movie.times[i], int64_t(i) * 2000) << "picture " << i;
+    EXPECT_NEAR(double(movie.soundFrames) / 48000, double(movie.times.size()) / 30, 0.5);
+}
+
+} // namespace
+} // namespace quorva
