@@ -39,7 +39,10 @@ using MovieFrame = std::unique_ptr<AVFrame, AVFrameFree>;
 // One QuickTime movie written with FFmpeg: a picture track and, if asked for, a 48 kHz stereo sound
 // track. It is what the movie recorder drives from its serial queue; it is not safe to call from two
 // threads at once. Pictures and sound are encoded and handed to the muxer as they come, and the movie is
-// cut into 10-second fragments, so a movie whose writer dies is still readable up to its last fragment.
+// cut into 10-second fragments, so a movie whose writer dies is still readable up to its last complete
+// fragment. The movie's header goes out with the first fragment (so that it can say where each track
+// starts): until then the file is empty, and a full disk shows at that first fragment, as a failure of
+// appendFrame() or appendSound() ("The movie could not be written: No space left on device").
 //
 // Times of pictures are in 1/60000 s; positions of sound are in frames at 48000 a second; both count from
 // the movie's time 0.
@@ -70,8 +73,8 @@ public:
     // Creates the file (never replacing one: "“name” already exists"), opens the encoders and writes the
     // movie's header. Errors, in the domain above: "The movie file could not be created", "A %@ movie of
     // %ld × %ld cannot be written" (no encoder takes that size), "The movie file could not be set up",
-    // "The movie's sound track could not be set up", "The movie file could not be written". A failed
-    // creation leaves no file behind.
+    // "The movie's sound track could not be set up", "The movie file could not be written" (the muxer
+    // refused the header). A failed creation leaves no file behind. The chosen encoder is logged.
     static Result<std::unique_ptr<MovieWriter>> make(const std::filesystem::path& path, const Format& format);
 
     // Without finish() or cancel() first, the file is closed as it stands: its complete fragments stay
@@ -110,12 +113,15 @@ public:
     Result<> appendSound(const float* samples, int64_t frameCount, int64_t position);
 
     // Ends the movie at `endTime` (1/60000 s): the last picture is held until then (or for one frame at
-    // the expected rate if the end is not later than it); sound past the end that is still buffered is
-    // dropped; the encoders are drained and the file completed. A movie without a picture is not kept:
+    // the expected rate if the end is not later than it); sound past the end that is not encoded yet is
+    // dropped (at most one piece of 1024 frames already encoded may outlast the pictures); the encoders
+    // are drained and the file completed and synced. After a failure, the file is closed as it stands
+    // and the failure is the answer. A movie without a picture is not kept:
     // the file is removed and the answer is "No frame was received, so no movie was written".
     Result<> finish(int64_t endTime);
     // Closes the movie and removes its file.
     void cancel();
+    // After finish() or cancel(), every call but the getters answers "The movie is already closed".
 
     uint64_t framesWritten() const { return _framesWritten; }
     // Sound frames handed to the sound encoder (silence included), at 48000 a second.

@@ -148,6 +148,7 @@ struct Movie {
     AVRational videoTimeBase{0, 1};
     std::vector<int64_t> times; // of the decoded pictures, in the video stream's time base
     int keyFrames = 0;
+    int reordered = 0;        // picture packets whose decoding and presentation times differ
     double videoDuration = 0; // seconds, from the stream
     // Alpha of the first picture's left quarter and of the rest, 0 to 1, for formats that carry alpha.
     double leftAlpha = -1, rightAlpha = -1;
@@ -256,6 +257,9 @@ Movie ReadMovie(const fs::path& path) {
     };
     while (av_read_frame(input, packet) >= 0) {
         const unsigned index = unsigned(packet->stream_index);
+        if (index < 8 && decoders[index] && decoders[index]->codec_type == AVMEDIA_TYPE_VIDEO &&
+            packet->pts != packet->dts)
+            ++movie.reordered;
         if (index < 8 && decoders[index] && avcodec_send_packet(decoders[index], packet) >= 0)
             drain(index);
         av_packet_unref(packet);
@@ -383,6 +387,7 @@ TEST_P(MovieWriterCodecs, WritesAMovieThatDecodesBack) {
     for (size_t i = 0; i < movie.times.size(); ++i)
         EXPECT_EQ(movie.times[i], int64_t(i) * 2000) << "picture " << i;
     EXPECT_NEAR(movie.videoDuration, 1.5, 1e-6);
+    EXPECT_EQ(movie.reordered, 0);
     if (codec == ProRes4444) {
         EXPECT_LT(movie.leftAlpha, 0.01);
         EXPECT_GT(movie.rightAlpha, 0.99);
