@@ -62,6 +62,10 @@ constexpr const char* MovieFlags = "+delay_moov";
 // Ten seconds of movie a fragment: a movie whose writer is killed keeps all but the last few seconds.
 constexpr const char* FragmentMicroseconds = "10000000";
 
+// When the pictures are this far in (1/60000 s) with nothing on the sound track, the track is started
+// with silence so that the first fragment can be cut (see appendFrame).
+constexpr int64_t FirstSoundDeadline = 10 * int64_t(MovieWriter::TimeScale);
+
 // Planes start, and rows run, on 64-byte boundaries: what SIMD code in the encoders (and GPU copies into
 // the frames) read best.
 constexpr size_t Alignment = 64;
@@ -553,6 +557,12 @@ Result<> MovieWriter::appendFrame(MovieFrame frame, int64_t time) {
         return result;
     _lastTime = time;
     ++_framesWritten;
+    // The first fragment waits for every track to have a sample (the movie's header, written with it,
+    // says where each track starts). A sound track that is still empty when the first fragment is due
+    // would keep the whole movie in memory, unreadable if the writer died: it starts with a moment of
+    // silence instead, the one packet it takes. Sound that would have gone there comes too late for it.
+    if (_state->audio && _soundPosition == 0 && time >= FirstSoundDeadline)
+        return appendSound(nullptr, 2 * SoundPiece, 0);
     return {};
 }
 
@@ -605,8 +615,14 @@ Result<> MovieWriter::appendSound(const float* samples, int64_t frameCount, int6
     State& s = *_state;
     if (!s.audio)
         return RecorderError("This movie has no sound track");
-    if (frameCount < 0 || position < _soundPosition)
-        return RecorderError("Sound cannot be written before the end of the sound already written");
+    if (frameCount < 0)
+        return RecorderError("A negative amount of sound cannot be written");
+    // What falls before the end of the track can no longer be written: its frames are left out.
+    const int64_t late = std::clamp<int64_t>(_soundPosition - position, 0, frameCount);
+    position += late;
+    frameCount -= late;
+    if (samples)
+        samples += 2 * late;
     // A gap is filled with silence a second at a time, so that a long one never needs a long buffer.
     while (position > _soundPosition || frameCount > 0) {
         const bool gap = position > _soundPosition;

@@ -108,8 +108,10 @@ public:
     // encoder has ready goes on to the file.
     Result<> appendFrame(MovieFrame frame, int64_t time);
     // Appends interleaved float stereo sound (or silence when `samples` is null) at `position` (48 kHz
-    // frames). A position past the end of what was appended is reached with silence; one before it is
-    // refused. Without a sound track, refused.
+    // frames). A position past the end of what was appended is reached with silence; frames before that
+    // end are left out, as they cannot be written twice. Without a sound track, refused.
+    // A sound track still empty when the pictures reach 10 s is started with 2048 frames of silence: the
+    // first fragment, and everything after it, waits for every track to have begun.
     Result<> appendSound(const float* samples, int64_t frameCount, int64_t position);
 
     // Ends the movie at `endTime` (1/60000 s): the last picture is held until then (or for one frame at

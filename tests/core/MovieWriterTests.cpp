@@ -483,15 +483,18 @@ TEST_F(MovieWriterTest, WrappedMemoryIsEncodedAndReleasedOnce) {
     EXPECT_GT(movie.rightAlpha, 0.99);
 }
 
-TEST_F(MovieWriterTest, SoundGapsAreFilledWithSilenceAndOverlapsRefused) {
+TEST_F(MovieWriterTest, SoundGapsAreFilledWithSilenceAndOverlapsLeftOut) {
     std::unique_ptr<MovieWriter> writer = Make("gap.mov", Small(H264, true));
     ASSERT_TRUE(writer);
-    // Sound begins half a second in, then goes on with a stretch of explicit silence.
+    // Sound begins half a second in, overlaps itself, then goes on with a stretch of explicit silence.
     std::vector<float> tone = Tone(24000, 24000);
     ASSERT_TRUE(writer->appendSound(tone.data(), 24000, 24000));
     EXPECT_EQ(writer->soundPosition(), 48000);
-    EXPECT_FALSE(writer->appendSound(tone.data(), 480, 47000));
-    ASSERT_TRUE(writer->appendSound(nullptr, 48000, 48000));
+    ASSERT_TRUE(writer->appendSound(tone.data(), 1480, 47000));
+    EXPECT_EQ(writer->soundPosition(), 48480);
+    ASSERT_TRUE(writer->appendSound(tone.data(), 480, 1000)); // wholly in the past
+    EXPECT_EQ(writer->soundPosition(), 48480);
+    ASSERT_TRUE(writer->appendSound(nullptr, 47520, 48480));
     EXPECT_EQ(writer->soundPosition(), 96000);
     for (int i = 0; i < 60; ++i)
         ASSERT_TRUE(writer->appendFrame(writer->makeFrame(), i * 2000));
@@ -500,6 +503,29 @@ TEST_F(MovieWriterTest, SoundGapsAreFilledWithSilenceAndOverlapsRefused) {
     Movie movie = ReadMovie(_folder / "gap.mov");
     EXPECT_NEAR(double(movie.soundFrames) / 48000, 2.0, 1.0 / 30);
     EXPECT_LT(movie.firstSoundPeak, 0.01); // it starts silent
+}
+
+// The first fragment waits for every track; a sound track that gets nothing must not hold the movie back
+// in memory, where a crash would take all of it.
+TEST_F(MovieWriterTest, ASoundTrackThatStaysEmptyDoesNotHoldTheMovieBack) {
+    MovieWriter::Format format = Small(H264, true, 10);
+    format.width = 160;
+    format.height = 120;
+    std::unique_ptr<MovieWriter> writer = Make("quiet.mov", format);
+    ASSERT_TRUE(writer);
+    for (int i = 0; i < 120; ++i) // 12 s
+        ASSERT_TRUE(writer->appendFrame(writer->makeFrame(), i * 6000));
+    Movie sofar = ReadMovie(_folder / "quiet.mov");
+    EXPECT_GE(sofar.times.size(), 100u); // the first fragment is on the disk
+    EXPECT_EQ(writer->soundPosition(), 2048);
+
+    // Sound that then comes from time 0 loses only what the track already holds.
+    std::vector<float> tone = Tone(0, 12 * 48000);
+    ASSERT_TRUE(writer->appendSound(tone.data(), 12 * 48000, 0));
+    ASSERT_TRUE(writer->finish(12 * 60000));
+    Movie movie = ReadMovie(_folder / "quiet.mov");
+    EXPECT_EQ(movie.times.size(), 120u);
+    EXPECT_NEAR(double(movie.soundFrames) / 48000, 12.0, 1.0 / 10);
 }
 
 TEST_F(MovieWriterTest, SoundPastTheEndIsCutAndAMovieWithoutSoundRefusesIt) {
