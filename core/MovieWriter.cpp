@@ -475,26 +475,7 @@ Result<> MovieWriter::writeHeader() {
 }
 
 MovieFrame MovieWriter::makeFrame() {
-    if (!_state)
-        return nullptr;
-    AVBufferRef* buffer = av_buffer_pool_get(_state->pool);
-    if (!buffer)
-        return nullptr;
-    MovieFrame frame(av_frame_alloc());
-    if (!frame) {
-        av_buffer_unref(&buffer);
-        return nullptr;
-    }
-    frame->buf[0] = buffer;
-    frame->format = _pixelFormat;
-    frame->width = int(_format.width);
-    frame->height = int(_format.height);
-    for (size_t i = 0; i < _planes.size(); ++i) {
-        frame->data[i] = buffer->data + _planes[i].offset;
-        frame->linesize[i] = int(_planes[i].stride);
-    }
-    TagColours(frame.get());
-    return frame;
+    return _state ? frameOver(av_buffer_pool_get(_state->pool)) : nullptr;
 }
 
 MovieFrame MovieWriter::wrapFrame(uint8_t* memory, std::function<void()> release) {
@@ -512,8 +493,13 @@ MovieFrame MovieWriter::wrapFrame(uint8_t* memory, std::function<void()> release
         if (*owner)
             (*owner)();
         delete owner;
-        return nullptr;
     }
+    return frameOver(buffer);
+}
+
+MovieFrame MovieWriter::frameOver(AVBufferRef* buffer) {
+    if (!buffer)
+        return nullptr;
     MovieFrame frame(av_frame_alloc());
     if (!frame) {
         av_buffer_unref(&buffer);
@@ -524,7 +510,7 @@ MovieFrame MovieWriter::wrapFrame(uint8_t* memory, std::function<void()> release
     frame->width = int(_format.width);
     frame->height = int(_format.height);
     for (size_t i = 0; i < _planes.size(); ++i) {
-        frame->data[i] = memory + _planes[i].offset;
+        frame->data[i] = buffer->data + _planes[i].offset;
         frame->linesize[i] = int(_planes[i].stride);
     }
     TagColours(frame.get());

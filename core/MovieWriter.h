@@ -140,6 +140,8 @@ private:
     Result<> openVideo();
     Result<> openAudio();
     Result<> writeHeader();
+    // A picture over `buffer` (taken over), laid out as planes() says.
+    MovieFrame frameOver(AVBufferRef* buffer);
     Result<> encodeVideo(AVFrame* frame);
     Result<> writeVideoPacket(AVPacket* packet, int64_t nextTime);
     Result<> encodeSound(bool draining);
