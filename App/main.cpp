@@ -8,13 +8,14 @@
 
 namespace {
 
-constexpr const char* Usage = "Usage: quorvarecorder [--help] [--version]\n"
-                              "\n"
-                              "QuorvaRecorder records up to eight live sources on one clock into QuickTime movies.\n"
-                              "\n"
-                              "Options:\n"
-                              "  --help      show this help and exit\n"
-                              "  --version   show the version and exit\n";
+constexpr const char* Usage =
+    "Usage: quorvarecorder [--help] [--version]\n"
+    "\n"
+    "QuorvaRecorder records up to eight live sources on one clock into QuickTime movies.\n"
+    "\n"
+    "Options:\n"
+    "  --help      show this help and exit\n"
+    "  --version   show the version and exit\n";
 
 } // namespace
 
