@@ -1,0 +1,26 @@
+#pragma once
+
+#include "core/SourceSound.h"
+
+#include <functional>
+#include <memory>
+
+namespace quorva {
+
+// The computer's own sound, captured on demand.
+class SoundSource {
+public:
+    using SoundHandler = std::function<void(const std::shared_ptr<SourceSound>& sound)>;
+
+    virtual ~SoundSource() = default;
+
+    // Begins capture; false when it cannot begin.
+    virtual bool start() = 0;
+    virtual void stop() = 0;
+
+    // Called with each captured block. Stored as a copy.
+    virtual SoundHandler soundHandler() const = 0;
+    virtual void setSoundHandler(SoundHandler handler) = 0;
+};
+
+} // namespace quorva

@@ -1,0 +1,33 @@
+#pragma once
+
+#include "core/FrameSource.h"
+#include "core/SourceDescription.h"
+#include "platform/gpu/GpuDevice.h"
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace quorva {
+
+// Lists the sources that can be connected to now and connects to one by its title.
+class SourceDirectory {
+public:
+    using ChangeHandler = std::function<void()>;
+
+    virtual ~SourceDirectory() = default;
+
+    virtual std::vector<SourceDescription> availableSources() = 0;
+    // The source with exactly this title, its textures made on `device`; nothing when there is no such
+    // source or the connection fails.
+    virtual std::shared_ptr<FrameSource>
+    connectToSourceWithTitle(const std::string& title, const std::shared_ptr<GpuDevice>& device) = 0;
+
+    // Called, on whichever thread the directory learns it, whenever the list may have changed. Stored
+    // as a copy.
+    virtual ChangeHandler changeHandler() const = 0;
+    virtual void setChangeHandler(ChangeHandler handler) = 0;
+};
+
+} // namespace quorva

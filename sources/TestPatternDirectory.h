@@ -1,0 +1,31 @@
+#pragma once
+
+#include "core/SourceDirectory.h"
+#include "sources/TestPatternSource.h"
+
+#include <mutex>
+#include <vector>
+
+namespace quorva {
+
+// The built-in test sources, so that a new user can record something at once and the tests and
+// benchmarks have live sources that need no other program: "Test Pattern 1080p60", "Test Pattern
+// 720p30" and "Test Pattern Alpha 1080p30" (clear background). The list never changes.
+class TestPatternDirectory final : public SourceDirectory {
+public:
+    static const std::vector<TestPatternFormat>& formats();
+
+    std::vector<SourceDescription> availableSources() override;
+    // A new source on every call, each with its own thread; nothing (and the reason logged) when the
+    // title is not one of the patterns or the pattern cannot be drawn on `device`.
+    std::shared_ptr<FrameSource> connectToSourceWithTitle(const std::string& title,
+                                                          const std::shared_ptr<GpuDevice>& device) override;
+    ChangeHandler changeHandler() const override;
+    void setChangeHandler(ChangeHandler handler) override;
+
+private:
+    mutable std::mutex _lock; // guards _changeHandler
+    ChangeHandler _changeHandler;
+};
+
+} // namespace quorva

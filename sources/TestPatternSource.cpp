@@ -1,0 +1,166 @@
+#include "sources/TestPatternSource.h"
+
+#include "core/SourceDescription.h"
+#include "platform/Log.h"
+#include "platform/MediaClock.h"
+#include "platform/Semaphore.h"
+#include "platform/gpu/CommandQueue.h"
+#include "sources/TestPattern.h"
+#include "sources/ToneGenerator.h"
+
+#include <condition_variable>
+#include <mutex>
+
+namespace quorva {
+
+namespace {
+
+const char* const LogPrefix = "TestPattern: ";
+
+// A picture that the GPU has not finished by then will not be: the device is lost or stalled. Generous,
+// because a software GPU on a busy machine can take a good part of a second for one.
+constexpr double DrawTimeout = 10.0;
+
+} // namespace
+
+struct TestPatternSource::State {
+    // Guarded by `lock`. Declared first so that they go last: whoever waits for the handlers to be let
+    // go knows that the GPU objects are gone too.
+    FrameHandler frameHandler;
+    SoundHandler soundHandler;
+    bool stopping = false;
+    bool failed = false;
+    mutable std::mutex lock;
+    std::condition_variable stopped;
+    TestPatternFormat format;
+    std::shared_ptr<TestPattern> pattern;
+};
+
+Result<std::shared_ptr<TestPatternSource>> TestPatternSource::make(const TestPatternFormat& format,
+                                                                   const std::shared_ptr<GpuDevice>& device) {
+    if (!device || format.width == 0 || format.height == 0 || !(format.rate > 0))
+        return Error(std::string(ApplicationIdentifier) + ".TestPattern", -1,
+                     "The test pattern " + format.title + " cannot be drawn");
+    auto queue = CommandQueue::make(device);
+    if (!queue)
+        return queue.error();
+    auto pattern = TestPattern::make(queue.value(), format.width, format.height, format.transparent);
+    if (!pattern)
+        return pattern.error();
+    auto state = std::make_shared<State>();
+    state->format = format;
+    state->pattern = std::move(pattern.value());
+    return std::shared_ptr<TestPatternSource>(new TestPatternSource(std::move(state)));
+}
+
+TestPatternSource::TestPatternSource(std::shared_ptr<State> state)
+    : _state(std::move(state)), _thread([state = _state] { run(state); }) {}
+
+TestPatternSource::~TestPatternSource() {
+    stop();
+}
+
+std::string TestPatternSource::title() const {
+    return _state->format.title;
+}
+
+int64_t TestPatternSource::kind() const {
+    return SourceKindPattern;
+}
+
+FrameSource::FrameHandler TestPatternSource::frameHandler() const {
+    std::lock_guard guard(_state->lock);
+    return _state->frameHandler;
+}
+
+void TestPatternSource::setFrameHandler(FrameHandler handler) {
+    std::lock_guard guard(_state->lock);
+    _state->frameHandler = std::move(handler);
+}
+
+FrameSource::SoundHandler TestPatternSource::soundHandler() const {
+    std::lock_guard guard(_state->lock);
+    return _state->soundHandler;
+}
+
+void TestPatternSource::setSoundHandler(SoundHandler handler) {
+    std::lock_guard guard(_state->lock);
+    _state->soundHandler = std::move(handler);
+}
+
+bool TestPatternSource::isAlive() const {
+    std::lock_guard guard(_state->lock);
+    return !_state->stopping && !_state->failed;
+}
+
+void TestPatternSource::stop() {
+    {
+        std::lock_guard guard(_state->lock);
+        _state->stopping = true;
+        _state->stopped.notify_all();
+    }
+    if (!_thread.joinable())
+        return;
+    // From a handler the thread cannot wait for itself: it ends on its own once the handler returns.
+    if (_thread.get_id() == std::this_thread::get_id())
+        _thread.detach();
+    else
+        _thread.join();
+}
+
+void TestPatternSource::run(const std::shared_ptr<State>& state) {
+    const TestPatternFormat& format = state->format;
+    ToneGenerator tone;
+    const double start = MediaClock::now();
+    uint64_t frame = 0;
+    for (;;) {
+        auto drawn = std::make_shared<Semaphore>();
+        auto picture =
+            state->pattern->drawFrame(frame, [drawn](const std::shared_ptr<Texture>&) { drawn->signal(); });
+        if (!picture || !drawn->wait(DrawTimeout)) {
+            Log(LogPrefix,
+                format.title + " stopped: " +
+                    (picture ? std::string("the GPU did not finish a picture") : picture.error().message()));
+            std::lock_guard guard(state->lock);
+            state->failed = true;
+            return;
+        }
+
+        FrameHandler frameHandler;
+        SoundHandler soundHandler;
+        {
+            std::lock_guard guard(state->lock);
+            if (state->stopping)
+                return;
+            frameHandler = state->frameHandler;
+            soundHandler = state->soundHandler;
+        }
+        // Let go of the picture at once, so that the pattern can draw into it again when the
+        // receiver is done with it.
+        if (std::shared_ptr<Texture> texture = std::move(picture.value()); frameHandler)
+            frameHandler(texture);
+
+        // Sound follows the clock, not the pictures, so a late picture never stretches it.
+        double now = MediaClock::now();
+        auto due = uint64_t((now - start) * ToneGenerator::SampleRate);
+        if (due > tone.position()) {
+            auto sound = tone.nextSound(due - tone.position());
+            if (sound && soundHandler)
+                soundHandler(sound);
+        }
+
+        ++frame;
+        double next = start + double(frame) / format.rate;
+        if (now > next + 1.0 / format.rate) {
+            // Too slow for this rate (a software GPU, a busy machine): leave the missed slots out.
+            frame = uint64_t((now - start) * format.rate) + 1;
+            next = start + double(frame) / format.rate;
+        }
+        std::unique_lock lock(state->lock);
+        if (state->stopped.wait_until(lock, MediaClock::deadlineAfter(next - MediaClock::now()),
+                                      [&] { return state->stopping; }))
+            return;
+    }
+}
+
+} // namespace quorva

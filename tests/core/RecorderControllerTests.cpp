@@ -1,0 +1,311 @@
+#include "core/RecorderController.h"
+#include "tests/platform/gpu/GpuTesting.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+namespace quorva {
+
+// Puts the controller in the states that only a recording reaches.
+struct RecorderControllerProbe {
+    static void setState(RecorderController& controller, RecorderState state) { controller.setState(state); }
+};
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct FakeSource final : FrameSource {
+    explicit FakeSource(std::string title) : name(std::move(title)) {}
+    std::string title() const override { return name; }
+    bool flipped() const override { return false; }
+    int64_t kind() const override { return SourceKindNDI; }
+    FrameHandler frameHandler() const override { return frames; }
+    void setFrameHandler(FrameHandler handler) override { frames = std::move(handler); }
+    SoundHandler soundHandler() const override { return nullptr; }
+    void setSoundHandler(SoundHandler) override {}
+    bool hasSound() const override { return false; }
+    bool isAlive() const override { return !stopped; }
+    void stop() override { stopped = true; }
+    std::string name;
+    FrameHandler frames;
+    bool stopped = false;
+};
+
+struct FakeDirectory final : SourceDirectory {
+    std::vector<SourceDescription> availableSources() override {
+        std::vector<SourceDescription> sources;
+        for (const auto& title : titles)
+            sources.emplace_back(title, "", SourceKindNDI);
+        return sources;
+    }
+    std::shared_ptr<FrameSource> connectToSourceWithTitle(const std::string& title,
+                                                          const std::shared_ptr<GpuDevice>&) override {
+        bool listed = std::find(titles.begin(), titles.end(), title) != titles.end();
+        return listed ? std::make_shared<FakeSource>(title) : nullptr;
+    }
+    ChangeHandler changeHandler() const override { return changed; }
+    void setChangeHandler(ChangeHandler handler) override { changed = std::move(handler); }
+    void list(std::vector<std::string> newTitles) {
+        titles = std::move(newTitles);
+        changed();
+    }
+    std::vector<std::string> titles;
+    ChangeHandler changed;
+};
+
+struct FakeMovie final : MovieStatus {
+    FakeMovie(fs::path path, uint64_t frames) : path(std::move(path)), frames(frames) {}
+    const fs::path& url() const override { return path; }
+    uint64_t framesWritten() const override { return frames; }
+    uint64_t framesDropped() const override { return 0; }
+    double soundWritten() const override { return 0; }
+    fs::path path;
+    uint64_t frames;
+};
+
+class RecorderControllerTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        folder = fs::temp_directory_path() / ("quorva-controller-" + std::to_string(::getpid()));
+        fs::remove_all(folder);
+        fs::create_directories(folder);
+        setenv("XDG_CONFIG_HOME", folder.c_str(), 1);
+        std::ofstream(folder / "user-dirs.dirs") << "XDG_VIDEOS_DIR=\"$HOME/Films\"\n";
+        directory = std::make_shared<FakeDirectory>();
+    }
+    void TearDown() override { fs::remove_all(folder); }
+
+    std::shared_ptr<SettingsStore> store() { return std::make_shared<SettingsStore>("test", folder); }
+    std::shared_ptr<RecorderController> controller(std::shared_ptr<SettingsStore> defaults = nullptr) {
+        return RecorderController::make(nullptr, directory, nullptr, defaults ? defaults : store());
+    }
+    static std::vector<std::string> Titles(const RecorderController& controller) {
+        std::vector<std::string> titles;
+        for (const auto& place : controller.places())
+            titles.push_back(place->title());
+        return titles;
+    }
+
+    fs::path folder;
+    std::shared_ptr<FakeDirectory> directory;
+};
+
+TEST(RecorderPlaceTest, MeasuresOnlineRateSoundAndRouting) {
+    RecorderPlace place("Cam");
+    EXPECT_FALSE(place.isOnline());
+    EXPECT_EQ(place.kindName(), "");
+    EXPECT_EQ(place.file(), "");
+    auto source = std::make_shared<FakeSource>("Cam");
+    place.setSource(source);
+
+    // A second of 30 pictures, one of 60, then one of none; the last picture 0.9 s, then 1.0 s old.
+    struct Step {
+        int frames;
+        double at, measure, fps;
+        bool online;
+    };
+    place.measureAtTime(100);
+    for (auto step : {Step{30, 100.5, 101, 30, true}, Step{60, 101.1, 102, 45, true},
+                      Step{0, 0, 103, 0, false}, Step{1, 103, 104, 1, false}}) {
+        SCOPED_TRACE(step.measure);
+        for (int i = 0; i < step.frames; ++i)
+            EXPECT_EQ(place.receivedFrame(nullptr, false, step.at), NoIndex);
+        place.measureAtTime(step.measure);
+        EXPECT_DOUBLE_EQ(place.fps(), step.fps);
+        EXPECT_EQ(place.isOnline(), step.online);
+    }
+
+    place.setTakeIndex(2, false);
+    EXPECT_EQ(place.receivedFrame(nullptr, false, 105), NoIndex);
+    EXPECT_EQ(place.receivedSoundAtTime(200), 2u);
+    EXPECT_TRUE(place.hasSoundAtTime(202.9));
+    EXPECT_FALSE(place.hasSoundAtTime(203.0));
+    place.letGoOfSource();
+    EXPECT_TRUE(source->stopped);
+    EXPECT_FALSE(place.hasSoundAtTime(200.5));
+
+    place.setMovie(std::make_shared<FakeMovie>("/m/Cam.mov", 0));
+    place.setInTake(true);
+    EXPECT_EQ(place.file(), "/m/Cam.mov");
+    place.setInTake(false);
+    EXPECT_EQ(place.file(), "");
+    place.setMovie(std::make_shared<FakeMovie>("/m/Cam.mov", 3));
+    EXPECT_EQ(place.file(), "/m/Cam.mov");
+}
+
+TEST_F(RecorderControllerTest, FirstRunGivesTheDefaults) {
+    auto recorder = controller();
+    EXPECT_EQ((std::vector<std::string>{recorder->codec(), recorder->output(), recorder->layout(),
+                                        recorder->sound(), recorder->name(), recorder->folder(),
+                                        recorder->stateName()}),
+              (std::vector<std::string>{"h264", "separate", "row", "", "",
+                                        std::string(getenv("HOME")) + "/Films", "idle"}));
+    EXPECT_EQ(
+        recorder->width() + recorder->height() + recorder->gap() + recorder->fps() + recorder->bitrate(), 0);
+    EXPECT_FALSE(recorder->performance());
+    EXPECT_TRUE(recorder->places().empty());
+}
+
+TEST_F(RecorderControllerTest, LoadingChecksNamesAndClampsOnlyTheGap) {
+    std::vector<std::string> saved = {"", "T1", "T2", "T3", "T4", "T5", "T6", "T7", "T8", "T9", "T10"};
+    for (auto [gap, loaded] : {std::pair<int64_t, int64_t>{5000, 1000}, {-3, 0}}) {
+        auto defaults = store();
+        ASSERT_TRUE(defaults->setString("mjpeg", "RecorderCodec"));
+        ASSERT_TRUE(defaults->setInteger(99999, "RecorderWidth"));
+        ASSERT_TRUE(defaults->setInteger(gap, "RecorderGap"));
+        ASSERT_TRUE(defaults->setStringArray(saved, "RecorderSources"));
+        auto recorder = controller(defaults);
+        EXPECT_EQ(recorder->codec(), "h264");
+        EXPECT_EQ(recorder->width(), 99999);
+        EXPECT_EQ(recorder->gap(), loaded);
+        EXPECT_EQ(Titles(*recorder), std::vector<std::string>(saved.begin() + 1, saved.begin() + 9));
+    }
+}
+
+TEST_F(RecorderControllerTest, SettersClampPersistAndIgnoreWhatIsNotInTheirList) {
+    directory->titles = {"Camera A"};
+    auto recorder = controller();
+    ASSERT_TRUE(recorder->addSourceMatching("Camera A"));
+    int notices = 0;
+    recorder->addObserver([&] { ++notices; });
+
+    recorder->setWidth(99999);
+    recorder->setHeight(-1);
+    recorder->setFps(300);
+    recorder->setBitrate(1e9);
+    recorder->setGap(5000);
+    recorder->setFolder("~/Takes");
+    recorder->setOutput("BOTH");
+    recorder->setLayout("Focus");
+    recorder->setSound("cam");
+    EXPECT_EQ(notices, 9);
+    recorder->setFps(std::nan(""));
+    EXPECT_EQ(recorder->fps(), 0);
+
+    notices = 0;
+    recorder->setOutput("mosaic");
+    recorder->setLayout("mosaic");
+    recorder->setSound("nobody");
+    EXPECT_EQ(notices, 0);
+
+    // What a later run reads back is what the setters kept.
+    auto again = controller();
+    EXPECT_EQ((std::vector<double>{double(again->width()), double(again->height()), again->bitrate(),
+                                   double(again->gap())}),
+              (std::vector<double>{16384, 0, 1000, 1000}));
+    EXPECT_EQ(
+        (std::vector<std::string>{again->folder(), again->output(), again->layout(), again->sound()}),
+        (std::vector<std::string>{std::string(getenv("HOME")) + "/Takes", "both", "focus", "Camera A"}));
+
+    recorder->setSound("COMPUTER");
+    EXPECT_EQ(recorder->sound(), "computer");
+    recorder->setError("");
+    EXPECT_EQ(recorder->errorCount(), 0u);
+    recorder->setError("Boom");
+    EXPECT_EQ(recorder->errorCount(), 1u);
+}
+
+TEST_F(RecorderControllerTest, MatchingPrefersExactTitlesThenContainingOnesAndKeepsOfflinePlaces) {
+    ASSERT_TRUE(store()->setStringArray({"Stage"}, "RecorderSources"));
+    directory->titles = {"Camera A", "camera b", "Camera A", "Caméra Sud"};
+    auto recorder = controller();
+    EXPECT_EQ(recorder->availableSources().size(), 3u);
+    EXPECT_EQ(recorder->titleMatching("camera"), "Camera A");
+    EXPECT_EQ(recorder->titleMatching("camera b"), "camera b");
+    EXPECT_EQ(recorder->titleMatching("CAMÉRA S"), "Caméra Sud");
+    EXPECT_EQ(recorder->titleMatching("stag"), "Stage");
+    EXPECT_EQ(recorder->titleMatching(""), std::nullopt);
+    EXPECT_EQ(recorder->error(), "/source expects the title of a source");
+    EXPECT_EQ(recorder->titleMatching("Desk"), std::nullopt);
+    EXPECT_EQ(recorder->error(), "There is no source called \u201CDesk\u201D");
+    EXPECT_TRUE(recorder->setSourceMatching("stag", 1));
+    EXPECT_EQ(Titles(*recorder), std::vector<std::string>{"Stage"});
+}
+
+TEST_F(RecorderControllerTest, PlacesAreAddedReplacedMovedAndRemovedUpToEight) {
+    directory->titles = {"S1", "S2", "S3", "S4", "S5", "S6", "S7", "S8", "S9"};
+    auto recorder = controller();
+    ASSERT_TRUE(recorder->addSourceMatching("S1"));
+    ASSERT_TRUE(recorder->addSourceMatching("S2"));
+    EXPECT_TRUE(recorder->setSourceMatching("S5", 5)); // past the end: appended as place 3
+    EXPECT_EQ(Titles(*recorder), (std::vector<std::string>{"S1", "S2", "S5"}));
+    for (auto title : {"S3", "S4", "S6", "S7", "S8"})
+        ASSERT_TRUE(recorder->addSourceMatching(title));
+    EXPECT_TRUE(recorder->addSourceMatching("S1"));
+    EXPECT_FALSE(recorder->addSourceMatching("S9"));
+    EXPECT_EQ(recorder->error(), "No more than 8 sources can be recorded at once");
+
+    auto replaced = std::dynamic_pointer_cast<FakeSource>(recorder->places()[2]->source());
+    EXPECT_TRUE(recorder->setSourceMatching("S9", 3));
+    EXPECT_TRUE(replaced->stopped);
+    EXPECT_EQ(recorder->places()[2]->title(), "S9");
+    for (int64_t number : {0, 9, -1}) {
+        EXPECT_FALSE(recorder->setSourceMatching("S1", number));
+        EXPECT_EQ(recorder->error(), "There are places 1 to 8");
+    }
+    EXPECT_TRUE(recorder->setSourceMatching("", 2));
+    auto first = recorder->places()[0];
+    EXPECT_TRUE(recorder->moveSourceFromPlace(1, 99));
+    EXPECT_TRUE(recorder->setSourceMatching("S7", 1)); // an existing place moves with its connection
+    EXPECT_EQ(Titles(*recorder), (std::vector<std::string>{"S7", "S9", "S3", "S4", "S6", "S8", "S1"}));
+    EXPECT_EQ(recorder->places().back(), first);
+    EXPECT_FALSE(first->source() == nullptr);
+    for (auto [from, to] : {std::pair<int64_t, int64_t>{0, 1}, {8, 1}, {1, 0}}) {
+        EXPECT_FALSE(recorder->moveSourceFromPlace(from, to));
+        EXPECT_EQ(recorder->error(), "There is no source in that place");
+    }
+    recorder->removeSourceAtPlace(8);
+    EXPECT_EQ(store()->stringArrayForKey("RecorderSources"), Titles(*recorder));
+}
+
+TEST_F(RecorderControllerTest, NoPlaceChangesWhileRecordingOrFinishing) {
+    directory->titles = {"S1", "S2", "S3"};
+    auto recorder = controller();
+    ASSERT_TRUE(recorder->addSourceMatching("S1"));
+    ASSERT_TRUE(recorder->addSourceMatching("S2"));
+    auto before = recorder->places();
+    for (auto state : {RecorderState::Recording, RecorderState::Finishing}) {
+        RecorderControllerProbe::setState(*recorder, state);
+        EXPECT_TRUE(recorder->isRecording());
+        uint64_t errors = recorder->errorCount();
+        EXPECT_FALSE(recorder->addSourceMatching("S3"));
+        EXPECT_FALSE(recorder->setSourceMatching("S3", 1));
+        EXPECT_FALSE(recorder->moveSourceFromPlace(1, 2));
+        recorder->removeSourceAtPlace(1);
+        EXPECT_EQ(recorder->error(), "The sources cannot be changed while recording");
+        EXPECT_EQ(recorder->errorCount(), errors + 4);
+        EXPECT_EQ(recorder->places(), before);
+    }
+}
+
+TEST_F(RecorderControllerTest, PlacesLetGoOfSourcesThatLeaveAndReconnectWhenTheyReturn) {
+    auto device = testing::SharedDevice();
+    ASSERT_TRUE(device);
+    directory->titles = {"Cam"};
+    ASSERT_TRUE(store()->setStringArray({"Cam"}, "RecorderSources"));
+    auto recorder = controller();
+    auto place = recorder->places().at(0);
+    auto first = std::dynamic_pointer_cast<FakeSource>(place->source());
+    ASSERT_TRUE(first);
+    EXPECT_EQ(place->kindName(), "ndi");
+    first->frameHandler()(device->makeTexture(16, 8).value());
+    EXPECT_EQ(place->width(), 16);
+
+    directory->list({});
+    EXPECT_TRUE(first->stopped);
+    EXPECT_EQ(place->source(), nullptr);
+    EXPECT_EQ(place->latestFrame(), nullptr);
+    EXPECT_EQ(place->title(), "Cam");
+
+    directory->list({"Cam"});
+    EXPECT_NE(place->source(), nullptr);
+    EXPECT_NE(place->source(), first);
+}
+
+} // namespace
+} // namespace quorva
