@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/FrameConverter.h"
 #include "core/FramePacer.h"
 #include "core/Geometry.h"
 #include "core/MovieRecorderSettings.h"
@@ -28,8 +29,6 @@
 struct SwrContext;
 
 namespace quorva {
-
-class FrameConverter;
 
 // Writes one QuickTime movie from GPU textures that arrive in real time, and its sound track from sound
 // blocks. Each frame is paced onto the movie's frame-rate grid, fitted (letterboxed, flipped if need be)
@@ -111,16 +110,16 @@ private:
     // On _queue.
     Result<> createWriterForFrameOfWidth(uint64_t width, uint64_t height);
     void drawTexture(const std::shared_ptr<Texture>& texture, bool flipped, int64_t time);
-    void appendPixelBuffer(MovieFrame frame, int64_t time);
+    void appendPixelBuffer(std::shared_ptr<FrameMemory> memory, int64_t time);
     void frameDoneWritten(bool written);
     void forgetPool();
-    void forgetWriter(bool cancel);
     Error writerError(const char* otherwise) const;
 
     // Sound, on _queue.
     void scheduleSoundWrite();
     void scheduleSoundWriteAfter(double seconds);
-    void writeWaitingSound();
+    // A pass; false when an append failed, so that the next one waits a little.
+    bool writeWaitingSound();
     bool placedSoundIncludesSound() const;
     void placeSound(const std::shared_ptr<SourceSound>& sound, double time);
     std::shared_ptr<SourceSound> convertSound(const std::shared_ptr<SourceSound>& sound);
@@ -139,12 +138,12 @@ private:
     std::filesystem::path _url;
     MovieRecorderSettings _settings;
     std::unique_ptr<MovieWriter> _writer;
+    FrameFormat _frameFormat;
     std::optional<Error> _writerFailure;
     int64_t _lastTime = -1; // 1/60000 s; -1 until the first frame is appended
     std::unique_ptr<SoundTimeline> _soundTimeline;
     double _soundRate = 0;
     SwrContext* _resampler = nullptr;
-    bool _resamplerFlushed = false;
     std::deque<PlacedSound> _placedSound;
     int64_t _soundPosition = 0;
 
