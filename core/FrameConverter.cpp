@@ -50,7 +50,7 @@ layout(push_constant) uniform Constants {
     vec2 extent;
     float flipped;
     float barAlpha;
-    int layout;
+    int kind;
     int padding;
     uvec4 offsets;
     uvec4 strides;
@@ -80,7 +80,7 @@ uint word(uint plane, uint row, uint column) { return c.offsets[plane] + row * c
 
 void main() {
     uvec2 b = gl_GlobalInvocationID.xy;
-    if (c.layout == 0) {
+    if (c.kind == 0) {
         ivec2 p = ivec2(b) * ivec2(8, 2);
         if (p.x >= c.size.x || p.y >= c.size.y) return;
         uint u = 0u, v = 0u;
@@ -102,7 +102,7 @@ void main() {
         words[word(0u, uint(p.y) + 1u, 2u * b.x + 1u)] = bottom1;
         words[word(1u, b.y, b.x)] = u;
         words[word(2u, b.y, b.x)] = v;
-    } else if (c.layout == 1) {
+    } else if (c.kind == 1) {
         ivec2 p = ivec2(b) * ivec2(4, 1);
         if (p.x >= c.size.x || p.y >= c.size.y) return;
         vec3 s0 = yuv(pictureAt(p).rgb), s1 = yuv(pictureAt(p + ivec2(1, 0)).rgb);
@@ -112,7 +112,7 @@ void main() {
         words[word(0u, b.y, 2u * b.x + 1u)] = ten(s2.x) | ten(s3.x) << 16u;
         words[word(1u, b.y, b.x)] = ten(c0.x) | ten(c1.x) << 16u;
         words[word(2u, b.y, b.x)] = ten(c0.y) | ten(c1.y) << 16u;
-    } else if (c.layout == 2) {
+    } else if (c.kind == 2) {
         ivec2 p = ivec2(b) * ivec2(2, 1);
         if (p.x >= c.size.x || p.y >= c.size.y) return;
         vec4 q0 = pictureAt(p), q1 = pictureAt(p + ivec2(1, 0));
