@@ -114,6 +114,21 @@ void CommandBuffer::endRendering() {
     _pipeline.reset();
 }
 
+void CommandBuffer::record(const std::function<void(const vk::raii::CommandBuffer&)>& record,
+                           std::shared_ptr<const void> held) {
+    if (_committed || _target) {
+        fail("Commands were recorded inside a drawing pass or after commit");
+        return;
+    }
+    if (held)
+        _held.push_back(std::move(held));
+    try {
+        record(commands());
+    } catch (const std::exception& exception) {
+        fail(std::string("The commands could not be recorded: ") + exception.what());
+    }
+}
+
 void CommandBuffer::addCompletedHandler(std::function<void()> handler) {
     if (handler)
         _handlers.push_back(std::move(handler));

@@ -43,6 +43,11 @@ public:
     void draw(uint32_t vertexCount);
     void endRendering();
 
+    // Records commands that the calls above do not cover (a compute pass, a copy), outside a drawing
+    // pass. `held` is kept alive until the GPU has completed this buffer.
+    void record(const std::function<void(const vk::raii::CommandBuffer&)>& commands,
+                std::shared_ptr<const void> held = nullptr);
+
     // Called on the queue's completion thread once the GPU has completed this buffer.
     void addCompletedHandler(std::function<void()> handler);
 

@@ -64,7 +64,9 @@ Result<std::vector<uint32_t>> CompileShader(std::string_view source, ShaderStage
     options.SetTargetEnvironment(shaderc_target_env_vulkan, shaderc_env_version_vulkan_1_3);
     options.SetOptimizationLevel(shaderc_optimization_level_performance);
     std::string name(entryName);
-    auto kind = stage == ShaderStage::Vertex ? shaderc_vertex_shader : shaderc_fragment_shader;
+    auto kind = stage == ShaderStage::Vertex     ? shaderc_vertex_shader
+                : stage == ShaderStage::Fragment ? shaderc_fragment_shader
+                                                 : shaderc_compute_shader;
     shaderc::SpvCompilationResult result =
         compiler.CompileGlslToSpv(source.data(), source.size(), kind, name.c_str(), "main", options);
     if (result.GetCompilationStatus() != shaderc_compilation_status_success)

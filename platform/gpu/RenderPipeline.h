@@ -13,7 +13,7 @@
 
 namespace quorva {
 
-enum class ShaderStage { Vertex, Fragment };
+enum class ShaderStage { Vertex, Fragment, Compute };
 
 // Compiles GLSL source text (whose function is `main`, as GLSL wants) to SPIR-V whose entry point is
 // named `entryName`, so that pipelines and debuggers know the shader by its own name.

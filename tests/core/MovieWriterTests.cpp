@@ -1,4 +1,5 @@
 #include "core/MovieWriter.h"
+#include "tests/core/MovieReading.h"
 
 #include "platform/Log.h"
 
@@ -36,6 +37,8 @@ namespace quorva {
 namespace {
 
 namespace fs = std::filesystem;
+using testing::Movie;
+using testing::ReadMovie;
 
 constexpr int64_t H264 = 0, HEVC = 1, ProRes422 = 2, ProRes4444 = 3;
 
@@ -133,151 +136,9 @@ void WriteMovie(MovieWriter& writer, int count, double rate) {
     ASSERT_TRUE(finished) << finished.error().message();
 }
 
-// --- Reading movies back -----------------------------------------------------------------------------
-
-struct Movie {
-    bool opened = false;
-    AVCodecID videoCodec = AV_CODEC_ID_NONE;
-    std::string videoTag;
-    int width = 0, height = 0;
-    AVPixelFormat pixelFormat = AV_PIX_FMT_NONE;
-    AVColorPrimaries primaries = AVCOL_PRI_UNSPECIFIED;
-    AVColorTransferCharacteristic transfer = AVCOL_TRC_UNSPECIFIED;
-    AVColorSpace matrix = AVCOL_SPC_UNSPECIFIED;
-    AVColorRange range = AVCOL_RANGE_UNSPECIFIED;
-    AVRational videoTimeBase{0, 1};
-    std::vector<int64_t> times; // of the decoded pictures, in the video stream's time base
-    int keyFrames = 0;
-    int reordered = 0;        // picture packets whose decoding and presentation times differ
-    double videoDuration = 0; // seconds, from the stream
-    // Alpha of the first picture's left quarter and of the rest, 0 to 1, for formats that carry alpha.
-    double leftAlpha = -1, rightAlpha = -1;
-
-    AVCodecID audioCodec = AV_CODEC_ID_NONE;
-    int sampleRate = 0, channels = 0;
-    int64_t audioBitRate = 0;
-    int64_t soundFrames = 0; // decoded from time 0 on (AAC's priming left out)
-    double audioDuration = 0;
-    double firstSoundPeak = -1; // the loudest sample of the first 10 ms
-};
-
-void MeasureAlpha(const AVFrame* frame, Movie& movie) {
-    const AVPixFmtDescriptor* descriptor = av_pix_fmt_desc_get(AVPixelFormat(frame->format));
-    if (!(descriptor->flags & AV_PIX_FMT_FLAG_ALPHA) || descriptor->comp[3].depth <= 8)
-        return;
-    const double opaque = double((1 << descriptor->comp[3].depth) - 1);
-    const int plane = descriptor->comp[3].plane;
-    double left = 0, right = 0;
-    int leftCount = 0, rightCount = 0;
-    // A few columns either side of the edge are left out: the encoder may soften it.
-    const int edge = frame->width / 4;
-    for (int y = 0; y < frame->height; ++y) {
-        auto* row = reinterpret_cast<const uint16_t*>(frame->data[plane] + y * frame->linesize[plane]);
-        for (int x = 0; x < frame->width; ++x) {
-            if (x < edge - 2) {
-                left += row[x] / opaque;
-                ++leftCount;
-            } else if (x >= edge + 2) {
-                right += row[x] / opaque;
-                ++rightCount;
-            }
-        }
-    }
-    movie.leftAlpha = left / std::max(1, leftCount);
-    movie.rightAlpha = right / std::max(1, rightCount);
-}
-
-// Decodes every picture and every sound frame of the file, as a player would.
-Movie ReadMovie(const fs::path& path) {
-    Movie movie;
-    AVFormatContext* input = nullptr;
-    if (avformat_open_input(&input, path.c_str(), nullptr, nullptr) < 0)
-        return movie;
-    if (avformat_find_stream_info(input, nullptr) < 0) {
-        avformat_close_input(&input);
-        return movie;
-    }
-    movie.opened = true;
-    AVCodecContext* decoders[8] = {};
-    for (unsigned i = 0; i < input->nb_streams && i < 8; ++i) {
-        const AVStream* stream = input->streams[i];
-        const AVCodecParameters* p = stream->codecpar;
-        const AVCodec* codec = avcodec_find_decoder(p->codec_id);
-        decoders[i] = avcodec_alloc_context3(codec);
-        avcodec_parameters_to_context(decoders[i], p);
-        decoders[i]->pkt_timebase = stream->time_base;
-        avcodec_open2(decoders[i], codec, nullptr);
-        const double duration =
-            stream->duration > 0 ? double(stream->duration) * av_q2d(stream->time_base) : 0;
-        if (p->codec_type == AVMEDIA_TYPE_VIDEO) {
-            movie.videoCodec = p->codec_id;
-            char tag[AV_FOURCC_MAX_STRING_SIZE] = {};
-            movie.videoTag = av_fourcc_make_string(tag, p->codec_tag);
-            movie.width = p->width;
-            movie.height = p->height;
-            movie.pixelFormat = AVPixelFormat(p->format);
-            movie.primaries = p->color_primaries;
-            movie.transfer = p->color_trc;
-            movie.matrix = p->color_space;
-            movie.range = p->color_range;
-            movie.videoTimeBase = stream->time_base;
-            movie.videoDuration = duration;
-        } else if (p->codec_type == AVMEDIA_TYPE_AUDIO) {
-            movie.audioCodec = p->codec_id;
-            movie.sampleRate = p->sample_rate;
-            movie.channels = p->ch_layout.nb_channels;
-            movie.audioBitRate = p->bit_rate;
-            movie.audioDuration = duration;
-        }
-    }
-    AVPacket* packet = av_packet_alloc();
-    AVFrame* frame = av_frame_alloc();
-    auto drain = [&](unsigned index) {
-        AVCodecContext* decoder = decoders[index];
-        while (avcodec_receive_frame(decoder, frame) >= 0) {
-            if (decoder->codec_type == AVMEDIA_TYPE_VIDEO) {
-                if (movie.times.empty())
-                    MeasureAlpha(frame, movie);
-                movie.times.push_back(frame->best_effort_timestamp);
-                movie.keyFrames += frame->key_frame ? 1 : 0;
-            } else {
-                if (movie.soundFrames == 0 && frame->format == AV_SAMPLE_FMT_FLTP) {
-                    double peak = 0;
-                    for (int i = 0; i < std::min(frame->nb_samples, 480); ++i)
-                        peak = std::max(peak, double(std::fabs(reinterpret_cast<float*>(frame->data[0])[i])));
-                    movie.firstSoundPeak = peak;
-                }
-                // The AAC encoder's priming comes out before time 0; a player skips it.
-                const int64_t first = frame->best_effort_timestamp;
-                movie.soundFrames +=
-                    first < 0 ? std::max<int64_t>(0, frame->nb_samples + first) : frame->nb_samples;
-            }
-            av_frame_unref(frame);
-        }
-    };
-    while (av_read_frame(input, packet) >= 0) {
-        const unsigned index = unsigned(packet->stream_index);
-        if (index < 8 && decoders[index] && decoders[index]->codec_type == AVMEDIA_TYPE_VIDEO &&
-            packet->pts != packet->dts)
-            ++movie.reordered;
-        if (index < 8 && decoders[index] && avcodec_send_packet(decoders[index], packet) >= 0)
-            drain(index);
-        av_packet_unref(packet);
-    }
-    for (unsigned i = 0; i < input->nb_streams && i < 8; ++i) {
-        avcodec_send_packet(decoders[i], nullptr);
-        drain(i);
-        avcodec_free_context(&decoders[i]);
-    }
-    av_frame_free(&frame);
-    av_packet_free(&packet);
-    avformat_close_input(&input);
-    return movie;
-}
-
 // --- Fixtures ----------------------------------------------------------------------------------------
 
-class MovieWriterTest : public testing::Test {
+class MovieWriterTest : public ::testing::Test {
 protected:
     void SetUp() override {
         std::string pattern = (fs::temp_directory_path() / "quorva-movies-XXXXXX").string();
@@ -331,7 +192,7 @@ TEST(MovieWriterBitRate, FollowsTheRuleAndItsFloor) {
     EXPECT_EQ(MovieBitRate(H264, 1920, 1080, -5, -1), 12441600);
 }
 
-class MovieWriterCodecs : public MovieWriterTest, public testing::WithParamInterface<int64_t> {};
+class MovieWriterCodecs : public MovieWriterTest, public ::testing::WithParamInterface<int64_t> {};
 
 // Each codec writes a movie that decodes back with the right codec, size, pixel format, colour tags,
 // every picture on the 1/60000 grid, the last picture held until the end, and its sound track.
@@ -403,8 +264,8 @@ TEST_P(MovieWriterCodecs, WritesAMovieThatDecodesBack) {
     EXPECT_NEAR(double(movie.soundFrames) / 48000, 1.5, 1.0 / 30);
 }
 
-INSTANTIATE_TEST_SUITE_P(EachCodec, MovieWriterCodecs, testing::Values(H264, HEVC, ProRes422, ProRes4444),
-                         [](const testing::TestParamInfo<int64_t>& info) { return CodecName(info.param); });
+INSTANTIATE_TEST_SUITE_P(EachCodec, MovieWriterCodecs, ::testing::Values(H264, HEVC, ProRes422, ProRes4444),
+                         [](const ::testing::TestParamInfo<int64_t>& info) { return CodecName(info.param); });
 
 TEST_F(MovieWriterTest, KeyFramesComeAtLeastEveryTwoSeconds) {
     std::unique_ptr<MovieWriter> writer = Make("keys.mov", Small(H264, false, 10));

@@ -1,0 +1,683 @@
+#include "core/MovieRecorder.h"
+
+#include "platform/EventLoop.h"
+#include "platform/Log.h"
+
+extern "C" {
+#include <libavutil/channel_layout.h>
+#include <libavutil/samplefmt.h>
+#include <libswresample/swresample.h>
+}
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <system_error>
+#include <thread>
+#include <unistd.h>
+
+namespace quorva {
+
+namespace {
+
+constexpr int64_t ProRes4444 = 3;
+constexpr double SoundRate = MovieWriter::SoundRate;
+// Durations are compared with this much slack, so that a block of exactly the limit is not cut.
+constexpr double Slack = 0.000001;
+// Waiting sound is bounded by duration: two seconds, or thirty while silence is being written (then
+// sound piles up behind the gap and must not be lost).
+constexpr double WaitingLimit = 2;
+constexpr double WaitingLimitBehindGap = 30;
+// A pass writes at most a second of silence, so that pictures are never kept waiting behind a long gap.
+constexpr int64_t SilenceBudget = MovieWriter::SoundRate;
+// The last sound gets about five seconds to go out (5000 passes without progress, a millisecond apart).
+constexpr int LastSoundPatience = 5000;
+// The last picture is shown for at least this long (1/60000 s) when the finish comes right after it.
+constexpr int64_t LastFrameHold = 250;
+
+int64_t MovieTime(double seconds) {
+    return std::llround(seconds * MovieWriter::TimeScale);
+}
+
+std::string Quoted(const std::string& text) {
+    return "“" + text + "”";
+}
+
+} // namespace
+
+std::shared_ptr<MovieRecorder> MovieRecorder::make(std::shared_ptr<GpuDevice> device) {
+    Result<std::shared_ptr<CommandQueue>> queue = CommandQueue::make(std::move(device));
+    if (!queue) {
+        Log("MovieRecorder: ", "MovieRecorder could not be created: " + queue.error().message());
+        return nullptr;
+    }
+    return make(std::move(queue.value()));
+}
+
+std::shared_ptr<MovieRecorder> MovieRecorder::make(std::shared_ptr<CommandQueue> commandQueue) {
+    Result<std::unique_ptr<FrameConverter>> converter = FrameConverter::make(commandQueue);
+    if (!converter) {
+        Log("MovieRecorder: ", "MovieRecorder could not be created: " + converter.error().message());
+        return nullptr;
+    }
+    return std::shared_ptr<MovieRecorder>(
+        new MovieRecorder(std::move(commandQueue), std::move(converter.value())));
+}
+
+MovieRecorder::MovieRecorder(std::shared_ptr<CommandQueue> commandQueue,
+                             std::unique_ptr<FrameConverter> converter)
+    : _device(commandQueue->device()), _commandQueue(std::move(commandQueue)),
+      _converter(std::move(converter)), _queue(std::make_shared<SerialQueue>(".movie-recorder")) {}
+
+MovieRecorder::~MovieRecorder() {
+    // Every task holds the recorder, so none is left but delayed ones that were dropped; the writer of
+    // a recording never finished closes its file as it stands.
+    swr_free(&_resampler);
+}
+
+// --- Start -------------------------------------------------------------------------------------------
+
+Result<> MovieRecorder::startWritingToURL(const std::filesystem::path& url,
+                                          const MovieRecorderSettings& settings, double startTime) {
+    {
+        std::lock_guard guard(_lock);
+        if (_recording)
+            return RecorderError("A recording is already in progress");
+        if (_finishing)
+            return RecorderError("The previous movie is still being finished");
+    }
+    const std::filesystem::path folder = url.parent_path();
+    std::error_code error;
+    if (!std::filesystem::is_directory(folder, error))
+        return RecorderError("The folder " + Quoted(folder.string()) + " does not exist");
+    if (::access(folder.c_str(), W_OK) != 0)
+        return RecorderError("The folder " + Quoted(folder.string()) + " cannot be written to");
+    if (std::filesystem::exists(std::filesystem::symlink_status(url, error)))
+        return RecorderError(Quoted(url.filename().string()) + " already exists");
+    {
+        std::lock_guard guard(_lock);
+        _outputSize = {};
+    }
+
+    Result<> created;
+    _queue->sync([&] {
+        _url = url;
+        _settings = settings;
+        _writer.reset();
+        _writerFailure.reset();
+        forgetPool();
+        _lastTime = -1;
+        forgetSound();
+        if (settings.width() >= 1 && settings.height() >= 1)
+            created = createWriterForFrameOfWidth(uint64_t(settings.width()), uint64_t(settings.height()));
+    });
+    if (!created)
+        return created;
+
+    std::lock_guard guard(_lock);
+    _pacer = FramePacer(settings.framesPerSecond(), startTime);
+    _hasFirstFrame = !std::isnan(startTime);
+    _firstFrameTime = startTime;
+    _framesWritten = _framesDropped = _framesPending = 0;
+    _recordsSound = settings.recordsSound();
+    _waitingSound.clear();
+    _soundWaiting = 0;
+    _soundBehindGap = false;
+    _soundWritten = _soundLeftOut = 0;
+    _recording = true;
+    return {};
+}
+
+Result<> MovieRecorder::createWriterForFrameOfWidth(uint64_t width, uint64_t height) {
+    int64_t w = int64_t(std::min<uint64_t>(width, INT64_MAX)),
+            h = int64_t(std::min<uint64_t>(height, INT64_MAX));
+    if (_settings.width() >= 1 && _settings.height() >= 1) {
+        w = _settings.width();
+        h = _settings.height();
+    }
+    // Encoders want whole 2 × 2 blocks: the odd pixel goes.
+    w = std::max<int64_t>(w - w % 2, 2);
+    h = std::max<int64_t>(h - h % 2, 2);
+
+    MovieWriter::Format format;
+    format.codec = _settings.codec();
+    format.width = w;
+    format.height = h;
+    format.framesPerSecond = _settings.framesPerSecond();
+    format.megabitsPerSecond = _settings.megabitsPerSecond();
+    format.recordsSound = _settings.recordsSound();
+    Result<std::unique_ptr<MovieWriter>> made = MovieWriter::make(_url, format);
+    if (!made)
+        return made.error();
+    std::unique_ptr<MovieWriter> writer = std::move(made.value());
+    FrameFormat frameFormat = FrameFormat::of(*writer);
+    Result<> prepared = _converter->prepare(frameFormat);
+    if (!prepared) {
+        Log("MovieRecorder: ", prepared.error().message());
+        writer->cancel();
+        return RecorderError("A movie of " + std::to_string(w) + " × " + std::to_string(h) +
+                             " cannot be written");
+    }
+    _writer = std::move(writer);
+    _frameFormat = std::move(frameFormat);
+    std::lock_guard guard(_lock);
+    _outputSize = {double(w), double(h)};
+    return {};
+}
+
+// --- Pictures ----------------------------------------------------------------------------------------
+
+bool MovieRecorder::wantsFrameAtTime(double time) {
+    std::lock_guard guard(_lock);
+    if (!_recording || !_pacer.wouldKeepFrameAtTime(time))
+        return false;
+    if (_framesPending >= MaximumFramesInFlight) {
+        ++_framesDropped;
+        return false;
+    }
+    return true;
+}
+
+void MovieRecorder::appendTexture(const std::shared_ptr<Texture>& texture, bool flipped, double time) {
+    int64_t movieTime = 0;
+    {
+        std::lock_guard guard(_lock);
+        if (!_recording)
+            return;
+        FramePacerDecision decision = _pacer.decisionForFrameAtTime(time);
+        if (!decision.keep)
+            return;
+        if (!_hasFirstFrame) {
+            _hasFirstFrame = true;
+            _firstFrameTime = time;
+        }
+        if (_framesPending >= MaximumFramesInFlight) {
+            ++_framesDropped;
+            return;
+        }
+        ++_framesPending;
+        // Entered before the lock goes, so that a finish cannot slip in between and miss this frame.
+        _framesInFlight.enter();
+        movieTime = MovieTime(decision.time);
+    }
+    _queue->post([self = shared_from_this(), texture, flipped, movieTime] {
+        self->drawTexture(texture, flipped, movieTime);
+    });
+}
+
+void MovieRecorder::drawTexture(const std::shared_ptr<Texture>& texture, bool flipped, int64_t time) {
+    if (!_writer) {
+        bool recording;
+        {
+            std::lock_guard guard(_lock);
+            recording = _recording;
+        }
+        if (!recording) {
+            frameDoneWritten(false);
+            return;
+        }
+        Result<> created =
+            createWriterForFrameOfWidth(texture ? texture->width() : 0, texture ? texture->height() : 0);
+        if (!created) {
+            frameDoneWritten(false);
+            failWithError(created.error());
+            return;
+        }
+    }
+    if (_writer->hasFailed()) {
+        frameDoneWritten(false);
+        failWithError(writerError("The movie could not be written"));
+        return;
+    }
+    const bool transparentBars = _settings.codec() == ProRes4444;
+    Result<> converting =
+        _converter->convert(texture, flipped, transparentBars, _frameFormat,
+                            [self = shared_from_this(), time](std::shared_ptr<FrameMemory> memory) {
+                                self->_queue->post([self, memory = std::move(memory), time]() mutable {
+                                    self->appendPixelBuffer(std::move(memory), time);
+                                });
+                            });
+    if (!converting) {
+        Log("MovieRecorder: ", "a frame could not be converted: " + converting.error().message());
+        frameDoneWritten(false);
+    }
+}
+
+void MovieRecorder::appendPixelBuffer(std::shared_ptr<FrameMemory> memory, int64_t time) {
+    bool written = false;
+    // Time stamps strictly increase; a writer dropped by a failure meanwhile takes nothing more.
+    if (memory && _writer && memory->size() == _frameFormat.bytes && (_lastTime < 0 || time > _lastTime)) {
+        writeWaitingSound();
+        uint8_t* bytes = memory->data();
+        MovieFrame frame =
+            _writer->wrapFrame(bytes, [memory = std::move(memory)]() mutable { memory.reset(); });
+        Result<> appended =
+            frame ? _writer->appendFrame(std::move(frame), time) : Result<>(RecorderError(""));
+        if (appended) {
+            _lastTime = time;
+            written = true;
+        } else if (_writer->hasFailed()) {
+            _writerFailure = appended.error();
+        }
+    }
+    frameDoneWritten(written);
+    writeWaitingSound();
+    if (_writer && _writer->hasFailed() && isRecording())
+        failWithError(writerError("The movie could not be written"));
+}
+
+void MovieRecorder::frameDoneWritten(bool written) {
+    {
+        std::lock_guard guard(_lock);
+        --_framesPending;
+        if (written)
+            ++_framesWritten;
+        else
+            ++_framesDropped;
+    }
+    _framesInFlight.leave();
+}
+
+void MovieRecorder::forgetPool() {
+    _converter->forgetPool();
+    _frameFormat = {};
+}
+
+Error MovieRecorder::writerError(const char* otherwise) const {
+    return _writerFailure ? *_writerFailure : RecorderError(otherwise);
+}
+
+// --- Finish and failure ------------------------------------------------------------------------------
+
+void MovieRecorder::finishAtTime(double time, CompletionHandler completionHandler) {
+    bool wasRecording;
+    double duration = 0;
+    {
+        std::lock_guard guard(_lock);
+        wasRecording = _recording;
+        _recording = false;
+        if (wasRecording)
+            _finishing = true;
+        if (_hasFirstFrame)
+            duration = time - _firstFrameTime;
+    }
+    if (!wasRecording) {
+        EventLoop::postToMain([completionHandler] {
+            if (completionHandler)
+                completionHandler(RecorderError("There is no recording in progress"));
+        });
+        return;
+    }
+    auto done = [self = shared_from_this(), completionHandler](std::optional<Error> error) {
+        {
+            std::lock_guard guard(self->_lock);
+            self->_finishing = false;
+        }
+        EventLoop::postToMain([completionHandler, error] {
+            if (completionHandler)
+                completionHandler(error);
+        });
+    };
+    _framesInFlight.notify(_queue, [self = shared_from_this(), duration, done] {
+        const bool wroteFrame = self->_writer && self->_lastTime >= 0;
+        if (wroteFrame)
+            self->writeLastSound();
+        self->forgetSound();
+        std::unique_ptr<MovieWriter> writer = std::move(self->_writer);
+        self->forgetPool();
+        if (!wroteFrame) {
+            if (writer)
+                writer->cancel();
+            done(RecorderError("No frame was received, so no movie was written"));
+            return;
+        }
+        const int64_t end = std::max(MovieTime(duration), self->_lastTime + LastFrameHold);
+        Result<> finished = writer->finish(end);
+        if (finished)
+            done(std::nullopt);
+        else
+            done(finished.error().message().empty() ? RecorderError("The movie could not be finished")
+                                                    : finished.error());
+    });
+}
+
+void MovieRecorder::failWithError(const Error& error) {
+    {
+        std::lock_guard guard(_lock);
+        if (!_recording)
+            return;
+        _recording = false;
+        _finishing = true;
+    }
+    auto fail = [self = shared_from_this(), error] {
+        if (self->_writer) {
+            // A movie without a picture is not kept; one with pictures keeps what its fragments hold.
+            if (self->_lastTime < 0)
+                self->_writer->cancel();
+            self->_writer.reset();
+        }
+        self->forgetPool();
+        self->forgetSound();
+        self->_framesInFlight.notify(self->_queue, [self] {
+            std::lock_guard guard(self->_lock);
+            self->_finishing = false;
+        });
+        FailureHandler handler = self->failureHandler();
+        if (handler)
+            EventLoop::postToMain([handler, error] { handler(error); });
+    };
+    if (_queue->isCurrent())
+        fail();
+    else
+        _queue->post(fail);
+}
+
+// --- Properties --------------------------------------------------------------------------------------
+
+MovieRecorder::FailureHandler MovieRecorder::failureHandler() const {
+    std::lock_guard guard(_lock);
+    return _failureHandler;
+}
+
+void MovieRecorder::setFailureHandler(FailureHandler handler) {
+    std::lock_guard guard(_lock);
+    _failureHandler = std::move(handler);
+}
+
+bool MovieRecorder::isRecording() const {
+    std::lock_guard guard(_lock);
+    return _recording;
+}
+
+uint64_t MovieRecorder::framesWritten() const {
+    std::lock_guard guard(_lock);
+    return _framesWritten;
+}
+
+uint64_t MovieRecorder::framesDropped() const {
+    std::lock_guard guard(_lock);
+    return _framesDropped;
+}
+
+uint64_t MovieRecorder::framesPending() const {
+    std::lock_guard guard(_lock);
+    return _framesPending;
+}
+
+double MovieRecorder::soundWritten() const {
+    std::lock_guard guard(_lock);
+    return _soundWritten;
+}
+
+double MovieRecorder::soundLeftOut() const {
+    std::lock_guard guard(_lock);
+    return _soundLeftOut;
+}
+
+Size MovieRecorder::outputSize() const {
+    std::lock_guard guard(_lock);
+    return _outputSize;
+}
+
+// --- Sound -------------------------------------------------------------------------------------------
+
+void MovieRecorder::appendSound(const std::shared_ptr<SourceSound>& sound, double time) {
+    if (!sound || sound->frameCount() == 0)
+        return;
+    double limit;
+    {
+        std::lock_guard guard(_lock);
+        if (!_recording || !_recordsSound)
+            return;
+        limit = _soundBehindGap ? WaitingLimitBehindGap : WaitingLimit;
+    }
+    // A block longer than the queue may hold keeps its end; it still ends at its arrival.
+    std::shared_ptr<SourceSound> kept = sound;
+    double cut = 0;
+    if (sound->duration() > limit + Slack) {
+        const uint64_t keep = uint64_t(std::llround(limit * sound->sampleRate()));
+        kept = sound->soundFromFrame(sound->frameCount() - std::min(keep, sound->frameCount()));
+        cut = sound->duration() - (kept ? kept->duration() : 0);
+    }
+    bool scheduled;
+    {
+        std::lock_guard guard(_lock);
+        _soundLeftOut += cut;
+        if (!kept || !_recording || !_recordsSound)
+            return;
+        _waitingSound.emplace_back(kept, time);
+        _soundWaiting += kept->duration();
+        while (_waitingSound.size() > 1 && _soundWaiting > limit + Slack) {
+            const double dropped = _waitingSound.front().sound()->duration();
+            _waitingSound.pop_front();
+            _soundWaiting -= dropped;
+            _soundLeftOut += dropped;
+        }
+        scheduled = _soundWriteScheduled;
+        _soundWriteScheduled = true;
+    }
+    if (!scheduled)
+        scheduleSoundWrite();
+}
+
+void MovieRecorder::scheduleSoundWrite() {
+    scheduleSoundWriteAfter(0);
+}
+
+void MovieRecorder::scheduleSoundWriteAfter(double seconds) {
+    _queue->postAfter(seconds, [self = shared_from_this()] {
+        {
+            std::lock_guard guard(self->_lock);
+            self->_soundWriteScheduled = false;
+        }
+        self->writeWaitingSound();
+    });
+}
+
+bool MovieRecorder::writeWaitingSound() {
+    if (!_writer || !_writer->format().recordsSound || _writer->hasFailed())
+        return true;
+    if (!_soundTimeline) {
+        double origin;
+        {
+            std::lock_guard guard(_lock);
+            if (!_hasFirstFrame)
+                return true;
+            origin = _firstFrameTime;
+        }
+        _soundTimeline = std::make_unique<SoundTimeline>(origin);
+    }
+
+    bool progressed = true;
+    int64_t budget = SilenceBudget;
+    for (;;) {
+        while (!_placedSound.empty()) {
+            PlacedSound& head = _placedSound.front();
+            if (auto* sound = std::get_if<std::shared_ptr<SourceSound>>(&head)) {
+                if (!appendSamples((*sound)->samples(), int64_t((*sound)->frameCount()))) {
+                    progressed = false;
+                    break;
+                }
+                _placedSound.pop_front();
+                continue;
+            }
+            Silence& silence = std::get<Silence>(head);
+            if (silence.frames < 1) {
+                _placedSound.pop_front();
+                continue;
+            }
+            if (budget == 0)
+                break;
+            const int64_t frames = std::min(silence.frames, budget);
+            if (!appendSamples(nullptr, frames)) {
+                progressed = false;
+                break;
+            }
+            budget -= frames;
+            silence.frames -= frames;
+            if (silence.frames == 0)
+                _placedSound.pop_front();
+        }
+        if (!progressed || placedSoundIncludesSound())
+            break;
+        WaitingSound next;
+        {
+            std::lock_guard guard(_lock);
+            if (_waitingSound.empty())
+                break;
+            next = std::move(_waitingSound.front());
+            _waitingSound.pop_front();
+            _soundWaiting -= next.sound()->duration();
+        }
+        placeSound(next.sound(), next.time());
+    }
+
+    const bool placedSilence = std::any_of(_placedSound.begin(), _placedSound.end(),
+                                           [](const PlacedSound& placed) { return placed.index() == 1; });
+    bool waiting, schedule = false;
+    {
+        std::lock_guard guard(_lock);
+        _soundBehindGap = placedSilence || (_soundBehindGap && _soundWaiting > WaitingLimit + Slack);
+        waiting = !_waitingSound.empty();
+        if ((waiting || !_placedSound.empty()) && !_soundWriteScheduled) {
+            _soundWriteScheduled = true;
+            schedule = true;
+        }
+    }
+    if (schedule)
+        scheduleSoundWriteAfter(progressed ? 0 : 0.002);
+    return progressed;
+}
+
+bool MovieRecorder::placedSoundIncludesSound() const {
+    return std::any_of(_placedSound.begin(), _placedSound.end(),
+                       [](const PlacedSound& placed) { return placed.index() == 0; });
+}
+
+void MovieRecorder::placeSound(const std::shared_ptr<SourceSound>& sound, double time) {
+    const double silenceBefore = _soundTimeline->silenceAdded();
+    std::vector<std::shared_ptr<SourceSound>> pieces = _soundTimeline->piecesForSound(sound, time);
+    if (pieces.empty())
+        return;
+    // The timeline's silence is expressed once, at the track's own rate, rather than as its blocks.
+    const int64_t gap = std::llround((_soundTimeline->silenceAdded() - silenceBefore) * SoundRate);
+    if (sound->sampleRate() != _soundRate || gap >= 1)
+        endConversion();
+    _soundRate = sound->sampleRate();
+    if (!_resampler && _soundRate != SoundRate) {
+        AVChannelLayout stereo = AV_CHANNEL_LAYOUT_STEREO;
+        if (swr_alloc_set_opts2(&_resampler, &stereo, AV_SAMPLE_FMT_FLT, int(SoundRate), &stereo,
+                                AV_SAMPLE_FMT_FLT, int(std::lround(_soundRate)), 0, nullptr) < 0 ||
+            swr_init(_resampler) < 0) {
+            Log("MovieRecorder: ", "MovieRecorder could not convert sound: the converter did not open");
+            swr_free(&_resampler);
+        }
+    }
+    if (gap >= 1)
+        _placedSound.push_back(Silence{gap});
+    std::shared_ptr<SourceSound> last = _resampler ? convertSound(pieces.back()) : pieces.back();
+    if (last && (_resampler || last->sampleRate() == SoundRate))
+        _placedSound.push_back(std::move(last));
+}
+
+std::shared_ptr<SourceSound> MovieRecorder::convertSound(const std::shared_ptr<SourceSound>& sound) {
+    if (!_resampler)
+        return nullptr;
+    const int64_t capacity = (sound ? int64_t(std::ceil(double(sound->frameCount()) * SoundRate / _soundRate))
+                                    : int64_t(swr_get_out_samples(_resampler, 0))) +
+                             1024;
+    SourceSound::Buffer buffer(static_cast<float*>(std::malloc(size_t(capacity) * 2 * sizeof(float))));
+    if (!buffer)
+        return nullptr;
+    int64_t collected = 0;
+    const uint8_t* input = sound ? reinterpret_cast<const uint8_t*>(sound->samples()) : nullptr;
+    int inputFrames = sound ? int(sound->frameCount()) : 0;
+    // Input goes in once; flushing (no input) is repeated until the converter has nothing left.
+    for (;;) {
+        uint8_t* output = reinterpret_cast<uint8_t*>(buffer.get() + 2 * collected);
+        const int converted = swr_convert(_resampler, &output, int(capacity - collected),
+                                          input ? &input : nullptr, inputFrames);
+        if (converted < 0) {
+            char text[AV_ERROR_MAX_STRING_SIZE] = {};
+            av_strerror(converted, text, sizeof text);
+            Log("MovieRecorder: ", std::string("MovieRecorder could not convert sound: ") + text);
+            break;
+        }
+        collected += converted;
+        if (sound || converted == 0 || collected >= capacity)
+            break;
+    }
+    if (collected == 0)
+        return nullptr;
+    return SourceSound::make(std::move(buffer), uint64_t(collected), SoundRate);
+}
+
+void MovieRecorder::endConversion() {
+    if (!_resampler)
+        return;
+    if (std::shared_ptr<SourceSound> rest = convertSound(nullptr))
+        _placedSound.push_back(std::move(rest));
+    swr_free(&_resampler);
+}
+
+bool MovieRecorder::appendSamples(const float* samples, int64_t frameCount) {
+    Result<> appended = _writer->appendSound(samples, frameCount, _soundPosition);
+    if (!appended) {
+        if (_writer->hasFailed())
+            _writerFailure = appended.error();
+        return false;
+    }
+    _soundPosition += frameCount;
+    std::lock_guard guard(_lock);
+    _soundWritten += double(frameCount) / SoundRate;
+    return true;
+}
+
+void MovieRecorder::writeLastSound() {
+    if (!_writer || !_writer->format().recordsSound)
+        return;
+    bool flushed = false;
+    int idle = 0;
+    while (!_writer->hasFailed()) {
+        const int64_t before = _soundPosition;
+        writeWaitingSound();
+        auto nothingWaits = [this] {
+            std::lock_guard guard(_lock);
+            return _waitingSound.empty();
+        };
+        if (nothingWaits() && !flushed) {
+            endConversion();
+            flushed = true;
+            writeWaitingSound();
+        }
+        if (nothingWaits() && _placedSound.empty())
+            return;
+        if (_soundPosition != before) {
+            idle = 0;
+        } else if (++idle >= LastSoundPatience) {
+            break;
+        } else {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+    double remaining = 0;
+    for (const PlacedSound& placed : _placedSound)
+        if (auto* sound = std::get_if<std::shared_ptr<SourceSound>>(&placed))
+            remaining += (*sound)->duration();
+    std::lock_guard guard(_lock);
+    _soundLeftOut += remaining + _soundWaiting;
+}
+
+void MovieRecorder::forgetSound() {
+    _soundTimeline.reset();
+    swr_free(&_resampler);
+    _soundRate = 0;
+    _placedSound.clear();
+    _soundPosition = 0;
+    std::lock_guard guard(_lock);
+    _waitingSound.clear();
+    _soundWaiting = 0;
+    _soundBehindGap = false;
+}
+
+} // namespace quorva

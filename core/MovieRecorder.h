@@ -1,0 +1,170 @@
+#pragma once
+
+#include "core/FrameConverter.h"
+#include "core/FramePacer.h"
+#include "core/Geometry.h"
+#include "core/MovieRecorderSettings.h"
+#include "core/MovieWriter.h"
+#include "core/SoundTimeline.h"
+#include "core/SourceSound.h"
+#include "core/WaitingSound.h"
+#include "platform/Error.h"
+#include "platform/SerialQueue.h"
+#include "platform/TaskGroup.h"
+#include "platform/gpu/CommandQueue.h"
+#include "platform/gpu/GpuDevice.h"
+#include "platform/gpu/Texture.h"
+
+#include <cstdint>
+#include <deque>
+#include <filesystem>
+#include <functional>
+#include <limits>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <variant>
+#include <vector>
+
+struct SwrContext;
+
+namespace quorva {
+
+// Writes one QuickTime movie from GPU textures that arrive in real time, and its sound track from sound
+// blocks. Each frame is paced onto the movie's frame-rate grid, fitted (letterboxed, flipped if need be)
+// and converted to the encoder's pixel format on the GPU, straight into memory that the encoder reads, and
+// encoded on the recorder's own serial queue with a time stamp in 1/60000 s. At most three frames are in
+// flight: a fourth is dropped at once and counted, so a slow encoder costs frames, never memory or
+// latency. A take owns one recorder per movie and reuses it from take to take.
+//
+// Frames and sound may arrive on any thread. Completion and failure handlers run on the main queue.
+class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
+public:
+    // Called with nothing when the movie was written, else with why not.
+    using CompletionHandler = std::function<void(std::optional<Error> error)>;
+    using FailureHandler = std::function<void(const Error& error)>;
+
+    static constexpr uint64_t MaximumFramesInFlight = 3;
+
+    // Nothing (and the reason logged, "MovieRecorder could not be created: …") when the conversion pass
+    // cannot be built on this device.
+    static std::shared_ptr<MovieRecorder> make(std::shared_ptr<GpuDevice> device);
+    // The same, on a command queue that others share.
+    static std::shared_ptr<MovieRecorder> make(std::shared_ptr<CommandQueue> commandQueue);
+
+    ~MovieRecorder();
+    MovieRecorder(const MovieRecorder&) = delete;
+    MovieRecorder& operator=(const MovieRecorder&) = delete;
+
+    // Starts a movie at `url`, which must not exist yet, in an existing folder that can be written to.
+    // `startTime` (host seconds) is the movie's time 0 and the origin of its frame-rate grid; NaN makes it
+    // the first kept frame's time. With a size in the settings the movie file is created now (and its
+    // codec's refusal of that size is the answer); without one, at the first frame, at that frame's size.
+    Result<> startWritingToURL(const std::filesystem::path& url, const MovieRecorderSettings& settings,
+                               double startTime = std::numeric_limits<double>::quiet_NaN());
+
+    // Whether a frame at host time `time` would be kept: ask before spending work on one. A frame that
+    // would be a fourth in flight answers false and is counted as dropped here.
+    bool wantsFrameAtTime(double time);
+    // Hands a frame in and returns at once; the texture is held until the GPU has read it. `flipped`: the
+    // texture is stored bottom-up.
+    void appendTexture(const std::shared_ptr<Texture>& texture, bool flipped, double time);
+    // Hands a sound block in, stamped with the host time it arrived at (a block ends at its arrival), and
+    // returns at once. Ignored unless the movie records sound.
+    void appendSound(const std::shared_ptr<SourceSound>& sound, double time);
+
+    // Ends the movie at host time `time` once the frames in flight are written: the last picture is held
+    // until then. The handler runs on the main queue.
+    void finishAtTime(double time, CompletionHandler completionHandler);
+    // Ends the recording as failed: the file keeps what its complete fragments hold (nothing if no frame
+    // was written), and the failure handler gets `error` on the main queue. Does nothing when not
+    // recording.
+    void failWithError(const Error& error);
+
+    // Called on the main queue when the recording fails on its own (the encoder or the disk gave up).
+    FailureHandler failureHandler() const;
+    void setFailureHandler(FailureHandler handler);
+
+    bool isRecording() const;
+    uint64_t framesWritten() const;
+    // Frames that the pacer kept but that were not written: a fourth in flight, a failed conversion, a
+    // time not later than the last.
+    uint64_t framesDropped() const;
+    uint64_t framesPending() const;
+    // Seconds of sound track written, silence included.
+    double soundWritten() const;
+    // Seconds of received sound that will never be written (queue overflow, trimmed blocks, what was
+    // left at the finish).
+    double soundLeftOut() const;
+    // The size of the movie's pictures; 0 × 0 until the movie file exists.
+    Size outputSize() const;
+
+private:
+    struct Silence {
+        int64_t frames;
+    };
+    using PlacedSound = std::variant<std::shared_ptr<SourceSound>, Silence>;
+
+    MovieRecorder(std::shared_ptr<CommandQueue> commandQueue, std::unique_ptr<FrameConverter> converter);
+
+    // On _queue.
+    Result<> createWriterForFrameOfWidth(uint64_t width, uint64_t height);
+    void drawTexture(const std::shared_ptr<Texture>& texture, bool flipped, int64_t time);
+    void appendPixelBuffer(std::shared_ptr<FrameMemory> memory, int64_t time);
+    void frameDoneWritten(bool written);
+    void forgetPool();
+    Error writerError(const char* otherwise) const;
+
+    // Sound, on _queue.
+    void scheduleSoundWrite();
+    void scheduleSoundWriteAfter(double seconds);
+    // A pass; false when an append failed, so that the next one waits a little.
+    bool writeWaitingSound();
+    bool placedSoundIncludesSound() const;
+    void placeSound(const std::shared_ptr<SourceSound>& sound, double time);
+    std::shared_ptr<SourceSound> convertSound(const std::shared_ptr<SourceSound>& sound);
+    void endConversion();
+    bool appendSamples(const float* samples, int64_t frameCount);
+    void writeLastSound();
+    void forgetSound();
+
+    std::shared_ptr<GpuDevice> _device;
+    std::shared_ptr<CommandQueue> _commandQueue;
+    std::unique_ptr<FrameConverter> _converter;
+    std::shared_ptr<SerialQueue> _queue;
+    TaskGroup _framesInFlight;
+
+    // Belong to _queue.
+    std::filesystem::path _url;
+    MovieRecorderSettings _settings;
+    std::unique_ptr<MovieWriter> _writer;
+    FrameFormat _frameFormat;
+    std::optional<Error> _writerFailure;
+    int64_t _lastTime = -1; // 1/60000 s; -1 until the first frame is appended
+    std::unique_ptr<SoundTimeline> _soundTimeline;
+    double _soundRate = 0;
+    SwrContext* _resampler = nullptr;
+    std::deque<PlacedSound> _placedSound;
+    int64_t _soundPosition = 0;
+
+    mutable std::mutex _lock; // guards everything below
+    bool _recording = false;
+    bool _finishing = false;
+    FramePacer _pacer{0};
+    bool _hasFirstFrame = false;
+    double _firstFrameTime = 0;
+    uint64_t _framesWritten = 0;
+    uint64_t _framesDropped = 0;
+    uint64_t _framesPending = 0;
+    Size _outputSize;
+    bool _recordsSound = false;
+    std::deque<WaitingSound> _waitingSound;
+    double _soundWaiting = 0;
+    bool _soundWriteScheduled = false;
+    bool _soundBehindGap = false;
+    double _soundWritten = 0;
+    double _soundLeftOut = 0;
+    FailureHandler _failureHandler;
+};
+
+} // namespace quorva

@@ -1,0 +1,389 @@
+#include "core/Take.h"
+
+#include "platform/EventLoop.h"
+#include "platform/Log.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <system_error>
+#include <unistd.h>
+
+namespace quorva {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// A size from a source or the user as the whole pixels a recorder is given: fractions dropped, anything
+// that is not a finite positive number read as "take the first frame's size".
+int64_t WholePixels(double value) {
+    if (!std::isfinite(value) || value < 1)
+        return 0;
+    return value >= double(INT64_MAX) ? INT64_MAX : int64_t(value);
+}
+
+} // namespace
+
+Error TakeError(std::string message) {
+    return Error(MovieRecorderErrorDomain, -1, std::move(message));
+}
+
+// --- TakeMovie ---------------------------------------------------------------------------------------
+
+TakeMovie::TakeMovie(bool hasSound, std::string sourceTitle, fs::path url,
+                     std::shared_ptr<MovieRecorder> recorder)
+    : _hasSound(hasSound), _sourceTitle(std::move(sourceTitle)), _url(std::move(url)),
+      _recorder(std::move(recorder)) {}
+
+std::optional<Error> TakeMovie::error() const {
+    std::lock_guard lock(_lock);
+    return _error;
+}
+
+void TakeMovie::setError(Error error) {
+    std::lock_guard lock(_lock);
+    _error = std::move(error);
+}
+
+uint64_t TakeMovie::framesWritten() const {
+    return _recorder->framesWritten();
+}
+uint64_t TakeMovie::framesDropped() const {
+    return _recorder->framesDropped();
+}
+double TakeMovie::soundWritten() const {
+    return _recorder->soundWritten();
+}
+double TakeMovie::soundLeftOut() const {
+    return _recorder->soundLeftOut();
+}
+
+// --- Take --------------------------------------------------------------------------------------------
+
+std::shared_ptr<Take> Take::make(std::shared_ptr<GpuDevice> device) {
+    return std::make_shared<Take>(Private{}, std::move(device));
+}
+
+Take::Take(Private, std::shared_ptr<GpuDevice> device) : _device(std::move(device)) {}
+
+Result<> Take::startWithSourceTitles(const std::vector<std::string>& titles, const SourceSizes& sizes,
+                                     const std::string_view name, const fs::path& folder,
+                                     const MovieRecorderSettings& settings, double time) {
+    return startWithSourceTitles(titles, sizes, TakeOutputSeparate, Size{}, name, folder, settings, time);
+}
+
+Result<> Take::startWithSourceTitles(const std::vector<std::string>& titles, const SourceSizes& sizes,
+                                     int64_t output, Size assembledSize, std::string_view name,
+                                     const fs::path& folder, const MovieRecorderSettings& settings,
+                                     double time) {
+    return startWithSourceTitles(titles, sizes, output, assembledSize, {}, NoIndex, name, folder, settings,
+                                 time);
+}
+
+Result<> Take::startWithSourceTitles(const std::vector<std::string>& titles, const SourceSizes& sizes,
+                                     int64_t output, Size assembledSize, const std::set<size_t>& soundSources,
+                                     size_t assembledSoundIndex, std::string_view name,
+                                     const fs::path& folder, const MovieRecorderSettings& settings,
+                                     double time) {
+    return startWithSourceTitles(titles, sizes, output, assembledSize, soundSources, assembledSoundIndex,
+                                 false, name, folder, settings, time);
+}
+
+Result<> Take::startWithSourceTitles(const std::vector<std::string>& titles, const SourceSizes& sizes,
+                                     int64_t output, Size assembledSize, const std::set<size_t>& soundSources,
+                                     size_t assembledSoundIndex, bool computerSound, std::string_view name,
+                                     const fs::path& folder, const MovieRecorderSettings& settings,
+                                     double time) {
+    {
+        std::lock_guard lock(_lock);
+        if (_recording)
+            return TakeError("A recording is already in progress");
+        if (_finishing)
+            return TakeError("The previous movies are still being finished");
+    }
+    if (titles.empty())
+        return TakeError("No source is selected");
+    std::error_code error;
+    if (!fs::is_directory(folder, error))
+        return TakeError("The folder “" + folder.string() + "” does not exist");
+
+    if (output != TakeOutputAssembled && output != TakeOutputBoth)
+        output = TakeOutputSeparate;
+    const bool assembled = output != TakeOutputSeparate;
+    if (assembled) {
+        // Written this way round so that a size that is not a number counts as none.
+        if (!(assembledSize.width >= 2 && assembledSize.height >= 2))
+            return TakeError("The assembled picture has no size");
+        if (assembledSize.width > MaximumAssembledSide || assembledSize.height > MaximumAssembledSide)
+            return TakeError("An assembled picture of " + std::to_string(int64_t(assembledSize.width)) +
+                             " × " + std::to_string(int64_t(assembledSize.height)) +
+                             " is too large to be written. Choose a smaller size for the assembled movie");
+    }
+
+    const size_t count = output == TakeOutputAssembled ? 0 : titles.size();
+    if (Result<> grown = growRecorders(count, assembled); !grown)
+        return grown;
+
+    const TakeURLs urls = URLsForName(name, titles, output, folder);
+
+    if (computerSound || output == TakeOutputSeparate || assembledSoundIndex >= titles.size())
+        assembledSoundIndex = NoIndex;
+
+    std::vector<std::shared_ptr<TakeMovie>> computerSoundMovies;
+    std::vector<std::shared_ptr<TakeMovie>> started;
+    std::shared_ptr<TakeMovie> assembledMovie;
+    if (assembled) {
+        MovieRecorderSettings movieSettings = settings;
+        movieSettings.setWidth(int64_t(assembledSize.width));
+        movieSettings.setHeight(int64_t(assembledSize.height));
+        movieSettings.setRecordsSound(computerSound || assembledSoundIndex != NoIndex);
+        assembledMovie = std::make_shared<TakeMovie>(movieSettings.recordsSound(), std::string(),
+                                                     *urls.assembled, _assembledRecorder);
+        if (computerSound)
+            computerSoundMovies.push_back(assembledMovie);
+        if (Result<> begun = startMovie(assembledMovie, NoIndex, movieSettings, time); !begun) {
+            // The folder's own refusal says all there is to say; otherwise the likely cause is a size the
+            // codec will not take, which the user can do something about.
+            if (access(folder.c_str(), W_OK) != 0)
+                return begun;
+            return TakeError(begun.error().message() +
+                             ". Choose a smaller size for the assembled movie, or HEVC or ProRes");
+        }
+        started.push_back(assembledMovie);
+    }
+
+    std::vector<std::shared_ptr<TakeMovie>> movies;
+    for (size_t i = 0; i < count; ++i) {
+        MovieRecorderSettings movieSettings = settings;
+        const std::optional<Size> size = i < sizes.size() ? sizes[i] : std::nullopt;
+        movieSettings.setWidth(size ? WholePixels(size->width) : 0);
+        movieSettings.setHeight(size ? WholePixels(size->height) : 0);
+        const bool ownSound = soundSources.count(i) > 0;
+        const bool hearsComputer = computerSound && output == TakeOutputSeparate && !ownSound;
+        movieSettings.setRecordsSound(ownSound || hearsComputer);
+        auto movie = std::make_shared<TakeMovie>(movieSettings.recordsSound(), titles[i], urls.separate[i],
+                                                 _recorders[i]);
+        if (Result<> begun = startMovie(movie, i, movieSettings, time); !begun) {
+            // A take is all its movies or none: those already begun end now, and as none has a frame
+            // yet, their files go with them.
+            for (const std::shared_ptr<TakeMovie>& other : started)
+                other->recorder()->finishAtTime(time, [](std::optional<Error>) {});
+            return begun;
+        }
+        if (hearsComputer)
+            computerSoundMovies.push_back(movie);
+        movies.push_back(movie);
+        started.push_back(movie);
+    }
+
+    std::lock_guard lock(_lock);
+    _movies = std::move(movies);
+    _assembledMovie = std::move(assembledMovie);
+    _soundSources = soundSources;
+    _assembledSoundIndex = assembledSoundIndex;
+    _computerSoundMovies = std::move(computerSoundMovies);
+    _recording = true;
+    return {};
+}
+
+Result<> Take::growRecorders(size_t count, bool assembled) {
+    const Error unavailable = TakeError("Movies cannot be written on this Mac: Vulkan is not available");
+    while (_recorders.size() < count) {
+        std::shared_ptr<MovieRecorder> recorder = _device ? MovieRecorder::make(_device) : nullptr;
+        if (!recorder)
+            return unavailable;
+        _recorders.push_back(std::move(recorder));
+    }
+    if (assembled && !_assembledRecorder) {
+        _assembledRecorder = _device ? MovieRecorder::make(_device) : nullptr;
+        if (!_assembledRecorder)
+            return unavailable;
+    }
+    return {};
+}
+
+Result<> Take::startMovie(const std::shared_ptr<TakeMovie>& movie, size_t index,
+                          const MovieRecorderSettings& settings, double time) {
+    // Weak: the recorder keeps its handler, and the movie and the take keep the recorder.
+    std::weak_ptr<Take> weakTake = weak_from_this();
+    std::weak_ptr<TakeMovie> weakMovie = movie;
+    movie->recorder()->setFailureHandler([weakTake, weakMovie, index](const Error& error) {
+        std::shared_ptr<Take> take = weakTake.lock();
+        std::shared_ptr<TakeMovie> movie = weakMovie.lock();
+        if (take && movie)
+            take->movieFailed(movie, index, error);
+    });
+    return movie->recorder()->startWritingToURL(movie->url(), settings, time);
+}
+
+void Take::movieFailed(const std::shared_ptr<TakeMovie>& movie, size_t index, const Error& error) {
+    // The failure itself wins over whatever the finish may have noted meanwhile.
+    movie->setError(error);
+    MovieFailureHandler handler;
+    {
+        std::lock_guard lock(_lock);
+        // A movie of a take that never began, or of an earlier take, is nobody's concern now.
+        if (movie != _assembledMovie && std::find(_movies.begin(), _movies.end(), movie) == _movies.end())
+            return;
+        handler = _movieFailureHandler;
+    }
+    Log("Take: ", (movie->sourceTitle().empty() ? std::string("Assembled movie") : movie->sourceTitle()) +
+                      ": " + error.message());
+    if (handler)
+        handler(index, error);
+}
+
+std::shared_ptr<MovieRecorder> Take::separateRecorder(size_t index) const {
+    std::lock_guard lock(_lock);
+    if (!_recording || index >= _movies.size())
+        return nullptr;
+    return _movies[index]->recorder();
+}
+
+void Take::appendTexture(const std::shared_ptr<Texture>& texture, bool flipped, size_t index, double time) {
+    if (std::shared_ptr<MovieRecorder> recorder = separateRecorder(index))
+        recorder->appendTexture(texture, flipped, time);
+}
+
+bool Take::wantsAssembledFrameAtTime(double time) {
+    std::shared_ptr<MovieRecorder> recorder;
+    {
+        std::lock_guard lock(_lock);
+        if (!_recording || !_assembledMovie)
+            return false;
+        recorder = _assembledMovie->recorder();
+    }
+    return recorder->wantsFrameAtTime(time);
+}
+
+void Take::appendAssembledTexture(const std::shared_ptr<Texture>& texture, double time) {
+    std::shared_ptr<MovieRecorder> recorder;
+    {
+        std::lock_guard lock(_lock);
+        if (!_recording || !_assembledMovie)
+            return;
+        recorder = _assembledMovie->recorder();
+    }
+    recorder->appendTexture(texture, false, time);
+}
+
+void Take::appendSound(const std::shared_ptr<SourceSound>& sound, size_t index, double time) {
+    std::shared_ptr<MovieRecorder> own, assembled;
+    {
+        std::lock_guard lock(_lock);
+        if (!_recording)
+            return;
+        if (index < _movies.size() && _soundSources.count(index))
+            own = _movies[index]->recorder();
+        if (_assembledMovie && index == _assembledSoundIndex)
+            assembled = _assembledMovie->recorder();
+    }
+    if (own)
+        own->appendSound(sound, time);
+    if (assembled)
+        assembled->appendSound(sound, time);
+}
+
+void Take::appendComputerSound(const std::shared_ptr<SourceSound>& sound, double time) {
+    std::vector<std::shared_ptr<TakeMovie>> movies;
+    {
+        std::lock_guard lock(_lock);
+        if (!_recording)
+            return;
+        movies = _computerSoundMovies;
+    }
+    for (const std::shared_ptr<TakeMovie>& movie : movies)
+        movie->recorder()->appendSound(sound, time);
+}
+
+void Take::finishAtTime(double time, CompletionHandler completionHandler) {
+    std::vector<std::shared_ptr<TakeMovie>> movies;
+    {
+        std::lock_guard lock(_lock);
+        if (!_recording) {
+            EventLoop::postToMain([completionHandler] {
+                if (completionHandler)
+                    completionHandler(TakeError("There is no recording in progress"));
+            });
+            return;
+        }
+        _recording = false;
+        _finishing = true;
+        movies = _movies;
+        if (_assembledMovie)
+            movies.push_back(_assembledMovie);
+    }
+
+    // Runs on the main queue once every movie still going has answered.
+    auto done = [self = shared_from_this(), movies, completionHandler] {
+        uint64_t frames = 0;
+        for (const std::shared_ptr<TakeMovie>& movie : movies)
+            frames += movie->framesWritten();
+        {
+            std::lock_guard lock(self->_lock);
+            self->_finishing = false;
+        }
+        if (completionHandler)
+            completionHandler(
+                frames > 0 ? std::nullopt
+                           : std::optional(TakeError("No frame was received, so no movie was written")));
+    };
+
+    std::vector<std::shared_ptr<TakeMovie>> going;
+    for (const std::shared_ptr<TakeMovie>& movie : movies) {
+        if (!movie->error())
+            going.push_back(movie);
+    }
+    if (going.empty()) {
+        EventLoop::postToMain(done);
+        return;
+    }
+    auto left = std::make_shared<std::atomic<size_t>>(going.size());
+    for (const std::shared_ptr<TakeMovie>& movie : going) {
+        movie->recorder()->finishAtTime(time, [movie, left, done](std::optional<Error> error) {
+            // A movie that never got a picture has nothing to have failed at: its file is simply not
+            // made, and the take as a whole says so when no movie got one.
+            if (error && movie->framesWritten() > 0 && !movie->error())
+                movie->setError(*error);
+            if (left->fetch_sub(1) == 1)
+                done();
+        });
+    }
+}
+
+bool Take::isRecording() const {
+    std::lock_guard lock(_lock);
+    return _recording;
+}
+
+std::vector<std::shared_ptr<TakeMovie>> Take::movies() const {
+    std::lock_guard lock(_lock);
+    return _movies;
+}
+
+std::shared_ptr<TakeMovie> Take::assembledMovie() const {
+    std::lock_guard lock(_lock);
+    return _assembledMovie;
+}
+
+uint64_t Take::framesPending() const {
+    std::vector<std::shared_ptr<TakeMovie>> movies;
+    {
+        std::lock_guard lock(_lock);
+        movies = _movies;
+        if (_assembledMovie)
+            movies.push_back(_assembledMovie);
+    }
+    uint64_t pending = 0;
+    for (const std::shared_ptr<TakeMovie>& movie : movies)
+        pending += movie->recorder()->framesPending();
+    return pending;
+}
+
+void Take::setMovieFailureHandler(MovieFailureHandler handler) {
+    std::lock_guard lock(_lock);
+    _movieFailureHandler = std::move(handler);
+}
+
+} // namespace quorva

@@ -1,0 +1,163 @@
+#pragma once
+
+#include "core/Geometry.h"
+#include "core/MovieRecorder.h"
+#include "core/MovieRecorderSettings.h"
+#include "core/MovieStatus.h"
+#include "core/NoIndex.h"
+#include "core/TakeNaming.h"
+#include "platform/Error.h"
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace quorva {
+
+class GpuDevice;
+class SourceSound;
+class Texture;
+
+// An error of a take, in the same domain as the movie recorder's: code -1 and the sentence the user reads.
+Error TakeError(std::string message);
+
+// One movie of a take. What it is never changes; why it failed, if it did, is set once the failure is
+// known and kept after the take for the status display, as are the recorder's counts.
+class TakeMovie final : public MovieStatus {
+public:
+    TakeMovie(bool hasSound, std::string sourceTitle, std::filesystem::path url,
+              std::shared_ptr<MovieRecorder> recorder);
+    TakeMovie(const TakeMovie&) = delete;
+    TakeMovie& operator=(const TakeMovie&) = delete;
+
+    bool hasSound() const { return _hasSound; }
+    // Empty for the assembled movie.
+    const std::string& sourceTitle() const { return _sourceTitle; }
+    const std::filesystem::path& url() const override { return _url; }
+    const std::shared_ptr<MovieRecorder>& recorder() const { return _recorder; }
+
+    std::optional<Error> error() const;
+    void setError(Error error);
+
+    uint64_t framesWritten() const override;
+    uint64_t framesDropped() const override;
+    double soundWritten() const override; // seconds
+    double soundLeftOut() const; // seconds
+
+private:
+    const bool _hasSound;
+    const std::string _sourceTitle;
+    const std::filesystem::path _url;
+    const std::shared_ptr<MovieRecorder> _recorder;
+    mutable std::mutex _lock; // guards _error, which the main queue writes while others read it
+    std::optional<Error> _error;
+};
+
+// One recording: the movies that start together on one time origin and finish together. It decides
+// which movies the output asks for, names their files so that nothing is ever overwritten, and routes
+// every source's pictures and sound, the assembled picture and the computer's sound to the right
+// movies. Its recorders are kept from take to take, so a new take does not compile shaders again.
+//
+// Start and finish are called on the main thread; pictures and sound arrive on the sources' threads.
+// A movie that fails while recording is reported through the movie failure handler and the others go
+// on; completions and failures are delivered on the main queue.
+class Take : public std::enable_shared_from_this<Take> {
+    struct Private {};
+
+public:
+    // (source index, or NoIndex for the assembled movie; why it failed)
+    using MovieFailureHandler = std::function<void(size_t source, const Error& error)>;
+    using CompletionHandler = std::function<void(std::optional<Error> error)>;
+    // A source's picture size, or nothing when it is not known yet (the movie then takes its first
+    // frame's size).
+    using SourceSizes = std::vector<std::optional<Size>>;
+
+    // Movies larger than this either way are refused before any file is made.
+    static constexpr double MaximumAssembledSide = 16384;
+
+    static std::shared_ptr<Take> make(std::shared_ptr<GpuDevice> device);
+    Take(Private, std::shared_ptr<GpuDevice> device);
+    Take(const Take&) = delete;
+    Take& operator=(const Take&) = delete;
+
+    // Starts a take of `titles` (in the places' order) in `folder`, every movie on the time origin
+    // `time`. `sizes` runs parallel to `titles`. The sources in `soundSources` record their own sound in
+    // their own movie; `assembledSoundIndex` (or NoIndex) names the source whose sound the assembled movie
+    // records. With `computerSound`, the computer's sound goes to the assembled movie and, for output
+    // "separate", to every source's movie that has no sound of its own. `settings` gives the codec, frame
+    // rate and bit rate that all movies share; the sizes come from the sources and `assembledSize`.
+    Result<> startWithSourceTitles(const std::vector<std::string>& titles, const SourceSizes& sizes,
+                                   int64_t output, Size assembledSize, const std::set<size_t>& soundSources,
+                                   size_t assembledSoundIndex, bool computerSound, std::string_view name,
+                                   const std::filesystem::path& folder, const MovieRecorderSettings& settings,
+                                   double time);
+    // Without the computer's sound.
+    Result<> startWithSourceTitles(const std::vector<std::string>& titles, const SourceSizes& sizes,
+                                   int64_t output, Size assembledSize, const std::set<size_t>& soundSources,
+                                   size_t assembledSoundIndex, std::string_view name,
+                                   const std::filesystem::path& folder, const MovieRecorderSettings& settings,
+                                   double time);
+    // Without any sound.
+    Result<> startWithSourceTitles(const std::vector<std::string>& titles, const SourceSizes& sizes,
+                                   int64_t output, Size assembledSize, std::string_view name,
+                                   const std::filesystem::path& folder, const MovieRecorderSettings& settings,
+                                   double time);
+    // One movie per source, without sound.
+    Result<> startWithSourceTitles(const std::vector<std::string>& titles, const SourceSizes& sizes,
+                                   std::string_view name, const std::filesystem::path& folder,
+                                   const MovieRecorderSettings& settings, double time);
+
+    // A picture of source `index`; ignored when the take has no movie of that source.
+    void appendTexture(const std::shared_ptr<Texture>& texture, bool flipped, size_t index, double time);
+    // Whether the assembled movie would keep a picture at `time`: ask before composing one.
+    bool wantsAssembledFrameAtTime(double time);
+    void appendAssembledTexture(const std::shared_ptr<Texture>& texture, double time);
+    // Sound of source `index`, to its own movie if it records its sound, and to the assembled movie if
+    // that records this source's sound.
+    void appendSound(const std::shared_ptr<SourceSound>& sound, size_t index, double time);
+    void appendComputerSound(const std::shared_ptr<SourceSound>& sound, double time);
+
+    // Finishes every movie that has not failed, holding each last picture until `time`. The handler
+    // runs on the main queue once all are done: with nothing if any movie got a picture.
+    void finishAtTime(double time, CompletionHandler completionHandler);
+
+    bool isRecording() const;
+    // The separate movies of the current or last take, in source order, and its assembled movie.
+    std::vector<std::shared_ptr<TakeMovie>> movies() const;
+    std::shared_ptr<TakeMovie> assembledMovie() const;
+    // Frames in flight in all the take's movies.
+    uint64_t framesPending() const;
+
+    void setMovieFailureHandler(MovieFailureHandler handler);
+
+private:
+    // Gives the pool `count` separate recorders and, when `assembled`, the assembled one.
+    Result<> growRecorders(size_t count, bool assembled);
+    // Starts one movie's recorder, its failures reported as those of `index`.
+    Result<> startMovie(const std::shared_ptr<TakeMovie>& movie, size_t index,
+                        const MovieRecorderSettings& settings, double time);
+    void movieFailed(const std::shared_ptr<TakeMovie>& movie, size_t index, const Error& error);
+    std::shared_ptr<MovieRecorder> separateRecorder(size_t index) const;
+
+    const std::shared_ptr<GpuDevice> _device;
+    std::vector<std::shared_ptr<MovieRecorder>> _recorders;
+    std::vector<std::shared_ptr<TakeMovie>> _movies;
+    std::shared_ptr<MovieRecorder> _assembledRecorder;
+    std::shared_ptr<TakeMovie> _assembledMovie;
+    std::set<size_t> _soundSources;
+    size_t _assembledSoundIndex = NoIndex;
+    std::vector<std::shared_ptr<TakeMovie>> _computerSoundMovies;
+    bool _recording = false;
+    bool _finishing = false;
+    MovieFailureHandler _movieFailureHandler;
+    // Guards the fields above. Held only to read or swap them, never across a call into a recorder.
+    mutable std::recursive_mutex _lock;
+};
+
+} // namespace quorva

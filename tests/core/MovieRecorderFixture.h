@@ -1,0 +1,74 @@
+#pragma once
+
+// What the movie recorder's tests share: a recorder on the test device, a folder of their own, and a
+// main loop that delivers its completions.
+
+#include "core/MovieRecorder.h"
+#include "platform/HeadlessEventLoop.h"
+#include "tests/core/MovieReading.h"
+#include "tests/platform/gpu/GpuTesting.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <optional>
+#include <thread>
+
+namespace quorva::testing {
+
+class MovieRecorderTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::string pattern = (std::filesystem::temp_directory_path() / "quorva-recorder-XXXXXX").string();
+        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+        folder = pattern;
+        EventLoop::setMainLoop(loop);
+        ASSERT_TRUE(SharedDevice());
+        recorder = MovieRecorder::make(SharedDevice());
+        ASSERT_TRUE(recorder);
+    }
+    void TearDown() override {
+        recorder.reset();
+        EventLoop::setMainLoop(nullptr);
+        std::filesystem::remove_all(folder);
+    }
+
+    static MovieRecorderSettings Settings(int64_t codec, int64_t width, int64_t height, double rate,
+                                          bool sound) {
+        MovieRecorderSettings settings;
+        settings.setCodec(codec);
+        settings.setWidth(width);
+        settings.setHeight(height);
+        settings.setFramesPerSecond(rate);
+        settings.setRecordsSound(sound);
+        return settings;
+    }
+
+    // Hands a frame in as a source would, after waiting for room, so that none is dropped.
+    void Append(const std::shared_ptr<Texture>& texture, double time, bool flipped = false) {
+        while (recorder->framesPending() >= MovieRecorder::MaximumFramesInFlight)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        recorder->appendTexture(texture, flipped, time);
+    }
+
+    // Finishes and answers what the completion handler got on the main queue.
+    std::optional<Error> Finish(double time) {
+        bool done = false;
+        std::optional<Error> result;
+        recorder->finishAtTime(time, [&](std::optional<Error> error) {
+            EXPECT_TRUE(loop->isCurrent());
+            result = error;
+            done = true;
+        });
+        EXPECT_TRUE(loop->runUntil([&] { return done; }, 120));
+        return result;
+    }
+
+    std::shared_ptr<HeadlessEventLoop> loop = std::make_shared<HeadlessEventLoop>();
+    std::filesystem::path folder;
+    std::shared_ptr<MovieRecorder> recorder;
+};
+
+} // namespace quorva::testing

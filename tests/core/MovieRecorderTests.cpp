@@ -1,0 +1,164 @@
+#include "sources/ToneGenerator.h"
+#include "tests/core/MovieRecorderFixture.h"
+
+#include <fstream>
+#include <sys/mount.h>
+
+namespace quorva {
+namespace {
+
+using testing::MakeSolidTexture;
+using testing::MakeTexture;
+using testing::Movie;
+using testing::MovieRecorderTest;
+using testing::Pixel;
+using testing::ReadMovie;
+
+constexpr int64_t H264 = 0, HEVC = 1, ProRes422 = 2, ProRes4444 = 3;
+constexpr double T0 = 1000; // host time of the first frame
+
+class MovieRecorderCodecs : public MovieRecorderTest, public ::testing::WithParamInterface<int64_t> {};
+
+// A second of 30 frames that arrive off the grid, with tone in 10 ms blocks: the movie takes the first
+// frame's size made even, puts every frame on its slot, and its sound lasts as long as its pictures.
+TEST_P(MovieRecorderCodecs, RecordsFramesAndSoundThatDecodeBack) {
+    const int64_t codec = GetParam();
+    ASSERT_TRUE(recorder->startWritingToURL(folder / "take.mov", Settings(codec, 0, 0, 30, true)));
+    auto texture = MakeSolidTexture(321, 241, {40, 160, 200, 255});
+    ToneGenerator tone;
+    for (int i = 0, block = 0; i < 30; ++i) {
+        Append(texture, T0 + i / 30.0 + (i % 3) * 0.004);
+        for (; block < (i + 1) * 10 / 3; ++block)
+            recorder->appendSound(tone.nextSound(480), T0 + (block + 1) * 0.01);
+    }
+    EXPECT_FALSE(Finish(T0 + 1.0));
+    EXPECT_EQ(recorder->framesWritten(), 30u);
+    EXPECT_EQ(recorder->framesDropped(), 0u);
+    EXPECT_EQ(recorder->outputSize(), (Size{320, 240}));
+
+    Movie movie = ReadMovie(folder / "take.mov");
+    const bool proRes = codec >= ProRes422;
+    EXPECT_EQ(movie.videoCodec, proRes          ? AV_CODEC_ID_PRORES
+                                : codec == HEVC ? AV_CODEC_ID_HEVC
+                                                : AV_CODEC_ID_H264);
+    EXPECT_EQ(movie.width, 320);
+    EXPECT_EQ(movie.height, 240);
+    ASSERT_EQ(movie.times.size(), 30u);
+    for (size_t i = 0; i < movie.times.size(); ++i)
+        EXPECT_EQ(movie.times[i], int64_t(i) * 2000) << "picture " << i;
+    // The colour in BT.709 limited range, on the 8-bit scale: Y 153.3, Cb 71.3, Cr 150.4.
+    ASSERT_FALSE(movie.pictures.empty());
+    const AVFrame* picture = movie.pictures[0].get();
+    const AVPixFmtDescriptor* format = av_pix_fmt_desc_get(AVPixelFormat(picture->format));
+    const double expected[] = {153.3, 71.3, 150.4};
+    for (int plane = 0; plane < 3; ++plane) {
+        const int y = 120 >> (plane ? format->log2_chroma_h : 0),
+                  x = 160 >> (plane ? format->log2_chroma_w : 0);
+        const uint8_t* row = picture->data[plane] + y * picture->linesize[plane];
+        const int depth = format->comp[plane].depth;
+        const double value =
+            depth > 8 ? reinterpret_cast<const uint16_t*>(row)[x] / double(1 << (depth - 8)) : row[x];
+        EXPECT_NEAR(value, expected[plane], 2.0) << "plane " << plane;
+    }
+    EXPECT_EQ(movie.audioCodec, proRes ? AV_CODEC_ID_PCM_S24LE : AV_CODEC_ID_AAC);
+    EXPECT_EQ(movie.sampleRate, 48000);
+    EXPECT_EQ(movie.channels, 2);
+    EXPECT_NEAR(movie.audioDuration, movie.videoDuration, 1.0 / 30);
+    EXPECT_NEAR(recorder->soundWritten(), 1.0, 1.0 / 30);
+}
+
+INSTANTIATE_TEST_SUITE_P(EachCodec, MovieRecorderCodecs,
+                         ::testing::Values(H264, HEVC, ProRes422, ProRes4444));
+
+// A picture wider than the movie is letterboxed; ProRes 4444 keeps the bars transparent. Flipped, it
+// is mirrored top to bottom.
+TEST_F(MovieRecorderTest, FitsAPictureInsideTheMovieAndFlipsIt) {
+    ASSERT_TRUE(recorder->startWritingToURL(folder / "fit.mov", Settings(ProRes4444, 320, 240, 0, false)));
+    // Red above, blue below; fitted, it fills rows 60 to 179.
+    auto texture = MakeTexture(320, 120, [](uint32_t, uint32_t y) {
+        return y < 60 ? Pixel{0, 0, 255, 255} : Pixel{255, 0, 0, 255};
+    });
+    Append(texture, T0);
+    Append(texture, T0 + 0.1, true);
+    EXPECT_FALSE(Finish(T0 + 0.2));
+    Movie movie = ReadMovie(folder / "fit.mov");
+    ASSERT_EQ(movie.pictures.size(), 2u);
+    for (int flipped = 0; flipped < 2; ++flipped) {
+        const AVFrame* picture = movie.pictures[size_t(flipped)].get();
+        const int depth = av_pix_fmt_desc_get(AVPixelFormat(picture->format))->comp[3].depth;
+        auto sample = [&](int plane, int y) {
+            return int(
+                reinterpret_cast<const uint16_t*>(picture->data[plane] + y * picture->linesize[plane])[160]);
+        };
+        for (int y : {0, 50, 190, 239})
+            EXPECT_EQ(sample(3, y), 0) << "bar row " << y;
+        EXPECT_GT(sample(3, 120), 0.99 * ((1 << depth) - 1));
+        // Red is high in Cr (plane 2), blue in Cb (plane 1).
+        const bool redOnTop = sample(2, 80) > sample(2, 160) && sample(1, 80) < sample(1, 160);
+        EXPECT_EQ(redOnTop, flipped == 0);
+    }
+}
+
+// Sound at 44.1 kHz that begins 1.5 s after the first frame: the track starts with 1.5 s of silence and
+// runs at 48 kHz to the end of the pictures.
+TEST_F(MovieRecorderTest, SoundStartsWithTheSilenceBeforeItAndIsConvertedTo48kHz) {
+    ASSERT_TRUE(recorder->startWritingToURL(folder / "late.mov", Settings(H264, 160, 120, 30, true)));
+    auto texture = MakeSolidTexture(160, 120, {90, 90, 90, 255});
+    std::vector<float> samples;
+    for (int i = 0; i < 441; ++i)
+        samples.insert(samples.end(), 2, 0.5f * std::sin(2 * float(M_PI) * 1000 * float(i) / 44100));
+    for (int i = 0, block = 0; i < 90; ++i) {
+        Append(texture, T0 + i / 30.0);
+        for (; block < 150 && 1.5 + 0.01 * (block + 1) <= (i + 1) / 30.0 + 1e-9; ++block)
+            recorder->appendSound(SourceSound::soundWithInterleavedStereoSamples(samples.data(), 441, 44100),
+                                  T0 + 1.5 + 0.01 * (block + 1));
+    }
+    EXPECT_FALSE(Finish(T0 + 3.0));
+    Movie movie = ReadMovie(folder / "late.mov");
+    EXPECT_NEAR(movie.videoDuration, 3.0, 1e-6);
+    EXPECT_NEAR(movie.audioDuration, 3.0, 1.0 / 30);
+    EXPECT_NEAR(recorder->soundWritten(), 3.0, 1.0 / 30);
+    ASSERT_GE(movie.soundPeaks.size(), 290u);
+    for (size_t i = 0; i < 148; ++i)
+        ASSERT_LT(movie.soundPeaks[i], 0.01) << "10 ms piece " << i;
+    for (size_t i = 152; i < 290; ++i)
+        ASSERT_GT(movie.soundPeaks[i], 0.3) << "10 ms piece " << i;
+}
+
+// Every refusal says why in the user's words and leaves nothing behind.
+TEST_F(MovieRecorderTest, RefusesWhatCannotBeRecorded) {
+    auto message = [&](const std::filesystem::path& url, const MovieRecorderSettings& settings) {
+        Result<> started = recorder->startWritingToURL(url, settings);
+        if (started)
+            return std::string("started");
+        EXPECT_EQ(started.error().domain(), "org.quorva.QuorvaRecorder.MovieRecorder");
+        return started.error().message();
+    };
+    const MovieRecorderSettings any = Settings(H264, 0, 0, 0, true);
+    EXPECT_EQ(message(folder / "missing" / "a.mov", any),
+              "The folder “" + (folder / "missing").string() + "” does not exist");
+    std::ofstream(folder / "taken.mov") << "precious";
+    EXPECT_EQ(message(folder / "taken.mov", any), "“taken.mov” already exists");
+    EXPECT_EQ(message(folder / "tiny.mov", Settings(HEVC, 2, 2, 0, false)),
+              "A hevc movie of 2 × 2 cannot be written");
+    std::filesystem::create_directory(folder / "locked");
+    if (mount("quorva-test", (folder / "locked").c_str(), "tmpfs", MS_RDONLY, nullptr) == 0) {
+        EXPECT_EQ(message(folder / "locked" / "a.mov", any),
+                  "The folder “" + (folder / "locked").string() + "” cannot be written to");
+        umount2((folder / "locked").c_str(), MNT_DETACH);
+    }
+    EXPECT_EQ(Finish(T0)->message(), "There is no recording in progress");
+
+    // Sound before the first frame waits, at most two seconds of it, the newest block always kept.
+    ASSERT_TRUE(recorder->startWritingToURL(folder / "empty.mov", any));
+    EXPECT_EQ(message(folder / "other.mov", any), "A recording is already in progress");
+    recorder->appendSound(SourceSound::silenceOfFrameCount(3 * 48000, 48000), T0);
+    EXPECT_DOUBLE_EQ(recorder->soundLeftOut(), 1.0);
+    recorder->appendSound(SourceSound::silenceOfFrameCount(48000, 48000), T0 + 1);
+    EXPECT_DOUBLE_EQ(recorder->soundLeftOut(), 3.0);
+    EXPECT_EQ(Finish(T0 + 2)->message(), "No frame was received, so no movie was written");
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 2); // taken.mov, locked
+}
+
+} // namespace
+} // namespace quorva
