@@ -133,13 +133,14 @@ void main() {
 // Memory in which the GPU leaves a picture for the processor. Cached memory first: the encoder reads
 // every byte, and reads from uncached (write-combined) memory crawl.
 struct HostMemory final : FrameMemory {
-    HostMemory(vk::raii::Buffer buffer, vk::raii::DeviceMemory memory, uint8_t* bytes, size_t size,
-               bool coherent)
-        : buffer(std::move(buffer)), memory(std::move(memory)), bytes(bytes), length(size),
-          coherent(coherent) {}
+    HostMemory(std::shared_ptr<GpuDevice> device, vk::raii::Buffer buffer, vk::raii::DeviceMemory memory,
+               uint8_t* bytes, size_t size, bool coherent)
+        : device(std::move(device)), buffer(std::move(buffer)), memory(std::move(memory)), bytes(bytes),
+          length(size), coherent(coherent) {}
     uint8_t* data() const override { return bytes; }
     size_t size() const override { return length; }
 
+    std::shared_ptr<GpuDevice> device; // first, so that it goes last: memory may outlive its converter
     vk::raii::Buffer buffer;
     vk::raii::DeviceMemory memory;
     uint8_t* bytes;
@@ -147,9 +148,9 @@ struct HostMemory final : FrameMemory {
     bool coherent;
 };
 
-Result<std::unique_ptr<HostMemory>> MakeHostMemory(const GpuDevice& device, size_t size) {
+Result<std::unique_ptr<HostMemory>> MakeHostMemory(const std::shared_ptr<GpuDevice>& device, size_t size) {
     try {
-        vk::raii::Buffer buffer(device.device(),
+        vk::raii::Buffer buffer(device->device(),
                                 vk::BufferCreateInfo({}, size, vk::BufferUsageFlagBits::eStorageBuffer));
         vk::MemoryRequirements requirements = buffer.getMemoryRequirements();
         using P = vk::MemoryPropertyFlagBits;
@@ -157,13 +158,13 @@ Result<std::unique_ptr<HostMemory>> MakeHostMemory(const GpuDevice& device, size
                                                    P::eHostVisible | P::eHostCached,
                                                    P::eHostVisible | P::eHostCoherent};
         for (vk::MemoryPropertyFlags wanted : choices) {
-            std::optional<uint32_t> type = device.memoryType(requirements.memoryTypeBits, wanted);
+            std::optional<uint32_t> type = device->memoryType(requirements.memoryTypeBits, wanted);
             if (!type)
                 continue;
-            vk::raii::DeviceMemory memory(device.device(), vk::MemoryAllocateInfo(requirements.size, *type));
+            vk::raii::DeviceMemory memory(device->device(), vk::MemoryAllocateInfo(requirements.size, *type));
             buffer.bindMemory(*memory, 0);
             auto* bytes = static_cast<uint8_t*>(memory.mapMemory(0, VK_WHOLE_SIZE));
-            return std::make_unique<HostMemory>(std::move(buffer), std::move(memory), bytes, size,
+            return std::make_unique<HostMemory>(device, std::move(buffer), std::move(memory), bytes, size,
                                                 bool(wanted & P::eHostCoherent));
         }
         return GpuError("No memory that the processor can read holds a movie picture");
@@ -271,7 +272,7 @@ FrameConverter::~FrameConverter() {
 }
 
 Result<> FrameConverter::prepare(const FrameFormat& format) {
-    Result<std::unique_ptr<HostMemory>> made = MakeHostMemory(*_state->device, format.bytes);
+    Result<std::unique_ptr<HostMemory>> made = MakeHostMemory(_state->device, format.bytes);
     if (!made)
         return made.error();
     std::lock_guard guard(_state->pool->lock);
@@ -308,7 +309,7 @@ Result<> FrameConverter::convert(const std::shared_ptr<Texture>& texture, bool f
         }
     }
     if (!taken) {
-        Result<std::unique_ptr<HostMemory>> made = MakeHostMemory(*s.device, format.bytes);
+        Result<std::unique_ptr<HostMemory>> made = MakeHostMemory(s.device, format.bytes);
         if (!made)
             return made.error();
         taken = std::move(made.value());

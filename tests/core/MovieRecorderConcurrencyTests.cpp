@@ -1,0 +1,49 @@
+#include "sources/ToneGenerator.h"
+#include "tests/core/MovieRecorderFixture.h"
+
+#include <atomic>
+
+namespace quorva {
+namespace {
+
+using testing::MovieRecorderTest;
+
+// Frames from one thread as fast as it can hand them in, sound from another, the counters read from a
+// third: every frame the pacer keeps is either written or dropped, and the movie holds exactly the
+// written ones, each on the grid.
+TEST_F(MovieRecorderTest, FramesSoundAndCountersFromSeveralThreadsAtOnce) {
+    constexpr double T0 = 500;
+    ASSERT_TRUE(recorder->startWritingToURL(folder / "busy.mov", Settings(0, 160, 120, 30, true), T0));
+    auto texture = testing::MakeSolidTexture(200, 100, {10, 200, 30, 255});
+    std::atomic<bool> running{true};
+    std::thread reader([&] {
+        while (running)
+            EXPECT_LE(recorder->framesPending(), MovieRecorder::MaximumFramesInFlight);
+    });
+    std::thread sound([&] {
+        ToneGenerator tone;
+        for (int block = 0; block < 200; ++block)
+            recorder->appendSound(tone.nextSound(480), T0 + 0.01 * (block + 1));
+    });
+    // At 60 a second onto a grid of 30: frame 0 and every odd frame win their slot, 61 in all.
+    for (int i = 0; i < 120; ++i)
+        recorder->appendTexture(texture, i % 2 == 1, T0 + i / 60.0);
+    sound.join();
+    EXPECT_FALSE(Finish(T0 + 2));
+    running = false;
+    reader.join();
+
+    EXPECT_EQ(recorder->framesWritten() + recorder->framesDropped(), 61u);
+    EXPECT_GE(recorder->framesWritten(), MovieRecorder::MaximumFramesInFlight);
+    EXPECT_EQ(recorder->framesPending(), 0u);
+    testing::Movie movie = testing::ReadMovie(folder / "busy.mov");
+    ASSERT_EQ(movie.times.size(), recorder->framesWritten());
+    for (size_t i = 0; i < movie.times.size(); ++i) {
+        EXPECT_EQ(movie.times[i] % 2000, 0);
+        EXPECT_TRUE(i == 0 || movie.times[i] > movie.times[i - 1]);
+    }
+    EXPECT_NEAR(movie.audioDuration, 2.0, 1.0 / 30);
+}
+
+} // namespace
+} // namespace quorva
