@@ -1,4 +1,5 @@
 #include "remote/HTTPRequest.h"
+#include "remote/NetworkPorts.h"
 #include "remote/OSCQueryNode.h"
 
 #include <gtest/gtest.h>
@@ -58,6 +59,16 @@ TEST(HTTPRequest, RequestLinesGiveStatusPathAndQuery) {
         EXPECT_EQ(request.query, c.query) << c.head;
     }
     EXPECT_TRUE(HTTPRequest::Parse("HEAD / HTTP/1.1\r\n\r\n").isHead);
+}
+
+TEST(NetworkPorts, OnlyAWholeDecimalIntegerReplacesTheDefault) {
+    for (auto [text, port] :
+         {std::pair{"9000", 9000}, {"abc", 9230}, {"", 9230}, {"9000x", 9230}, {" 9000", 9230}}) {
+        setenv("QUORVA_TEST_PORT", text, 1);
+        EXPECT_EQ(PortFromEnvironment("QUORVA_TEST_PORT", DefaultOSCPort), port) << text;
+    }
+    unsetenv("QUORVA_TEST_PORT");
+    EXPECT_EQ(PortFromEnvironment("QUORVA_TEST_PORT", DefaultOSCQueryPort), 9231);
 }
 
 } // namespace
