@@ -1,0 +1,109 @@
+#pragma once
+
+#include "remote/OSCQueryNode.h"
+
+#include <nlohmann/json.hpp>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+
+namespace quorva {
+
+class DNSSDService;
+class ReadSource;
+class SerialQueue;
+
+// A small HTTP/1.1 server that answers OSCQuery requests: the JSON tree of the OSC address space with
+// its current values, single attributes of a node, and the host information that tells a client where
+// to send OSC. It announces itself with DNS-SD as "_oscjson._tcp.".
+//
+// Threads: the tree and the listening state belong to a serial state queue
+// ("<application identifier>.oscquery.state"); each connection is served on a thread of its own, so a
+// slow client delays nobody else; values are read on the main thread, waited for at most a second, and
+// the DNS-SD outcome is handled there too. Registration is asynchronous: a request sees a new address
+// once its registration has run on the state queue.
+//
+// Whoever fills the tree (the parameter table) needs only the registration calls and a value provider
+// for each readable address.
+class OSCQueryServer : public std::enable_shared_from_this<OSCQueryServer> {
+public:
+    static std::shared_ptr<OSCQueryServer> make();
+    // The one server of the program, made on first use and kept until the process ends.
+    static std::shared_ptr<OSCQueryServer> sharedServer();
+    ~OSCQueryServer();
+    OSCQueryServer(const OSCQueryServer&) = delete;
+    OSCQueryServer& operator=(const OSCQueryServer&) = delete;
+
+    // Stops, then listens on the first free TCP port of `port` and the 15 that follow (the search ends
+    // at 0 or past 65535), logs the start and asks for the DNS-SD announcement. Answers whether it
+    // listens; failures are logged, and the caller words its own error for the user.
+    bool startOnPort(int64_t port);
+    // Stops listening and withdraws the announcement. Requests already being served are finished.
+    void stop();
+
+    int64_t httpPort() const; // 0 when stopped
+    bool isRunning() const;
+
+    // The name in the host information and the announcement; the OSC port given in the host information.
+    std::string serverName() const;
+    void setServerName(std::string name);
+    int64_t oscPort() const;
+    void setOscPort(int64_t port);
+
+    // Adds or refreshes an address in the tree (see OSCQueryNode::registerAddress); an address that is not
+    // registrable is ignored without a word. `range` is a list with one object per argument, each with
+    // "MIN"/"MAX" or "VALS"; `provider` reads the value on the main thread.
+    void registerOSCAddress(const std::string& address, const std::string& typeSpec,
+                            const std::string& description, int64_t access = 0,
+                            nlohmann::json range = nlohmann::json::array(),
+                            OSCQueryValueProvider provider = {});
+    // Replaces the tree by an empty root.
+    void clearRegisteredAddresses();
+
+    // Announces the server under its name ("Torvane OSCQuery" without one), from the main thread. After
+    // a collision the name is tried once more with the HTTP port added.
+    void publishBonjour();
+    // On the main thread: announces `name` if the server still listens on `port`.
+    void publishBonjourWithName(const std::string& name, int64_t port);
+
+    // The status and body that a GET of `path` with the query item `query` ("" for none) answers; the
+    // work of a connection without its socket. Waits up to a second for values on the main thread.
+    std::pair<int64_t, std::string> responseForPath(const std::string& path, const std::string& query);
+    nlohmann::json hostInfoDictionary() const;
+
+private:
+    OSCQueryServer();
+
+    void acceptPendingConnections(); // on the state queue
+    void handleConnection(int fd);   // on the connection's thread
+    void fillValuesForJobs(nlohmann::json& json, const std::vector<OSCQueryValueJob>& jobs);
+    void netServiceDidPublish(uint64_t publication, const std::string& name, int64_t port);
+    void netServiceDidNotPublish(uint64_t publication, const std::string& name, int64_t port,
+                                 bool isCollision, const std::string& message);
+    static std::string jsonDataForObject(const nlohmann::json& object);
+    static void sendStatus(int64_t status, const std::string& body, int fd);
+
+    // Owned by the state queue.
+    std::unique_ptr<OSCQueryNode> _root;
+    std::shared_ptr<SerialQueue> _stateQueue;
+    std::unique_ptr<ReadSource> _acceptSource;
+    int _listenFD = -1;
+    int64_t _httpPort = 0;
+    bool _running = false;
+
+    // Read from connections and the main thread alike.
+    mutable std::mutex _lock;
+    std::string _serverName;
+    int64_t _oscPort = 0;
+    std::unique_ptr<DNSSDService> _netService;
+    uint64_t _publication = 0; // which announcement the DNS-SD outcomes posted to the main thread are about
+
+    std::atomic<int64_t> _bonjourRenameAttempts{0};
+    std::atomic<int> _connectionsInFlight{0};
+};
+
+} // namespace quorva

@@ -1,0 +1,120 @@
+#include "remote/OSCReceiver.h"
+
+#include "NetworkTesting.h"
+
+#include <arpa/inet.h>
+#include <atomic>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <random>
+
+namespace quorva {
+namespace {
+
+using namespace quorva::testing;
+
+struct Received {
+    std::mutex lock;
+    std::vector<std::string> seen; // descriptions, and "marker" where a task posted by the first one ran
+    std::atomic<bool> offMain = false;
+    OSCReceiver::Handler handler(HeadlessEventLoop& loop) {
+        return [this, &loop](const OSCMessage& message) {
+            offMain = offMain || !loop.isCurrent();
+            std::lock_guard guard(lock);
+            if (seen.empty())
+                loop.post([this] {
+                    std::lock_guard guard(lock);
+                    seen.push_back("marker");
+                });
+            seen.push_back(message.description());
+        };
+    }
+    bool waitFor(const std::string& line) {
+        for (int i = 0; i < 1000; ++i) {
+            {
+                std::lock_guard guard(lock);
+                if (std::find(seen.begin(), seen.end(), line) != seen.end())
+                    return true;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return false;
+    }
+};
+
+TEST(OSCReceiver, TakenPortMovesOnAndABundleFromOscsendfileArrivesInOneMainThreadTask) {
+    MainThread main;
+    Received received;
+    int taken = BoundSocket(SOCK_DGRAM);
+    OSCReceiver receiver;
+    ASSERT_TRUE(receiver.startOnPort(PortOf(taken), received.handler(*main.loop)));
+    EXPECT_GT(receiver.port(), PortOf(taken));
+    EXPECT_LE(receiver.port(), PortOf(taken) + 15);
+
+    std::string file = ::testing::TempDir() + "bundle.txt";
+    std::ofstream(file) << "e0000000.00000000 /one i 1\ne0000000.00000000 /two s x\n"
+                           "e0000000.00000000 /three f 1.5\n";
+    Shell("oscsendfile localhost " + std::to_string(receiver.port()) + " " + file);
+    ASSERT_TRUE(received.waitFor("marker"));
+    EXPECT_EQ(received.seen, (std::vector<std::string>{"/one 1", "/two x", "/three 1.5", "marker"}));
+    EXPECT_FALSE(received.offMain);
+    ::close(taken);
+}
+
+TEST(OSCReceiver, RandomAndTruncatedDatagramsAreSurvivedAndTheNextMessageStillArrives) {
+    MainThread main;
+    Received received;
+    OSCReceiver receiver;
+    ASSERT_TRUE(receiver.startOnPort(0, received.handler(*main.loop)));
+
+    int sender = ::socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(uint16_t(receiver.port()));
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    auto send = [&](const std::vector<uint8_t>& bytes) {
+        ::sendto(sender, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
+    };
+    // In batches, each closed by a message waited for, so that the socket's buffer never overflows.
+    std::mt19937 random(7);
+    for (int batch = 0; batch < 10; ++batch) {
+        for (int i = 0; i < 30; ++i) {
+            std::vector<uint8_t> bytes(random() % 200);
+            for (auto& byte : bytes)
+                byte = uint8_t(random());
+            if (!bytes.empty() && i % 2 == 0)
+                bytes[0] = i % 4 == 0 ? '/' : '#';
+            send(bytes);
+        }
+        send(OSCMessage("/batch", {int32_t(batch)}).packet());
+        ASSERT_TRUE(received.waitFor("/batch " + std::to_string(batch)));
+    }
+    std::vector<uint8_t> message = OSCMessage("/cut", {int32_t(1), std::string("text")}).packet();
+    for (size_t length = 0; length < message.size(); ++length)
+        send({message.begin(), message.begin() + long(length)});
+    send(OSCMessage("/after", {int32_t(2)}).packet());
+    EXPECT_TRUE(received.waitFor("/after 2"));
+    ::close(sender);
+
+    receiver.stop();
+    EXPECT_EQ(receiver.port(), 0);
+    receiver.stop();
+}
+
+TEST(OSCReceiver, NoFreePortAtTheTopOfTheRangeIsLoggedWithTheSixteenPortsAsked) {
+    std::vector<int> held;
+    for (int port = 65530; port <= 65535; ++port)
+        held.push_back(BoundSocket(SOCK_DGRAM, port));
+    if (std::count(held.begin(), held.end(), -1) > 0)
+        GTEST_SKIP() << "a port from 65530 to 65535 is in use on this machine";
+    LogLines log;
+    OSCReceiver receiver;
+    EXPECT_FALSE(receiver.startOnPort(65530, [](const OSCMessage&) {}));
+    EXPECT_TRUE(log.has("OSC: no free UDP port from 65530 to 65545"));
+    EXPECT_EQ(receiver.port(), 0);
+    for (int fd : held)
+        ::close(fd);
+}
+
+} // namespace
+} // namespace quorva
