@@ -1,5 +1,6 @@
 #include "platform/HeadlessEventLoop.h"
 
+#include "platform/Semaphore.h"
 #include "platform/SerialQueue.h"
 
 #include <atomic>
@@ -11,26 +12,29 @@
 namespace quorva {
 namespace {
 
-TEST(EventLoopConcurrency, TasksPostedFromManyThreadsAllRunOnTheLoopInEachThreadsOrder) {
-    HeadlessEventLoop loop;
+TEST(EventLoopConcurrency, TasksPostedToMainFromManyQueuesAllRunOnTheLoopInEachQueuesOrder) {
+    auto loop = std::make_shared<HeadlessEventLoop>();
+    EventLoop::setMainLoop(loop);
     constexpr int producers = 4, each = 1000;
-    std::vector<std::vector<int>> seen(producers);
-    std::atomic<bool> allOnLoop = true;
-    std::atomic<int> finishedProducers = 0;
-    std::vector<std::thread> threads;
-    for (int p = 0; p < producers; ++p)
-        threads.emplace_back([&, p] {
+    std::vector<std::vector<int>> seen(producers); // touched only on the loop, so no lock
+    bool allOnLoop = true;
+    size_t delivered = 0;
+    {
+        std::vector<std::unique_ptr<SerialQueue>> queues;
+        for (int p = 0; p < producers; ++p) {
+            queues.push_back(std::make_unique<SerialQueue>("worker"));
             for (int i = 0; i < each; ++i)
-                loop.post([&, p, i] {
-                    allOnLoop = allOnLoop && loop.isCurrent();
-                    seen[p].push_back(i);
+                queues.back()->post([&, p, i] {
+                    EventLoop::postToMain([&, p, i] {
+                        allOnLoop = allOnLoop && loop->isCurrent();
+                        seen[p].push_back(i);
+                        ++delivered;
+                    });
                 });
-            if (++finishedProducers == producers)
-                loop.post([&] { loop.stop(); });
-        });
-    loop.run();
-    for (auto& thread : threads)
-        thread.join();
+        }
+        EXPECT_TRUE(loop->runUntil([&] { return delivered == producers * each; }, 60));
+    }
+    EventLoop::setMainLoop(nullptr);
     EXPECT_TRUE(allOnLoop);
     for (int p = 0; p < producers; ++p) {
         ASSERT_EQ(seen[p].size(), size_t(each));
@@ -39,27 +43,22 @@ TEST(EventLoopConcurrency, TasksPostedFromManyThreadsAllRunOnTheLoopInEachThread
     }
 }
 
-TEST(EventLoopConcurrency, StopFromAnotherThreadEndsRunEvenWhenIdle) {
-    HeadlessEventLoop loop;
-    std::thread stopper([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        loop.stop();
-    });
-    loop.run(); // returns whether the stop came before or during the run
-    stopper.join();
-}
-
-TEST(EventLoopConcurrency, ALoopMayRunOnAThreadOfItsOwn) {
+TEST(EventLoopConcurrency, ALoopMayRunOnAThreadOfItsOwnAndStopFromAnotherEndsItEvenWhenIdle) {
     auto loop = std::make_shared<HeadlessEventLoop>();
     std::thread runner([loop] { loop->run(); });
     std::atomic<bool> onRunner = false;
+    Semaphore ran;
     SerialQueue queue("poster");
     queue.sync([&] {
         loop->post([&] {
             onRunner = loop->isCurrent();
-            loop->stop();
+            ran.signal();
         });
     });
+    // No ASSERT: the runner must be stopped and joined whatever happens. Most likely idle by now.
+    EXPECT_TRUE(ran.wait(60));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    loop->stop();
     runner.join();
     EXPECT_TRUE(onRunner);
     EXPECT_FALSE(loop->isCurrent());
@@ -82,28 +81,6 @@ TEST(EventLoopConcurrency, TimersCancelledFromAnotherThreadStopTicking) {
     canceller.join();
     // A tick the loop had already begun may still land; nothing after it.
     EXPECT_LE(ticks, ticksAtCancel + 1);
-}
-
-TEST(EventLoopConcurrency, CompletionsFromQueuesArriveOnTheMainLoop) {
-    auto loop = std::make_shared<HeadlessEventLoop>();
-    EventLoop::setMainLoop(loop);
-    std::vector<std::unique_ptr<SerialQueue>> queues;
-    for (int i = 0; i < 3; ++i)
-        queues.push_back(std::make_unique<SerialQueue>("worker"));
-    int delivered = 0; // touched only on the main loop, so no lock
-    std::atomic<bool> allOnLoop = true;
-    for (auto& queue : queues)
-        for (int i = 0; i < 100; ++i)
-            queue->post([&] {
-                EventLoop::postToMain([&] {
-                    allOnLoop = allOnLoop && loop->isCurrent();
-                    ++delivered;
-                });
-            });
-    EXPECT_TRUE(loop->runUntil([&] { return delivered == 300; }, 60));
-    EXPECT_TRUE(allOnLoop);
-    queues.clear();
-    EventLoop::setMainLoop(nullptr);
 }
 
 } // namespace

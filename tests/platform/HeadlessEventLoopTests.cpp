@@ -12,145 +12,90 @@
 namespace quorva {
 namespace {
 
-TEST(HeadlessEventLoop, RunsPostedTasksInOrderUntilStopped) {
-    HeadlessEventLoop loop;
-    std::vector<int> order;
-    for (int i = 0; i < 5; ++i)
-        loop.post([&, i] { order.push_back(i); });
-    loop.post([&] { loop.stop(); });
-    loop.post([&] { order.push_back(99); }); // after the stop: waits for the next run
-    loop.run();
-    EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3, 4}));
+TEST(HeadlessEventLoop, RunsTasksInOrderOnItsThreadUntilStoppedAndDropsWhatIsLeftWithItself) {
+    auto captured = std::make_shared<int>(0);
+    bool dropped = false;
+    {
+        HeadlessEventLoop loop;
+        EXPECT_TRUE(loop.isCurrent()); // made here, not yet run elsewhere
+        std::vector<int> order;
+        bool onLoop = false, fromOtherThread = true;
+        for (int i = 0; i < 5; ++i)
+            loop.post([&, i] { order.push_back(i); });
+        loop.post([&] {
+            onLoop = loop.isCurrent();
+            loop.stop();
+        });
+        loop.post([&] { order.push_back(99); }); // after the stop: waits for the next run
+        loop.run();
+        EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3, 4}));
+        EXPECT_TRUE(onLoop);
+        std::thread([&] { fromOtherThread = loop.isCurrent(); }).join();
+        EXPECT_FALSE(fromOtherThread);
 
-    loop.post([&] { loop.stop(); });
-    loop.run();
-    EXPECT_EQ(order.back(), 99);
+        loop.stop();
+        loop.run();
+        EXPECT_EQ(order.size(), 5u) << "a stop before the run ends it before any task";
+        // The stop was used up: the next run goes on normally.
+        EXPECT_TRUE(loop.runUntil([&] { return order.size() == 6; }, 10));
+        EXPECT_EQ(order.back(), 99);
+
+        loop.post([&dropped, captured] { dropped = true; });
+        loop.postAfter(10, [&dropped, captured] { dropped = true; });
+    }
+    EXPECT_FALSE(dropped);
+    EXPECT_EQ(captured.use_count(), 1); // nothing leaked
 }
 
-TEST(HeadlessEventLoop, AStopBeforeRunMakesTheNextRunReturnAtOnce) {
-    HeadlessEventLoop loop;
-    bool ran = false;
-    loop.post([&] { ran = true; });
-    loop.stop();
-    loop.run();
-    EXPECT_FALSE(ran);
-    // The stop was used up: the next run goes on normally.
-    EXPECT_TRUE(loop.runUntil([&] { return ran; }, 10));
-}
-
-TEST(HeadlessEventLoop, DelayedTasksWaitForTheirTimeAndRunInTimeOrder) {
+TEST(HeadlessEventLoop, DelayedTasksAndTimersShareOneTimeline) {
     HeadlessEventLoop loop;
     std::vector<std::string> order;
-    // Immediate tasks go before delayed ones posted earlier.
+    // Immediate tasks go before delayed ones posted earlier; a far one holds nothing up.
     loop.postAfter(3600, [&] { order.push_back("far"); });
     loop.post([&] { order.push_back("now"); });
     loop.postAfter(-1, [&] { order.push_back("negative delay"); });
     ASSERT_TRUE(loop.runUntil([&] { return order.size() == 2; }, 10));
 
-    double start = MediaClock::now();
-    double lateRanAt = 0;
-    loop.postAfter(0.03, [&] { order.push_back("early"); });
-    loop.postAfter(0.2, [&] {
-        order.push_back("late");
-        lateRanAt = MediaClock::now();
+    // Scheduled in this order, the outcome does not depend on how fast these lines run.
+    double start = MediaClock::now(), afterRanAt = 0;
+    loop.postAfter(0.15, [&] {
+        order.push_back("after");
+        afterRanAt = MediaClock::now();
     });
-    ASSERT_TRUE(loop.runUntil([&] { return order.size() == 4; }, 10));
-    EXPECT_EQ(order, (std::vector<std::string>{"now", "negative delay", "early", "late"}));
-    EXPECT_GE(lateRanAt - start, 0.2);
+    loop.postAfter(0.02, [&] { order.push_back("before"); });
+    TimerId timer = loop.scheduleTimer(0.1, [&] { order.push_back("tick"); });
+    ASSERT_TRUE(loop.runUntil([&] { return order.size() == 5; }, 10));
+    loop.cancelTimer(timer);
+    EXPECT_EQ(order, (std::vector<std::string>{"now", "negative delay", "before", "tick", "after"}));
+    EXPECT_GE(afterRanAt - start, 0.15);
 }
 
-TEST(HeadlessEventLoop, RepeatingTimerTicksUntilCancelledFromItsOwnTick) {
+TEST(HeadlessEventLoop, TimersTickUntilCancelledEvenFromTheirOwnTickAndUnknownOnesAreIgnored) {
     HeadlessEventLoop loop;
-    int ticks = 0;
-    TimerId timer = 0;
-    double start = MediaClock::now();
-    double thirdTickAt = 0;
-    timer = loop.scheduleTimer(0.01, [&] {
+    int ticks = 0, cancelledTicks = 0;
+    double start = MediaClock::now(), thirdTickAt = 0;
+    TimerId timer = loop.scheduleTimer(0.01, [&] {
         if (++ticks == 3) {
             thirdTickAt = MediaClock::now();
             loop.cancelTimer(timer);
         }
     });
+    TimerId cancelled = loop.scheduleTimer(0.01, [&] { ++cancelledTicks; });
     EXPECT_NE(timer, 0u);
+    EXPECT_NE(timer, cancelled);
+    loop.cancelTimer(cancelled);
+    loop.cancelTimer(cancelled); // twice
+    loop.cancelTimer(12345);     // never made
+    loop.cancelTimer(0);         // never a timer
     // Give a cancelled timer every chance to tick again.
     loop.postAfter(0.2, [&] { loop.stop(); });
     loop.run();
     EXPECT_EQ(ticks, 3);
-    // Three intervals at least.
-    EXPECT_GE(thirdTickAt - start, 0.03);
+    EXPECT_EQ(cancelledTicks, 0);
+    EXPECT_GE(thirdTickAt - start, 0.03) << "three intervals at least";
 }
 
-TEST(HeadlessEventLoop, CancelledOrUnknownTimersNeverTick) {
-    HeadlessEventLoop loop;
-    int ticks = 0;
-    TimerId timer = loop.scheduleTimer(0.01, [&] { ++ticks; });
-    TimerId other = loop.scheduleTimer(0.01, [&] { ++ticks; });
-    EXPECT_NE(timer, other);
-    loop.cancelTimer(timer);
-    loop.cancelTimer(other);
-    loop.cancelTimer(other); // twice
-    loop.cancelTimer(12345); // never made
-    loop.cancelTimer(0);     // never a timer
-    loop.postAfter(0.1, [&] { loop.stop(); });
-    loop.run();
-    EXPECT_EQ(ticks, 0);
-}
-
-TEST(HeadlessEventLoop, TimersAndTasksShareOneTimeline) {
-    HeadlessEventLoop loop;
-    std::vector<std::string> order;
-    // Scheduled in this order, the outcome does not depend on how fast these lines run.
-    loop.postAfter(0.15, [&] { order.push_back("after"); });
-    loop.postAfter(0.02, [&] { order.push_back("before"); });
-    TimerId timer = loop.scheduleTimer(0.1, [&] { order.push_back("tick"); });
-    ASSERT_TRUE(loop.runUntil([&] { return order.size() == 3; }, 10));
-    loop.cancelTimer(timer);
-    EXPECT_EQ(order, (std::vector<std::string>{"before", "tick", "after"}));
-}
-
-TEST(HeadlessEventLoop, RunUntilAnswersFalseWhenTimeRunsOut) {
-    HeadlessEventLoop loop;
-    double start = MediaClock::now();
-    EXPECT_FALSE(loop.runUntil([] { return false; }, 0.05));
-    EXPECT_GE(MediaClock::now() - start, 0.05);
-    // A condition already true needs no task.
-    EXPECT_TRUE(loop.runUntil([] { return true; }, 0));
-}
-
-TEST(HeadlessEventLoop, IsCurrentOnTheThreadThatRunsIt) {
-    HeadlessEventLoop loop;
-    EXPECT_TRUE(loop.isCurrent()); // made here, not yet run elsewhere
-    bool fromTask = false;
-    loop.post([&] { fromTask = loop.isCurrent(); });
-    ASSERT_TRUE(loop.runUntil([&] { return fromTask; }, 10));
-
-    bool fromOtherThread = true;
-    std::thread([&] { fromOtherThread = loop.isCurrent(); }).join();
-    EXPECT_FALSE(fromOtherThread);
-}
-
-TEST(HeadlessEventLoop, PendingTasksAreDroppedWithTheLoop) {
-    auto captured = std::make_shared<int>(0);
-    bool ran = false;
-    {
-        HeadlessEventLoop loop;
-        loop.post([&ran, captured] { ran = true; });
-        loop.postAfter(10, [&ran, captured] { ran = true; });
-        EXPECT_EQ(captured.use_count(), 3);
-    }
-    EXPECT_FALSE(ran);
-    EXPECT_EQ(captured.use_count(), 1); // nothing leaked
-}
-
-class MainLoopTest : public ::testing::Test {
-protected:
-    void TearDown() override {
-        EventLoop::setMainLoop(nullptr);
-        SetLogSink({});
-    }
-};
-
-TEST_F(MainLoopTest, PostToMainReachesTheLoopThatWasSet) {
+TEST(HeadlessEventLoop, PostToMainReachesTheLoopThatWasSetAndWithoutOneDropsAndSaysSo) {
     auto loop = std::make_shared<HeadlessEventLoop>();
     EventLoop::setMainLoop(loop);
     EXPECT_EQ(EventLoop::mainLoop(), loop);
@@ -160,14 +105,15 @@ TEST_F(MainLoopTest, PostToMainReachesTheLoopThatWasSet) {
 
     EventLoop::setMainLoop(nullptr);
     EXPECT_EQ(EventLoop::mainLoop(), nullptr);
-}
-
-TEST_F(MainLoopTest, PostToMainWithoutALoopDropsAndSaysSo) {
     std::vector<std::string> lines;
     SetLogSink([&](const std::string& line) { lines.push_back(line); });
-    bool ran = false;
+    ran = false;
     EXPECT_FALSE(EventLoop::postToMain([&] { ran = true; }));
-    EXPECT_FALSE(ran);
+    SetLogSink({});
+    double start = MediaClock::now();
+    EXPECT_FALSE(loop->runUntil([&] { return ran; }, 0.05)) << "dropped";
+    EXPECT_GE(MediaClock::now() - start, 0.05) << "run until the time runs out";
+    EXPECT_TRUE(loop->runUntil([] { return true; }, 0)) << "a condition already true needs no task";
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0].rfind("EventLoop: ", 0), 0u);
 }

@@ -11,25 +11,19 @@
 namespace quorva {
 namespace {
 
-TEST(Semaphore, CountsSignalsAndGivesEachToOneWait) {
+TEST(Semaphore, GivesEachSignalToOneWaitAndTimesOutNoEarlierThanAskedTakingNothing) {
     Semaphore semaphore(2);
     EXPECT_TRUE(semaphore.wait(0));
     EXPECT_TRUE(semaphore.wait(0));
-    EXPECT_FALSE(semaphore.wait(0)); // the initial two are used up
-    semaphore.signal();
-    semaphore.signal();
-    EXPECT_TRUE(semaphore.wait(0));
-    EXPECT_TRUE(semaphore.wait());
-    EXPECT_FALSE(semaphore.wait(-1)); // a negative time-out only checks too
-}
-
-TEST(Semaphore, TimesOutNoEarlierThanAskedAndTakesNothingThen) {
-    Semaphore semaphore;
+    EXPECT_FALSE(semaphore.wait(-1)); // the initial two are used up; a negative time-out only checks too
     double start = MediaClock::now();
     EXPECT_FALSE(semaphore.wait(0.05));
     EXPECT_GE(MediaClock::now() - start, 0.05);
     semaphore.signal();
-    EXPECT_TRUE(semaphore.wait(0)); // the failed wait did not consume the later signal
+    semaphore.signal();
+    EXPECT_TRUE(semaphore.wait(0)); // the failed waits did not consume a later signal
+    EXPECT_TRUE(semaphore.wait());
+    EXPECT_FALSE(semaphore.wait(0));
 }
 
 TEST(Semaphore, ManyProducersAndConsumersBalanceExactly) {

@@ -2,6 +2,7 @@
 
 #include "platform/Log.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
@@ -9,7 +10,6 @@
 #include <gtest/gtest.h>
 #include <iterator>
 #include <nlohmann/json.hpp>
-#include <set>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -42,10 +42,11 @@ protected:
         return {std::istreambuf_iterator<char>(in), {}};
     }
     void write(const fs::path& path, const std::string& text) const { std::ofstream(path) << text; }
-    std::vector<fs::path> filesStartingWith(const std::string& prefix) const {
+    // The damaged files of `identifier` set aside.
+    std::vector<fs::path> setAside(const std::string& identifier = ApplicationIdentifier) const {
         std::vector<fs::path> found;
         for (const auto& entry : fs::directory_iterator(_folder))
-            if (entry.path().filename().string().rfind(prefix, 0) == 0)
+            if (entry.path().filename().string().rfind(identifier + ".json.corrupt-", 0) == 0)
                 found.push_back(entry.path());
         return found;
     }
@@ -73,7 +74,7 @@ TEST_F(SettingsStoreTest, RegisteredDefaultsAnswerUntilAValueIsSetAndAreNeverWri
     EXPECT_TRUE(store.removeObjectForKey("NeverSet"));
 }
 
-TEST_F(SettingsStoreTest, EveryTypeComesBackAsItWasStoredAfterReopening) {
+TEST_F(SettingsStoreTest, EveryTypeComesBackAsItWasStoredAfterReopeningAndNonFiniteNumbersAreRefused) {
     {
         SettingsStore store(ApplicationIdentifier, _folder);
         ASSERT_TRUE(store.setString("Spectacle d'été", "RecorderName"));
@@ -84,6 +85,13 @@ TEST_F(SettingsStoreTest, EveryTypeComesBackAsItWasStoredAfterReopening) {
         ASSERT_TRUE(store.setStringArray({"Camera 1", "", "Caméra 2"}, "RecorderSources"));
         ASSERT_TRUE(store.setStringArray({}, "Empty"));
         ASSERT_TRUE(store.setObject("literal", "Literal")); // a string, not a boolean
+        // Numbers that JSON cannot hold are refused, and nothing changes.
+        for (double odd : {std::nan(""), double(INFINITY), -double(INFINITY)}) {
+            auto result = store.setDouble(odd, "RecorderFPS");
+            ASSERT_FALSE(result);
+            EXPECT_EQ(result.error().domain(), std::string(ApplicationIdentifier) + ".Settings");
+        }
+        EXPECT_EQ(store.doubleForKey("RecorderFPS"), 2.0);
     }
     SettingsStore store(ApplicationIdentifier, _folder);
     SettingsDictionary expected{
@@ -102,111 +110,72 @@ TEST_F(SettingsStoreTest, EveryTypeComesBackAsItWasStoredAfterReopening) {
 
 TEST_F(SettingsStoreTest, TypedReadersConvertLikeAHandEditedFileNeeds) {
     SettingsStore store(ApplicationIdentifier, _folder);
-    store.registerDefaults({
-        {"Int", int64_t(42)},
-        {"Double", 2.75},
-        {"NegativeDouble", -2.75},
-        {"HugeDouble", 1e30},
-        {"True", true},
-        {"False", false},
-        {"NumberText", std::string(" 12abc")},
-        {"Yes", std::string("YES")},
-        {"TrueText", std::string("True")},
-        {"No", std::string("no")},
-        {"OneText", std::string("1")},
-        {"Words", std::string("words")},
-        {"List", Strings{"a"}},
-    });
-
-    EXPECT_EQ(store.stringForKey("Int"), "42");
-    EXPECT_EQ(store.stringForKey("Double"), "2.75");
-    EXPECT_EQ(store.stringForKey("True"), "1");
-    EXPECT_EQ(store.stringForKey("List"), std::nullopt);
-    EXPECT_EQ(store.stringForKey("Missing"), std::nullopt);
-
-    EXPECT_EQ(store.integerForKey("Double"), 2);
-    EXPECT_EQ(store.integerForKey("NegativeDouble"), -2);
-    EXPECT_EQ(store.integerForKey("HugeDouble"), INT64_MAX);
-    EXPECT_EQ(store.integerForKey("True"), 1);
-    EXPECT_EQ(store.integerForKey("NumberText"), 12);
-    EXPECT_EQ(store.integerForKey("Words"), 0);
-    EXPECT_EQ(store.integerForKey("List"), 0);
-    EXPECT_EQ(store.integerForKey("Missing"), 0);
-
-    EXPECT_EQ(store.doubleForKey("Int"), 42.0);
-    EXPECT_EQ(store.doubleForKey("NumberText"), 12.0);
-    EXPECT_EQ(store.doubleForKey("Missing"), 0.0);
-
-    for (const char* key : {"True", "Int", "Double", "Yes", "TrueText", "OneText"})
-        EXPECT_TRUE(store.boolForKey(key)) << key;
-    for (const char* key : {"False", "No", "Words", "List", "Missing"})
-        EXPECT_FALSE(store.boolForKey(key)) << key;
-
-    EXPECT_EQ(store.stringArrayForKey("List"), Strings{"a"});
-    EXPECT_EQ(store.stringArrayForKey("Words"), std::nullopt);
-}
-
-TEST_F(SettingsStoreTest, NumbersThatJSONCannotHoldAreRefusedAndNothingChanges) {
-    SettingsStore store(ApplicationIdentifier, _folder);
-    ASSERT_TRUE(store.setDouble(30, "RecorderFPS"));
-    for (double odd : {std::nan(""), double(INFINITY), -double(INFINITY)}) {
-        auto result = store.setDouble(odd, "RecorderFPS");
-        ASSERT_FALSE(result);
-        EXPECT_EQ(result.error().domain(), std::string(ApplicationIdentifier) + ".Settings");
-    }
-    EXPECT_EQ(store.doubleForKey("RecorderFPS"), 30.0);
-    EXPECT_EQ(SettingsStore(ApplicationIdentifier, _folder).doubleForKey("RecorderFPS"), 30.0);
-}
-
-TEST_F(SettingsStoreTest, ADamagedFileIsSetAsideLoggedAndTheDefaultsServe) {
-    struct Case {
-        const char* name;
-        std::string text;
+    int keys = 0;
+    auto expect = [&](std::optional<SettingValue> value, std::optional<std::string> text, int64_t integer,
+                      double number, bool flag) {
+        std::string key = "Key" + std::to_string(++keys);
+        if (value)
+            store.registerDefaults({{key, *value}});
+        SCOPED_TRACE(key);
+        EXPECT_EQ(store.stringForKey(key), text);
+        EXPECT_EQ(store.integerForKey(key), integer);
+        EXPECT_EQ(store.doubleForKey(key), number);
+        EXPECT_EQ(store.boolForKey(key), flag);
+        bool list = value && std::holds_alternative<Strings>(*value);
+        EXPECT_EQ(store.stringArrayForKey(key), list ? std::optional(Strings{"a"}) : std::nullopt);
     };
-    for (const auto& damaged :
-         {Case{"truncated", R"({"RecorderCodec": "hev)"}, Case{"empty", ""},
-          Case{"not an object", R"(["RecorderCodec"])"}, Case{"binary", std::string("\0\xff\x01", 3)}}) {
-        SCOPED_TRACE(damaged.name);
-        fs::remove_all(_folder);
-        fs::create_directories(_folder);
-        _log.clear();
-        write(file(), damaged.text);
+    expect(int64_t(42), "42", 42, 42, true);
+    expect(2.75, "2.75", 2, 2.75, true);
+    expect(-2.75, "-2.75", -2, -2.75, true);
+    expect(1e30, "1e+30", INT64_MAX, 1e30, true);
+    expect(true, "1", 1, 1, true);
+    expect(false, "0", 0, 0, false);
+    expect(std::string(" 12abc"), " 12abc", 12, 12, true);
+    expect(std::string("YES"), "YES", 0, 0, true);
+    expect(std::string("True"), "True", 0, 0, true);
+    expect(std::string("no"), "no", 0, 0, false);
+    expect(std::string("1"), "1", 1, 1, true);
+    expect(std::string("words"), "words", 0, 0, false);
+    expect(Strings{"a"}, std::nullopt, 0, 0, false);
+    expect(std::nullopt, std::nullopt, 0, 0, false);
+}
 
+TEST_F(SettingsStoreTest, ADamagedFileIsSetAsideUnderANameOfItsOwnLoggedAndTheDefaultsServe) {
+    std::vector<fs::path> before;
+    for (const std::string& damaged : {std::string(R"({"RecorderCodec": "hev)"), std::string(),
+                                       std::string(R"(["RecorderCodec"])"), std::string("\0\xff\x01", 3)}) {
+        SCOPED_TRACE(testing::PrintToString(damaged));
+        _log.clear();
+        write(file(), damaged);
         SettingsStore store(ApplicationIdentifier, _folder);
         store.registerDefaults({{"RecorderCodec", std::string("h264")}});
         EXPECT_EQ(store.stringForKey("RecorderCodec"), "h264");
         EXPECT_TRUE(store.persistentDomain().empty());
-
-        auto aside = filesStartingWith(file().filename().string() + ".corrupt-");
-        ASSERT_EQ(aside.size(), 1u);
-        EXPECT_EQ(read(aside[0]), damaged.text); // kept byte for byte
         EXPECT_FALSE(fs::exists(file()));
+
+        // Several in the same second each get a name of their own, and each is kept byte for byte.
+        auto aside = setAside();
+        ASSERT_EQ(aside.size(), before.size() + 1);
+        auto added = std::find_if(aside.begin(), aside.end(), [&](const fs::path& path) {
+            return std::find(before.begin(), before.end(), path) == before.end();
+        });
+        ASSERT_NE(added, aside.end());
+        EXPECT_EQ(read(*added), damaged);
         ASSERT_EQ(_log.size(), 1u);
         EXPECT_EQ(_log[0].rfind("Settings: ", 0), 0u);
-        EXPECT_NE(_log[0].find(aside[0].filename().string()), std::string::npos) << _log[0];
+        EXPECT_NE(_log[0].find(added->filename().string()), std::string::npos) << _log[0];
+        before = aside;
 
-        // The store writes afresh, and the damaged copy stays.
+        // The store writes afresh.
         ASSERT_TRUE(store.setString("prores422", "RecorderCodec"));
         EXPECT_EQ(SettingsStore(ApplicationIdentifier, _folder).stringForKey("RecorderCodec"), "prores422");
-        EXPECT_EQ(filesStartingWith(file().filename().string() + ".corrupt-").size(), 1u);
     }
-}
-
-TEST_F(SettingsStoreTest, AnotherDamagedFileOfTheSameSecondGetsItsOwnName) {
-    write(file(), "{");
-    { SettingsStore store(ApplicationIdentifier, _folder); }
-    write(file(), "[");
-    { SettingsStore store(ApplicationIdentifier, _folder); }
-    auto aside = filesStartingWith(file().filename().string() + ".corrupt-");
-    ASSERT_EQ(aside.size(), 2u); // unless the second passed in between, a suffix kept them apart
-    std::set<std::string> contents{read(aside[0]), read(aside[1])};
-    EXPECT_EQ(contents, (std::set<std::string>{"{", "["}));
 }
 
 TEST_F(SettingsStoreTest, AFileThatCannotBeReadIsSetAsideToo) {
     fs::create_directories(file() / "inside"); // a folder where the file should be
     SettingsStore store(ApplicationIdentifier, _folder);
-    auto aside = filesStartingWith(file().filename().string() + ".corrupt-");
+    auto aside = setAside();
     ASSERT_EQ(aside.size(), 1u);
     EXPECT_TRUE(fs::exists(aside[0] / "inside"));
     EXPECT_TRUE(store.setBool(true, "RecorderPerformance"));
@@ -222,7 +191,7 @@ TEST_F(SettingsStoreTest, ValuesOfOtherTypesAreSkippedOneByOne) {
     EXPECT_EQ(store.objectForKey("Mixed"), std::nullopt);
     EXPECT_EQ(store.doubleForKey("Big"), 18446744073709551615.0);
     EXPECT_EQ(_log.size(), 3u);
-    EXPECT_TRUE(filesStartingWith(file().filename().string() + ".corrupt-").empty());
+    EXPECT_TRUE(setAside().empty());
 }
 
 TEST_F(SettingsStoreTest, ReadsAnotherApplicationsDomainWithoutTouchingIt) {
@@ -244,21 +213,15 @@ TEST_F(SettingsStoreTest, ReadsAnotherApplicationsDomainWithoutTouchingIt) {
     write(file(client), "{oops");
     EXPECT_EQ(store.persistentDomainForName(client), std::nullopt);
     EXPECT_EQ(read(file(client)), "{oops");
-    EXPECT_TRUE(filesStartingWith(file(client).filename().string() + ".corrupt-").empty());
+    EXPECT_TRUE(setAside(client).empty());
 }
 
 TEST_F(SettingsStoreTest, TheFolderComesFromXDGConfigHomeElseHome) {
-    auto keep = [](const char* name) -> std::optional<std::string> {
-        const char* value = std::getenv(name);
-        return value ? std::optional<std::string>(value) : std::nullopt;
-    };
-    auto restore = [](const char* name, const std::optional<std::string>& value) {
-        if (value)
-            setenv(name, value->c_str(), 1);
-        else
-            unsetenv(name);
-    };
-    auto config = keep("XDG_CONFIG_HOME"), home = keep("HOME");
+    std::optional<std::string> kept[2];
+    const char* names[2] = {"XDG_CONFIG_HOME", "HOME"};
+    for (int i = 0; i < 2; ++i)
+        if (const char* value = std::getenv(names[i]))
+            kept[i] = value;
 
     setenv("XDG_CONFIG_HOME", (_folder / "config").c_str(), 1);
     setenv("HOME", (_folder / "home").c_str(), 1);
@@ -274,8 +237,8 @@ TEST_F(SettingsStoreTest, TheFolderComesFromXDGConfigHomeElseHome) {
     unsetenv("XDG_CONFIG_HOME");
     EXPECT_EQ(SettingsStore::DefaultFolder(), _folder / "home" / ".config");
 
-    restore("XDG_CONFIG_HOME", config);
-    restore("HOME", home);
+    for (int i = 0; i < 2; ++i)
+        kept[i] ? setenv(names[i], kept[i]->c_str(), 1) : unsetenv(names[i]);
 }
 
 TEST_F(SettingsStoreTest, AWriteKilledBeforeItsRenameLeavesThePreviousSettingsWhole) {

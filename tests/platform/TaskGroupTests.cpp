@@ -14,7 +14,7 @@
 namespace quorva {
 namespace {
 
-TEST(TaskGroup, WaitAnswersWhetherTheWorkEndedInTime) {
+TEST(TaskGroup, WaitAnswersWhetherTheWorkEndedInTimeWhereverItRan) {
     TaskGroup group;
     EXPECT_TRUE(group.wait(0)); // nothing entered: done already
     group.enter();
@@ -29,63 +29,12 @@ TEST(TaskGroup, WaitAnswersWhetherTheWorkEndedInTime) {
     EXPECT_TRUE(group.wait(60));
     last.join();
     EXPECT_TRUE(group.wait());
-}
 
-TEST(TaskGroup, NotifiesOnTheGivenQueueOnceTheLastPieceLeaves) {
-    auto queue = std::make_shared<SerialQueue>("group-notify");
-    TaskGroup group;
-    group.enter();
-    group.enter();
-    std::atomic<int> notified = 0;
-    std::atomic<bool> onQueue = false;
-    Semaphore done;
-    group.notify(queue, [&] {
-        onQueue = queue->isCurrent();
-        ++notified;
-        done.signal();
-    });
-    group.leave();
-    EXPECT_FALSE(done.wait(0.02)); // one piece is still under way
-    group.leave();
-    ASSERT_TRUE(done.wait(60));
-    EXPECT_TRUE(onQueue);
-
-    // Fired once: new work and its end do not bring it back.
-    group.enter();
-    group.leave();
-    queue->sync([] {});
-    EXPECT_EQ(notified, 1);
-}
-
-TEST(TaskGroup, NotifyingAnIdleGroupFiresAtOnce) {
-    auto queue = std::make_shared<SerialQueue>("group-notify");
-    TaskGroup group;
-    Semaphore done;
-    group.notify(queue, [&] { done.signal(); });
-    EXPECT_TRUE(done.wait(60));
-}
-
-TEST(TaskGroup, EveryNotificationFiresOnItsOwnTarget) {
-    auto loop = std::make_shared<HeadlessEventLoop>();
-    auto queue = std::make_shared<SerialQueue>("group-notify");
-    TaskGroup group;
-    group.enter();
-    std::atomic<bool> onLoop = false, onQueue = false;
-    group.notify(loop, [&] { onLoop = loop->isCurrent(); });
-    group.notify(queue, [&] { onQueue = queue->isCurrent(); });
-    std::thread worker([&] { group.leave(); });
-    EXPECT_TRUE(loop->runUntil([&] { return onLoop.load(); }, 60));
-    worker.join();
-    queue->sync([] {});
-    EXPECT_TRUE(onQueue);
-}
-
-TEST(TaskGroup, TracksWorkPostedAcrossSeveralQueues) {
+    // Work posted from several threads to several queues.
+    std::atomic<int> finished = 0;
     std::vector<std::unique_ptr<SerialQueue>> queues;
     for (int i = 0; i < 3; ++i)
         queues.push_back(std::make_unique<SerialQueue>("worker"));
-    TaskGroup group;
-    std::atomic<int> finished = 0;
     std::vector<std::thread> posters;
     for (int p = 0; p < 3; ++p)
         posters.emplace_back([&, p] {
@@ -98,19 +47,41 @@ TEST(TaskGroup, TracksWorkPostedAcrossSeveralQueues) {
     EXPECT_EQ(finished, 600);
 }
 
-TEST(TaskGroup, TheTargetOutlivesItsOwnerUntilTheNotificationRan) {
+TEST(TaskGroup, NotifiesEachTargetOnceWhenTheLastPieceLeavesAndAnIdleGroupAtOnce) {
+    auto loop = std::make_shared<HeadlessEventLoop>();
     TaskGroup group;
     group.enter();
+    group.enter();
+    int loopNotified = 0; // touched on the loop only
+    std::atomic<bool> onQueue = false;
     Semaphore done;
     std::weak_ptr<SerialQueue> watch;
     {
         auto queue = std::make_shared<SerialQueue>("group-notify");
         watch = queue;
-        group.notify(queue, [&] { done.signal(); });
+        group.notify(queue, [&, raw = queue.get()] {
+            onQueue = raw->isCurrent();
+            done.signal();
+        });
     }
-    EXPECT_FALSE(watch.expired()); // the owner let go; the group holds on
+    EXPECT_FALSE(watch.expired()); // the owner let go; the group holds on until the notification ran
+    group.notify(loop, [&] { loopNotified += loop->isCurrent(); });
     group.leave();
+    EXPECT_FALSE(done.wait(0.02)); // one piece is still under way
+    std::thread worker([&] { group.leave(); });
+    EXPECT_TRUE(loop->runUntil([&] { return loopNotified == 1; }, 60));
+    worker.join();
     ASSERT_TRUE(done.wait(60));
+    EXPECT_TRUE(onQueue);
+
+    // Fired once: new work and its end do not bring it back, but a new notification of the idle group
+    // fires at once.
+    group.enter();
+    group.leave();
+    bool idle = false;
+    group.notify(loop, [&] { idle = true; });
+    EXPECT_TRUE(loop->runUntil([&] { return idle; }, 60));
+    EXPECT_EQ(loopNotified, 1);
 }
 
 } // namespace
