@@ -14,12 +14,13 @@ namespace {
 using testing::Pixel;
 using testing::Pixels;
 
+std::shared_ptr<Compositor> MakeCompositor() {
+    auto queue = testing::MakeQueue();
+    return queue ? Compositor::make(queue) : nullptr;
+}
+
 TEST(CompositorConcurrency, FourThreadsComposeAtOnceAndEachGetsItsOwnPicture) {
-    auto device = testing::SharedDevice();
-    ASSERT_TRUE(device);
-    auto queue = CommandQueue::make(device);
-    ASSERT_TRUE(queue);
-    auto compositor = Compositor::make(queue.value());
+    auto compositor = MakeCompositor();
     ASSERT_TRUE(compositor);
 
     constexpr int Threads = 4, Compositions = 25;
@@ -61,11 +62,7 @@ TEST(CompositorConcurrency, FourThreadsComposeAtOnceAndEachGetsItsOwnPicture) {
 }
 
 TEST(CompositorConcurrency, FourThreadsComposeWithoutWaitingAndEveryHandlerGetsATargetOfItsSize) {
-    auto device = testing::SharedDevice();
-    ASSERT_TRUE(device);
-    auto queue = CommandQueue::make(device);
-    ASSERT_TRUE(queue);
-    auto compositor = Compositor::make(queue.value());
+    auto compositor = MakeCompositor();
     ASSERT_TRUE(compositor);
     auto source = testing::MakeSolidTexture(32, 18, {10, 20, 30, 255});
 

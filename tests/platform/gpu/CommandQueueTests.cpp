@@ -12,18 +12,10 @@
 namespace quorva {
 namespace {
 
+using testing::MakeQueue;
+using testing::MakeSolidTexture;
 using testing::Pixel;
 using testing::Pixels;
-using testing::SharedDevice;
-
-std::shared_ptr<CommandQueue> MakeQueue() {
-    auto device = SharedDevice();
-    if (!device)
-        return nullptr;
-    auto queue = CommandQueue::make(device);
-    EXPECT_TRUE(queue);
-    return queue ? queue.value() : nullptr;
-}
 
 // A command buffer that clears `target` to `colour`.
 std::shared_ptr<CommandBuffer> Clear(CommandQueue& queue, const std::shared_ptr<Texture>& target,
@@ -43,16 +35,13 @@ TEST(CommandQueue, CallsHandlersOnItsOwnThreadOnceTheGpuIsDoneInCommitOrder) {
     std::mutex lock;
     std::vector<int> order;
     std::vector<std::thread::id> threads;
-    std::vector<std::shared_ptr<Texture>> targets;
     std::promise<void> last;
     for (int i = 0; i < 6; ++i) {
-        auto target = queue->device()->makeTexture(64, 64);
-        ASSERT_TRUE(target);
-        targets.push_back(target.value());
-        auto buffer = Clear(*queue, target.value(), {0, float(i) / 5, 0, 1});
-        buffer->addCompletedHandler([&, i, texture = target.value()] {
+        auto target = MakeSolidTexture(64, 64, {});
+        auto buffer = Clear(*queue, target, {0, float(i) / 5, 0, 1});
+        buffer->addCompletedHandler([&, i, target] {
             // Done means readable: the read-back, queued behind nothing, shows the clear.
-            Pixel pixel = Pixels(texture, 10, 10, 1, 1).at(10, 10);
+            Pixel pixel = Pixels(target, 10, 10, 1, 1).at(10, 10);
             std::lock_guard guard(lock);
             EXPECT_EQ(pixel.g, uint8_t(i * 51));
             order.push_back(i);
@@ -71,55 +60,41 @@ TEST(CommandQueue, CallsHandlersOnItsOwnThreadOnceTheGpuIsDoneInCommitOrder) {
     }
 }
 
-TEST(CommandQueue, HoldsWhatACommandBufferUsesUntilTheGpuIsDone) {
+TEST(CommandQueue, HoldsWhatItsBuffersUseUntilDoneAndClosingWaitsForCommittedWorkAndRefusesMore) {
     auto queue = MakeQueue();
     ASSERT_TRUE(queue);
     std::weak_ptr<Texture> watched;
-    std::promise<bool> aliveInHandler;
+    std::atomic<int> completed = 0, aliveInHandler = 0;
     {
-        auto target = queue->device()->makeTexture(256, 256);
-        ASSERT_TRUE(target);
-        watched = target.value();
-        auto buffer = Clear(*queue, target.value(), {1, 0, 0, 1});
-        buffer->addCompletedHandler([&] { aliveInHandler.set_value(!watched.expired()); });
-        ASSERT_TRUE(buffer->commit());
-    } // the caller lets go of the texture and the buffer at once
-    EXPECT_TRUE(aliveInHandler.get_future().get());
-    queue.reset(); // waits for the completion thread, which let go after the handlers
-    EXPECT_TRUE(watched.expired());
-}
-
-TEST(CommandQueue, ClosingWaitsForCommittedWorkAndRefusesLaterCommits) {
-    auto queue = MakeQueue();
-    ASSERT_TRUE(queue);
-    auto target = queue->device()->makeTexture(512, 512);
-    ASSERT_TRUE(target);
-    std::atomic<int> completed = 0;
-    for (int i = 0; i < 5; ++i) {
-        auto buffer = Clear(*queue, target.value(), {0, 0, 1, 1});
-        buffer->addCompletedHandler([&] { ++completed; });
-        ASSERT_TRUE(buffer->commit());
-    }
-    auto late = Clear(*queue, target.value(), {0, 0, 1, 1});
+        auto target = MakeSolidTexture(512, 512, {});
+        watched = target;
+        for (int i = 0; i < 5; ++i) {
+            auto buffer = Clear(*queue, target, {0, 0, 1, 1});
+            buffer->addCompletedHandler([&] {
+                ++completed;
+                aliveInHandler += !watched.expired();
+            });
+            ASSERT_TRUE(buffer->commit());
+        }
+    } // the caller lets go of the texture and the buffers at once
+    auto late = Clear(*queue, MakeSolidTexture(8, 8, {}), {0, 0, 1, 1});
     bool lateCalled = false;
     late->addCompletedHandler([&] { lateCalled = true; });
-    queue.reset();
+    queue.reset(); // waits for the work and for the completion thread, which let go after the handlers
     EXPECT_EQ(completed, 5);
+    EXPECT_EQ(aliveInHandler, 5);
+    EXPECT_TRUE(watched.expired());
     auto refused = late->commit();
     ASSERT_FALSE(refused);
     EXPECT_NE(refused.error().message().find("closed"), std::string::npos);
     EXPECT_FALSE(lateCalled);
-}
 
-TEST(CommandQueue, AHandlerMayLetGoOfTheLastHoldOnItsQueue) {
-    auto queue = MakeQueue();
-    ASSERT_TRUE(queue);
-    auto target = queue->device()->makeTexture(32, 32);
-    ASSERT_TRUE(target);
+    // A handler may let go of the last hold on its queue, which then goes away on its own thread.
+    queue = MakeQueue();
     std::promise<void> done;
-    auto buffer = Clear(*queue, target.value(), {0, 0, 0, 1});
+    auto buffer = Clear(*queue, MakeSolidTexture(8, 8, {}), {0, 0, 0, 1});
     buffer->addCompletedHandler([&done, held = queue]() mutable {
-        held.reset(); // the queue goes away on its own completion thread
+        held.reset();
         done.set_value();
     });
     ASSERT_TRUE(buffer->commit());
@@ -137,12 +112,9 @@ TEST(CommandQueue, ThreadsRecordAndCommitAtOnce) {
     std::vector<std::thread> threads;
     for (int t = 0; t < Threads; ++t) {
         threads.emplace_back([&, t] {
-            auto target = queue->device()->makeTexture(128, 64 + t);
-            ASSERT_TRUE(target);
-            targets[t] = target.value();
+            targets[t] = MakeSolidTexture(128, 64 + t, {});
             for (int i = 0; i < Buffers; ++i) {
-                auto buffer =
-                    Clear(*queue, target.value(), {0.2f * float(t), float(i) / (Buffers - 1), 0.2f, 1});
+                auto buffer = Clear(*queue, targets[t], {0.2f * float(t), float(i) / (Buffers - 1), 0.2f, 1});
                 ASSERT_TRUE(buffer);
                 buffer->addCompletedHandler([&] { ++completed; });
                 ASSERT_TRUE(buffer->commit());

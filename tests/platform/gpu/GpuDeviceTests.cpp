@@ -10,73 +10,58 @@ namespace {
 
 using Type = vk::PhysicalDeviceType;
 
-TEST(ChooseGpu, PrefersDiscreteThenIntegratedThenSoftwareWhateverTheOrder) {
-    std::vector<GpuCandidate> all = {{"llvmpipe", Type::eCpu, true},
-                                     {"Intel UHD", Type::eIntegratedGpu, true},
-                                     {"NVIDIA RTX", Type::eDiscreteGpu, true}};
-    EXPECT_EQ(ChooseGpu(all, ""), 2u);
-    all.pop_back();
-    EXPECT_EQ(ChooseGpu(all, ""), 1u);
-    all.pop_back();
-    EXPECT_EQ(ChooseGpu(all, ""), 0u);
-    EXPECT_EQ(ChooseGpu({}, ""), std::nullopt);
-}
-
-TEST(ChooseGpu, PassesOverDevicesThatCannotDrawAsThisProgramDraws) {
-    std::vector<GpuCandidate> candidates = {{"Old GPU", Type::eDiscreteGpu, false},
-                                            {"llvmpipe", Type::eCpu, true}};
-    EXPECT_EQ(ChooseGpu(candidates, ""), 1u);
-    EXPECT_EQ(ChooseGpu(candidates, "old"), std::nullopt);
-    candidates.pop_back();
-    EXPECT_EQ(ChooseGpu(candidates, ""), std::nullopt);
-}
-
-TEST(ChooseGpu, ANamedDeviceWinsOverABetterOneAndCaseDoesNotMatter) {
-    std::vector<GpuCandidate> candidates = {{"NVIDIA GeForce RTX 4090", Type::eDiscreteGpu, true},
-                                            {"llvmpipe (LLVM 15.0.6, 256 bits)", Type::eCpu, true}};
-    EXPECT_EQ(ChooseGpu(candidates, "LLVMPIPE"), 1u);
-    EXPECT_EQ(ChooseGpu(candidates, "rtx"), 0u);
-    EXPECT_EQ(ChooseGpu(candidates, "Radeon"), std::nullopt);
-}
-
-class EnvironmentVariable {
-public:
-    EnvironmentVariable(const char* name, const char* value) : _name(name) {
-        if (const char* old = std::getenv(name))
-            _old = old;
-        setenv(name, value, 1);
+TEST(ChooseGpu, PrefersDiscreteThenIntegratedThenSoftwareUnlessNamedAndSkipsThoseThatCannotDraw) {
+    const GpuCandidate cpu{"llvmpipe (LLVM 15.0.6, 256 bits)", Type::eCpu, true},
+        integrated{"Intel UHD", Type::eIntegratedGpu, true},
+        discrete{"NVIDIA GeForce RTX 4090", Type::eDiscreteGpu, true},
+        old{"Old GPU", Type::eDiscreteGpu, false};
+    struct Case {
+        std::vector<GpuCandidate> candidates;
+        const char* wanted;
+        std::optional<size_t> chosen;
+    };
+    const Case cases[] = {
+        {{cpu, integrated, discrete}, "", 2},
+        {{cpu, integrated}, "", 1},
+        {{cpu}, "", 0},
+        {{}, "", std::nullopt},
+        {{old, cpu}, "", 1},
+        {{old, cpu}, "old", std::nullopt},
+        {{old}, "", std::nullopt},
+        {{discrete, cpu}, "LLVMPIPE", 1},
+        {{discrete, cpu}, "rtx", 0},
+        {{discrete, cpu}, "Radeon", std::nullopt},
+    };
+    for (const Case& c : cases) {
+        std::string names;
+        for (const GpuCandidate& candidate : c.candidates)
+            names += candidate.name + "; ";
+        EXPECT_EQ(ChooseGpu(c.candidates, c.wanted), c.chosen) << names << "wanted \"" << c.wanted << '"';
     }
-    ~EnvironmentVariable() {
-        if (_old)
-            setenv(_name, _old->c_str(), 1);
-        else
-            unsetenv(_name);
-    }
-
-private:
-    const char* _name;
-    std::optional<std::string> _old;
-};
+}
 
 TEST(GpuDevice, OpensTheDeviceThatTheEnvironmentNamesOrExplainsWhyNot) {
     auto device = testing::SharedDevice();
     ASSERT_TRUE(device);
-    EXPECT_FALSE(device->name().empty());
     EXPECT_GE(device->maximumTextureSize(), 4096u);
-    {
-        EnvironmentVariable wanted("QUORVA_VULKAN_DEVICE", device->name().substr(0, 4).c_str());
-        auto named = GpuDevice::make();
-        ASSERT_TRUE(named) << named.error().message();
-        EXPECT_EQ(named.value()->name(), device->name());
-    }
-    {
-        EnvironmentVariable wanted("QUORVA_VULKAN_DEVICE", "no such GPU");
-        auto missing = GpuDevice::make();
-        ASSERT_FALSE(missing);
-        EXPECT_EQ(missing.error().domain(), "org.quorva.QuorvaRecorder.GPU");
-        EXPECT_NE(missing.error().message().find("no such GPU"), std::string::npos);
-        EXPECT_NE(missing.error().message().find(device->name()), std::string::npos) << "lists what there is";
-    }
+    const char* before = std::getenv("QUORVA_VULKAN_DEVICE");
+    std::optional<std::string> kept = before ? std::optional<std::string>(before) : std::nullopt;
+
+    setenv("QUORVA_VULKAN_DEVICE", device->name().substr(0, 4).c_str(), 1);
+    auto named = GpuDevice::make();
+    setenv("QUORVA_VULKAN_DEVICE", "no such GPU", 1);
+    auto missing = GpuDevice::make();
+    if (kept)
+        setenv("QUORVA_VULKAN_DEVICE", kept->c_str(), 1);
+    else
+        unsetenv("QUORVA_VULKAN_DEVICE");
+
+    ASSERT_TRUE(named) << named.error().message();
+    EXPECT_EQ(named.value()->name(), device->name());
+    ASSERT_FALSE(missing);
+    EXPECT_EQ(missing.error().domain(), "org.quorva.QuorvaRecorder.GPU");
+    EXPECT_NE(missing.error().message().find("no such GPU"), std::string::npos);
+    EXPECT_NE(missing.error().message().find(device->name()), std::string::npos) << "lists what there is";
 }
 
 } // namespace

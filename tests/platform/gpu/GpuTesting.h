@@ -2,6 +2,7 @@
 
 // Helpers for the tests that draw on the GPU (lavapipe where there is no GPU).
 
+#include "platform/gpu/CommandQueue.h"
 #include "platform/gpu/GpuDevice.h"
 #include "platform/gpu/Texture.h"
 
@@ -46,6 +47,15 @@ inline std::shared_ptr<GpuDevice> SharedDevice() {
         return made.value();
     }();
     return device;
+}
+
+// A command queue on the shared device; nothing, and a failure, when there is none.
+inline std::shared_ptr<CommandQueue> MakeQueue() {
+    auto device = SharedDevice();
+    auto queue = device ? CommandQueue::make(device) : Result<std::shared_ptr<CommandQueue>>(nullptr);
+    if (!queue)
+        ADD_FAILURE() << queue.error().message();
+    return queue ? queue.value() : nullptr;
 }
 
 // A texture filled by `pixelAt(x, y)`.

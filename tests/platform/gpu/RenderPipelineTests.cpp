@@ -6,10 +6,12 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 
 namespace quorva {
 namespace {
 
+using testing::MakeSolidTexture;
 using testing::Pixel;
 using testing::Pixels;
 using testing::SharedDevice;
@@ -44,16 +46,14 @@ void main() {
 )";
 
 TEST(CompileShader, NamesTheEntryPointAsAskedThoughGlslCallsItMain) {
-    auto vertex = CompileShader(CopyVertex, ShaderStage::Vertex, "sourceVertex");
-    ASSERT_TRUE(vertex) << vertex.error().message();
-    EXPECT_EQ(EntryPoints(vertex.value()), std::vector<std::string>{"sourceVertex"});
     // A name of a whole number of words needs a padding word of its own.
-    auto fragment = CompileShader(CopyFragment, ShaderStage::Fragment, "frameFrag");
-    ASSERT_TRUE(fragment) << fragment.error().message();
-    EXPECT_EQ(EntryPoints(fragment.value()), std::vector<std::string>{"frameFrag"});
-    auto fourLetters = CompileShader(CopyFragment, ShaderStage::Fragment, "copy");
-    ASSERT_TRUE(fourLetters);
-    EXPECT_EQ(EntryPoints(fourLetters.value()), std::vector<std::string>{"copy"});
+    for (auto [source, stage, name] : {std::tuple{CopyVertex, ShaderStage::Vertex, "sourceVertex"},
+                                       std::tuple{CopyFragment, ShaderStage::Fragment, "frameFrag"},
+                                       std::tuple{CopyFragment, ShaderStage::Fragment, "copy"}}) {
+        auto compiled = CompileShader(source, stage, name);
+        ASSERT_TRUE(compiled) << compiled.error().message();
+        EXPECT_EQ(EntryPoints(compiled.value()), std::vector<std::string>{name});
+    }
 }
 
 TEST(CompileShader, ReportsTheShaderAndTheLineOfAnError) {
@@ -67,35 +67,37 @@ TEST(CompileShader, ReportsTheShaderAndTheLineOfAnError) {
 class RenderPipelineTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        device = SharedDevice();
-        ASSERT_TRUE(device);
-        auto made =
-            RenderPipeline::make(device, {CopyVertex, "copyVertex", CopyFragment, "copyFragment", 16, true});
+        ASSERT_TRUE(SharedDevice());
+        auto made = RenderPipeline::make(SharedDevice(),
+                                         {CopyVertex, "copyVertex", CopyFragment, "copyFragment", 16, true});
         ASSERT_TRUE(made) << made.error().message();
         pipeline = made.value();
-        auto madeQueue = CommandQueue::make(device);
-        ASSERT_TRUE(madeQueue);
-        queue = madeQueue.value();
+        queue = testing::MakeQueue();
+        ASSERT_TRUE(queue);
     }
 
-    std::shared_ptr<Texture> copy(const std::shared_ptr<Texture>& source, bool opaque,
-                                  std::array<float, 4> tint) {
-        auto target = device->makeTexture(source->width(), source->height());
+    // A buffer, not yet committed, that draws `source` over all of `target` with `constants`.
+    std::shared_ptr<CommandBuffer> record(const std::shared_ptr<Texture>& target,
+                                          const std::shared_ptr<Texture>& source, bool opaque,
+                                          std::vector<float> constants) {
         auto buffer = queue->commandBuffer();
-        if (!target || !buffer)
-            return nullptr;
-        buffer.value()->beginRendering(target.value(), {0, 0, 0, 0});
+        EXPECT_TRUE(buffer);
+        buffer.value()->beginRendering(target, {0, 0, 0, 0});
         buffer.value()->setPipeline(pipeline);
-        buffer.value()->setConstants(tint.data(), 16);
+        buffer.value()->setConstants(constants.data(), uint32_t(constants.size() * sizeof(float)));
         buffer.value()->setTexture(source, opaque);
         buffer.value()->draw(4);
         buffer.value()->endRendering();
-        Result<void> committed = buffer.value()->commit();
-        EXPECT_TRUE(committed) << committed.error().message();
-        return target.value();
+        return buffer.value();
     }
 
-    std::shared_ptr<GpuDevice> device;
+    Pixels copy(const std::shared_ptr<Texture>& source, bool opaque, std::vector<float> tint) {
+        auto target = MakeSolidTexture(source->width(), source->height(), {});
+        Result<void> committed = record(target, source, opaque, tint)->commit();
+        EXPECT_TRUE(committed) << committed.error().message();
+        return Pixels(target);
+    }
+
     std::shared_ptr<RenderPipeline> pipeline;
     std::shared_ptr<CommandQueue> queue;
 };
@@ -104,42 +106,26 @@ Pixel Pattern(uint32_t x, uint32_t y) {
     return {uint8_t(16 * x), uint8_t(30 * y), uint8_t(x == 0 ? 255 : 0), 64};
 }
 
-TEST_F(RenderPipelineTest, DrawsTheFirstRowOfATextureAtTheTopPixelForPixel) {
+TEST_F(RenderPipelineTest, DrawsTheFirstRowAtTheTopPixelForPixelAndTheOpaqueViewReadsAlphaAsOne) {
     auto source = testing::MakeTexture(16, 8, Pattern);
-    auto target = copy(source, false, {1, 1, 1, 1});
-    ASSERT_TRUE(target);
-    Pixels pixels(target);
+    Pixels pixels = copy(source, false, {1, 1, 1, 1});
     for (uint32_t y = 0; y < 8; ++y) {
         for (uint32_t x = 0; x < 16; ++x)
             ASSERT_EQ(pixels.at(x, y), Pattern(x, y)) << x << ", " << y;
     }
-}
-
-TEST_F(RenderPipelineTest, TheOpaqueViewReadsAlphaAsOneAndLeavesColoursAlone) {
-    auto source = testing::MakeTexture(16, 8, Pattern);
-    auto target = copy(source, true, {1, 1, 1, 1});
-    ASSERT_TRUE(target);
-    Pixels pixels(target);
-    Pixel expected = Pattern(3, 5);
-    expected.a = 255;
-    EXPECT_EQ(pixels.at(3, 5), expected);
-    auto halved = copy(source, true, {1, 1, 1, 0.5f});
-    EXPECT_EQ(Pixels(halved).at(3, 5).a, 128) << "constants reach the fragment shader";
+    Pixel opaque = Pattern(3, 5);
+    opaque.a = 255;
+    EXPECT_EQ(copy(source, true, {1, 1, 1, 1}).at(3, 5), opaque);
+    EXPECT_EQ(copy(source, true, {1, 1, 1, 0.5f}).at(3, 5).a, 128) << "constants reach the shader";
 }
 
 TEST_F(RenderPipelineTest, MisuseFailsTheCommitWithItsReason) {
-    auto buffer = queue->commandBuffer();
-    ASSERT_TRUE(buffer);
-    auto target = device->makeTexture(4, 4);
-    buffer.value()->beginRendering(target.value(), {0, 0, 0, 1});
-    buffer.value()->setPipeline(pipeline);
-    float tooMany[8] = {};
-    buffer.value()->setConstants(tooMany, sizeof tooMany);
-    buffer.value()->endRendering();
-    auto committed = buffer.value()->commit();
+    auto buffer =
+        record(MakeSolidTexture(4, 4, {}), MakeSolidTexture(4, 4, {}), false, std::vector<float>(8));
+    auto committed = buffer->commit();
     ASSERT_FALSE(committed);
     EXPECT_NE(committed.error().message().find("onstants"), std::string::npos) << committed.error().message();
-    EXPECT_FALSE(buffer.value()->commit()) << "twice";
+    EXPECT_FALSE(buffer->commit()) << "twice";
 }
 
 } // namespace
