@@ -17,218 +17,119 @@ static void PrintTo(const Size& s, std::ostream* os) {
 
 namespace {
 
-constexpr int64_t Row = 0;
-constexpr int64_t Column = 1;
-constexpr int64_t Grid = 2;
-constexpr int64_t Focus = 3;
+constexpr int64_t Row = 0, Column = 1, Grid = 2, Focus = 3;
 constexpr Size NoFitting{0, 0};
+constexpr double NaN = std::numeric_limits<double>::quiet_NaN();
 
-TEST(LayoutNames, KindNamesInTheirFixedOrder) {
-    EXPECT_EQ(Layout::kindNames(), (std::vector<std::string>{"row", "column", "grid", "focus"}));
-    EXPECT_EQ(Layout::nameForKind(2), "grid");
-    EXPECT_EQ(Layout::nameForKind(3), "focus");
-    // Out of range, either way, reads as the first name.
-    EXPECT_EQ(Layout::nameForKind(-1), "row");
-    EXPECT_EQ(Layout::nameForKind(4), "row");
-    EXPECT_EQ(Layout::nameForKind(std::numeric_limits<int64_t>::min()), "row");
-}
-
-TEST(LayoutNames, NamesMatchWholeAfterLowerCasing) {
-    int64_t kind = -7;
-    EXPECT_TRUE(Layout::getKind(kind, "Grid"));
-    EXPECT_EQ(kind, 2);
-    EXPECT_TRUE(Layout::getKind(kind, "FOCUS"));
-    EXPECT_EQ(kind, 3);
-    EXPECT_TRUE(Layout::getKind(kind, "row"));
-    EXPECT_EQ(kind, 0);
-
-    kind = -7;
-    for (std::string_view bad : {"", "gri", "grids", " grid", "grid ", "colunm"}) {
-        EXPECT_FALSE(Layout::getKind(kind, bad)) << bad;
-        EXPECT_EQ(kind, -7) << bad;
-    }
-    EXPECT_FALSE(Layout::getKind(kind, std::string_view("grid\0", 5)));
-    EXPECT_EQ(kind, -7);
-}
-
-TEST(LayoutRow, SourcesTakeTheTallestHeightSideBySide) {
-    Layout layout(Row, {{1920, 1080}, {1280, 720}}, 10, NoFitting);
-    EXPECT_EQ(layout.kind(), Row);
-    EXPECT_EQ(layout.frames(), (std::vector<Rect>{{0, 0, 1920, 1080}, {1930, 0, 1920, 1080}}));
-    EXPECT_EQ(layout.size(), (Size{3850, 1080}));
-}
-
-TEST(LayoutRow, ScaledWidthRoundsHalvesUpAndOddSizeGrowsToEven) {
-    // The second source scaled to height 10 is 2.5 wide: 3 pixels. The content is then 23 wide, and
-    // the picture 24, with the spare column left empty at the far edge.
-    Layout layout(Row, {{20, 10}, {1, 4}}, 0, NoFitting);
-    EXPECT_EQ(layout.frames(), (std::vector<Rect>{{0, 0, 20, 10}, {20, 0, 3, 10}}));
-    EXPECT_EQ(layout.size(), (Size{24, 10}));
-}
-
-TEST(LayoutRow, NegativeGapCountsAsNone) {
-    Layout layout(Row, {{100, 100}, {100, 100}}, -30, NoFitting);
-    EXPECT_EQ(layout.frames(), (std::vector<Rect>{{0, 0, 100, 100}, {100, 0, 100, 100}}));
-    EXPECT_EQ(layout.size(), (Size{200, 100}));
-}
-
-TEST(LayoutColumn, SourcesTakeTheWidestWidthStacked) {
-    Layout layout(Column, {{1920, 1080}, {1280, 720}}, 10, NoFitting);
-    EXPECT_EQ(layout.frames(), (std::vector<Rect>{{0, 0, 1920, 1080}, {0, 1090, 1920, 1080}}));
-    EXPECT_EQ(layout.size(), (Size{1920, 2170}));
-
-    // 10 · 1 / 4 = 2.5 rounds to 3; 20 + 5 + 3 = 28.
-    Layout halves(Column, {{10, 20}, {4, 1}}, 5, NoFitting);
-    EXPECT_EQ(halves.frames(), (std::vector<Rect>{{0, 0, 10, 20}, {0, 25, 10, 3}}));
-    EXPECT_EQ(halves.size(), (Size{10, 28}));
-}
-
-TEST(LayoutGrid, ThreeSourcesFillTwoByTwoRowByRow) {
-    Layout layout(Grid, {{1920, 1080}, {1920, 1080}, {1920, 1080}}, 0, NoFitting);
-    EXPECT_EQ(layout.frames(),
-              (std::vector<Rect>{{0, 0, 1920, 1080}, {1920, 0, 1920, 1080}, {0, 1080, 1920, 1080}}));
-    EXPECT_EQ(layout.size(), (Size{3840, 2160}));
-}
-
-TEST(LayoutGrid, ColumnsAndRowsForEachCount) {
+TEST(Layout, KindNamesMatchWholeAfterLowerCasingAndOutOfRangeReadsAsRow) {
     struct Case {
-        size_t count;
-        Size size; // 10 × 10 cells, so columns and rows read off the picture size
+        std::string_view name;
+        int64_t kind; // -7: no match, and the kind stays as it was
     };
-    for (Case c : {Case{2, {20, 10}}, Case{3, {20, 20}}, Case{4, {20, 20}}, Case{5, {30, 20}},
-                   Case{6, {30, 20}}, Case{7, {30, 30}}, Case{9, {30, 30}}, Case{10, {40, 30}}}) {
-        Layout layout(Grid, std::vector<Size>(c.count, Size{10, 10}), 0, NoFitting);
-        EXPECT_EQ(layout.size(), c.size) << c.count << " sources";
+    for (Case c : {Case{"row", Row}, Case{"Column", Column}, Case{"Grid", Grid}, Case{"FOCUS", Focus},
+                   Case{"", -7}, Case{"gri", -7}, Case{"grids", -7}, Case{" grid", -7}, Case{"grid ", -7},
+                   Case{"colunm", -7}, Case{std::string_view("grid\0", 5), -7}}) {
+        int64_t kind = -7;
+        EXPECT_EQ(Layout::getKind(kind, c.name), c.kind != -7) << c.name;
+        EXPECT_EQ(kind, c.kind) << c.name;
     }
+    for (int64_t kind : {Row, Column, Grid, Focus}) {
+        int64_t back = -7;
+        EXPECT_TRUE(Layout::getKind(back, Layout::nameForKind(kind)));
+        EXPECT_EQ(back, kind);
+    }
+    for (int64_t kind : {int64_t(-1), int64_t(4), std::numeric_limits<int64_t>::min()})
+        EXPECT_EQ(Layout::nameForKind(kind), "row") << kind;
+}
 
+void ExpectLayout(const std::string& name, int64_t kind, const std::vector<Size>& sizes, int64_t gap,
+                  Size fitting, const std::vector<Rect>& frames, Size size) {
+    SCOPED_TRACE(name + ", kind " + std::to_string(kind));
+    Layout layout(kind, sizes, gap, fitting);
+    EXPECT_EQ(layout.kind(), kind);
+    EXPECT_EQ(layout.frames(), frames);
+    EXPECT_EQ(layout.size(), size);
+}
+
+TEST(Layout, PlacesEachKindRoundingAndFitting) {
+    const Size hd{1920, 1080}, hd720{1280, 720};
+    ExpectLayout("row: the tallest height, side by side", Row, {hd, hd720}, 10, NoFitting,
+                 {{0, 0, 1920, 1080}, {1930, 0, 1920, 1080}}, {3850, 1080});
+    // The second source scaled to height 10 is 2.5 wide: 3 pixels. The content is then 23 wide, and the
+    // picture 24, with the spare column left empty at the far edge.
+    ExpectLayout("row: halves round up, odd grows to even", Row, {{20, 10}, {1, 4}}, 0, NoFitting,
+                 {{0, 0, 20, 10}, {20, 0, 3, 10}}, {24, 10});
+    ExpectLayout("row: a negative gap is none", Row, {{100, 100}, {100, 100}}, -30, NoFitting,
+                 {{0, 0, 100, 100}, {100, 0, 100, 100}}, {200, 100});
+    ExpectLayout("column: the widest width, stacked", Column, {hd, hd720}, 10, NoFitting,
+                 {{0, 0, 1920, 1080}, {0, 1090, 1920, 1080}}, {1920, 2170});
+    // 10 · 1 / 4 = 2.5 rounds to 3; 20 + 5 + 3 = 28.
+    ExpectLayout("column: halves round up", Column, {{10, 20}, {4, 1}}, 5, NoFitting,
+                 {{0, 0, 10, 20}, {0, 25, 10, 3}}, {10, 28});
+    ExpectLayout("grid: three fill two by two", Grid, {hd, hd, hd}, 0, NoFitting,
+                 {{0, 0, 1920, 1080}, {1920, 0, 1920, 1080}, {0, 1080, 1920, 1080}}, {3840, 2160});
     // A short last row keeps its cells at the left; gaps lie between cells only.
-    Layout five(Grid, std::vector<Size>(5, Size{100, 100}), 2, NoFitting);
-    EXPECT_EQ(five.frames()[2], (Rect{204, 0, 100, 100}));
-    EXPECT_EQ(five.frames()[3], (Rect{0, 102, 100, 100}));
-    EXPECT_EQ(five.frames()[4], (Rect{102, 102, 100, 100}));
-    EXPECT_EQ(five.size(), (Size{304, 202}));
-}
-
-TEST(LayoutGrid, SourceIsFittedWholeAndCentredInItsCell) {
-    // The cell is 1920 × 1080. 1000 × 999 scales by 1080 / 999 to 1081 × 1080, which leaves 839
-    // pixels across: 419 before it (rounded down), 420 after.
-    Layout layout(Grid, {{1920, 1080}, {1000, 999}}, 10, NoFitting);
-    EXPECT_EQ(layout.frames(), (std::vector<Rect>{{0, 0, 1920, 1080}, {2349, 0, 1081, 1080}}));
-    EXPECT_EQ(layout.size(), (Size{3850, 1080}));
-
-    // The cell takes the largest width and the largest height separately: 400 × 301, so the wide
-    // source has 201 rows to spare, 100 of them above it.
-    Layout mixed(Grid, {{400, 100}, {100, 301}}, 0, NoFitting);
-    EXPECT_EQ(mixed.frames(), (std::vector<Rect>{{0, 100, 400, 100}, {550, 0, 100, 301}}));
-    EXPECT_EQ(mixed.size(), (Size{800, 302}));
-}
-
-TEST(LayoutFocus, OthersShareOneColumnBesideTheFirst) {
-    Layout layout(Focus, {{1920, 1080}, {1280, 720}, {1280, 720}}, 0, NoFitting);
-    EXPECT_EQ(layout.frames(),
-              (std::vector<Rect>{{0, 0, 1920, 1080}, {1920, 0, 960, 540}, {1920, 540, 960, 540}}));
-    EXPECT_EQ(layout.size(), (Size{2880, 1080}));
-}
-
-TEST(LayoutFocus, SideHeightRoundsDownAndNarrowSourcesAreCentred) {
-    // (700 − 2 · 10) / 3 = 226.67: height 226. Widths 301.33 → 301, 226, 150.67 → 151; the column is
-    // 301 wide, so the others sit 37 (of 75) and 75 pixels in.
-    Layout layout(Focus, {{1000, 700}, {400, 300}, {300, 300}, {200, 300}}, 10, NoFitting);
-    EXPECT_EQ(layout.frames(),
-              (std::vector<Rect>{
-                  {0, 0, 1000, 700}, {1010, 0, 301, 226}, {1047, 236, 226, 226}, {1085, 472, 151, 226}}));
-    EXPECT_EQ(layout.size(), (Size{1312, 700}));
-}
-
-TEST(LayoutFocus, HugeGapStillLeavesOnePixelSources) {
-    Layout layout(Focus, {{100, 100}, {100, 100}, {100, 100}}, 200, NoFitting);
-    EXPECT_EQ(layout.frames(), (std::vector<Rect>{{0, 0, 100, 100}, {300, 0, 1, 1}, {300, 201, 1, 1}}));
-    EXPECT_EQ(layout.size(), (Size{302, 100}));
-}
-
-TEST(LayoutFocus, UnknownKindsAreLaidOutAsFocus) {
-    for (int64_t kind : {int64_t(4), int64_t(-1)}) {
-        Layout layout(kind, {{1920, 1080}, {1280, 720}, {1280, 720}}, 0, NoFitting);
-        EXPECT_EQ(layout.kind(), kind);
-        EXPECT_EQ(layout.frames()[2], (Rect{1920, 540, 960, 540})) << kind;
-        EXPECT_EQ(layout.size(), (Size{2880, 1080})) << kind;
-    }
-}
-
-TEST(LayoutSources, UnusableSizesCountAsFullHD) {
-    const double nan = std::numeric_limits<double>::quiet_NaN();
-    for (Size bad : {Size{0, 0}, Size{0.5, 100}, Size{100, -1}, Size{nan, 100}, Size{100, nan}}) {
-        Layout layout(Row, {bad, {960, 540}}, 0, NoFitting);
-        EXPECT_EQ(layout.frames(), (std::vector<Rect>{{0, 0, 1920, 1080}, {1920, 0, 1920, 1080}}));
-    }
-}
-
-TEST(LayoutSources, OneSourceKeepsItsOwnSizeWhateverTheKind) {
+    ExpectLayout(
+        "grid: five with gaps", Grid, std::vector<Size>(5, Size{100, 100}), 2, NoFitting,
+        {{0, 0, 100, 100}, {102, 0, 100, 100}, {204, 0, 100, 100}, {0, 102, 100, 100}, {102, 102, 100, 100}},
+        {304, 202});
+    // The cell is 1920 × 1080. 1000 × 999 scales by 1080 / 999 to 1081 × 1080, which leaves 839 pixels
+    // across: 419 before it (rounded down), 420 after.
+    ExpectLayout("grid: fitted whole and centred in the cell", Grid, {hd, {1000, 999}}, 10, NoFitting,
+                 {{0, 0, 1920, 1080}, {2349, 0, 1081, 1080}}, {3850, 1080});
+    // The cell takes the largest width and height separately: 400 × 301, so the wide source has 201 rows
+    // to spare, 100 of them above it.
+    ExpectLayout("grid: the cell's sides from different sources", Grid, {{400, 100}, {100, 301}}, 0,
+                 NoFitting, {{0, 100, 400, 100}, {550, 0, 100, 301}}, {800, 302});
+    // Any kind but the first three is a focus.
+    for (int64_t kind : {Focus, int64_t(4), int64_t(-1)})
+        ExpectLayout("focus: the others share a column", kind, {hd, hd720, hd720}, 0, NoFitting,
+                     {{0, 0, 1920, 1080}, {1920, 0, 960, 540}, {1920, 540, 960, 540}}, {2880, 1080});
+    // (700 − 2 · 10) / 3 = 226.67: height 226. Widths 301.33 → 301, 226, 150.67 → 151; the column is 301
+    // wide, so the others sit 37 (of 75) and 75 pixels in.
+    ExpectLayout("focus: side height rounds down, narrow ones centred", Focus,
+                 {{1000, 700}, {400, 300}, {300, 300}, {200, 300}}, 10, NoFitting,
+                 {{0, 0, 1000, 700}, {1010, 0, 301, 226}, {1047, 236, 226, 226}, {1085, 472, 151, 226}},
+                 {1312, 700});
+    ExpectLayout("focus: a huge gap still leaves one pixel", Focus, {{100, 100}, {100, 100}, {100, 100}}, 200,
+                 NoFitting, {{0, 0, 100, 100}, {300, 0, 1, 1}, {300, 201, 1, 1}}, {302, 100});
+    for (Size bad : {Size{0, 0}, Size{0.5, 100}, Size{100, -1}, Size{NaN, 100}, Size{100, NaN}})
+        ExpectLayout("an unusable size is Full HD", Row, {bad, {960, 540}}, 0, NoFitting,
+                     {{0, 0, 1920, 1080}, {1920, 0, 1920, 1080}}, {3840, 1080});
     for (int64_t kind : {Row, Column, Grid, Focus}) {
-        Layout layout(kind, {{1001, 501}}, 40, NoFitting);
-        EXPECT_EQ(layout.frames(), (std::vector<Rect>{{0, 0, 1001, 501}})) << kind;
-        EXPECT_EQ(layout.size(), (Size{1002, 502})) << kind;
+        ExpectLayout("one source keeps its size", kind, {{1001, 501}}, 40, NoFitting, {{0, 0, 1001, 501}},
+                     {1002, 502});
+        ExpectLayout("no sources", kind, {}, 10, NoFitting, {}, hd);
+        ExpectLayout("no sources, fitted", kind, {}, 10, {1281, 721}, {}, {1280, 720});
     }
-}
-
-TEST(LayoutSources, NoSourcesGiveFullHDOrTheFittingSize) {
-    for (int64_t kind : {Row, Column, Grid, Focus}) {
-        Layout natural(kind, {}, 10, NoFitting);
-        EXPECT_TRUE(natural.frames().empty());
-        EXPECT_EQ(natural.size(), (Size{1920, 1080}));
-        Layout fitted(kind, {}, 10, {1281, 721});
-        EXPECT_TRUE(fitted.frames().empty());
-        EXPECT_EQ(fitted.size(), (Size{1280, 720}));
-    }
-}
-
-TEST(LayoutNaturalSize, FractionalSidesRoundUpToEven) {
-    Layout layout(Row, {{1000.2, 10}}, 0, NoFitting);
-    EXPECT_EQ(layout.size(), (Size{1002, 10}));
-    Layout tiny(Row, {{1, 1}}, 0, NoFitting);
-    EXPECT_EQ(tiny.size(), (Size{2, 2}));
-}
-
-TEST(LayoutFitting, FittingSizeRoundsDownToEven) {
-    Layout layout(Row, {{1920, 1080}}, 0, {1281, 721});
-    EXPECT_EQ(layout.size(), (Size{1280, 720}));
-    EXPECT_EQ(layout.frames(), (std::vector<Rect>{{0, 0, 1280, 720}}));
-
-    Layout fractional(Row, {{100, 100}}, 0, {2.9, 1.5});
-    EXPECT_EQ(fractional.size(), (Size{2, 2}));
-    EXPECT_EQ(fractional.frames(), (std::vector<Rect>{{0, 0, 2, 2}}));
-}
-
-TEST(LayoutFitting, EitherSideBelowOneMeansNoFitting) {
-    const double nan = std::numeric_limits<double>::quiet_NaN();
-    for (Size fitting : {Size{1000, 0}, Size{0, 1000}, Size{1000, 0.5}, Size{nan, 1000}}) {
-        Layout layout(Row, {{1920, 1080}}, 0, fitting);
-        EXPECT_EQ(layout.size(), (Size{1920, 1080}));
-        EXPECT_EQ(layout.frames(), (std::vector<Rect>{{0, 0, 1920, 1080}}));
-    }
-}
-
-TEST(LayoutFitting, ScalesUpAndCentresTheShortSide) {
-    Layout layout(Row, {{100, 50}}, 0, {400, 400});
-    EXPECT_EQ(layout.frames(), (std::vector<Rect>{{0, 100, 400, 200}}));
-    EXPECT_EQ(layout.size(), (Size{400, 400}));
-}
-
-TEST(LayoutFitting, EdgesAreScaledSoNeighboursStillTouch) {
+    ExpectLayout("fractional sides round up to even", Row, {{1000.2, 10}}, 0, NoFitting, {{0, 0, 1000.2, 10}},
+                 {1002, 10});
+    ExpectLayout("the smallest picture", Row, {{1, 1}}, 0, NoFitting, {{0, 0, 1, 1}}, {2, 2});
+    ExpectLayout("fitting rounds down to even", Row, {hd}, 0, {1281, 721}, {{0, 0, 1280, 720}}, {1280, 720});
+    ExpectLayout("fitting to the smallest picture", Row, {{100, 100}}, 0, {2.9, 1.5}, {{0, 0, 2, 2}}, {2, 2});
+    for (Size fitting : {Size{1000, 0}, Size{0, 1000}, Size{1000, 0.5}, Size{NaN, 1000}})
+        ExpectLayout("a side below one is no fitting", Row, {hd}, 0, fitting, {{0, 0, 1920, 1080}}, hd);
+    ExpectLayout("fitting scales up and centres", Row, {{100, 50}}, 0, {400, 400}, {{0, 100, 400, 200}},
+                 {400, 400});
     // Content 202 × 100 at scale 0.5 is 101 wide in a 400-pixel picture: 149.5 before it, taken as 149.
-    // The shared edge at x = 101 lands on 50.5 → 50, so the first source gets 50 pixels and the
-    // second the remaining 51.
-    Layout layout(Row, {{101, 100}, {101, 100}}, 0, {400, 50});
-    EXPECT_EQ(layout.frames(), (std::vector<Rect>{{149, 0, 50, 50}, {199, 0, 51, 50}}));
-    EXPECT_EQ(layout.size(), (Size{400, 50}));
-}
+    // The shared edge at x = 101 lands on 50.5 → 50: the first source gets 50 pixels, the second 51.
+    ExpectLayout("fitting scales edges so neighbours touch", Row, {{101, 100}, {101, 100}}, 0, {400, 50},
+                 {{149, 0, 50, 50}, {199, 0, 51, 50}}, {400, 50});
+    // The scale is 18 / 7, so 21 scales to 54 and 5 pixels are left on each side. In doubles 21 · s comes
+    // out just above 54, and without an allowance the offset would drop to 4.
+    ExpectLayout("fitting centres despite an inexact scale", Row, {{21, 7}}, 0, {64, 18}, {{5, 0, 54, 18}},
+                 {64, 18});
 
-TEST(LayoutFitting, CentringSurvivesAScaleThatIsNotExact) {
-    // The scale is 18 / 7, so 21 scales to 54 and 5 pixels are left on each side. In doubles 21 · s
-    // comes out just above 54, and without an allowance the offset would drop to 4.
-    Layout layout(Row, {{21, 7}}, 0, {64, 18});
-    EXPECT_EQ(layout.frames(), (std::vector<Rect>{{5, 0, 54, 18}}));
-    EXPECT_EQ(layout.size(), (Size{64, 18}));
+    // Columns and rows of a grid for each count, read off the picture's size in 10 × 10 cells.
+    for (auto [count, size] : std::vector<std::pair<size_t, Size>>{{2, {20, 10}},
+                                                                   {3, {20, 20}},
+                                                                   {4, {20, 20}},
+                                                                   {5, {30, 20}},
+                                                                   {6, {30, 20}},
+                                                                   {7, {30, 30}},
+                                                                   {9, {30, 30}},
+                                                                   {10, {40, 30}}})
+        EXPECT_EQ(Layout(Grid, std::vector<Size>(count, Size{10, 10}), 0, NoFitting).size(), size) << count;
 }
 
 } // namespace

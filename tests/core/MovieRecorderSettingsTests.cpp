@@ -7,43 +7,25 @@
 namespace quorva {
 namespace {
 
-TEST(MovieRecorderSettingsCodecNames, FixedOrderAndOutOfRangeReadsAsH264) {
-    EXPECT_EQ(MovieRecorderSettings::codecNames(),
-              (std::vector<std::string>{"h264", "hevc", "prores422", "prores4444"}));
-    EXPECT_EQ(MovieRecorderSettings::nameForCodec(1), "hevc");
-    EXPECT_EQ(MovieRecorderSettings::nameForCodec(3), "prores4444");
-    EXPECT_EQ(MovieRecorderSettings::nameForCodec(-1), "h264");
-    EXPECT_EQ(MovieRecorderSettings::nameForCodec(4), "h264");
-    EXPECT_EQ(MovieRecorderSettings::nameForCodec(std::numeric_limits<int64_t>::max()), "h264");
-}
-
-TEST(MovieRecorderSettingsCodecNames, WholeNameMatchesAfterLowerCasing) {
-    int64_t codec = 0;
-    EXPECT_TRUE(MovieRecorderSettings::getCodec(codec, "ProRes4444"));
-    EXPECT_EQ(codec, 3);
-    EXPECT_TRUE(MovieRecorderSettings::getCodec(codec, "HEVC"));
-    EXPECT_EQ(codec, 1);
-    EXPECT_TRUE(MovieRecorderSettings::getCodec(codec, "PRORES422"));
-    EXPECT_EQ(codec, 2);
-    EXPECT_TRUE(MovieRecorderSettings::getCodec(codec, "H264"));
-    EXPECT_EQ(codec, 0);
-
-    // No trimming, no prefixes, no partial names: the out value stays as it was.
-    codec = 2;
-    for (std::string_view bad : {"prores", "", " h264", "h264 ", "h26", "prores44444", "h.264"}) {
-        EXPECT_FALSE(MovieRecorderSettings::getCodec(codec, bad)) << '"' << bad << '"';
-        EXPECT_EQ(codec, 2) << '"' << bad << '"';
+TEST(MovieRecorderSettings, CodecNamesMatchWholeAfterLowerCasingAndOutOfRangeReadsAsH264) {
+    struct Case {
+        std::string_view name;
+        int64_t codec; // -1: no match, and the codec stays as it was
+    };
+    for (Case c : {Case{"H264", 0}, Case{"HEVC", 1}, Case{"PRORES422", 2}, Case{"ProRes4444", 3},
+                   Case{"prores", -1}, Case{"", -1}, Case{" h264", -1}, Case{"h264 ", -1}, Case{"h26", -1},
+                   Case{"prores44444", -1}, Case{"h.264", -1}}) {
+        int64_t codec = -1;
+        EXPECT_EQ(MovieRecorderSettings::getCodec(codec, c.name), c.codec != -1) << '"' << c.name << '"';
+        EXPECT_EQ(codec, c.codec) << '"' << c.name << '"';
     }
-}
-
-TEST(MovieRecorderSettingsValues, NewSettingsAreAllZero) {
-    MovieRecorderSettings settings;
-    EXPECT_EQ(settings.codec(), 0);
-    EXPECT_EQ(settings.width(), 0);
-    EXPECT_EQ(settings.height(), 0);
-    EXPECT_EQ(settings.framesPerSecond(), 0);
-    EXPECT_EQ(settings.megabitsPerSecond(), 0);
-    EXPECT_FALSE(settings.recordsSound());
+    for (int64_t codec = 0; codec < 4; ++codec) {
+        int64_t back = -1;
+        EXPECT_TRUE(MovieRecorderSettings::getCodec(back, MovieRecorderSettings::nameForCodec(codec)));
+        EXPECT_EQ(back, codec);
+    }
+    for (int64_t codec : {int64_t(-1), int64_t(4), std::numeric_limits<int64_t>::max()})
+        EXPECT_EQ(MovieRecorderSettings::nameForCodec(codec), "h264") << codec;
 }
 
 } // namespace
