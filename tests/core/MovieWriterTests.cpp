@@ -1,26 +1,13 @@
 #include "core/MovieWriter.h"
 #include "tests/core/MovieReading.h"
 
-#include "platform/Log.h"
-
-extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavformat/avformat.h>
-#include <libavutil/pixdesc.h>
-#include <libswscale/swscale.h>
-}
-
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <csignal>
 #include <cstdlib>
-#include <fcntl.h>
 #include <fstream>
-#include <mutex>
-#include <poll.h>
 #include <random>
 #include <string>
 #include <sys/mount.h>
@@ -43,37 +30,6 @@ using testing::ReadMovie;
 constexpr int64_t H264 = 0, HEVC = 1, ProRes422 = 2, ProRes4444 = 3;
 
 // --- Pictures and sound to write ---------------------------------------------------------------------
-
-// Draws frame `index` of a moving picture into `frame`, in whatever format the writer wants: a grey
-// ramp with a white square that moves right a few pixels a frame. The left quarter is fully
-// transparent, so that a format with alpha has something to keep. Drawn in BGRA, then converted with
-// BT.709 coefficients in limited range, as the GPU pass will.
-void DrawPicture(AVFrame* frame, int index) {
-    const int width = frame->width, height = frame->height;
-    std::vector<uint8_t> bgra(size_t(width) * size_t(height) * 4);
-    const int side = std::max(2, height / 4);
-    const int left = (index * 4) % std::max(1, width - side);
-    for (int y = 0; y < height; ++y) {
-        for (int x = 0; x < width; ++x) {
-            uint8_t* p = &bgra[(size_t(y) * size_t(width) + size_t(x)) * 4];
-            const bool square = x >= left && x < left + side && y >= height / 3 && y < height / 3 + side;
-            const uint8_t grey = square ? 255 : uint8_t(64 + 128 * x / std::max(1, width));
-            p[0] = grey;
-            p[1] = grey;
-            p[2] = square ? 255 : uint8_t(grey / 2);
-            p[3] = x < width / 4 ? 0 : 255;
-        }
-    }
-    SwsContext* scale = sws_getContext(width, height, AV_PIX_FMT_BGRA, width, height,
-                                       AVPixelFormat(frame->format), SWS_POINT, nullptr, nullptr, nullptr);
-    ASSERT_NE(scale, nullptr);
-    const int* coefficients = sws_getCoefficients(SWS_CS_ITU709);
-    sws_setColorspaceDetails(scale, coefficients, 1, coefficients, 0, 0, 1 << 16, 1 << 16);
-    const uint8_t* source[] = {bgra.data()};
-    const int stride[] = {width * 4};
-    sws_scale(scale, source, stride, 0, height, frame->data, frame->linesize);
-    sws_freeContext(scale);
-}
 
 // Fills every plane with noise, which no encoder can make small.
 void DrawNoise(AVFrame* frame, std::mt19937& random, const MovieWriter& writer) {
@@ -98,11 +54,6 @@ std::vector<float> Tone(int64_t first, int64_t frames) {
     return samples;
 }
 
-std::string CodecName(int64_t codec) {
-    const char* names[] = {"H264", "HEVC", "ProRes422", "ProRes4444"};
-    return names[codec];
-}
-
 MovieWriter::Format Small(int64_t codec, bool sound = false, double rate = 30) {
     MovieWriter::Format format;
     format.codec = codec;
@@ -111,29 +62,6 @@ MovieWriter::Format Small(int64_t codec, bool sound = false, double rate = 30) {
     format.framesPerSecond = rate;
     format.recordsSound = sound;
     return format;
-}
-
-// Writes `count` pictures at `rate` a second (and sound alongside, in 10 ms blocks, when the movie has a
-// track) and finishes at the end of the last picture's slot.
-void WriteMovie(MovieWriter& writer, int count, double rate) {
-    const int64_t step = std::llround(MovieWriter::TimeScale / rate);
-    int64_t sound = 0;
-    for (int i = 0; i < count; ++i) {
-        MovieFrame frame = writer.makeFrame();
-        ASSERT_TRUE(frame);
-        DrawPicture(frame.get(), i);
-        Result<> appended = writer.appendFrame(std::move(frame), i * step);
-        ASSERT_TRUE(appended) << appended.error().message();
-        if (writer.format().recordsSound) {
-            for (; sound * MovieWriter::TimeScale < (i + 1) * step * MovieWriter::SoundRate; sound += 480) {
-                std::vector<float> tone = Tone(sound, 480);
-                Result<> written = writer.appendSound(tone.data(), 480, sound);
-                ASSERT_TRUE(written) << written.error().message();
-            }
-        }
-    }
-    Result<> finished = writer.finish(count * step);
-    ASSERT_TRUE(finished) << finished.error().message();
 }
 
 // --- Fixtures ----------------------------------------------------------------------------------------
@@ -149,13 +77,6 @@ protected:
         if (_mounted)
             umount2(_folder.c_str(), MNT_DETACH);
         fs::remove_all(_folder);
-    }
-
-    // Puts a tmpfs of `megabytes` on the folder, or says why not.
-    bool MountSmallDisk(int megabytes) {
-        std::string size = "size=" + std::to_string(megabytes) + "m";
-        _mounted = mount("quorva-test", _folder.c_str(), "tmpfs", 0, size.c_str()) == 0;
-        return _mounted;
     }
 
     std::unique_ptr<MovieWriter> Make(const std::string& name, const MovieWriter::Format& format) {
@@ -192,100 +113,13 @@ TEST(MovieWriterBitRate, FollowsTheRuleAndItsFloor) {
     EXPECT_EQ(MovieBitRate(H264, 1920, 1080, -5, -1), 12441600);
 }
 
-class MovieWriterCodecs : public MovieWriterTest, public ::testing::WithParamInterface<int64_t> {};
-
-// Each codec writes a movie that decodes back with the right codec, size, pixel format, colour tags,
-// every picture on the 1/60000 grid, the last picture held until the end, and its sound track.
-TEST_P(MovieWriterCodecs, WritesAMovieThatDecodesBack) {
-    const int64_t codec = GetParam();
-    std::vector<std::string> lines;
-    std::mutex linesLock;
-    SetLogSink([&](const std::string& line) {
-        std::lock_guard guard(linesLock);
-        lines.push_back(line);
-    });
-    std::unique_ptr<MovieWriter> writer = Make("take.mov", Small(codec, true));
-    SetLogSink({});
-    ASSERT_TRUE(writer);
-    const bool proRes = codec >= ProRes422;
-    EXPECT_EQ(writer->encoderName(), proRes ? "prores_ks" : codec == HEVC ? "libx265" : "libx264");
-    EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [&](const std::string& line) {
-        return line.starts_with("MovieRecorder: ") && line.find(writer->encoderName()) != std::string::npos;
-    }));
-    EXPECT_EQ(writer->pixelFormat(), codec == ProRes4444  ? AV_PIX_FMT_YUVA444P10LE
-                                     : codec == ProRes422 ? AV_PIX_FMT_YUV422P10LE
-                                                          : AV_PIX_FMT_YUV420P);
-    WriteMovie(*writer, 45, 30); // 1.5 s
-    EXPECT_EQ(writer->framesWritten(), 45u);
-
-    Movie movie = ReadMovie(_folder / "take.mov");
-    ASSERT_TRUE(movie.opened);
-    EXPECT_EQ(movie.videoCodec, proRes          ? AV_CODEC_ID_PRORES
-                                : codec == HEVC ? AV_CODEC_ID_HEVC
-                                                : AV_CODEC_ID_H264);
-    EXPECT_EQ(movie.videoTag, codec == ProRes4444  ? "ap4h"
-                              : codec == ProRes422 ? "apcn"
-                              : codec == HEVC      ? "hvc1"
-                                                   : "avc1");
-    EXPECT_EQ(movie.width, 320);
-    EXPECT_EQ(movie.height, 240);
-    // Decoders may give more bits than were written (ProRes 4444 decodes to 12), never other planes.
-    const AVPixFmtDescriptor* written = av_pix_fmt_desc_get(writer->pixelFormat());
-    const AVPixFmtDescriptor* decoded = av_pix_fmt_desc_get(movie.pixelFormat);
-    ASSERT_NE(decoded, nullptr);
-    EXPECT_EQ(decoded->log2_chroma_w, written->log2_chroma_w);
-    EXPECT_EQ(decoded->log2_chroma_h, written->log2_chroma_h);
-    EXPECT_EQ(decoded->flags & AV_PIX_FMT_FLAG_ALPHA, written->flags & AV_PIX_FMT_FLAG_ALPHA);
-    EXPECT_GE(decoded->comp[0].depth, written->comp[0].depth);
-    EXPECT_EQ(movie.primaries, AVCOL_PRI_BT709);
-    EXPECT_EQ(movie.transfer, AVCOL_TRC_BT709);
-    EXPECT_EQ(movie.matrix, AVCOL_SPC_BT709);
-    EXPECT_EQ(movie.range, AVCOL_RANGE_MPEG);
-
-    EXPECT_EQ(movie.videoTimeBase.num, 1);
-    EXPECT_EQ(movie.videoTimeBase.den, 60000);
-    ASSERT_EQ(movie.times.size(), 45u);
-    for (size_t i = 0; i < movie.times.size(); ++i)
-        EXPECT_EQ(movie.times[i], int64_t(i) * 2000) << "picture " << i;
-    EXPECT_NEAR(movie.videoDuration, 1.5, 1e-6);
-    EXPECT_EQ(movie.reordered, 0);
-    if (codec == ProRes4444) {
-        EXPECT_LT(movie.leftAlpha, 0.01);
-        EXPECT_GT(movie.rightAlpha, 0.99);
-    }
-
-    EXPECT_EQ(movie.audioCodec, proRes ? AV_CODEC_ID_PCM_S24LE : AV_CODEC_ID_AAC);
-    EXPECT_EQ(movie.sampleRate, 48000);
-    EXPECT_EQ(movie.channels, 2);
-    if (!proRes) {
-        EXPECT_NEAR(double(movie.audioBitRate), 256000, 40000); // measured from the track
-    }
-    EXPECT_NEAR(movie.audioDuration, movie.videoDuration, 1.0 / 30);
-    EXPECT_NEAR(double(movie.soundFrames) / 48000, 1.5, 1.0 / 30);
-}
-
-INSTANTIATE_TEST_SUITE_P(EachCodec, MovieWriterCodecs, ::testing::Values(H264, HEVC, ProRes422, ProRes4444),
-                         [](const ::testing::TestParamInfo<int64_t>& info) { return CodecName(info.param); });
-
-TEST_F(MovieWriterTest, KeyFramesComeAtLeastEveryTwoSeconds) {
-    std::unique_ptr<MovieWriter> writer = Make("keys.mov", Small(H264, false, 10));
-    ASSERT_TRUE(writer);
-    WriteMovie(*writer, 50, 10); // 5 s at 10 frames a second: key frames at 0, 2 and 4 s at least
-    Movie movie = ReadMovie(_folder / "keys.mov");
-    ASSERT_EQ(movie.times.size(), 50u);
-    EXPECT_GE(movie.keyFrames, 3);
-}
-
 TEST_F(MovieWriterTest, HoldsEachPictureUntilTheNextAndTheLastUntilTheEnd) {
     std::unique_ptr<MovieWriter> writer = Make("held.mov", Small(H264));
     ASSERT_TRUE(writer);
     // Irregular times, as a source with gaps delivers them; the movie ends 2 s in.
     const int64_t times[] = {0, 2000, 10000, 11000, 30000};
-    for (int i = 0; i < 5; ++i) {
-        MovieFrame frame = writer->makeFrame();
-        DrawPicture(frame.get(), i);
-        ASSERT_TRUE(writer->appendFrame(std::move(frame), times[i]));
-    }
+    for (int64_t time : times)
+        ASSERT_TRUE(writer->appendFrame(writer->makeFrame(), time));
     ASSERT_TRUE(writer->finish(120000));
     Movie movie = ReadMovie(_folder / "held.mov");
     EXPECT_EQ(movie.times, std::vector<int64_t>(std::begin(times), std::end(times)));
@@ -333,7 +167,12 @@ TEST_F(MovieWriterTest, WrappedMemoryIsEncodedAndReleasedOnce) {
         MovieFrame frame = writer->wrapFrame(memory.data(), [&] { ++released; });
         ASSERT_TRUE(frame);
         EXPECT_EQ(frame->data[0], memory.data());
-        DrawPicture(frame.get(), 3);
+        // Alpha, the fourth plane of 10-bit samples, clear over the left quarter and opaque elsewhere.
+        for (int y = 0; y < frame->height; ++y) {
+            auto* alpha = reinterpret_cast<uint16_t*>(frame->data[3] + y * frame->linesize[3]);
+            for (int x = 0; x < frame->width; ++x)
+                alpha[x] = x < frame->width / 4 ? 0 : 1023;
+        }
         ASSERT_TRUE(writer->appendFrame(std::move(frame), 0));
     }
     ASSERT_TRUE(writer->finish(2000));
@@ -387,6 +226,7 @@ TEST_F(MovieWriterTest, ASoundTrackThatStaysEmptyDoesNotHoldTheMovieBack) {
     Movie movie = ReadMovie(_folder / "quiet.mov");
     EXPECT_EQ(movie.times.size(), 120u);
     EXPECT_NEAR(double(movie.soundFrames) / 48000, 12.0, 1.0 / 10);
+    EXPECT_NEAR(double(movie.audioBitRate), 256000, 40000) << "AAC at its rate, measured from the track";
 }
 
 TEST_F(MovieWriterTest, SoundPastTheEndIsCutAndAMovieWithoutSoundRefusesIt) {
@@ -454,7 +294,8 @@ TEST_F(MovieWriterTest, CreationRefusesWhatCannotBeWrittenAndLeavesNoFile) {
 }
 
 TEST_F(MovieWriterTest, ADiskThatFillsUpFailsTheMovieWithAClearMessage) {
-    if (!MountSmallDisk(2))
+    _mounted = mount("quorva-test", _folder.c_str(), "tmpfs", 0, "size=2m") == 0;
+    if (!_mounted)
         GTEST_SKIP() << "mounting a tmpfs is not permitted here";
     // ProRes of noise: well over 2 MB by the time the first fragment, 10 s in, goes to the disk.
     std::unique_ptr<MovieWriter> writer = Make("full.mov", Small(ProRes422, true, 10));
@@ -489,14 +330,11 @@ TEST_F(MovieWriterTest, ADiskThatFillsUpFailsTheMovieWithAClearMessage) {
 
 // A writer killed half-way leaves a movie that plays up to its last complete fragment: here 25 s were
 // written, so the fragments of the first 20 s are on the disk and the last 5 s died with the process.
-TEST_F(MovieWriterTest, AMovieWhoseWriterIsKilledStaysReadableUpToItsLastFragment) {
+TEST_F(MovieWriterTest, AMovieWhoseWriterIsKilledStaysReadableUpToItsLastFragmentOfKeyFrames) {
     const fs::path path = _folder / "killed.mov";
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
     pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
-        close(ready[0]);
         MovieWriter::Format format = Small(H264, true);
         format.width = 160;
         format.height = 120;
@@ -509,22 +347,11 @@ TEST_F(MovieWriterTest, AMovieWhoseWriterIsKilledStaysReadableUpToItsLastFragmen
                 !writer.appendSound(nullptr, 1600, i * 1600))
                 _exit(2);
         }
-        char done = 1;
-        if (write(ready[1], &done, 1) != 1)
-            _exit(3);
-        for (;;)
-            pause();
+        raise(SIGKILL); // as abruptly as a crash or a power cut: nothing is finished
     }
-    close(ready[1]);
-    pollfd wait{ready[0], POLLIN, 0};
-    char done = 0;
-    const bool wrote = poll(&wait, 1, 120000) == 1 && read(ready[0], &done, 1) == 1;
-    close(ready[0]);
-    kill(child, SIGKILL);
     int status = 0;
-    waitpid(child, &status, 0);
-    ASSERT_TRUE(wrote) << "the writer did not get through its 25 s, status " << status;
-    ASSERT_TRUE(WIFSIGNALED(status));
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFSIGNALED(status)) << "the writer did not get through its 25 s, status " << status;
 
     Movie movie = ReadMovie(path);
     ASSERT_TRUE(movie.opened);
@@ -532,6 +359,7 @@ TEST_F(MovieWriterTest, AMovieWhoseWriterIsKilledStaysReadableUpToItsLastFragmen
     EXPECT_LE(movie.times.size(), 630u); // 21 s or less
     for (size_t i = 0; i < movie.times.size(); ++i)
         ASSERT_EQ(movie.times[i], int64_t(i) * 2000) << "picture " << i;
+    EXPECT_GE(movie.keyFrames, int(movie.times.size()) / 60) << "a key frame at least every two seconds";
     EXPECT_NEAR(double(movie.soundFrames) / 48000, double(movie.times.size()) / 30, 0.5);
 }
 
