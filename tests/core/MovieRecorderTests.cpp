@@ -3,6 +3,7 @@
 #include "tests/core/MovieRecorderFixture.h"
 
 #include <algorithm>
+#include <array>
 #include <fstream>
 #include <mutex>
 #include <sys/mount.h>
@@ -28,7 +29,20 @@ class MovieRecorderCodecs : public MovieRecorderTest, public ::testing::WithPara
 // long as its pictures.
 TEST_P(MovieRecorderCodecs, RecordsFramesAndSoundThatDecodeBack) {
     const int64_t codec = GetParam();
-    const bool proRes = codec >= ProRes422;
+    // Decoders may give more bits than were written (ProRes 4444 decodes to 12), never other planes.
+    struct Expected {
+        const char *encoder, *tag;
+        AVCodecID video;
+        int chromaShiftX, chromaShiftY, depth;
+        bool alpha;
+        AVCodecID audio;
+    };
+    const Expected expected = std::array<Expected, 4>{
+        Expected{"libx264", "avc1", AV_CODEC_ID_H264, 1, 1, 8, false, AV_CODEC_ID_AAC},
+        Expected{"libx265", "hvc1", AV_CODEC_ID_HEVC, 1, 1, 8, false, AV_CODEC_ID_AAC},
+        Expected{"prores_ks", "apcn", AV_CODEC_ID_PRORES, 1, 0, 10, false, AV_CODEC_ID_PCM_S24LE},
+        Expected{"prores_ks", "ap4h", AV_CODEC_ID_PRORES, 0, 0, 10, true,
+                 AV_CODEC_ID_PCM_S24LE}}[size_t(codec)];
     std::mutex lock;
     std::vector<std::string> lines;
     SetLogSink([&](const std::string& line) {
@@ -45,31 +59,24 @@ TEST_P(MovieRecorderCodecs, RecordsFramesAndSoundThatDecodeBack) {
     }
     EXPECT_FALSE(Finish(T0 + 1.0));
     SetLogSink({});
-    const std::string encoder = proRes ? "prores_ks" : codec == HEVC ? "libx265" : "libx264";
     EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [&](const std::string& line) {
-        return line.starts_with("MovieRecorder: ") && line.find(encoder) != std::string::npos;
-    })) << encoder;
+        return line.starts_with("MovieRecorder: ") && line.find(expected.encoder) != std::string::npos;
+    })) << expected.encoder;
     EXPECT_EQ(recorder->framesWritten(), 30u);
     EXPECT_EQ(recorder->framesDropped(), 0u);
     EXPECT_EQ(recorder->outputSize(), (Size{320, 240}));
 
     Movie movie = ReadMovie(folder / "take.mov");
-    EXPECT_EQ(movie.videoCodec, proRes          ? AV_CODEC_ID_PRORES
-                                : codec == HEVC ? AV_CODEC_ID_HEVC
-                                                : AV_CODEC_ID_H264);
-    EXPECT_EQ(movie.videoTag, codec == ProRes4444  ? "ap4h"
-                              : codec == ProRes422 ? "apcn"
-                              : codec == HEVC      ? "hvc1"
-                                                   : "avc1");
+    EXPECT_EQ(movie.videoCodec, expected.video);
+    EXPECT_EQ(movie.videoTag, expected.tag);
     EXPECT_EQ(movie.width, 320);
     EXPECT_EQ(movie.height, 240);
-    // Decoders may give more bits than were written (ProRes 4444 decodes to 12), never other planes.
     const AVPixFmtDescriptor* decoded = av_pix_fmt_desc_get(movie.pixelFormat);
     ASSERT_NE(decoded, nullptr);
-    EXPECT_EQ(decoded->log2_chroma_w, codec == ProRes4444 ? 0 : 1);
-    EXPECT_EQ(decoded->log2_chroma_h, proRes ? 0 : 1);
-    EXPECT_EQ(bool(decoded->flags & AV_PIX_FMT_FLAG_ALPHA), codec == ProRes4444);
-    EXPECT_GE(decoded->comp[0].depth, proRes ? 10 : 8);
+    EXPECT_EQ(decoded->log2_chroma_w, expected.chromaShiftX);
+    EXPECT_EQ(decoded->log2_chroma_h, expected.chromaShiftY);
+    EXPECT_EQ(bool(decoded->flags & AV_PIX_FMT_FLAG_ALPHA), expected.alpha);
+    EXPECT_GE(decoded->comp[0].depth, expected.depth);
     EXPECT_EQ(movie.primaries, AVCOL_PRI_BT709);
     EXPECT_EQ(movie.transfer, AVCOL_TRC_BT709);
     EXPECT_EQ(movie.matrix, AVCOL_SPC_BT709);
@@ -85,7 +92,7 @@ TEST_P(MovieRecorderCodecs, RecordsFramesAndSoundThatDecodeBack) {
     ASSERT_FALSE(movie.pictures.empty());
     const AVFrame* picture = movie.pictures[0].get();
     const AVPixFmtDescriptor* format = av_pix_fmt_desc_get(AVPixelFormat(picture->format));
-    const double expected[] = {153.3, 71.3, 150.4};
+    const double colour[] = {153.3, 71.3, 150.4};
     for (int plane = 0; plane < 3; ++plane) {
         const int y = 120 >> (plane ? format->log2_chroma_h : 0),
                   x = 160 >> (plane ? format->log2_chroma_w : 0);
@@ -93,9 +100,9 @@ TEST_P(MovieRecorderCodecs, RecordsFramesAndSoundThatDecodeBack) {
         const int depth = format->comp[plane].depth;
         const double value =
             depth > 8 ? reinterpret_cast<const uint16_t*>(row)[x] / double(1 << (depth - 8)) : row[x];
-        EXPECT_NEAR(value, expected[plane], 2.0) << "plane " << plane;
+        EXPECT_NEAR(value, colour[plane], 2.0) << "plane " << plane;
     }
-    EXPECT_EQ(movie.audioCodec, proRes ? AV_CODEC_ID_PCM_S24LE : AV_CODEC_ID_AAC);
+    EXPECT_EQ(movie.audioCodec, expected.audio);
     EXPECT_EQ(movie.sampleRate, 48000);
     EXPECT_EQ(movie.channels, 2);
     EXPECT_NEAR(movie.audioDuration, movie.videoDuration, 1.0 / 30);

@@ -47,21 +47,14 @@ void DrawNoise(AVFrame* frame, std::mt19937& random, const MovieWriter& writer) 
 std::vector<float> Tone(int64_t first, int64_t frames) {
     std::vector<float> samples;
     for (int64_t i = first; i < first + frames; ++i) {
-        const float v = 0.25f * std::sin(float(2 * M_PI * 440 * double(i) / 48000));
-        samples.push_back(v);
-        samples.push_back(v);
+        samples.insert(samples.end(), 2, 0.25f * std::sin(float(2 * M_PI * 440 * double(i) / 48000)));
     }
     return samples;
 }
 
-MovieWriter::Format Small(int64_t codec, bool sound = false, double rate = 30) {
-    MovieWriter::Format format;
-    format.codec = codec;
-    format.width = 320;
-    format.height = 240;
-    format.framesPerSecond = rate;
-    format.recordsSound = sound;
-    return format;
+MovieWriter::Format Small(int64_t codec, bool sound = false, double rate = 30, int64_t width = 320,
+                          int64_t height = 240) {
+    return {.codec = codec, .width = width, .height = height, .framesPerSecond = rate, .recordsSound = sound};
 }
 
 // --- Fixtures ----------------------------------------------------------------------------------------
@@ -208,10 +201,7 @@ TEST_F(MovieWriterTest, SoundGapsAreFilledWithSilenceAndOverlapsLeftOut) {
 // The first fragment waits for every track; a sound track that gets nothing must not hold the movie back
 // in memory, where a crash would take all of it.
 TEST_F(MovieWriterTest, ASoundTrackThatStaysEmptyDoesNotHoldTheMovieBack) {
-    MovieWriter::Format format = Small(H264, true, 10);
-    format.width = 160;
-    format.height = 120;
-    std::unique_ptr<MovieWriter> writer = Make("quiet.mov", format);
+    std::unique_ptr<MovieWriter> writer = Make("quiet.mov", Small(H264, true, 10, 160, 120));
     ASSERT_TRUE(writer);
     for (int i = 0; i < 120; ++i) // 12 s
         ASSERT_TRUE(writer->appendFrame(writer->makeFrame(), i * 6000));
@@ -277,18 +267,13 @@ TEST_F(MovieWriterTest, CreationRefusesWhatCannotBeWrittenAndLeavesNoFile) {
     EXPECT_EQ(Refusal(_folder / "taken.mov" / "movie.mov", Small(H264)),
               "The movie file could not be created");
 
-    MovieWriter::Format wide = Small(H264);
-    wide.width = 20000; // beyond what H.264 encoders take
-    wide.height = 100;
-    EXPECT_EQ(Refusal(_folder / "wide.mov", wide), "A h264 movie of 20000 × 100 cannot be written");
-    MovieWriter::Format tiny = Small(HEVC);
-    tiny.width = 2;
-    tiny.height = 2;
-    EXPECT_EQ(Refusal(_folder / "tiny.mov", tiny), "A hevc movie of 2 × 2 cannot be written");
-    MovieWriter::Format huge = Small(ProRes4444);
-    huge.width = 40000;
-    huge.height = 40000;
-    EXPECT_EQ(Refusal(_folder / "huge.mov", huge), "A prores4444 movie of 40000 × 40000 cannot be written");
+    // Beyond what H.264 encoders take, below what HEVC takes, beyond what a picture may be.
+    EXPECT_EQ(Refusal(_folder / "wide.mov", Small(H264, false, 30, 20000, 100)),
+              "A h264 movie of 20000 × 100 cannot be written");
+    EXPECT_EQ(Refusal(_folder / "tiny.mov", Small(HEVC, false, 30, 2, 2)),
+              "A hevc movie of 2 × 2 cannot be written");
+    EXPECT_EQ(Refusal(_folder / "huge.mov", Small(ProRes4444, false, 30, 40000, 40000)),
+              "A prores4444 movie of 40000 × 40000 cannot be written");
 
     EXPECT_EQ(std::distance(fs::directory_iterator(_folder), fs::directory_iterator()), 1);
 }
@@ -335,10 +320,7 @@ TEST_F(MovieWriterTest, AMovieWhoseWriterIsKilledStaysReadableUpToItsLastFragmen
     pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
-        MovieWriter::Format format = Small(H264, true);
-        format.width = 160;
-        format.height = 120;
-        Result<std::unique_ptr<MovieWriter>> made = MovieWriter::make(path, format);
+        Result<std::unique_ptr<MovieWriter>> made = MovieWriter::make(path, Small(H264, true, 30, 160, 120));
         if (!made)
             _exit(1);
         MovieWriter& writer = *made.value();
