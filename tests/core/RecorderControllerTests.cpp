@@ -1,18 +1,31 @@
 #include "core/RecorderController.h"
+
+#include "core/Take.h"
+#include "platform/HeadlessEventLoop.h"
+#include "sources/TestPatternDirectory.h"
+#include "tests/core/MovieReading.h"
 #include "tests/platform/gpu/GpuTesting.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <set>
+#include <thread>
+#include <tuple>
 
 namespace quorva {
 
 // Puts the controller in the states that only a recording reaches.
 struct RecorderControllerProbe {
     static void setState(RecorderController& controller, RecorderState state) { controller.setState(state); }
+    static void refreshAt(RecorderController& controller, double now) { controller.refreshAtTime(now); }
+    static auto soundRouting(RecorderController& controller, int64_t output) {
+        return controller.soundRouting(output, controller.sound() == RecorderComputerSound);
+    }
 };
 
 namespace {
@@ -20,10 +33,11 @@ namespace {
 namespace fs = std::filesystem;
 
 struct FakeSource final : FrameSource {
-    explicit FakeSource(std::string title) : name(std::move(title)) {}
+    explicit FakeSource(std::string title, int64_t kind = SourceKindNDI)
+        : name(std::move(title)), kind_(kind) {}
     std::string title() const override { return name; }
     bool flipped() const override { return false; }
-    int64_t kind() const override { return SourceKindNDI; }
+    int64_t kind() const override { return kind_; }
     FrameHandler frameHandler() const override { return frames; }
     void setFrameHandler(FrameHandler handler) override { frames = std::move(handler); }
     SoundHandler soundHandler() const override { return nullptr; }
@@ -32,6 +46,7 @@ struct FakeSource final : FrameSource {
     bool isAlive() const override { return !stopped; }
     void stop() override { stopped = true; }
     std::string name;
+    int64_t kind_;
     FrameHandler frames;
     bool stopped = false;
 };
@@ -46,7 +61,10 @@ struct FakeDirectory final : SourceDirectory {
     std::shared_ptr<FrameSource> connectToSourceWithTitle(const std::string& title,
                                                           const std::shared_ptr<GpuDevice>&) override {
         bool listed = std::find(titles.begin(), titles.end(), title) != titles.end();
-        return listed ? std::make_shared<FakeSource>(title) : nullptr;
+        // A title that starts with "P" stands for a desktop stream, which has no sound.
+        return listed
+                   ? std::make_shared<FakeSource>(title, title[0] == 'P' ? SourceKindPipeWire : SourceKindNDI)
+                   : nullptr;
     }
     ChangeHandler changeHandler() const override { return changed; }
     void setChangeHandler(ChangeHandler handler) override { changed = std::move(handler); }
@@ -78,11 +96,32 @@ protected:
         std::ofstream(folder / "user-dirs.dirs") << "XDG_VIDEOS_DIR=\"$HOME/Films\"\n";
         directory = std::make_shared<FakeDirectory>();
     }
-    void TearDown() override { fs::remove_all(folder); }
+    void TearDown() override {
+        EventLoop::setMainLoop(nullptr);
+        fs::remove_all(folder);
+    }
 
     std::shared_ptr<SettingsStore> store() { return std::make_shared<SettingsStore>("test", folder); }
     std::shared_ptr<RecorderController> controller(std::shared_ptr<SettingsStore> defaults = nullptr) {
         return RecorderController::make(nullptr, directory, nullptr, defaults ? defaults : store());
+    }
+    // A controller that records for real, with its completions on a loop of the test's own.
+    std::shared_ptr<RecorderController> recorder(std::shared_ptr<SourceDirectory> from) {
+        EventLoop::setMainLoop(loop);
+        auto recorder = RecorderController::make(testing::SharedDevice(), from, nullptr, store());
+        recorder->setFolder(folder.string());
+        return recorder;
+    }
+    bool Idle(RecorderController& recorder) {
+        return loop->runUntil([&] { return !recorder.isRecording(); }, 60);
+    }
+    // Each place's source delivers a picture, and the movies take it in.
+    void Deliver(RecorderController& recorder) {
+        for (const auto& place : recorder.places())
+            std::dynamic_pointer_cast<FakeSource>(place->source())
+                ->frames(testing::MakeSolidTexture(64, 36, {0, 0, 255, 255}));
+        while (recorder.take()->framesPending() > 0)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     static std::vector<std::string> Titles(const RecorderController& controller) {
         std::vector<std::string> titles;
@@ -93,6 +132,7 @@ protected:
 
     fs::path folder;
     std::shared_ptr<FakeDirectory> directory;
+    std::shared_ptr<HeadlessEventLoop> loop = std::make_shared<HeadlessEventLoop>();
 };
 
 TEST(RecorderPlaceTest, MeasuresOnlineRateSoundAndRouting) {
@@ -305,6 +345,120 @@ TEST_F(RecorderControllerTest, PlacesLetGoOfSourcesThatLeaveAndReconnectWhenThey
     directory->list({"Cam"});
     EXPECT_NE(place->source(), nullptr);
     EXPECT_NE(place->source(), first);
+}
+
+TEST_F(RecorderControllerTest, StopsOnceWhateverIsAskedAndCallsEveryStopHandlerInOrder) {
+    directory->titles = {"A", "B"};
+    auto controller = recorder(directory);
+    EXPECT_FALSE(controller->start());
+    EXPECT_EQ(controller->error(), "No source is selected");
+    ASSERT_TRUE(controller->addSourceMatching("A") && controller->addSourceMatching("B"));
+    controller->toggle();
+    ASSERT_EQ(controller->stateName(), "recording") << controller->error();
+    EXPECT_TRUE(controller->start());
+    Deliver(*controller);
+
+    std::vector<int> calls;
+    controller->stopWithCompletionHandler([&] { calls.push_back(1); });
+    controller->toggle(); // while finishing: nothing more
+    controller->stopWithCompletionHandler([&] { calls.push_back(2); });
+    EXPECT_EQ(controller->stateName(), "finishing");
+    EXPECT_FALSE(controller->start());
+    EXPECT_EQ(controller->error(), "The previous recording is still being finished");
+    ASSERT_TRUE(Idle(*controller));
+    controller->stopWithCompletionHandler([&] { calls.push_back(3); });
+    EXPECT_EQ(calls, (std::vector<int>{1, 2, 3}));
+    EXPECT_EQ(controller->recordingError(), "");
+    EXPECT_GE(controller->frames(), 1u);
+    EXPECT_TRUE(fs::exists(controller->places()[1]->file()));
+}
+
+TEST_F(RecorderControllerTest, RoutesSoundOnlyFromPlacesThatCanHaveIt) {
+    directory->titles = {"P1", "N2", "U3"};
+    auto recorder = controller();
+    for (auto title : {"P1", "N2", "U3"})
+        ASSERT_TRUE(recorder->addSourceMatching(title));
+    recorder->places()[2]->setKindKnown(false); // not connected yet
+    const std::tuple<const char*, int64_t, std::set<size_t>, size_t> cases[] = {
+        {"computer", TakeOutputSeparate, {1}, NoIndex},
+        {"computer", TakeOutputBoth, {1, 2}, NoIndex},
+        {"P1", TakeOutputAssembled, {1, 2}, NoIndex},
+        {"U3", TakeOutputBoth, {1, 2}, 2},
+    };
+    for (const auto& [sound, output, sources, assembled] : cases) {
+        recorder->setSound(sound);
+        EXPECT_EQ(RecorderControllerProbe::soundRouting(*recorder, output), std::pair(sources, assembled))
+            << sound << " " << output;
+    }
+}
+
+TEST_F(RecorderControllerTest, OneFailedMovieOfThreeIsReportedAndTheLastStopsTheRecording) {
+    directory->titles = {"A", "B", "C"};
+    auto controller = recorder(directory);
+    for (auto title : {"A", "B", "C"})
+        ASSERT_TRUE(controller->addSourceMatching(title));
+    ASSERT_TRUE(controller->start()) << controller->error();
+    Deliver(*controller);
+    auto movies = controller->moviesOfTheTake();
+    ASSERT_EQ(movies.size(), 3u);
+    movies[1]->recorder()->failWithError(TakeError("The disk is full"));
+    ASSERT_TRUE(loop->runUntil([&] { return !controller->error().empty(); }, 10));
+    EXPECT_EQ(controller->error(), "B: The disk is full");
+    EXPECT_EQ(controller->stateName(), "recording");
+    movies[0]->recorder()->failWithError(TakeError("Gone"));
+    ASSERT_TRUE(loop->runUntil([&] { return controller->error() == "A: Gone"; }, 10));
+    EXPECT_EQ(controller->stateName(), "recording");
+    movies[2]->recorder()->failWithError(TakeError("Gone"));
+    ASSERT_TRUE(Idle(*controller));
+    EXPECT_EQ(controller->recordingError(), "C: Gone");
+}
+
+TEST_F(RecorderControllerTest, ChecksASilentSourceLessAndLessOftenAndReconnectsADeadOne) {
+    directory->titles = {"Cam"};
+    ASSERT_TRUE(store()->setStringArray({"Cam"}, "RecorderSources"));
+    auto recorder = controller();
+    auto place = recorder->places().at(0);
+    double check = place->checkTime();
+    for (double interval : {2, 4, 8, 16, 30, 30}) {
+        RecorderControllerProbe::refreshAt(*recorder, check + interval - 0.01);
+        EXPECT_EQ(place->checkTime(), check);
+        check += interval + 0.01;
+        RecorderControllerProbe::refreshAt(*recorder, check);
+        EXPECT_EQ(place->checkTime(), check) << interval;
+    }
+    place->receivedFrame(nullptr, false, check + 1); // a picture: back to every 2 s
+    RecorderControllerProbe::refreshAt(*recorder, check + 3.01);
+    EXPECT_EQ(place->silentChecks(), 1u);
+
+    auto dead = std::dynamic_pointer_cast<FakeSource>(place->source());
+    dead->stopped = true;
+    RecorderControllerProbe::refreshAt(*recorder, check + 30);
+    EXPECT_NE(place->source(), dead);
+    EXPECT_NE(place->source(), nullptr);
+}
+
+TEST_F(RecorderControllerTest, RecordsTestPatternsIntoMoviesNamedAfterTheDate) {
+    auto controller = recorder(std::make_shared<TestPatternDirectory>());
+    ASSERT_TRUE(controller->addSourceMatching("720p30"));
+    controller->setSound("720p30");
+    ASSERT_TRUE(controller->start()) << controller->error();
+    loop->runUntil([&] { return controller->elapsed() > 1.5; }, 30);
+    controller->stopWithCompletionHandler({});
+    ASSERT_TRUE(Idle(*controller));
+    EXPECT_EQ(controller->recordingError(), "");
+
+    fs::path file = controller->file();
+    // Named after the local time at which it began.
+    std::tm began{};
+    const std::string name = file.filename().string();
+    const char* rest = strptime(name.c_str(), "QuorvaRecorder %Y-%m-%d %H.%M.%S", &began);
+    ASSERT_TRUE(rest && std::string(rest) == ".mov") << file;
+    began.tm_isdst = -1;
+    EXPECT_NEAR(double(std::mktime(&began)), double(std::time(nullptr)), 60);
+    testing::Movie movie = testing::ReadMovie(file);
+    EXPECT_EQ(movie.width, 1280);
+    EXPECT_GE(movie.times.size(), 2u);
+    EXPECT_GT(movie.soundFrames, 48000);
 }
 
 } // namespace
