@@ -9,6 +9,7 @@
 #include "platform/EventLoop.h"
 #include "platform/Log.h"
 #include "platform/MediaClock.h"
+#include "platform/Semaphore.h"
 #include "platform/UserFolders.h"
 #include "platform/gpu/CommandQueue.h"
 
@@ -51,6 +52,13 @@ constexpr double CheckInterval = 2;
 constexpr double LongestCheckInterval = 30;
 constexpr uint64_t MostCheckDoublings = 8;
 constexpr int64_t TransparentCodec = 3; // "prores4444"
+// The clock passes to another place once the clock place's last picture is this much older.
+constexpr double ClockHandOverInterval = 1.0;
+// The monitor is composed at most this often (250 a second) outside performance mode.
+constexpr double MonitorInterval = 0.004;
+// The monitor picture is at most this large either way, to leave the GPU to the encoders.
+constexpr double MonitorMaximumSide = 4096;
+constexpr double MonitorWaitLimit = 0.5;
 
 // Whether places of this kind may bring sound: network and test sources do, desktop video streams
 // (PipeWire, and any kind this program does not know) never do.
@@ -931,21 +939,78 @@ bool RecorderController::displayIsLimited() const {
     return _performance && isRecording();
 }
 
-void RecorderController::placeReceivedFrame(const std::shared_ptr<RecorderPlace>&, double) {
-    // Nothing is composed from the places' pictures yet.
+Layout RecorderController::assembledLayout() const {
+    {
+        std::lock_guard lock(_composeLock);
+        if (_takeLayout)
+            return *_takeLayout;
+    }
+    return Layout(layoutKind(), LayoutSizes(SizesOfPlaces(_places)), _gap,
+                  Size{double(_width), double(_height)});
+}
+
+std::shared_ptr<Texture> RecorderController::assembledFrame() const {
+    std::lock_guard lock(_shown->lock);
+    return _shown->picture;
+}
+
+void RecorderController::showPicture(std::shared_ptr<Texture> picture) {
+    std::lock_guard lock(_shown->lock);
+    _shown->picture = std::move(picture);
+}
+
+std::shared_ptr<RecorderPlace> RecorderController::clockPlace() const {
+    std::lock_guard lock(_composeLock);
+    return _clockPlace;
+}
+
+void RecorderController::placeReceivedFrame(const std::shared_ptr<RecorderPlace>& place, double time) {
+    Places places;
+    std::shared_ptr<const Layout> takeLayout;
+    bool transparent = false;
+    double lastComposeTime = 0, interval = 0;
+    {
+        std::lock_guard lock(_composeLock);
+        if (std::find(_composePlaces.begin(), _composePlaces.end(), place) == _composePlaces.end())
+            return;
+        // The clock stays with one source while it delivers and passes to another within a second after
+        // it stops.
+        if (_clockPlace != place &&
+            (!_clockPlace || time - _clockPlace->lastFrameTime() > ClockHandOverInterval))
+            _clockPlace = place;
+        if (_clockPlace != place)
+            return; // its picture waits for the next composition
+        places = _composePlaces;
+        takeLayout = _takeLayout;
+        transparent = _takeTransparent;
+        lastComposeTime = _lastComposeTime;
+        interval = _displayLimited ? 1 / RecorderLimitedDisplayRate : MonitorInterval;
+    }
+    if (takeLayout && _take->wantsAssembledFrameAtTime(time)) {
+        // The monitor shows the picture being recorded, so it needs no composition of its own.
+        composePlaces(places, *takeLayout, transparent, _takeCompositor, time,
+                      [take = _take, time](const std::shared_ptr<Texture>& picture) {
+                          take->appendAssembledTexture(picture, time);
+                      });
+    } else if (time - lastComposeTime >= interval) {
+        composeMonitorAtTime(time, false);
+    }
 }
 
 void RecorderController::compositionChanged() {
-    std::lock_guard lock(_composeLock);
-    _composePlaces = _places;
-    _composeKind = layoutKind();
-    _composeGap = _gap;
-    _composeFittingSize = Size{double(_width), double(_height)};
-    int64_t codec = 0;
-    MovieRecorderSettings::getCodec(codec, _codec);
-    _composeTransparent = codec == TransparentCodec;
-    if (_clockPlace && std::find(_places.begin(), _places.end(), _clockPlace) == _places.end())
-        _clockPlace = nullptr;
+    {
+        std::lock_guard lock(_composeLock);
+        _composePlaces = _places;
+        _composeKind = layoutKind();
+        _composeGap = _gap;
+        _composeFittingSize = Size{double(_width), double(_height)};
+        int64_t codec = 0;
+        MovieRecorderSettings::getCodec(codec, _codec);
+        _composeTransparent = codec == TransparentCodec;
+        if (_clockPlace && std::find(_places.begin(), _places.end(), _clockPlace) == _places.end())
+            _clockPlace = nullptr;
+    }
+    composeMonitorAtTime(MediaClock::now(), true);
 }
 
 void RecorderController::displayLimitChanged() {
@@ -954,12 +1019,76 @@ void RecorderController::displayLimitChanged() {
     _displayLimited = limited;
 }
 
-void RecorderController::composeMonitorAtTime(double, bool) {
-    // No monitor picture is drawn yet.
+void RecorderController::composeMonitorAtTime(double time, bool wait) {
+    Places places;
+    std::shared_ptr<const Layout> monitorLayout;
+    int64_t kind = 0, gap = 0;
+    Size fitting;
+    bool transparent = false;
+    {
+        std::lock_guard lock(_composeLock);
+        places = _composePlaces;
+        monitorLayout = _takeMonitorLayout;
+        kind = _composeKind;
+        gap = _composeGap;
+        fitting = _composeFittingSize;
+        transparent = monitorLayout ? _takeTransparent : _composeTransparent;
+    }
+    if (!monitorLayout) {
+        std::vector<Size> sizes = LayoutSizes(SizesOfPlaces(places));
+        monitorLayout = std::make_shared<const Layout>(
+            MonitorLayout(Layout(kind, sizes, gap, fitting), kind, sizes, gap));
+    }
+    auto drawn = wait ? std::make_shared<Semaphore>() : nullptr;
+    bool composing = composePlaces(places, *monitorLayout, transparent, _monitorCompositor, time,
+                                   [drawn](const std::shared_ptr<Texture>&) {
+                                       if (drawn)
+                                           drawn->signal();
+                                   });
+    // A stalled GPU must not hold the main thread for long.
+    if (composing && drawn)
+        (void)drawn->wait(MonitorWaitLimit);
+}
+
+bool RecorderController::composePlaces(const Places& places, const Layout& layout, bool transparent,
+                                       const std::shared_ptr<Compositor>& compositor, double time,
+                                       std::function<void(const std::shared_ptr<Texture>&)> then) {
+    std::vector<std::shared_ptr<Texture>> textures;
+    std::vector<bool> flipped;
+    for (const auto& place : places) {
+        textures.push_back(place->source() ? place->latestFrame() : nullptr);
+        flipped.push_back(place->flipped());
+    }
+    {
+        std::lock_guard lock(_composeLock);
+        _lastComposeTime = time;
+    }
+    if (!places.empty() && compositor) {
+        auto composed = compositor->compose(
+            layout, textures, flipped, transparent,
+            [shown = _shown, then = std::move(then)](const std::shared_ptr<Texture>& picture) {
+                {
+                    std::lock_guard lock(shown->lock);
+                    shown->picture = picture;
+                }
+                if (then)
+                    then(picture);
+            });
+        if (composed)
+            return true;
+    }
+    showPicture(nullptr);
+    return false;
 }
 
 Layout MonitorLayout(const Layout& layout, int64_t kind, const std::vector<Size>& sizes, int64_t gap) {
-    return Layout(kind, sizes, gap, layout.size());
+    const Size size = layout.size();
+    const double larger = std::max(size.width, size.height);
+    if (larger <= MonitorMaximumSide)
+        return layout;
+    const double scale = MonitorMaximumSide / larger;
+    auto side = [scale](double length) { return std::max(2.0, 2 * std::round(length * scale / 2)); };
+    return Layout(kind, sizes, gap, Size{side(size.width), side(size.height)});
 }
 
 } // namespace quorva

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/Geometry.h"
+#include "core/Layout.h"
 #include "core/NoIndex.h"
 #include "core/RecorderPlace.h"
 #include "core/SoundSource.h"
@@ -27,7 +28,6 @@
 namespace quorva {
 
 class Compositor;
-class Layout;
 class Take;
 class TakeMovie;
 class Texture;
@@ -193,6 +193,14 @@ public:
     int64_t layoutKind() const; // of the layout setting; 0 for a name not in the list
     // While recording in performance mode the monitor is held to RecorderLimitedDisplayRate.
     bool displayIsLimited() const;
+    // The arrangement of the assembled picture: the running take's, else what a take would use now.
+    Layout assembledLayout() const;
+    // The last picture composed, of the take or the monitor, for the preview to draw; nothing when
+    // there is no place or the GPU refused. Any thread.
+    std::shared_ptr<Texture> assembledFrame() const;
+    void showPicture(std::shared_ptr<Texture> picture);
+    // The place whose pictures set the pace of composition, if any.
+    std::shared_ptr<RecorderPlace> clockPlace() const;
 
 private:
     friend struct RecorderControllerProbe; // lets tests drive the state and the clock
@@ -212,7 +220,14 @@ private:
     void compositionChanged();
     // The performance setting or the state changed: so may the monitor's rate.
     void displayLimitChanged();
+    // Composes the monitor picture from the latest pictures; `wait`: until the GPU has drawn it, at most
+    // half a second.
     void composeMonitorAtTime(double time, bool wait);
+    // Composes `places` into `layout` with `compositor`; `then` gets the picture once drawn, on the GPU's
+    // completion thread. False when nothing was composed (no place, or the GPU refused).
+    bool composePlaces(const Places& places, const Layout& layout, bool transparent,
+                       const std::shared_ptr<Compositor>& compositor, double time,
+                       std::function<void(const std::shared_ptr<Texture>&)> then);
 
     const std::shared_ptr<GpuDevice> _device;
     const std::shared_ptr<SourceDirectory> _directory;
@@ -265,8 +280,15 @@ private:
     bool _takeTransparent = false;
     std::shared_ptr<RecorderPlace> _clockPlace;
     double _lastComposeTime = 0;
-    std::shared_ptr<Texture> _assembledFrame;
     bool _displayLimited = false;
+    // The last composed picture. Apart from the controller, so that a composition that completes on the
+    // GPU's thread stores its picture without holding the controller (whose last release there would
+    // join that very thread).
+    struct Shown {
+        mutable std::mutex lock;
+        std::shared_ptr<Texture> picture;
+    };
+    const std::shared_ptr<Shown> _shown = std::make_shared<Shown>();
 };
 
 } // namespace quorva

@@ -2,6 +2,7 @@
 
 #include "core/Take.h"
 #include "platform/HeadlessEventLoop.h"
+#include "platform/MediaClock.h"
 #include "sources/TestPatternDirectory.h"
 #include "tests/core/MovieReading.h"
 #include "tests/platform/gpu/GpuTesting.h"
@@ -23,6 +24,14 @@ namespace quorva {
 struct RecorderControllerProbe {
     static void setState(RecorderController& controller, RecorderState state) { controller.setState(state); }
     static void refreshAt(RecorderController& controller, double now) { controller.refreshAtTime(now); }
+    // Answers whether the picture made the monitor compose.
+    static bool receivedFrame(RecorderController& controller, const std::shared_ptr<RecorderPlace>& place,
+                              double time) {
+        place->receivedFrame(nullptr, false, time);
+        controller.placeReceivedFrame(place, time);
+        std::lock_guard lock(controller._composeLock);
+        return controller._lastComposeTime == time;
+    }
     static auto soundRouting(RecorderController& controller, int64_t output) {
         return controller.soundRouting(output, controller.sound() == RecorderComputerSound);
     }
@@ -437,28 +446,67 @@ TEST_F(RecorderControllerTest, ChecksASilentSourceLessAndLessOftenAndReconnectsA
     EXPECT_NE(place->source(), nullptr);
 }
 
+TEST_F(RecorderControllerTest, TheClockPassesOnAfterASecondAndPerformanceHoldsTheMonitorToTenPictures) {
+    directory->titles = {"A", "B"};
+    auto recorder = controller();
+    ASSERT_TRUE(recorder->addSourceMatching("A") && recorder->addSourceMatching("B"));
+    auto a = recorder->places()[0], b = recorder->places()[1];
+    const double t = MediaClock::now() + 100; // after every composition so far
+    RecorderControllerProbe::receivedFrame(*recorder, a, t);
+    RecorderControllerProbe::receivedFrame(*recorder, b, t + 0.5);
+    EXPECT_EQ(recorder->clockPlace(), a);
+    RecorderControllerProbe::receivedFrame(*recorder, b, t + 1.01);
+    EXPECT_EQ(recorder->clockPlace(), b);
+
+    // A second of pictures 1/128 s apart.
+    for (auto [state, pictures] : {std::pair{RecorderState::Idle, 128},
+                                   {RecorderState::Recording, 10},
+                                   {RecorderState::Finishing, 10}}) {
+        RecorderControllerProbe::setState(*recorder, state);
+        recorder->setPerformance(true);
+        int composed = 0;
+        for (int i = 0; i < 128; ++i)
+            composed +=
+                RecorderControllerProbe::receivedFrame(*recorder, b, t + 10 + 10 * int(state) + i / 128.0);
+        EXPECT_EQ(composed, pictures) << recorder->stateName();
+    }
+    RecorderControllerProbe::setState(*recorder, RecorderState::Idle);
+    recorder->removeSourceAtPlace(2);
+    EXPECT_EQ(recorder->clockPlace(), nullptr);
+
+    const std::vector<Size> three(3, Size{1920, 1080}), one{{4000, 1000}};
+    EXPECT_EQ(MonitorLayout(Layout(0, three, 0, {}), 0, three, 0).size(), (Size{4096, 768}));
+    EXPECT_EQ(MonitorLayout(Layout(0, one, 0, {}), 0, one, 0).size(), (Size{4000, 1000}));
+}
+
 TEST_F(RecorderControllerTest, RecordsTestPatternsIntoMoviesNamedAfterTheDate) {
     auto controller = recorder(std::make_shared<TestPatternDirectory>());
     ASSERT_TRUE(controller->addSourceMatching("720p30"));
     controller->setSound("720p30");
+    controller->setOutput("both");
     ASSERT_TRUE(controller->start()) << controller->error();
-    loop->runUntil([&] { return controller->elapsed() > 1.5; }, 30);
+    // A few pictures in each movie, however busy the machine.
+    loop->runUntil(
+        [&] { return controller->assembledFrames() >= 3 && controller->places()[0]->frames() >= 3; }, 60);
     controller->stopWithCompletionHandler({});
     ASSERT_TRUE(Idle(*controller));
     EXPECT_EQ(controller->recordingError(), "");
+    EXPECT_NE(controller->assembledFrame(), nullptr);
 
-    fs::path file = controller->file();
     // Named after the local time at which it began.
+    const fs::path assembled = controller->assembledFile();
+    const std::string name = assembled.filename().string();
     std::tm began{};
-    const std::string name = file.filename().string();
     const char* rest = strptime(name.c_str(), "QuorvaRecorder %Y-%m-%d %H.%M.%S", &began);
-    ASSERT_TRUE(rest && std::string(rest) == ".mov") << file;
+    ASSERT_TRUE(rest && std::string(rest) == ".mov") << assembled;
     began.tm_isdst = -1;
     EXPECT_NEAR(double(std::mktime(&began)), double(std::time(nullptr)), 60);
-    testing::Movie movie = testing::ReadMovie(file);
-    EXPECT_EQ(movie.width, 1280);
-    EXPECT_GE(movie.times.size(), 2u);
-    EXPECT_GT(movie.soundFrames, 48000);
+    for (const fs::path& file : {assembled, fs::path(controller->places()[0]->file())}) {
+        testing::Movie movie = testing::ReadMovie(file);
+        EXPECT_EQ(movie.width, 1280) << file;
+        EXPECT_GE(movie.times.size(), 2u) << file;
+        EXPECT_GT(movie.soundFrames, 48000) << file;
+    }
 }
 
 } // namespace
