@@ -51,13 +51,15 @@ std::vector<std::optional<Size>> SizesOfPlaces(const std::vector<std::shared_ptr
 Layout MonitorLayout(const Layout& layout, int64_t kind, const std::vector<Size>& sizes, int64_t gap);
 
 // The centre of the program: the recording settings and their persistence in the user's defaults, the
-// numbered places that hold the chosen sources and their connections, the state, and the error shown
-// to the user. One instance, made at start-up.
+// numbered places that hold the chosen sources and their connections, the recording of them all into
+// one take, the assembled picture and the monitor picture, the state, and the error shown to the user.
+// One instance, made at start-up.
 //
-// Everything here is meant for the main thread (the main EventLoop's); only the sources' callbacks run
-// elsewhere, and they touch nothing but their place. Settings never fail: numbers out of range are
-// clamped, names that are not in their list are ignored. Operations that refuse set the error and
-// answer false.
+// Everything here is meant for the main thread (the main EventLoop's). The sources' callbacks run on
+// their own threads: they touch their place, hand pictures and sound to the take and compose, and
+// share nothing else with the main thread but what the compose lock guards. Settings never fail:
+// numbers out of range are clamped, names that are not in their list are ignored. Operations that
+// refuse set the error and answer false.
 class RecorderController : public std::enable_shared_from_this<RecorderController> {
     struct Private {};
 
