@@ -1,15 +1,22 @@
 #include "core/RecorderController.h"
 
+#include "core/Compositor.h"
 #include "core/Layout.h"
 #include "core/MovieRecorderSettings.h"
+#include "core/SourceSound.h"
+#include "core/Take.h"
 #include "core/TakeNaming.h"
 #include "platform/EventLoop.h"
+#include "platform/Log.h"
 #include "platform/MediaClock.h"
+#include "platform/Semaphore.h"
 #include "platform/UserFolders.h"
+#include "platform/gpu/CommandQueue.h"
 
 #include <algorithm>
 #include <clocale>
 #include <cmath>
+#include <ctime>
 #include <cwctype>
 #include <locale.h>
 #include <set>
@@ -37,6 +44,44 @@ constexpr int64_t MaximumSide = 16384;
 constexpr double MaximumFPS = 240;
 constexpr double MaximumBitrate = 1000;
 constexpr int64_t MaximumGap = 1000;
+
+constexpr double RefreshInterval = 0.25;
+// A place without a source is tried again this often; a silent one is checked at twice this, doubled
+// with every silent check, up to the longest interval.
+constexpr double CheckInterval = 2;
+constexpr double LongestCheckInterval = 30;
+constexpr uint64_t MostCheckDoublings = 8;
+constexpr int64_t TransparentCodec = 3; // "prores4444"
+// The clock passes to another place once the clock place's last picture is this much older.
+constexpr double ClockHandOverInterval = 1.0;
+// The monitor is composed at most this often (250 a second) outside performance mode.
+constexpr double MonitorInterval = 0.004;
+// The monitor picture is at most this large either way, to leave the GPU to the encoders.
+constexpr double MonitorMaximumSide = 4096;
+constexpr double MonitorWaitLimit = 0.5;
+
+// Whether places of this kind may bring sound: network and test sources do, desktop video streams
+// (PipeWire, and any kind this program does not know) never do.
+bool KindCarriesSound(int64_t kind) {
+    return kind == SourceKindNDI || kind == SourceKindPattern;
+}
+
+// "QuorvaRecorder 2025-03-03 21.05.09", in local time. The numeric conversions of strftime ignore the
+// user's locale, so the digits and the 24-hour clock are the same everywhere.
+std::string TakeNameAt(std::time_t time) {
+    std::tm parts{};
+    localtime_r(&time, &parts);
+    char stamp[64];
+    std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H.%M.%S", &parts);
+    return std::string("QuorvaRecorder ") + stamp;
+}
+
+std::vector<Size> LayoutSizes(const std::vector<std::optional<Size>>& sizes) {
+    std::vector<Size> layoutSizes;
+    for (const auto& size : sizes)
+        layoutSizes.push_back(size.value_or(Size{}));
+    return layoutSizes;
+}
 
 double ClampedFinite(double value, double maximum) {
     return std::isfinite(value) ? std::clamp(value, 0.0, maximum) : 0;
@@ -99,6 +144,18 @@ const std::string& RecorderStateName(RecorderState state) {
     }
 }
 
+std::vector<std::optional<Size>> SizesOfPlaces(const std::vector<std::shared_ptr<RecorderPlace>>& places) {
+    std::vector<std::optional<Size>> sizes;
+    for (const auto& place : places) {
+        int64_t width = place->width(), height = place->height();
+        if (width >= 1 && height >= 1)
+            sizes.push_back(Size{double(width), double(height)});
+        else
+            sizes.push_back(std::nullopt);
+    }
+    return sizes;
+}
+
 std::shared_ptr<RecorderController> RecorderController::make(std::shared_ptr<GpuDevice> device,
                                                              std::shared_ptr<SourceDirectory> directory,
                                                              std::shared_ptr<SoundSource> computerSound,
@@ -106,9 +163,13 @@ std::shared_ptr<RecorderController> RecorderController::make(std::shared_ptr<Gpu
     auto controller = std::make_shared<RecorderController>(Private{}, std::move(device), std::move(directory),
                                                            std::move(computerSound), std::move(defaults));
     // What follows hands out weak references to the controller, which exist only from here on.
+    std::weak_ptr<RecorderController> weak = controller;
+    controller->_take->setMovieFailureHandler([weak](size_t index, const Error& error) {
+        if (auto controller = weak.lock())
+            controller->movieAtIndexFailedWithError(index, error);
+    });
     controller->connectPlaces();
     controller->compositionChanged();
-    std::weak_ptr<RecorderController> weak = controller;
     controller->_directory->setChangeHandler([weak] {
         // Directories learn of changes on their own threads; the places belong to the main thread.
         auto loop = EventLoop::mainLoop();
@@ -121,6 +182,14 @@ std::shared_ptr<RecorderController> RecorderController::make(std::shared_ptr<Gpu
             controller->sourcesDidChange();
         }
     });
+    // Without a main loop (some tests) nothing refreshes by itself.
+    if (auto loop = EventLoop::mainLoop()) {
+        controller->_refreshLoop = loop;
+        controller->_refreshTimer = loop->scheduleTimer(RefreshInterval, [weak] {
+            if (auto controller = weak.lock())
+                controller->refresh();
+        });
+    }
     return controller;
 }
 
@@ -131,6 +200,22 @@ RecorderController::RecorderController(Private, std::shared_ptr<GpuDevice> devic
     : _device(std::move(device)), _directory(std::move(directory)), _computerSound(std::move(computerSound)),
       _defaults(std::move(defaults)) {
     loadSettings();
+    if (_device) {
+        // One queue for both compositors: the monitor's pictures then never overtake the take's.
+        if (Result<std::shared_ptr<CommandQueue>> queue = CommandQueue::make(_device)) {
+            _takeCompositor = Compositor::make(queue.value());
+            _monitorCompositor = Compositor::make(queue.value());
+        } else {
+            Log("RecorderController: ", "nothing can be composed: " + queue.error().message());
+        }
+    }
+    _take = Take::make(_device);
+    if (_computerSound) {
+        // Holds the take, not the controller: the sound's thread never reaches the controller.
+        _computerSound->setSoundHandler([take = _take](const std::shared_ptr<SourceSound>& sound) {
+            take->appendComputerSound(sound, MediaClock::now());
+        });
+    }
     _availableSources = sourcesOf(*_directory);
     // Titles are taken as saved, offline or not: a source that is not offered now may come back.
     for (const std::string& title :
@@ -143,6 +228,8 @@ RecorderController::RecorderController(Private, std::shared_ptr<GpuDevice> devic
 }
 
 RecorderController::~RecorderController() {
+    if (auto loop = _refreshLoop.lock())
+        loop->cancelTimer(_refreshTimer);
     if (_computerSound)
         _computerSound->stop();
     for (const auto& place : _places) {
@@ -517,40 +604,491 @@ void RecorderController::connectPlace(const std::shared_ptr<RecorderPlace>& plac
     // Read once: a source does not turn over while connected.
     bool flipped = source->flipped();
 
+    // The take is held strongly: it is the same for every recording, so these handlers route into
+    // whichever take runs without being installed again.
     std::weak_ptr<RecorderPlace> weakPlace = place;
     std::weak_ptr<RecorderController> weakController = weak_from_this();
-    source->setFrameHandler([weakPlace, weakController, flipped](const std::shared_ptr<Texture>& texture) {
-        double time = MediaClock::now();
-        auto place = weakPlace.lock();
-        if (!place)
-            return;
-        // While a take runs, the index names this place's movie in it; between takes it is NoIndex.
-        size_t takeIndex = place->receivedFrame(texture, flipped, time);
-        (void)takeIndex;
-        if (auto controller = weakController.lock())
-            controller->placeReceivedFrame(place, time);
-    });
-    source->setSoundHandler([weakPlace](const std::shared_ptr<SourceSound>&) {
+    source->setFrameHandler(
+        [weakPlace, weakController, take = _take, flipped](const std::shared_ptr<Texture>& texture) {
+            double time = MediaClock::now();
+            auto place = weakPlace.lock();
+            if (!place)
+                return;
+            // While a take runs, the index names this place's movie in it; between takes it is NoIndex.
+            size_t takeIndex = place->receivedFrame(texture, flipped, time);
+            if (takeIndex != NoIndex)
+                take->appendTexture(texture, flipped, takeIndex, time);
+            if (auto controller = weakController.lock())
+                controller->placeReceivedFrame(place, time);
+        });
+    source->setSoundHandler([weakPlace, take = _take](const std::shared_ptr<SourceSound>& sound) {
         double time = MediaClock::now();
         auto place = weakPlace.lock();
         if (!place)
             return;
         size_t soundIndex = place->receivedSoundAtTime(time);
-        (void)soundIndex;
+        if (soundIndex != NoIndex)
+            take->appendSound(sound, soundIndex, time);
     });
     place->setSource(std::move(source));
 }
 
-void RecorderController::placeReceivedFrame(const std::shared_ptr<RecorderPlace>&, double) {
-    // Nothing is composed from the places' pictures yet.
+// Recording.
+
+bool RecorderController::start() {
+    if (_state == RecorderState::Recording)
+        return true;
+    if (_state == RecorderState::Finishing)
+        return failWithError("The previous recording is still being finished");
+    _error.clear();
+    _recordingError.clear();
+    if (_places.empty())
+        return failWithError("No source is selected");
+
+    MovieRecorderSettings settings;
+    int64_t codec = 0;
+    MovieRecorderSettings::getCodec(codec, _codec);
+    settings.setCodec(codec);
+    settings.setFramesPerSecond(_fps);
+    settings.setMegabitsPerSecond(_bitrate);
+
+    const std::vector<std::optional<Size>> sizes = SizesOfPlaces(_places);
+    int64_t output = TakeOutputSeparate;
+    GetOutput(output, _output);
+    std::shared_ptr<const Layout> layout;
+    if (output != TakeOutputSeparate)
+        layout = std::make_shared<Layout>(layoutKind(), LayoutSizes(sizes), _gap,
+                                          Size{double(_width), double(_height)});
+    const std::string name = _name.empty() ? TakeNameAt(std::time(nullptr)) : _name;
+
+    const bool computerSound = _sound == RecorderComputerSound;
+    const auto [soundSources, assembledSoundIndex] = soundRouting(output, computerSound);
+
+    std::vector<std::string> titles;
+    for (const auto& place : _places)
+        titles.push_back(place->title());
+    const double time = MediaClock::now();
+    Result<> started =
+        _take->startWithSourceTitles(titles, sizes, output, layout ? layout->size() : Size{}, soundSources,
+                                     assembledSoundIndex, computerSound, name, _folder, settings, time);
+    if (!started) {
+        const std::string& message = started.error().message();
+        return failWithError(message.empty() ? "The recording could not start" : message);
+    }
+
+    if (computerSound && _computerSound)
+        (void)_computerSound->start();
+    const auto movies = _take->movies();
+    for (size_t i = 0; i < _places.size(); ++i) {
+        const bool hasMovie = i < movies.size();
+        _places[i]->setMovie(hasMovie ? movies[i] : nullptr);
+        _places[i]->setInTake(hasMovie);
+        // A place without a movie of its own may still give the assembled movie its sound.
+        _places[i]->setTakeIndex(i, hasMovie);
+    }
+    {
+        std::lock_guard lock(_composeLock);
+        _takeLayout = layout;
+        _takeMonitorLayout = layout ? std::make_shared<const Layout>(
+                                          MonitorLayout(*layout, layout->kind(), LayoutSizes(sizes), _gap))
+                                    : nullptr;
+        _takeTransparent = codec == TransparentCodec;
+    }
+    _startTime = time;
+    _activity = SystemActivity::begin("Recording");
+    _state = RecorderState::Recording;
+    displayLimitChanged();
+    refresh();
+    return true;
+}
+
+std::pair<std::set<size_t>, size_t> RecorderController::soundRouting(int64_t output,
+                                                                     bool computerSound) const {
+    std::set<size_t> sources;
+    for (size_t i = 0; i < _places.size(); ++i) {
+        const RecorderPlace& place = *_places[i];
+        // With the computer's sound in every separate movie, only a source's own sound would add to it.
+        // Otherwise a place whose kind is not known yet may still turn out to have sound.
+        const bool carries = place.kindKnown() && KindCarriesSound(place.kind());
+        if (computerSound && output == TakeOutputSeparate ? carries : !place.kindKnown() || carries)
+            sources.insert(i);
+    }
+    size_t assembledIndex = NoIndex;
+    if (!computerSound && !_sound.empty()) {
+        size_t index = indexOfPlaceWithTitle(_sound);
+        if (sources.count(index))
+            assembledIndex = index;
+    }
+    return {sources, assembledIndex};
+}
+
+void RecorderController::stopWithCompletionHandler(std::function<void()> completionHandler) {
+    if (_state == RecorderState::Idle) {
+        if (completionHandler)
+            completionHandler();
+        return;
+    }
+    if (completionHandler)
+        _stopHandlers.push_back(std::move(completionHandler));
+    if (_state == RecorderState::Finishing)
+        return;
+
+    const double now = MediaClock::now();
+    _lastElapsed = now - _startTime;
+    if (_computerSound)
+        _computerSound->stop();
+    // From here on a picture or sound block that arrives is not appended, whichever thread it is on.
+    for (const auto& place : _places)
+        place->setTakeIndex(NoIndex, false);
+    {
+        std::lock_guard lock(_composeLock);
+        _takeLayout = nullptr;
+        _takeMonitorLayout = nullptr;
+    }
+    _state = RecorderState::Finishing;
+    displayLimitChanged();
+    changed();
+    std::weak_ptr<RecorderController> weak = weak_from_this();
+    _take->finishAtTime(now, [weak](std::optional<Error> error) {
+        if (auto controller = weak.lock())
+            controller->recordingEndedWithError(error);
+    });
+}
+
+void RecorderController::toggle() {
+    if (_state == RecorderState::Idle)
+        (void)start();
+    else
+        stopWithCompletionHandler({});
+}
+
+std::vector<std::shared_ptr<TakeMovie>> RecorderController::moviesOfTheTake() const {
+    auto movies = _take->movies();
+    if (auto assembled = _take->assembledMovie())
+        movies.push_back(std::move(assembled));
+    return movies;
+}
+
+namespace {
+
+// "Title: description" when the take has several movies, else the description alone.
+std::string MovieMessage(const std::string& title, const Error& error, size_t movieCount) {
+    if (movieCount <= 1)
+        return error.message();
+    return (title.empty() ? std::string("Assembled movie") : title) + ": " + error.message();
+}
+
+} // namespace
+
+void RecorderController::movieAtIndexFailedWithError(size_t index, const Error& error) {
+    const auto movies = _take->movies();
+    const auto all = moviesOfTheTake();
+    const std::string title = index < movies.size() ? movies[index]->sourceTitle() : std::string();
+    std::string message = MovieMessage(title, error, all.size());
+    _recordingError = message;
+    setError(std::move(message));
+    // The recording goes on while any movie is still being written.
+    if (std::all_of(all.begin(), all.end(), [](const auto& movie) { return movie->error().has_value(); }))
+        stopWithCompletionHandler({});
+}
+
+void RecorderController::recordingEndedWithError(const std::optional<Error>& error) {
+    if (_state == RecorderState::Idle)
+        return;
+    for (const auto& place : _places)
+        place->setInTake(false);
+    // A movie's failure during the recording is what the user needs to read, so it is kept.
+    if (_recordingError.empty()) {
+        std::string message = error ? error->message() : std::string();
+        if (message.empty()) {
+            const auto movies = moviesOfTheTake();
+            for (const auto& movie : movies) {
+                if (auto failure = movie->error()) {
+                    message = MovieMessage(movie->sourceTitle(), *failure, movies.size());
+                    break;
+                }
+            }
+        }
+        if (!message.empty()) {
+            _recordingError = message;
+            setError(std::move(message));
+        }
+    }
+    _activity.reset();
+    _state = RecorderState::Idle;
+    displayLimitChanged();
+    refresh();
+    // Taken first: a handler may start the next recording and stop it again.
+    auto handlers = std::move(_stopHandlers);
+    _stopHandlers.clear();
+    for (auto& handler : handlers)
+        handler();
+}
+
+void RecorderController::refresh() {
+    refreshAtTime(MediaClock::now());
+}
+
+void RecorderController::refreshAtTime(double now) {
+    for (const auto& place : _places) {
+        place->measureAtTime(now);
+        const double lastFrame = place->lastFrameTime();
+        if (lastFrame > place->checkTime())
+            place->setSilentChecks(0);
+        const auto source = place->source();
+        const double interval =
+            source ? std::min(CheckInterval *
+                                  std::exp2(double(std::min(place->silentChecks(), MostCheckDoublings))),
+                              LongestCheckInterval)
+                   : CheckInterval;
+        if (now - std::max(place->checkTime(), lastFrame) <= interval)
+            continue;
+        if (!source) {
+            connectPlace(place);
+        } else if (source->isAlive()) {
+            place->setCheckTime(now);
+            place->setSilentChecks(place->silentChecks() + 1);
+        } else {
+            place->letGoOfSource();
+            connectPlace(place);
+            if (place->source())
+                place->setSilentChecks(place->silentChecks() + 1);
+        }
+    }
+
+    bool composeMonitor = false;
+    {
+        std::lock_guard lock(_composeLock);
+        for (const auto& place : _places) {
+            if (place->isOnline()) {
+                _clockPlace = place;
+                break;
+            }
+        }
+        // Keeps the monitor moving when no clock source drives it.
+        composeMonitor = now - _lastComposeTime > RefreshInterval;
+    }
+    if (composeMonitor)
+        composeMonitorAtTime(now, false);
+    changed();
+}
+
+// Status.
+
+double RecorderController::elapsed() const {
+    return _state == RecorderState::Recording ? MediaClock::now() - _startTime : _lastElapsed;
+}
+
+uint64_t RecorderController::frames() const {
+    if (auto assembled = _take->assembledMovie())
+        return assembled->framesWritten();
+    return _places.empty() ? 0 : _places.front()->frames();
+}
+
+uint64_t RecorderController::dropped() const {
+    uint64_t dropped = assembledDropped();
+    for (const auto& place : _places)
+        dropped += place->dropped();
+    return dropped;
+}
+
+std::string RecorderController::file() const {
+    if (auto assembled = _take->assembledMovie())
+        return assembled->url().string();
+    return _places.empty() ? std::string() : _places.front()->file();
+}
+
+std::string RecorderController::assembledFile() const {
+    auto assembled = _take->assembledMovie();
+    if (!assembled || (_state == RecorderState::Idle && assembled->framesWritten() == 0))
+        return std::string();
+    return assembled->url().string();
+}
+
+uint64_t RecorderController::assembledFrames() const {
+    auto assembled = _take->assembledMovie();
+    return assembled ? assembled->framesWritten() : 0;
+}
+
+uint64_t RecorderController::assembledDropped() const {
+    auto assembled = _take->assembledMovie();
+    return assembled ? assembled->framesDropped() : 0;
+}
+
+double RecorderController::assembledSoundWritten() const {
+    auto assembled = _take->assembledMovie();
+    return assembled ? assembled->soundWritten() : 0;
+}
+
+double RecorderController::soundLeftOut() const {
+    double leftOut = 0;
+    for (const auto& movie : moviesOfTheTake())
+        leftOut += movie->soundLeftOut();
+    return leftOut;
+}
+
+// Composition.
+
+int64_t RecorderController::layoutKind() const {
+    int64_t kind = 0;
+    Layout::getKind(kind, _layout);
+    return kind;
+}
+
+bool RecorderController::displayIsLimited() const {
+    return _performance && isRecording();
+}
+
+Layout RecorderController::assembledLayout() const {
+    {
+        std::lock_guard lock(_composeLock);
+        if (_takeLayout)
+            return *_takeLayout;
+    }
+    return Layout(layoutKind(), LayoutSizes(SizesOfPlaces(_places)), _gap,
+                  Size{double(_width), double(_height)});
+}
+
+std::shared_ptr<Texture> RecorderController::assembledFrame() const {
+    std::lock_guard lock(_shown->lock);
+    return _shown->picture;
+}
+
+void RecorderController::showPicture(std::shared_ptr<Texture> picture) {
+    std::lock_guard lock(_shown->lock);
+    _shown->picture = std::move(picture);
+}
+
+std::shared_ptr<RecorderPlace> RecorderController::clockPlace() const {
+    std::lock_guard lock(_composeLock);
+    return _clockPlace;
+}
+
+void RecorderController::placeReceivedFrame(const std::shared_ptr<RecorderPlace>& place, double time) {
+    Places places;
+    std::shared_ptr<const Layout> takeLayout;
+    bool transparent = false;
+    double lastComposeTime = 0, interval = 0;
+    {
+        std::lock_guard lock(_composeLock);
+        if (std::find(_composePlaces.begin(), _composePlaces.end(), place) == _composePlaces.end())
+            return;
+        // The clock stays with one source while it delivers and passes to another within a second after
+        // it stops.
+        if (_clockPlace != place &&
+            (!_clockPlace || time - _clockPlace->lastFrameTime() > ClockHandOverInterval))
+            _clockPlace = place;
+        if (_clockPlace != place)
+            return; // its picture waits for the next composition
+        places = _composePlaces;
+        takeLayout = _takeLayout;
+        transparent = _takeTransparent;
+        lastComposeTime = _lastComposeTime;
+        interval = _displayLimited ? 1 / RecorderLimitedDisplayRate : MonitorInterval;
+    }
+    if (takeLayout && _take->wantsAssembledFrameAtTime(time)) {
+        // The monitor shows the picture being recorded, so it needs no composition of its own.
+        composePlaces(places, *takeLayout, transparent, _takeCompositor, time,
+                      [take = _take, time](const std::shared_ptr<Texture>& picture) {
+                          take->appendAssembledTexture(picture, time);
+                      });
+    } else if (time - lastComposeTime >= interval) {
+        composeMonitorAtTime(time, false);
+    }
 }
 
 void RecorderController::compositionChanged() {
-    // No picture is composed yet, so nothing follows the layout.
+    {
+        std::lock_guard lock(_composeLock);
+        _composePlaces = _places;
+        _composeKind = layoutKind();
+        _composeGap = _gap;
+        _composeFittingSize = Size{double(_width), double(_height)};
+        int64_t codec = 0;
+        MovieRecorderSettings::getCodec(codec, _codec);
+        _composeTransparent = codec == TransparentCodec;
+        if (_clockPlace && std::find(_places.begin(), _places.end(), _clockPlace) == _places.end())
+            _clockPlace = nullptr;
+    }
+    composeMonitorAtTime(MediaClock::now(), true);
 }
 
 void RecorderController::displayLimitChanged() {
-    // No monitor is drawn yet, so there is no rate to hold down.
+    bool limited = displayIsLimited();
+    std::lock_guard lock(_composeLock);
+    _displayLimited = limited;
+}
+
+void RecorderController::composeMonitorAtTime(double time, bool wait) {
+    Places places;
+    std::shared_ptr<const Layout> monitorLayout;
+    int64_t kind = 0, gap = 0;
+    Size fitting;
+    bool transparent = false;
+    {
+        std::lock_guard lock(_composeLock);
+        places = _composePlaces;
+        monitorLayout = _takeMonitorLayout;
+        kind = _composeKind;
+        gap = _composeGap;
+        fitting = _composeFittingSize;
+        transparent = monitorLayout ? _takeTransparent : _composeTransparent;
+    }
+    if (!monitorLayout) {
+        std::vector<Size> sizes = LayoutSizes(SizesOfPlaces(places));
+        monitorLayout = std::make_shared<const Layout>(
+            MonitorLayout(Layout(kind, sizes, gap, fitting), kind, sizes, gap));
+    }
+    auto drawn = wait ? std::make_shared<Semaphore>() : nullptr;
+    bool composing = composePlaces(places, *monitorLayout, transparent, _monitorCompositor, time,
+                                   [drawn](const std::shared_ptr<Texture>&) {
+                                       if (drawn)
+                                           drawn->signal();
+                                   });
+    // A stalled GPU must not hold the main thread for long.
+    if (composing && drawn)
+        (void)drawn->wait(MonitorWaitLimit);
+}
+
+bool RecorderController::composePlaces(const Places& places, const Layout& layout, bool transparent,
+                                       const std::shared_ptr<Compositor>& compositor, double time,
+                                       std::function<void(const std::shared_ptr<Texture>&)> then) {
+    std::vector<std::shared_ptr<Texture>> textures;
+    std::vector<bool> flipped;
+    for (const auto& place : places) {
+        textures.push_back(place->source() ? place->latestFrame() : nullptr);
+        flipped.push_back(place->flipped());
+    }
+    {
+        std::lock_guard lock(_composeLock);
+        _lastComposeTime = time;
+    }
+    if (!places.empty() && compositor) {
+        auto composed = compositor->compose(
+            layout, textures, flipped, transparent,
+            [shown = _shown, then = std::move(then)](const std::shared_ptr<Texture>& picture) {
+                {
+                    std::lock_guard lock(shown->lock);
+                    shown->picture = picture;
+                }
+                if (then)
+                    then(picture);
+            });
+        if (composed)
+            return true;
+    }
+    showPicture(nullptr);
+    return false;
+}
+
+Layout MonitorLayout(const Layout& layout, int64_t kind, const std::vector<Size>& sizes, int64_t gap) {
+    const Size size = layout.size();
+    const double larger = std::max(size.width, size.height);
+    if (larger <= MonitorMaximumSide)
+        return layout;
+    const double scale = MonitorMaximumSide / larger;
+    auto side = [scale](double length) { return std::max(2.0, 2 * std::round(length * scale / 2)); };
+    return Layout(kind, sizes, gap, Size{side(size.width), side(size.height)});
 }
 
 } // namespace quorva

@@ -1,42 +1,65 @@
 #pragma once
 
+#include "core/Geometry.h"
+#include "core/Layout.h"
 #include "core/NoIndex.h"
 #include "core/RecorderPlace.h"
 #include "core/SoundSource.h"
 #include "core/SourceDescription.h"
 #include "core/SourceDirectory.h"
+#include "platform/Error.h"
+#include "platform/EventLoop.h"
 #include "platform/SettingsStore.h"
+#include "platform/SystemActivity.h"
 #include "platform/gpu/GpuDevice.h"
 
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace quorva {
+
+class Compositor;
+class Take;
+class TakeMovie;
+class Texture;
 
 // The most places, and so sources, that one recording holds.
 inline constexpr size_t RecorderMaximumPlaces = 8;
 // The sound choice that stands for the computer's own sound.
 inline constexpr const char* RecorderComputerSound = "computer";
+// Pictures a second of the monitor while recording in performance mode.
+inline constexpr double RecorderLimitedDisplayRate = 10.0;
 
 enum class RecorderState { Idle, Recording, Finishing };
 
 // "idle", "recording" or "finishing".
 const std::string& RecorderStateName(RecorderState state);
 
+// The size of each place's latest picture, in order, or nothing for a place that has none yet.
+std::vector<std::optional<Size>> SizesOfPlaces(const std::vector<std::shared_ptr<RecorderPlace>>& places);
+// The monitor's layout for `layout` (made of `kind`, `sizes` and `gap`): the same, unless a side is
+// larger than 4096 pixels, then fitted within 4096 with even sides.
+Layout MonitorLayout(const Layout& layout, int64_t kind, const std::vector<Size>& sizes, int64_t gap);
+
 // The centre of the program: the recording settings and their persistence in the user's defaults, the
-// numbered places that hold the chosen sources and their connections, the state, and the error shown
-// to the user. One instance, made at start-up.
+// numbered places that hold the chosen sources and their connections, the recording of them all into
+// one take, the assembled picture and the monitor picture, the state, and the error shown to the user.
+// One instance, made at start-up.
 //
-// Everything here is meant for the main thread (the main EventLoop's); only the sources' callbacks run
-// elsewhere, and they touch nothing but their place. Settings never fail: numbers out of range are
-// clamped, names that are not in their list are ignored. Operations that refuse set the error and
-// answer false.
+// Everything here is meant for the main thread (the main EventLoop's). The sources' callbacks run on
+// their own threads: they touch their place, hand pictures and sound to the take and compose, and
+// share nothing else with the main thread but what the compose lock guards. Settings never fail:
+// numbers out of range are clamped, names that are not in their list are ignored. Operations that
+// refuse set the error and answer false.
 class RecorderController : public std::enable_shared_from_this<RecorderController> {
     struct Private {};
 
@@ -134,8 +157,55 @@ public:
     // Follows the directory's list: forgets sources that left it, connects places whose source is back.
     void sourcesDidChange();
 
+    // Recording. The one take is reused for every recording.
+    const std::shared_ptr<Take>& take() const { return _take; }
+    // Starts a take of every place with the current settings. True when recording (also when it already
+    // was); false, with the error set, when it cannot start.
+    bool start();
+    // Stops the recording; `completionHandler` (may be empty) runs on the main thread once the movies
+    // are finished, at once when nothing records. Handlers of several calls run in the order given.
+    void stopWithCompletionHandler(std::function<void()> completionHandler);
+    // Starts when idle, stops otherwise.
+    void toggle();
+    // The take's movies, one per place, then its assembled movie when it has one.
+    std::vector<std::shared_ptr<TakeMovie>> moviesOfTheTake() const;
+    // One movie of the take failed (`index` NoIndex or past the places: the assembled movie). The
+    // others go on; when none is left the recording stops.
+    void movieAtIndexFailedWithError(size_t index, const Error& error);
+    // The take's movies are finished: back to idle, and the stop handlers run.
+    void recordingEndedWithError(const std::optional<Error>& error);
+    // Measures the places, reconnects sources that went quiet or died, keeps the monitor moving and
+    // tells the observers. Runs every 0.25 s on the main loop.
+    void refresh();
+
+    // Status. These read the take's movies, so while idle they describe the last recording.
+    double startTime() const { return _startTime; }
+    // Seconds of the current recording; when idle, the duration of the last one.
+    double elapsed() const;
+    uint64_t frames() const;  // of the assembled movie, else of the first place's movie
+    uint64_t dropped() const; // by every movie of the take
+    std::string file() const; // the assembled movie's, else the first place's
+    std::string assembledFile() const;
+    uint64_t assembledFrames() const;
+    uint64_t assembledDropped() const;
+    double assembledSoundWritten() const;
+    double soundLeftOut() const; // seconds, over every movie of the take
+
+    // Composition: the assembled picture of all places, for the take's assembled movie and the monitor.
+    int64_t layoutKind() const; // of the layout setting; 0 for a name not in the list
+    // While recording in performance mode the monitor is held to RecorderLimitedDisplayRate.
+    bool displayIsLimited() const;
+    // The arrangement of the assembled picture: the running take's, else what a take would use now.
+    Layout assembledLayout() const;
+    // The last picture composed, of the take or the monitor, for the preview to draw; nothing when
+    // there is no place or the GPU refused. Any thread.
+    std::shared_ptr<Texture> assembledFrame() const;
+    void showPicture(std::shared_ptr<Texture> picture);
+    // The place whose pictures set the pace of composition, if any.
+    std::shared_ptr<RecorderPlace> clockPlace() const;
+
 private:
-    friend struct RecorderControllerProbe; // lets tests put the controller in a recording state
+    friend struct RecorderControllerProbe; // lets tests drive the state and the clock
 
     void loadSettings();
     // The one way the list of places changes after construction.
@@ -143,12 +213,23 @@ private:
     void connectPlaces();
     void connectPlace(const std::shared_ptr<RecorderPlace>& place);
     void setState(RecorderState state) { _state = state; }
+    void refreshAtTime(double now);
+    // Which places record their own sound, and which one gives the assembled movie its sound (NoIndex).
+    std::pair<std::set<size_t>, size_t> soundRouting(int64_t output, bool computerSound) const;
     // Called for every picture of every place, on the source's thread.
     void placeReceivedFrame(const std::shared_ptr<RecorderPlace>& place, double time);
     // The places, layout, gap, size or codec changed: what is composed must follow.
     void compositionChanged();
     // The performance setting or the state changed: so may the monitor's rate.
     void displayLimitChanged();
+    // Composes the monitor picture from the latest pictures; `wait`: until the GPU has drawn it, at most
+    // half a second.
+    void composeMonitorAtTime(double time, bool wait);
+    // Composes `places` into `layout` with `compositor`; `then` gets the picture once drawn, on the GPU's
+    // completion thread. False when nothing was composed (no place, or the GPU refused).
+    bool composePlaces(const Places& places, const Layout& layout, bool transparent,
+                       const std::shared_ptr<Compositor>& compositor, double time,
+                       std::function<void(const std::shared_ptr<Texture>&)> then);
 
     const std::shared_ptr<GpuDevice> _device;
     const std::shared_ptr<SourceDirectory> _directory;
@@ -177,6 +258,39 @@ private:
 
     std::map<ObserverId, std::shared_ptr<std::function<void()>>> _observers;
     ObserverId _nextObserver = 1;
+
+    std::shared_ptr<Take> _take;
+    std::shared_ptr<Compositor> _takeCompositor;
+    std::shared_ptr<Compositor> _monitorCompositor;
+    std::weak_ptr<EventLoop> _refreshLoop;
+    TimerId _refreshTimer = 0;
+    std::unique_ptr<SystemActivity> _activity;
+    double _startTime = 0;
+    double _lastElapsed = 0;
+    std::vector<std::function<void()>> _stopHandlers;
+
+    // What the sources' threads read to compose: a snapshot of the places and layout settings, and the
+    // layouts fixed for the running take. Held only to read or store these, never across a composition.
+    mutable std::mutex _composeLock;
+    Places _composePlaces;
+    int64_t _composeKind = 0;
+    int64_t _composeGap = 0;
+    Size _composeFittingSize;
+    bool _composeTransparent = false;
+    std::shared_ptr<const Layout> _takeLayout;
+    std::shared_ptr<const Layout> _takeMonitorLayout;
+    bool _takeTransparent = false;
+    std::shared_ptr<RecorderPlace> _clockPlace;
+    double _lastComposeTime = 0;
+    bool _displayLimited = false;
+    // The last composed picture. Apart from the controller, so that a composition that completes on the
+    // GPU's thread stores its picture without holding the controller (whose last release there would
+    // join that very thread).
+    struct Shown {
+        mutable std::mutex lock;
+        std::shared_ptr<Texture> picture;
+    };
+    const std::shared_ptr<Shown> _shown = std::make_shared<Shown>();
 };
 
 } // namespace quorva

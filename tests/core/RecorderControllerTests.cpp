@@ -1,18 +1,40 @@
 #include "core/RecorderController.h"
+
+#include "core/Take.h"
+#include "platform/HeadlessEventLoop.h"
+#include "platform/MediaClock.h"
+#include "sources/TestPatternDirectory.h"
+#include "tests/core/MovieReading.h"
 #include "tests/platform/gpu/GpuTesting.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <set>
+#include <thread>
+#include <tuple>
 
 namespace quorva {
 
 // Puts the controller in the states that only a recording reaches.
 struct RecorderControllerProbe {
     static void setState(RecorderController& controller, RecorderState state) { controller.setState(state); }
+    static void refreshAt(RecorderController& controller, double now) { controller.refreshAtTime(now); }
+    // Answers whether the picture made the monitor compose.
+    static bool receivedFrame(RecorderController& controller, const std::shared_ptr<RecorderPlace>& place,
+                              double time) {
+        place->receivedFrame(nullptr, false, time);
+        controller.placeReceivedFrame(place, time);
+        std::lock_guard lock(controller._composeLock);
+        return controller._lastComposeTime == time;
+    }
+    static auto soundRouting(RecorderController& controller, int64_t output) {
+        return controller.soundRouting(output, controller.sound() == RecorderComputerSound);
+    }
 };
 
 namespace {
@@ -78,11 +100,32 @@ protected:
         std::ofstream(folder / "user-dirs.dirs") << "XDG_VIDEOS_DIR=\"$HOME/Films\"\n";
         directory = std::make_shared<FakeDirectory>();
     }
-    void TearDown() override { fs::remove_all(folder); }
+    void TearDown() override {
+        EventLoop::setMainLoop(nullptr);
+        fs::remove_all(folder);
+    }
 
     std::shared_ptr<SettingsStore> store() { return std::make_shared<SettingsStore>("test", folder); }
     std::shared_ptr<RecorderController> controller(std::shared_ptr<SettingsStore> defaults = nullptr) {
         return RecorderController::make(nullptr, directory, nullptr, defaults ? defaults : store());
+    }
+    // A controller that records for real, with its completions on a loop of the test's own.
+    std::shared_ptr<RecorderController> recorder(std::shared_ptr<SourceDirectory> from) {
+        EventLoop::setMainLoop(loop);
+        auto recorder = RecorderController::make(testing::SharedDevice(), from, nullptr, store());
+        recorder->setFolder(folder.string());
+        return recorder;
+    }
+    bool Idle(RecorderController& recorder) {
+        return loop->runUntil([&] { return !recorder.isRecording(); }, 60);
+    }
+    // Each place's source delivers a picture, and the movies take it in.
+    void Deliver(RecorderController& recorder) {
+        for (const auto& place : recorder.places())
+            std::dynamic_pointer_cast<FakeSource>(place->source())
+                ->frames(testing::MakeSolidTexture(64, 36, {0, 0, 255, 255}));
+        while (recorder.take()->framesPending() > 0)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     static std::vector<std::string> Titles(const RecorderController& controller) {
         std::vector<std::string> titles;
@@ -93,6 +136,7 @@ protected:
 
     fs::path folder;
     std::shared_ptr<FakeDirectory> directory;
+    std::shared_ptr<HeadlessEventLoop> loop = std::make_shared<HeadlessEventLoop>();
 };
 
 TEST(RecorderPlaceTest, MeasuresOnlineRateSoundAndRouting) {
@@ -305,6 +349,151 @@ TEST_F(RecorderControllerTest, PlacesLetGoOfSourcesThatLeaveAndReconnectWhenThey
     directory->list({"Cam"});
     EXPECT_NE(place->source(), nullptr);
     EXPECT_NE(place->source(), first);
+}
+
+TEST_F(RecorderControllerTest, StopsOnceCallingEveryHandlerInOrderAndOnlyWhenNoMovieIsLeft) {
+    directory->titles = {"A", "B", "C"};
+    auto controller = recorder(directory);
+    EXPECT_FALSE(controller->start());
+    EXPECT_EQ(controller->error(), "No source is selected");
+    for (auto title : {"A", "B", "C"})
+        ASSERT_TRUE(controller->addSourceMatching(title));
+    controller->toggle();
+    ASSERT_EQ(controller->stateName(), "recording") << controller->error();
+    EXPECT_TRUE(controller->start());
+    Deliver(*controller);
+
+    std::vector<int> calls;
+    controller->stopWithCompletionHandler([&] { calls.push_back(1); });
+    controller->toggle(); // while finishing: nothing more
+    controller->stopWithCompletionHandler([&] { calls.push_back(2); });
+    EXPECT_FALSE(controller->start());
+    EXPECT_EQ(controller->error(), "The previous recording is still being finished");
+    ASSERT_TRUE(Idle(*controller));
+    controller->stopWithCompletionHandler([&] { calls.push_back(3); });
+    EXPECT_EQ(calls, (std::vector<int>{1, 2, 3}));
+    EXPECT_EQ(controller->recordingError(), "");
+    EXPECT_TRUE(fs::exists(controller->places()[1]->file()));
+
+    // A take of three outlives two failed movies and stops by itself with the third.
+    ASSERT_TRUE(controller->start());
+    Deliver(*controller);
+    auto movies = controller->moviesOfTheTake();
+    for (auto [index, error] : {std::pair{1, "B: The disk is full"}, {0, "A: Gone"}}) {
+        movies[size_t(index)]->recorder()->failWithError(TakeError(index ? "The disk is full" : "Gone"));
+        ASSERT_TRUE(loop->runUntil([&] { return controller->error() == error; }, 10));
+        EXPECT_EQ(controller->stateName(), "recording");
+    }
+    movies[2]->recorder()->failWithError(TakeError("Gone"));
+    ASSERT_TRUE(Idle(*controller));
+    EXPECT_EQ(controller->recordingError(), "C: Gone");
+}
+
+TEST_F(RecorderControllerTest, RoutesSoundOnlyFromPlacesThatCanHaveIt) {
+    directory->titles = {"P1", "N2", "U3"};
+    auto recorder = controller();
+    for (auto title : {"P1", "N2", "U3"})
+        ASSERT_TRUE(recorder->addSourceMatching(title));
+    recorder->places()[0]->setKind(SourceKindPipeWire); // a desktop stream, without sound
+    recorder->places()[2]->setKindKnown(false);         // not connected yet
+    const std::tuple<const char*, int64_t, std::set<size_t>, size_t> cases[] = {
+        {"computer", TakeOutputSeparate, {1}, NoIndex},
+        {"computer", TakeOutputBoth, {1, 2}, NoIndex},
+        {"P1", TakeOutputAssembled, {1, 2}, NoIndex},
+        {"U3", TakeOutputBoth, {1, 2}, 2},
+    };
+    for (const auto& [sound, output, sources, assembled] : cases) {
+        recorder->setSound(sound);
+        EXPECT_EQ(RecorderControllerProbe::soundRouting(*recorder, output), std::pair(sources, assembled))
+            << sound << " " << output;
+    }
+}
+
+TEST_F(RecorderControllerTest, ChecksASilentSourceLessAndLessOftenAndReconnectsADeadOne) {
+    directory->titles = {"Cam"};
+    ASSERT_TRUE(store()->setStringArray({"Cam"}, "RecorderSources"));
+    auto recorder = controller();
+    auto place = recorder->places().at(0);
+    double check = place->checkTime();
+    for (double interval : {2, 4, 8, 16, 30, 30}) {
+        RecorderControllerProbe::refreshAt(*recorder, check + interval - 0.01);
+        EXPECT_EQ(place->checkTime(), check);
+        check += interval + 0.01;
+        RecorderControllerProbe::refreshAt(*recorder, check);
+        EXPECT_EQ(place->checkTime(), check) << interval;
+    }
+    place->receivedFrame(nullptr, false, check + 1); // a picture: back to every 2 s
+    RecorderControllerProbe::refreshAt(*recorder, check + 3.01);
+    EXPECT_EQ(place->silentChecks(), 1u);
+
+    auto dead = std::dynamic_pointer_cast<FakeSource>(place->source());
+    dead->stopped = true;
+    RecorderControllerProbe::refreshAt(*recorder, check + 30);
+    EXPECT_NE(place->source(), dead);
+    EXPECT_NE(place->source(), nullptr);
+}
+
+TEST_F(RecorderControllerTest, TheClockPassesOnAfterASecondAndPerformanceHoldsTheMonitorToTenPictures) {
+    directory->titles = {"A", "B"};
+    auto recorder = controller();
+    ASSERT_TRUE(recorder->addSourceMatching("A") && recorder->addSourceMatching("B"));
+    auto a = recorder->places()[0], b = recorder->places()[1];
+    const double t = MediaClock::now() + 100; // after every composition so far
+    RecorderControllerProbe::receivedFrame(*recorder, a, t);
+    RecorderControllerProbe::receivedFrame(*recorder, b, t + 0.5);
+    EXPECT_EQ(recorder->clockPlace(), a);
+    RecorderControllerProbe::receivedFrame(*recorder, b, t + 1.01);
+    EXPECT_EQ(recorder->clockPlace(), b);
+
+    // A second of pictures 1/128 s apart.
+    for (auto [state, pictures] : {std::pair{RecorderState::Idle, 128},
+                                   {RecorderState::Recording, 10},
+                                   {RecorderState::Finishing, 10}}) {
+        RecorderControllerProbe::setState(*recorder, state);
+        recorder->setPerformance(true);
+        int composed = 0;
+        for (int i = 0; i < 128; ++i)
+            composed +=
+                RecorderControllerProbe::receivedFrame(*recorder, b, t + 10 + 10 * int(state) + i / 128.0);
+        EXPECT_EQ(composed, pictures) << recorder->stateName();
+    }
+    RecorderControllerProbe::setState(*recorder, RecorderState::Idle);
+    recorder->removeSourceAtPlace(2);
+    EXPECT_EQ(recorder->clockPlace(), nullptr);
+
+    const std::vector<Size> three(3, Size{1920, 1080}), one{{4000, 1000}};
+    EXPECT_EQ(MonitorLayout(Layout(0, three, 0, {}), 0, three, 0).size(), (Size{4096, 768}));
+    EXPECT_EQ(MonitorLayout(Layout(0, one, 0, {}), 0, one, 0).size(), (Size{4000, 1000}));
+}
+
+TEST_F(RecorderControllerTest, RecordsTestPatternsIntoMoviesNamedAfterTheDate) {
+    auto controller = recorder(std::make_shared<TestPatternDirectory>());
+    ASSERT_TRUE(controller->addSourceMatching("720p30"));
+    controller->setSound("720p30");
+    controller->setOutput("both");
+    ASSERT_TRUE(controller->start()) << controller->error();
+    // A few pictures in each movie, however busy the machine.
+    loop->runUntil(
+        [&] { return controller->assembledFrames() >= 3 && controller->places()[0]->frames() >= 3; }, 60);
+    controller->stopWithCompletionHandler({});
+    ASSERT_TRUE(Idle(*controller));
+    EXPECT_EQ(controller->recordingError(), "");
+    EXPECT_NE(controller->assembledFrame(), nullptr);
+
+    // Named after the local time at which it began.
+    const fs::path assembled = controller->assembledFile();
+    const std::string name = assembled.filename().string();
+    std::tm began{};
+    const char* rest = strptime(name.c_str(), "QuorvaRecorder %Y-%m-%d %H.%M.%S", &began);
+    ASSERT_TRUE(rest && std::string(rest) == ".mov") << assembled;
+    began.tm_isdst = -1;
+    EXPECT_NEAR(double(std::mktime(&began)), double(std::time(nullptr)), 60);
+    for (const fs::path& file : {assembled, fs::path(controller->places()[0]->file())}) {
+        testing::Movie movie = testing::ReadMovie(file);
+        EXPECT_EQ(movie.width, 1280) << file;
+        EXPECT_GE(movie.times.size(), 2u) << file;
+        EXPECT_GT(movie.soundFrames, 48000) << file;
+    }
 }
 
 } // namespace
