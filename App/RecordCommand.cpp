@@ -93,12 +93,13 @@ public:
         end();
     }
 
-    void show(const std::string& text, double now) {
+    // `last`: the take's final figures, which a plain line shows however soon after the previous one.
+    void show(const std::string& text, double now, bool last = false) {
         std::lock_guard guard(_lock);
         if (_terminal) {
             _line = text;
             std::fprintf(stderr, "\r\033[K%s", text.c_str());
-        } else if (now - _lastPlain >= 1) {
+        } else if (last || now - _lastPlain >= 1) {
             _lastPlain = now;
             std::fprintf(stderr, "%s\n", text.c_str());
         }
@@ -274,7 +275,7 @@ int Record(const RecordOptions& options, HeadlessEventLoop& loop) {
             return;
         stopping = true;
         progress.show(ProgressText(*controller, MediaClock::now() - recording, options.duration),
-                      MediaClock::now());
+                      MediaClock::now(), true);
         progress.end();
         std::fputs("Finishing the movies\n", stderr);
         controller->stopWithCompletionHandler([&loop] { loop.stop(); });
