@@ -86,6 +86,8 @@ done <<'EOF'
 2|--duration|record --source 720
 2|--layout must be row, column, grid or focus, not 'mosaic'|record --source 720 --duration 1 --layout mosaic
 2|unknown command 'recrod'|recrod
+2|--duration must be more than 0 seconds|record --source 720 --duration 0
+2|--gap must be a whole number, not '4px'|record --source 720 --duration 1 --gap=4px
 1|There is no source called “Nothing Such”|record --source 'Nothing Such' --duration 1
 1|No source being recorded is called “1080p60”|record --source 720 --sound 1080p60 --duration 1
 EOF
