@@ -228,6 +228,9 @@ int Record(const RecordOptions& options, HeadlessEventLoop& loop) {
     auto controller =
         RecorderController::make(device.value(), MakeSourceDirectory(), nullptr, settings.value()->store());
     ApplySettings(*controller, options);
+    // Nobody watches the monitor picture here: composing it as little as the recorder allows leaves the
+    // GPU and the processor to the movies.
+    controller->setPerformance(true);
     for (const std::string& text : options.sources) {
         if (!controller->addSourceMatching(text))
             return Fail(controller->error());
