@@ -1,38 +1,7 @@
-// quorvarecorder: the command-line entry point. It stays thin: every command is served by the
-// modules, and this file only reads the arguments and reports.
-#include "App/Version.h"
-
-#include <cstdio>
-#include <cstring>
-#include <string_view>
-
-namespace {
-
-constexpr const char* Usage =
-    "Usage: quorvarecorder [--help] [--version]\n"
-    "\n"
-    "QuorvaRecorder records up to eight live sources on one clock into QuickTime movies.\n"
-    "\n"
-    "Options:\n"
-    "  --help      show this help and exit\n"
-    "  --version   show the version and exit\n";
-
-} // namespace
+// quorvarecorder: the command-line entry point. It stays thin: every command is served by the modules
+// through App/CommandLine, and this file only hands it the arguments.
+#include "App/CommandLine.h"
 
 int main(int argc, char** argv) {
-    for (int i = 1; i < argc; ++i) {
-        std::string_view argument = argv[i];
-        if (argument == "--help" || argument == "-h") {
-            std::fputs(Usage, stdout);
-            return 0;
-        }
-        if (argument == "--version") {
-            std::printf("QuorvaRecorder %s\n", QUORVA_VERSION);
-            return 0;
-        }
-        std::fprintf(stderr, "quorvarecorder: unknown argument '%s'\n%s", argv[i], Usage);
-        return 2;
-    }
-    std::fputs(Usage, stdout);
-    return 0;
+    return quorva::RunCommandLine(argc, argv);
 }

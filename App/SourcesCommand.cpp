@@ -1,0 +1,56 @@
+// quorvarecorder sources: what can be recorded now, so that a user knows what --source may name.
+#include "App/CommandLine.h"
+#include "core/RecorderController.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <unistd.h>
+
+namespace quorva {
+
+namespace {
+
+constexpr const char* Usage =
+    "Usage: quorvarecorder sources\n"
+    "\n"
+    "Lists the sources that can be recorded now, one a line: the title (what\n"
+    "--source matches, whole or in part, in any case), the kind and a description.\n"
+    "On a terminal the columns are aligned; otherwise they are separated by tabs.\n";
+
+// Columns count characters, not bytes: titles and descriptions hold "×" and accents.
+size_t Characters(const std::string& text) {
+    return size_t(std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xC0) != 0x80; }));
+}
+
+} // namespace
+
+int RunSourcesCommand(const std::vector<std::string>& arguments) {
+    for (const std::string& argument : arguments) {
+        if (argument == "-h" || argument == "--help") {
+            std::fputs(Usage, stdout);
+            return ExitSuccess;
+        }
+        std::fprintf(stderr, "quorvarecorder sources: unexpected argument '%s'\n%s", argument.c_str(), Usage);
+        return ExitUsage;
+    }
+    auto directory = MakeSourceDirectory();
+    auto sources = RecorderController::sourcesOf(*directory);
+    const bool aligned = ::isatty(STDOUT_FILENO);
+    size_t titleWidth = 0, kindWidth = 0;
+    for (const auto& source : sources) {
+        titleWidth = std::max(titleWidth, Characters(source.title()));
+        kindWidth = std::max(kindWidth, Characters(SourceKindName(source.kind())));
+    }
+    for (const auto& source : sources) {
+        const std::string& kind = SourceKindName(source.kind());
+        if (aligned)
+            std::printf("%s%*s  %s%*s  %s\n", source.title().c_str(),
+                        int(titleWidth - Characters(source.title())), "", kind.c_str(),
+                        int(kindWidth - Characters(kind)), "", source.detail().c_str());
+        else
+            std::printf("%s\t%s\t%s\n", source.title().c_str(), kind.c_str(), source.detail().c_str());
+    }
+    return ExitSuccess;
+}
+
+} // namespace quorva

@@ -1,0 +1,273 @@
+// What a whole take costs: N live test patterns of 1920 × 1080 at 30 frames a second recorded through
+// the RecorderController with output "both" (a movie per source and the grid of all of them), for N = 1,
+// 2 and 4. It reports the frames dropped and the processor time per frame written, every thread of the
+// process counted (the software GPU driver's too), beside the ffmpeg command-line tool doing the same
+// work in the same run: N testsrc2 inputs (and N tones) stacked into the same grid with xstack and
+// encoded, plus each input encoded alone, with the same encoder settings. `ratio` is ffmpeg's processor
+// time per frame over the recorder's: above 1, the recorder does the work for less. The steady figures
+// leave out the take's start and finish, which a short take on a software GPU is dominated by.
+//
+// --seconds=S shortens (or lengthens) each take from its 20 seconds. QUORVA_VULKAN_DEVICE names part of
+// the device to use; its name is in the report's context.
+#include "core/Layout.h"
+#include "core/MovieWriter.h"
+#include "core/RecorderController.h"
+#include "core/Take.h"
+#include "platform/HeadlessEventLoop.h"
+#include "platform/MediaClock.h"
+#include "sources/TestPatternSource.h"
+
+#include <benchmark/benchmark.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace quorva {
+namespace {
+
+constexpr uint32_t Width = 1920, Height = 1080;
+constexpr double Rate = 30;
+
+std::shared_ptr<GpuDevice> Device;
+std::filesystem::path Folder;
+double Seconds = 20;
+
+// N patterns of the same format, each under its own title: the built-in list has one of each format.
+class BenchPatterns final : public SourceDirectory {
+public:
+    explicit BenchPatterns(int count) : _count(count) {}
+    static std::string title(int i) { return "Bench Pattern " + std::to_string(i + 1); }
+
+    std::vector<SourceDescription> availableSources() override {
+        std::vector<SourceDescription> sources;
+        for (int i = 0; i < _count; ++i)
+            sources.emplace_back(title(i), "", SourceKindPattern);
+        return sources;
+    }
+    std::shared_ptr<FrameSource> connectToSourceWithTitle(const std::string& title,
+                                                          const std::shared_ptr<GpuDevice>& device) override {
+        auto source = TestPatternSource::make({title, Width, Height, Rate, false}, device);
+        return source ? source.value() : nullptr;
+    }
+    ChangeHandler changeHandler() const override { return {}; }
+    void setChangeHandler(ChangeHandler) override {}
+
+private:
+    int _count;
+};
+
+double ProcessorSeconds(int who) {
+    rusage usage{};
+    getrusage(who, &usage);
+    return double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+struct Figures {
+    double processorSeconds = 0;
+    uint64_t framesWritten = 0;
+    uint64_t framesDropped = 0;
+    // While recording only, without the take's start (encoders opened, shaders compiled) and finish.
+    double steadyProcessorSeconds = 0;
+    uint64_t steadyFrames = 0;
+    bool ok = false;
+};
+
+uint64_t FramesWritten(const RecorderController& controller) {
+    uint64_t frames = 0;
+    for (const auto& movie : controller.moviesOfTheTake())
+        frames += movie->framesWritten();
+    return frames;
+}
+
+Figures RecordTake(int count) {
+    Figures figures;
+    auto loop = std::make_shared<HeadlessEventLoop>();
+    EventLoop::setMainLoop(loop);
+    const std::filesystem::path folder = Folder / ("recorder-" + std::to_string(count));
+    std::filesystem::create_directories(folder);
+    {
+        auto settings = std::make_shared<SettingsStore>(ApplicationIdentifier, folder / "settings");
+        auto controller =
+            RecorderController::make(Device, std::make_shared<BenchPatterns>(count), nullptr, settings);
+        controller->setOutput("both");
+        controller->setLayout("grid");
+        controller->setFolder(folder.string());
+        for (int i = 0; i < count; ++i)
+            controller->addSourceMatching(BenchPatterns::title(i));
+        controller->setSound(BenchPatterns::title(0));
+        // The grid is laid out for the sizes of the first pictures.
+        loop->runUntil(
+            [&] {
+                for (const auto& place : controller->places()) {
+                    if (place->width() <= 0)
+                        return false;
+                }
+                return true;
+            },
+            10);
+        const double start = ProcessorSeconds(RUSAGE_SELF);
+        if (controller->start()) {
+            bool done = false;
+            // One second to settle, then the steady part until the stop.
+            double steadyStart = 0;
+            uint64_t steadyFrames = 0;
+            loop->postAfter(1, [&] {
+                steadyStart = ProcessorSeconds(RUSAGE_SELF);
+                steadyFrames = FramesWritten(*controller);
+            });
+            loop->postAfter(Seconds, [&] {
+                figures.steadyProcessorSeconds = ProcessorSeconds(RUSAGE_SELF) - steadyStart;
+                figures.steadyFrames = FramesWritten(*controller) - steadyFrames;
+                controller->stopWithCompletionHandler([&] { done = true; });
+            });
+            loop->runUntil([&] { return done; }, Seconds + 600);
+            figures.processorSeconds = ProcessorSeconds(RUSAGE_SELF) - start;
+            figures.ok = done && controller->recordingError().empty();
+            for (const auto& movie : controller->moviesOfTheTake()) {
+                figures.framesWritten += movie->framesWritten();
+                figures.framesDropped += movie->framesDropped();
+            }
+        }
+    }
+    EventLoop::setMainLoop(nullptr);
+    std::filesystem::remove_all(folder);
+    return figures;
+}
+
+// The options that match what the movie writer asks of libx264 and the AAC encoder.
+std::string EncoderOptions(int64_t width, int64_t height) {
+    return "-c:v libx264 -preset veryfast -b:v " + std::to_string(MovieBitRate(0, width, height, Rate, 0)) +
+           " -g " + std::to_string(int(std::ceil(2 * Rate))) +
+           " -bf 0 -pix_fmt yuv420p -color_primaries bt709 -color_trc bt709 -colorspace bt709 -color_range tv"
+           " -c:a aac -b:a 256k -ar 48000 -ac 2 -frag_duration 10000000 -movflags +delay_moov -y ";
+}
+
+// The same take made by ffmpeg in one process, timed by the processor time of its process.
+Figures FFmpegTake(int count) {
+    Figures figures;
+    std::vector<Size> sizes(size_t(count), Size{double(Width), double(Height)});
+    const Layout grid(2, sizes, 0, Size{0, 0});
+    const std::filesystem::path folder = Folder / ("ffmpeg-" + std::to_string(count));
+    std::filesystem::create_directories(folder);
+    const std::string seconds = std::to_string(Seconds);
+    std::string command = "ffmpeg -nostdin -loglevel error";
+    for (int i = 0; i < count; ++i)
+        command += " -f lavfi -i testsrc2=s=" + std::to_string(Width) + "x" + std::to_string(Height) +
+                   ":r=" + std::to_string(int(Rate)) + ":d=" + seconds;
+    for (int i = 0; i < count; ++i)
+        command += " -f lavfi -i sine=f=1000:r=48000:d=" + seconds;
+    std::string filter, stack;
+    for (int i = 0; i < count; ++i) {
+        const std::string n = std::to_string(i);
+        filter += "[" + n + ":v]split[s" + n + "][g" + n + "];";
+        stack += "[g" + n + "]";
+    }
+    filter += "[" + std::to_string(count) + ":a]asplit[a0][t0];";
+    if (count == 1) {
+        filter += "[g0]null[grid]";
+    } else {
+        std::string places;
+        for (const Rect& frame : grid.frames())
+            places += (places.empty() ? "" : "|") + std::to_string(int(frame.x)) + "_" +
+                      std::to_string(int(frame.y));
+        filter += stack + "xstack=inputs=" + std::to_string(count) + ":layout=" + places + "[grid]";
+    }
+    command += " -filter_complex \"" + filter + "\"";
+    command += " -map [grid] -map [t0] " +
+               EncoderOptions(int64_t(grid.size().width), int64_t(grid.size().height)) +
+               (folder / "grid.mov").string();
+    for (int i = 0; i < count; ++i) {
+        const std::string n = std::to_string(i);
+        const std::string sound = i == 0 ? "[a0]" : std::to_string(count + i) + ":a";
+        command += " -map [s" + n + "] -map " + sound + " " + EncoderOptions(Width, Height) +
+                   (folder / ("source-" + n + ".mov")).string();
+    }
+    const double start = ProcessorSeconds(RUSAGE_CHILDREN);
+    figures.ok = std::system(command.c_str()) == 0;
+    figures.processorSeconds = ProcessorSeconds(RUSAGE_CHILDREN) - start;
+    figures.framesWritten = uint64_t(std::lround(Seconds * Rate)) * uint64_t(count + 1);
+    std::filesystem::remove_all(folder);
+    return figures;
+}
+
+void RecordTestPatterns(benchmark::State& state) {
+    const int count = int(state.range(0));
+    Figures recorder, ffmpeg;
+    for (auto _ : state) {
+        const double start = MediaClock::now();
+        recorder = RecordTake(count);
+        state.SetIterationTime(MediaClock::now() - start);
+        ffmpeg = FFmpegTake(count);
+    }
+    if (!recorder.ok || !ffmpeg.ok || recorder.framesWritten == 0) {
+        state.SkipWithError("a take could not be recorded");
+        return;
+    }
+    const double recorderPerFrame = recorder.processorSeconds / double(recorder.framesWritten);
+    const double ffmpegPerFrame = ffmpeg.processorSeconds / double(ffmpeg.framesWritten);
+    state.counters["frames"] = double(recorder.framesWritten);
+    state.counters["dropped"] = double(recorder.framesDropped);
+    state.counters["cpu_ms_per_frame"] = recorderPerFrame * 1000;
+    state.counters["ffmpeg_cpu_ms_per_frame"] = ffmpegPerFrame * 1000;
+    state.counters["ratio"] = ffmpegPerFrame / recorderPerFrame;
+    if (recorder.steadyFrames > 0) {
+        const double steadyPerFrame = recorder.steadyProcessorSeconds / double(recorder.steadyFrames);
+        state.counters["steady_cpu_ms_per_frame"] = steadyPerFrame * 1000;
+        state.counters["steady_ratio"] = ffmpegPerFrame / steadyPerFrame;
+    }
+    state.SetLabel(std::to_string(count) + " × 1080p30, both, " + std::to_string(int(Seconds)) + " s");
+}
+BENCHMARK(RecordTestPatterns)
+    ->Arg(1)
+    ->Arg(2)
+    ->Arg(4)
+    ->Iterations(1)
+    ->UseManualTime()
+    ->Unit(benchmark::kSecond);
+
+} // namespace
+} // namespace quorva
+
+int main(int argc, char** argv) {
+    // The Vulkan loader wants a private runtime folder, which machines without a session lack.
+    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+    if (!runtime || !*runtime) {
+        std::string folder = "/tmp/quorva-runtime-" + std::to_string(getuid());
+        mkdir(folder.c_str(), 0700);
+        setenv("XDG_RUNTIME_DIR", folder.c_str(), 1);
+    }
+    benchmark::Initialize(&argc, argv);
+    // Google Benchmark takes its own flags out; --seconds is ours.
+    for (int i = 1; i < argc; ++i) {
+        std::string argument = argv[i];
+        if (argument.starts_with("--seconds=") && std::atof(argument.c_str() + 10) > 0) {
+            quorva::Seconds = std::atof(argument.c_str() + 10);
+            argv[i--] = argv[--argc];
+        }
+    }
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
+    auto device = quorva::GpuDevice::make();
+    if (!device) {
+        std::fprintf(stderr, "recording_bench: %s\n", device.error().message().c_str());
+        return 1;
+    }
+    quorva::Device = device.value();
+    std::string folder = (std::filesystem::temp_directory_path() / "quorva-bench-XXXXXX").string();
+    if (!mkdtemp(folder.data()))
+        return 1;
+    quorva::Folder = folder;
+    benchmark::AddCustomContext("vulkan_device", quorva::Device->name());
+    benchmark::AddCustomContext("seconds_per_take", std::to_string(quorva::Seconds));
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    std::filesystem::remove_all(folder);
+    return 0;
+}

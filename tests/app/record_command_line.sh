@@ -1,0 +1,95 @@
+#!/usr/bin/env bash
+# quorvarecorder's command line end to end: a take of the three test patterns, separate and assembled,
+# read back with ffprobe; a second identical take beside the first; a take ended by SIGINT; and the
+# mistakes a user makes. Usage: record_command_line.sh PATH_TO_QUORVARECORDER
+set -uo pipefail
+recorder=$1
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+# No saved settings come in, and the take must save none.
+export XDG_CONFIG_HOME=$work/config HOME=$work/home
+mkdir -p "$XDG_CONFIG_HOME" "$HOME" "$work/movies"
+if [ ! -w "${XDG_RUNTIME_DIR:-/nonexistent}" ]; then
+    export XDG_RUNTIME_DIR=$work/runtime
+    mkdir -m 700 "$XDG_RUNTIME_DIR"
+fi
+failures=0
+fail() {
+    echo "FAIL: $*" >&2
+    failures=$((failures + 1))
+}
+probe() { # FILE STREAM ENTRIES: one stream's entries, comma-separated
+    ffprobe -v error -select_streams "$2" -count_packets -show_entries "stream=$3" -of csv=p=0 "$1"
+}
+take() {
+    "$recorder" record --source "Test Pattern" --source 720 --source alpha --output both --layout grid \
+        --sound 720 --duration 5 --folder "$work/movies" >"$work/$1.out" 2>"$work/$1.err" ||
+        fail "$1 take exited with $?: $(cat "$work/$1.err")"
+}
+
+take first
+[ "$(wc -l <"$work/first.out")" -eq 4 ] || fail "the first take lists $(wc -l <"$work/first.out") movies, not 4"
+# Pictures: 5 s at each source's rate, the assembled movie at its clock source's (the first, 60). A
+# machine that cannot draw and encode them all in time (two shared cores and a software GPU cannot) leaves
+# gaps between pictures: the count and the time from first to last picture are then only bounded.
+while IFS=$'\t' read -r movie listed _; do
+    case $movie in
+    *1080p60.mov) rate=60 ;; *720p30.mov | *Alpha\ 1080p30.mov) rate=30 ;; *) rate=60 assembled=$movie ;;
+    esac
+    read -r frames gap span < <(ffprobe -v error -select_streams v:0 -show_entries packet=pts_time -of csv=p=0 \
+        "$movie" | sort -n | awk -v r=$rate 'NR == 1 { first = $1 } NR > 1 && $1 - last > gap { gap = $1 - last }
+        { last = $1 } END { print NR, gap + 0, last - first + 1 / r }')
+    [ "$frames" = "${listed% frames}" ] || fail "$movie holds $frames frames, but the listing says $listed"
+    if [ "$frames" -gt 1 ] && awk -v g="$gap" -v r=$rate 'BEGIN { exit !(g < 1.5 / r) }'; then
+        awk -v s="$span" 'BEGIN { exit !(s > 4.8 && s < 5.3) }' || fail "$movie spans $span s, not 5"
+        [ "$frames" -ge $((5 * rate - 4)) ] && [ "$frames" -le $((5 * rate + 4)) ] ||
+            fail "$movie has $frames frames, not about $((5 * rate))"
+    else
+        echo "note: $movie has gaps of up to $gap s (the machine fell behind): $frames frames" >&2
+        awk -v s="$span" 'BEGIN { exit !(s < 5.3) }' || fail "$movie spans $span s, more than 5"
+        [ "$frames" -le $((5 * rate + 4)) ] || fail "$movie has $frames frames, more than $((5 * rate))"
+    fi
+done <"$work/first.out"
+# Three 16:9 sources in a grid of 2 × 2 cells of the largest, 1920 × 1080.
+[ "$(probe "${assembled:-none}" v:0 width,height)" = "3840,2160" ] || fail "the assembled movie is not 3840 × 2160"
+sound=$(ffprobe -v error -select_streams a:0 -show_entries stream=duration -of csv=p=0 "${assembled:-none}")
+awk -v s="${sound:-0}" 'BEGIN { exit !(s > 4.5) }' || fail "the assembled movie has ${sound:-no} s of sound"
+
+sums=$(cd "$work/movies" && md5sum ./*.mov)
+take second
+while IFS=$'\t' read -r movie _; do
+    grep -qF "$movie" "$work/first.out" && fail "the second take wrote $movie again"
+    [ -s "$movie" ] || fail "the second take lists $movie, which is empty or missing"
+done <"$work/second.out"
+(cd "$work/movies" && md5sum --quiet -c - <<<"$sums") || fail "the second take changed the first one's movies"
+[ -z "$(ls -A "$XDG_CONFIG_HOME")" ] || fail "a take saved settings: $(ls -A "$XDG_CONFIG_HOME")"
+
+# SIGINT ends the take early; its movie is finished, readable and listed.
+"$recorder" record --source 720 --duration 60 --name Interrupted --folder "$work/movies" >"$work/int.out" 2>&1 &
+for _ in $(seq 600); do grep -q "^Recording 1" "$work/int.out" && break; sleep 0.1; done
+kill -INT $!
+wait $!
+status=$?
+[ $status -eq 130 ] || fail "a take ended by SIGINT exited with $status, not 130"
+frames=$(probe "$work/movies/Interrupted.mov" v:0 nb_read_packets 2>/dev/null)
+[ "${frames:-0}" -gt 0 ] && grep -q "Interrupted.mov" "$work/int.out" || fail "the interrupted take kept no movie"
+
+# Mistakes: the status, and what the message says.
+while IFS='|' read -r expected message arguments; do
+    eval "set -- $arguments"
+    output=$("$recorder" "$@" 2>&1 >/dev/null)
+    status=$?
+    [ $status -eq "$expected" ] || fail "quorvarecorder $arguments exited with $status, not $expected"
+    grep -qF -- "$message" <<<"$output" || fail "quorvarecorder $arguments said '$output', not '$message'"
+done <<'EOF'
+2|unknown option '--colour'|record --source 720 --duration 1 --colour red
+2|--duration|record --source 720
+2|--layout must be row, column, grid or focus, not 'mosaic'|record --source 720 --duration 1 --layout mosaic
+2|unknown command 'recrod'|recrod
+2|--duration must be more than 0 seconds|record --source 720 --duration 0
+2|--gap must be a whole number, not '4px'|record --source 720 --duration 1 --gap=4px
+1|There is no source called “Nothing Such”|record --source 'Nothing Such' --duration 1
+1|No source being recorded is called “1080p60”|record --source 720 --sound 1080p60 --duration 1
+EOF
+[ $failures -eq 0 ] || exit 1
+echo "all good"
