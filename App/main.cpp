@@ -1,5 +1,6 @@
 // quorvarecorder: the command-line entry point. It stays thin: every command is served by the
 // modules, and this file only reads the arguments and reports.
+#include "App/Headless.h"
 #include "App/Version.h"
 
 #include <cstdio>
@@ -9,13 +10,15 @@
 namespace {
 
 constexpr const char* Usage =
-    "Usage: quorvarecorder [--help] [--version]\n"
+    "Usage: quorvarecorder [--help] [--version] [--headless]\n"
     "\n"
     "QuorvaRecorder records up to eight live sources on one clock into QuickTime movies.\n"
     "\n"
     "Options:\n"
     "  --help      show this help and exit\n"
-    "  --version   show the version and exit\n";
+    "  --version   show the version and exit\n"
+    "  --headless  record the test patterns without a window, driven over OSC and OSCQuery, until\n"
+    "              SIGTERM or SIGINT (a running recording is finished first)\n";
 
 } // namespace
 
@@ -30,6 +33,8 @@ int main(int argc, char** argv) {
             std::printf("QuorvaRecorder %s\n", QUORVA_VERSION);
             return 0;
         }
+        if (argument == "--headless")
+            return quorva::RunHeadless(QUORVA_VERSION);
         std::fprintf(stderr, "quorvarecorder: unknown argument '%s'\n%s", argv[i], Usage);
         return 2;
     }
