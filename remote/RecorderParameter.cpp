@@ -79,7 +79,7 @@ json Vals(const std::vector<std::string>& values) {
     return json::array({{{"VALS", values}}});
 }
 
-json MinMax(double maximum) {
+json MinMax(int64_t maximum) {
     return json::array({{{"MIN", 0}, {"MAX", maximum}}});
 }
 
@@ -149,7 +149,7 @@ struct Builder {
     }
 
     // A number setting; the controller applies its own limits, MAX is advice to clients.
-    void number(std::string address, std::string type, std::string summary, double maximum,
+    void number(std::string address, std::string type, std::string summary, int64_t maximum,
                 std::function<double(const RecorderController&)> read,
                 std::function<void(RecorderController&, double)> write) {
         add(
