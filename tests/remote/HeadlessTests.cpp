@@ -2,6 +2,7 @@
 // npm package oscquery, and raw sockets for what no polite client sends.
 #include "NetworkTesting.h"
 
+#include <algorithm>
 #include <gtest/gtest.h>
 #include <random>
 
@@ -16,11 +17,12 @@ std::string Folder(const std::string& name) {
     return ::testing::TempDir() + "headless-" + name + "-" + std::to_string(::getpid());
 }
 
-void SendDatagram(int port, const std::string& bytes) {
-    int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in to{AF_INET, htons(uint16_t(port)), {htonl(INADDR_LOOPBACK)}, {}};
-    ::sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
-    ::close(fd);
+// Frames of the movie's picture track that ffprobe decodes: 0 for a movie that was never finished.
+int FramesIn(const std::string& file) {
+    return std::atoi(Shell("ffprobe -v error -count_frames -select_streams v:0 -show_entries "
+                           "stream=nb_read_frames -of csv=p=0 '" +
+                           file + "'")
+                         .c_str());
 }
 
 // One recorder for the tests that only talk to it, started with both of its default-to-be ports taken
@@ -65,11 +67,10 @@ TEST_F(HeadlessTest, MessagesAndBundlesChangeSettingsOrSetTheErrorAfterAPortSear
         {"/status/state s busy", "/status/error", "/status/state can only be read"},
         {"/nothing i 1", "/status/error", "There is no OSC address “/nothing”"},
         {"/Gap i 3", "/status/error", "There is no OSC address “/Gap”"},
-        {"/fps f 29.97", "/fps", 29.969999313354492}, // sent as a 32-bit float
     };
     for (const Case& c : cases) {
         r.send(c.message);
-        EXPECT_EQ(r.awaitValue(c.address, c.expected), c.expected) << c.message;
+        EXPECT_EQ(r.value(c.address, c.expected), c.expected) << c.message;
     }
 
     // One bundle, applied in order: the last /gap wins.
@@ -77,7 +78,7 @@ TEST_F(HeadlessTest, MessagesAndBundlesChangeSettingsOrSetTheErrorAfterAPortSear
     std::ofstream(file) << "e0000000.00000000 /gap i 40\ne0000000.00000000 /width i 640\n"
                            "e0000000.00000000 /gap i 41\n";
     Shell("oscsendfile 127.0.0.1 " + std::to_string(r.oscPort) + " " + file);
-    EXPECT_EQ(r.awaitValue("/gap", 41), 41);
+    EXPECT_EQ(r.value("/gap", 41), 41);
     EXPECT_EQ(r.value("/width"), 640);
 }
 
@@ -90,7 +91,6 @@ TEST_F(HeadlessTest, OSCQueryAnswersAttributesAndStatusesAndTheWholeTreeToANodeC
     } cases[] = {
         {"", "/gap?RANGE", 200, R"({"RANGE":[{"MAX":1000,"MIN":0}]})"},
         {"", "/status/source/3/file?VALUE", 200, R"({"VALUE":[""]})"},
-        {"", "/status/source/3/width?VALUE", 200, R"({"VALUE":[0]})"},
         {"", "/record/toggle?ACCESS", 200, R"({"ACCESS":2})"},
         {"", "/status/version?ACCESS", 200, R"({"ACCESS":1})"},
         {"", "/gap?UNIT", 204, ""},
@@ -127,30 +127,31 @@ TEST_F(HeadlessTest, OSCQueryAnswersAttributesAndStatusesAndTheWholeTreeToANodeC
 }
 
 TEST_F(HeadlessTest, GarbageSilenceAndAFloodAreSurvivedAndTheNextMessageStillWorks) {
+    int udp = ::socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in to{AF_INET, htons(uint16_t(r.oscPort)), {htonl(INADDR_LOOPBACK)}, {}};
+    auto send = [&](const std::string& bytes) {
+        ::sendto(udp, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
+    };
     std::mt19937 random(7);
-    std::string good = "/gap\0\0\0\0,i\0\0\0\0\0\x05"s;
+    std::string gap = "/gap\0\0\0\0,i\0\0\0\0\0\0"s, noise(64, '\0');
     for (int i = 0; i < 200; ++i) {
-        std::string bytes(random() % 64, '\0');
-        for (char& byte : bytes)
-            byte = char(random());
-        SendDatagram(r.oscPort, i % 2 ? bytes : good.substr(0, random() % good.size()));
+        std::generate(noise.begin(), noise.end(), [&] { return char(random()); });
+        send(i % 2 ? noise.substr(0, random() % 64) : gap.substr(0, random() % gap.size()));
     }
     EXPECT_EQ(StatusLine(r.queryPort, "GARBAGE\r\n\r\n"), "HTTP/1.1 400 Bad Request");
     EXPECT_EQ(StatusLine(r.queryPort, std::string(20000, 'x')), "HTTP/1.1 400 Bad Request");
 
     int silent = ::socket(AF_INET, SOCK_STREAM, 0); // connects, then says nothing
-    sockaddr_in to{AF_INET, htons(uint16_t(r.queryPort)), {htonl(INADDR_LOOPBACK)}, {}};
-    ASSERT_EQ(::connect(silent, reinterpret_cast<sockaddr*>(&to), sizeof to), 0);
+    sockaddr_in server{AF_INET, htons(uint16_t(r.queryPort)), {htonl(INADDR_LOOPBACK)}, {}};
+    ASSERT_EQ(::connect(silent, reinterpret_cast<sockaddr*>(&server), sizeof server), 0);
 
-    for (int i = 0; i < 1000; ++i) {
-        std::string message = "/gap\0\0\0\0,i\0\0\0\0\0\0"s;
-        message[14] = char(i >> 8);
-        message[15] = char(i & 0xff);
-        SendDatagram(r.oscPort, message);
-    }
+    for (int i = 0; i < 1000; ++i, send(gap))
+        gap[14] = char(i >> 8), gap[15] = char(i);
     r.send("/gap i 7");
-    EXPECT_EQ(r.awaitValue("/gap", 7), 7);
+    EXPECT_EQ(r.value("/gap", 7), 7);
+    EXPECT_EQ(Curl(r.queryPort, "/gap?TYPE").body, R"({"TYPE":"i"})");
     ::close(silent);
+    ::close(udp);
 }
 
 // A recording started and stopped over OSC, followed over OSCQuery; then a second one cut by SIGTERM,
@@ -162,36 +163,29 @@ TEST(Headless, ARecordingOverOSCWritesMoviesThatItsStatusDescribesAndSIGTERMFini
     for (const std::string& message : std::vector<std::string>{"/source/1 s 720p30", "/output s separate",
                                                                "/folder s " + r.dir, "/name s take"})
         r.send(message);
-    ASSERT_EQ(r.awaitValue("/name", "take"), "take");
-    ASSERT_EQ(r.awaitValue("/status/source/1/online", 1), 1) << r.log();
+    ASSERT_EQ(r.value("/name", "take"), "take");
+    ASSERT_EQ(r.value("/status/source/1/online", 1), 1) << r.log();
 
     r.send("/record f 0.5");
-    ASSERT_EQ(r.awaitValue("/status/state", "recording"), "recording") << r.log();
+    ASSERT_EQ(r.value("/status/state", "recording"), "recording") << r.log();
     EXPECT_EQ(r.value("/record"), 1);
     for (int i = 0; i < 100 && r.value("/status/frames").get<int>() < 10; ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     r.send("/record i 0");
-    ASSERT_EQ(r.awaitValue("/status/state", "idle"), "idle");
+    ASSERT_EQ(r.value("/status/state", "idle"), "idle");
 
     std::string file = r.value("/status/file").get<std::string>();
     EXPECT_EQ(file, r.dir + "/take.mov");
-    std::string counted = Shell("ffprobe -v error -count_frames -select_streams v:0 -show_entries "
-                                "stream=nb_read_frames -of csv=p=0 '" +
-                                file + "'");
-    EXPECT_GE(r.value("/status/frames").get<int>(), 10);
-    EXPECT_EQ(counted, std::to_string(r.value("/status/frames").get<int>()) + "\n");
+    EXPECT_EQ(FramesIn(file), r.value("/status/frames").get<int>());
     EXPECT_EQ(r.value("/status/source/1/file"), file);
 
     r.send("/start");
-    ASSERT_EQ(r.awaitValue("/status/state", "recording"), "recording");
+    ASSERT_EQ(r.value("/status/state", "recording"), "recording");
     std::string second = r.value("/status/file").get<std::string>();
     EXPECT_NE(second, file); // never overwritten
     std::this_thread::sleep_for(std::chrono::seconds(1));
     EXPECT_EQ(r.stop(), 0);
-    EXPECT_NE(
-        Shell("ffprobe -v error -show_entries stream=codec_type -of csv=p=0 '" + second + "'").find("video"),
-        std::string::npos)
-        << "unfinished movie " << second;
+    EXPECT_GT(FramesIn(second), 0) << r.log();
     Shell("rm -rf " + r.dir);
 }
 

@@ -9,7 +9,6 @@
 #include <arpa/inet.h>
 #include <csignal>
 #include <cstdio>
-#include <fcntl.h>
 #include <fstream>
 #include <memory>
 #include <mutex>
@@ -143,28 +142,14 @@ struct HeadlessRecorder {
 
     HeadlessRecorder(std::string folder, int wantedOSCPort, int wantedQueryPort) : dir(std::move(folder)) {
         Shell("mkdir -p " + dir + "/config && chmod 700 " + dir);
-        std::string osc = std::to_string(wantedOSCPort), query = std::to_string(wantedQueryPort);
-        // Spawned rather than forked: the test process has threads of its own.
-        std::vector<std::string> variables = {"XDG_CONFIG_HOME=" + dir + "/config", "XDG_RUNTIME_DIR=" + dir,
-                                              "QUORVA_OSC_PORT=" + osc, "QUORVA_OSCQUERY_PORT=" + query};
-        for (char** v = environ; *v; ++v) {
-            std::string variable = *v;
-            if (!variable.starts_with("XDG_") && !variable.starts_with("QUORVA_O"))
-                variables.push_back(variable);
-        }
-        std::vector<char*> envp;
-        for (std::string& variable : variables)
-            envp.push_back(variable.data());
-        envp.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 2, (dir + "/log").c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                         0644);
-        const char* argv[] = {"quorvarecorder", "--headless", nullptr};
-        if (posix_spawn(&pid, QUORVA_RECORDER_PATH, &actions, nullptr, const_cast<char**>(argv),
-                        envp.data()) != 0)
+        // Spawned through the shell, which execs the recorder in its place: the test has threads of its own.
+        std::string command = "XDG_CONFIG_HOME=" + dir + "/config XDG_RUNTIME_DIR=" + dir +
+                              " QUORVA_OSC_PORT=" + std::to_string(wantedOSCPort) +
+                              " QUORVA_OSCQUERY_PORT=" + std::to_string(wantedQueryPort) +
+                              " exec " QUORVA_RECORDER_PATH " --headless 2>" + dir + "/log";
+        const char* argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
+        if (posix_spawn(&pid, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ) != 0)
             pid = 0;
-        posix_spawn_file_actions_destroy(&actions);
         const std::string started = "OSCQuery server started on TCP port ";
         for (int i = 0; i < 600 && queryPort == 0; ++i) {
             std::string text = log();
@@ -197,17 +182,15 @@ struct HeadlessRecorder {
     void send(const std::string& arguments) const {
         Shell("oscsend 127.0.0.1 " + std::to_string(oscPort) + " " + arguments);
     }
-    // The value at `address` read over OSCQuery (null when none).
-    nlohmann::json value(const std::string& address) const {
-        auto answer = nlohmann::json::parse(Curl(queryPort, address + "?VALUE").body, nullptr, false);
-        return answer.is_object() && answer.contains("VALUE") ? answer["VALUE"][0] : nlohmann::json();
-    }
-    // Waits up to `seconds` for `address` to read `expected`, and answers what it read last.
-    nlohmann::json awaitValue(const std::string& address, const nlohmann::json& expected,
-                              int seconds = 20) const {
+    // Waits up to 20 seconds for `address` to read `expected` over OSCQuery, and answers what it read last.
+    nlohmann::json value(const std::string& address, const nlohmann::json& expected = {}) const {
         nlohmann::json read;
-        for (int i = 0; i < seconds * 10 && (read = value(address)) != expected; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        for (int i = 0; i < 200; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(100))) {
+            auto answer = nlohmann::json::parse(Curl(queryPort, address + "?VALUE").body, nullptr, false);
+            read = answer.is_object() ? answer["VALUE"][0] : nlohmann::json();
+            if (expected.is_null() || read == expected)
+                break;
+        }
         return read;
     }
 };
