@@ -104,7 +104,7 @@ TEST_F(AvahiTest, TheHeadlessRecorderIsFoundUnderItsNameWithItsPort) {
     EXPECT_NE(found.find("=;lo;IPv4;QuorvaRecorder;_oscjson._tcp;local;"), std::string::npos) << found;
     EXPECT_NE(found.find(";127.0.0.1;" + std::to_string(recorder.queryPort) + ";"), std::string::npos)
         << found;
-    EXPECT_EQ(recorder.stop(), 0);
+    EXPECT_EQ(recorder.stop(), 0) << recorder.log();
 }
 
 TEST(DNSSDService, WithoutADaemonTheServerStillServesAndTheLogSaysWhy) {
