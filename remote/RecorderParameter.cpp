@@ -234,16 +234,6 @@ struct Builder {
     }
 };
 
-// The assembled picture's size for the places as they are now.
-Size AssembledSize(const RecorderController& c) {
-    std::vector<Size> sizes;
-    for (const auto& place : c.places())
-        sizes.push_back({double(place->width()), double(place->height())});
-    int64_t kind = 0;
-    Layout::getKind(kind, c.layout());
-    return Layout(kind, sizes, c.gap(), {double(c.width()), double(c.height())}).size();
-}
-
 } // namespace
 
 std::vector<RecorderParameter> MakeRecorderParameters(const std::shared_ptr<RecorderController>& controller,
@@ -336,7 +326,7 @@ std::vector<RecorderParameter> MakeRecorderParameters(const std::shared_ptr<Reco
         return [width](C& c) {
             if (c.places().empty())
                 return json::array({0});
-            Size size = AssembledSize(c);
+            Size size = c.assembledLayout().size();
             return json::array({int64_t(width ? size.width : size.height)});
         };
     };
