@@ -1,5 +1,6 @@
 #include "App/CommandLine.h"
 
+#include "App/Headless.h"
 #include "App/Version.h"
 #include "core/Layout.h"
 #include "core/MovieRecorderSettings.h"
@@ -24,6 +25,8 @@ constexpr const char* Usage =
     "Commands:\n"
     "  sources     list the sources that can be recorded now\n"
     "  record      record one take of chosen sources (quorvarecorder record --help)\n"
+    "  --headless  record without a window, driven over OSC and OSCQuery, until SIGTERM or SIGINT\n"
+    "              (a running take is finished first)\n"
     "\n"
     "Options:\n"
     "  -h, --help  show this help and exit\n"
@@ -34,11 +37,11 @@ struct Command {
     int (*run)(const std::vector<std::string>& arguments);
 };
 
-// The first argument chooses one of these. A mode chosen by a flag rather than a word (one that runs
-// without a window, driven over the network) is one more line here, its name being the flag.
+// The first argument chooses one of these; the mode without a window is chosen by a flag.
 const Command Commands[] = {
     {"sources", RunSourcesCommand},
     {"record", RunRecordCommand},
+    {"--headless", RunHeadless},
 };
 
 Error UsageError(std::string message) {

@@ -95,6 +95,18 @@ TEST_F(AvahiTest, TheServiceIsFoundAndASecondOfTheSameNameIsRenamedWithItsPort) 
     first->stop();
 }
 
+TEST_F(AvahiTest, TheHeadlessRecorderIsFoundUnderItsNameWithItsPort) {
+    HeadlessRecorder recorder(dir + "/recorder", 39430, 39431);
+    ASSERT_NE(recorder.queryPort, 0) << recorder.log();
+    std::string found;
+    for (int i = 0; i < 20 && found.find(";QuorvaRecorder;") == std::string::npos; ++i)
+        found = Shell("timeout 5 avahi-browse -rtp _oscjson._tcp");
+    EXPECT_NE(found.find("=;lo;IPv4;QuorvaRecorder;_oscjson._tcp;local;"), std::string::npos) << found;
+    EXPECT_NE(found.find(";127.0.0.1;" + std::to_string(recorder.queryPort) + ";"), std::string::npos)
+        << found;
+    EXPECT_EQ(recorder.stop(), 0) << recorder.log();
+}
+
 TEST(DNSSDService, WithoutADaemonTheServerStillServesAndTheLogSaysWhy) {
     MainThread main;
     LogLines log;

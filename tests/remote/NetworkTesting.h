@@ -3,16 +3,26 @@
 #include "platform/HeadlessEventLoop.h"
 #include "platform/Log.h"
 
+#include <nlohmann/json.hpp>
+
 #include <algorithm>
+#include <arpa/inet.h>
+#include <csignal>
 #include <cstdio>
+#include <fstream>
 #include <memory>
 #include <mutex>
 #include <netinet/in.h>
+#include <spawn.h>
+#include <sstream>
 #include <string>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
+
+extern char** environ;
 
 namespace quorva::testing {
 
@@ -87,5 +97,102 @@ inline int PortOf(int fd) {
     ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
     return ntohs(address.sin_port);
 }
+
+struct Answer {
+    int status = 0;
+    std::string head, body;
+};
+
+// One request with curl: the status, the headers and the body.
+inline Answer Curl(int port, const std::string& target, const std::string& options = "") {
+    std::string out = Shell("curl -s -i --max-time 10 " + options +
+                            " 'http://127.0.0.1:" + std::to_string(port) + target + "'");
+    Answer answer;
+    size_t end = out.find("\r\n\r\n");
+    answer.head = out.substr(0, end);
+    answer.body = end == std::string::npos ? "" : out.substr(end + 4);
+    std::sscanf(out.c_str(), "HTTP/1.1 %d", &answer.status);
+    return answer;
+}
+
+// The status line answered to raw bytes, or "" when the server closed without answering.
+inline std::string StatusLine(int port, const std::string& request) {
+    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(uint16_t(port));
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ::connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to);
+    ::send(fd, request.data(), request.size(), MSG_NOSIGNAL);
+    ::shutdown(fd, SHUT_WR);
+    std::string answer;
+    char buffer[4096];
+    for (ssize_t n; (n = ::recv(fd, buffer, sizeof buffer, 0)) > 0;)
+        answer.append(buffer, size_t(n));
+    ::close(fd);
+    return answer.substr(0, answer.find("\r\n"));
+}
+
+// `quorvarecorder --headless` in a process of its own, with its settings in `dir` and its stderr in
+// dir/log, started on (or after) the given ports; the ports it found are read from its log.
+struct HeadlessRecorder {
+    std::string dir;
+    pid_t pid = 0;
+    int oscPort = 0, queryPort = 0;
+
+    HeadlessRecorder(std::string folder, int wantedOSCPort, int wantedQueryPort) : dir(std::move(folder)) {
+        Shell("mkdir -p " + dir + "/config && chmod 700 " + dir);
+        // Spawned through the shell, which execs the recorder in its place: the test has threads of its own.
+        std::string command = "XDG_CONFIG_HOME=" + dir + "/config XDG_RUNTIME_DIR=" + dir +
+                              " QUORVA_OSC_PORT=" + std::to_string(wantedOSCPort) +
+                              " QUORVA_OSCQUERY_PORT=" + std::to_string(wantedQueryPort) +
+                              " exec " QUORVA_RECORDER_PATH " --headless 2>" + dir + "/log";
+        const char* argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
+        if (posix_spawn(&pid, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ) != 0)
+            pid = 0;
+        const std::string started = "OSCQuery server started on TCP port ";
+        for (int i = 0; i < 600 && queryPort == 0; ++i) {
+            std::string text = log();
+            size_t at = text.find(started);
+            if (at == std::string::npos ||
+                std::sscanf(text.c_str() + at + started.size(), "%d (namespace of OSC port %d)", &queryPort,
+                            &oscPort) != 2) {
+                queryPort = 0;
+                std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            }
+        }
+    }
+    ~HeadlessRecorder() {
+        if (pid > 0)
+            stop();
+    }
+    std::string log() const {
+        std::stringstream text;
+        text << std::ifstream(dir + "/log").rdbuf();
+        return text.str();
+    }
+    // SIGTERM, then the exit status (-1 when it did not exit by itself).
+    int stop() {
+        ::kill(pid, SIGTERM);
+        int status = 0;
+        ::waitpid(pid, &status, 0);
+        pid = 0;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    void send(const std::string& arguments) const {
+        Shell("oscsend 127.0.0.1 " + std::to_string(oscPort) + " " + arguments);
+    }
+    // Waits up to 20 seconds for `address` to read `expected` over OSCQuery, and answers what it read last.
+    nlohmann::json value(const std::string& address, const nlohmann::json& expected = {}) const {
+        nlohmann::json read;
+        for (int i = 0; i < 200; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(100))) {
+            auto answer = nlohmann::json::parse(Curl(queryPort, address + "?VALUE").body, nullptr, false);
+            read = answer.is_object() ? answer["VALUE"][0] : nlohmann::json();
+            if (expected.is_null() || read == expected)
+                break;
+        }
+        return read;
+    }
+};
 
 } // namespace quorva::testing

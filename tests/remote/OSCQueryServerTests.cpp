@@ -12,41 +12,6 @@ namespace {
 using namespace quorva::testing;
 using nlohmann::json;
 
-struct Answer {
-    int status = 0;
-    std::string head, body;
-};
-
-// One request with curl: the status, the headers and the body.
-Answer Curl(int port, const std::string& target, const std::string& options = "") {
-    std::string out = Shell("curl -s -i --max-time 10 " + options +
-                            " 'http://127.0.0.1:" + std::to_string(port) + target + "'");
-    Answer answer;
-    size_t end = out.find("\r\n\r\n");
-    answer.head = out.substr(0, end);
-    answer.body = end == std::string::npos ? "" : out.substr(end + 4);
-    std::sscanf(out.c_str(), "HTTP/1.1 %d", &answer.status);
-    return answer;
-}
-
-// The status line answered to raw bytes, or "" when the server closed without answering.
-std::string StatusLine(int port, const std::string& request) {
-    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(uint16_t(port));
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to);
-    ::send(fd, request.data(), request.size(), MSG_NOSIGNAL);
-    ::shutdown(fd, SHUT_WR);
-    std::string answer;
-    char buffer[4096];
-    for (ssize_t n; (n = ::recv(fd, buffer, sizeof buffer, 0)) > 0;)
-        answer.append(buffer, size_t(n));
-    ::close(fd);
-    return answer.substr(0, answer.find("\r\n"));
-}
-
 struct OSCQueryServerTest : ::testing::Test {
     MainThread main;
     std::shared_ptr<OSCQueryServer> server = OSCQueryServer::make();

@@ -1,0 +1,193 @@
+// A running `quorvarecorder --headless` driven by real clients only: oscsend and oscsendfile, curl, the
+// npm package oscquery, and raw sockets for what no polite client sends.
+#include "NetworkTesting.h"
+
+#include <algorithm>
+#include <gtest/gtest.h>
+#include <random>
+
+namespace quorva {
+namespace {
+
+using namespace quorva::testing;
+using nlohmann::json;
+using namespace std::string_literals;
+
+std::string Folder(const std::string& name) {
+    return ::testing::TempDir() + "headless-" + name + "-" + std::to_string(::getpid());
+}
+
+// Frames of the movie's picture track that ffprobe decodes: 0 for a movie that was never finished.
+int FramesIn(const std::string& file) {
+    return std::atoi(Shell("ffprobe -v error -count_frames -select_streams v:0 -show_entries "
+                           "stream=nb_read_frames -of csv=p=0 '" +
+                           file + "'")
+                         .c_str());
+}
+
+// One recorder for the tests that only talk to it, started with both of its default-to-be ports taken
+// so that it has to search further.
+struct HeadlessTest : ::testing::Test {
+    static inline int takenUDP = -1, takenTCP = -1;
+    static inline HeadlessRecorder* recorder = nullptr;
+
+    static void SetUpTestSuite() {
+        setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1); // no announcement here
+        takenUDP = BoundSocket(SOCK_DGRAM);
+        takenTCP = BoundSocket(SOCK_STREAM);
+        recorder = new HeadlessRecorder(Folder("suite"), PortOf(takenUDP), PortOf(takenTCP));
+    }
+    static void TearDownTestSuite() {
+        EXPECT_EQ(recorder->stop(), 0);
+        Shell("rm -rf " + recorder->dir);
+        delete recorder;
+        ::close(takenUDP);
+        ::close(takenTCP);
+    }
+    const HeadlessRecorder& r = *recorder;
+};
+
+TEST_F(HeadlessTest, MessagesAndBundlesChangeSettingsOrSetTheErrorAfterAPortSearch) {
+    ASSERT_GT(r.queryPort, PortOf(takenTCP)) << r.log();
+    ASSERT_GT(r.oscPort, PortOf(takenUDP));
+    EXPECT_EQ(json::parse(Curl(r.queryPort, "/?HOST_INFO").body)["OSC_PORT"], r.oscPort);
+    EXPECT_EQ(r.value("/status/error"), 0); // a status text that is not set reads 0
+
+    struct Case {
+        const char* message;
+        const char* address;
+        json expected;
+    } cases[] = {
+        {"/gap s 12", "/gap", 12},
+        {"/gap s 12px", "/status/error", "/gap expects a number"},
+        {"/record", "/status/error", "/record expects 1 to start or 0 to stop"},
+        {"/layout s mosaic", "/status/error", "/layout “mosaic” is not one of row, column, grid, focus"},
+        {"/layout s Grid", "/layout", "grid"},
+        {"/codec s HEVC", "/codec", "hevc"},
+        {"/status/state s busy", "/status/error", "/status/state can only be read"},
+        {"/nothing i 1", "/status/error", "There is no OSC address “/nothing”"},
+        {"/Gap i 3", "/status/error", "There is no OSC address “/Gap”"},
+    };
+    for (const Case& c : cases) {
+        r.send(c.message);
+        EXPECT_EQ(r.value(c.address, c.expected), c.expected) << c.message;
+    }
+
+    // One bundle, applied in order: the last /gap wins.
+    std::string file = r.dir + "/bundle.txt";
+    std::ofstream(file) << "e0000000.00000000 /gap i 40\ne0000000.00000000 /width i 640\n"
+                           "e0000000.00000000 /gap i 41\n";
+    Shell("oscsendfile 127.0.0.1 " + std::to_string(r.oscPort) + " " + file);
+    EXPECT_EQ(r.value("/gap", 41), 41);
+    EXPECT_EQ(r.value("/width"), 640);
+}
+
+TEST_F(HeadlessTest, OSCQueryAnswersAttributesAndStatusesAndTheWholeTreeToANodeClient) {
+    struct Case {
+        const char* options;
+        const char* target;
+        int status;
+        const char* body;
+    } cases[] = {
+        {"", "/gap?RANGE", 200, R"({"RANGE":[{"MAX":1000,"MIN":0}]})"},
+        {"", "/status/source/3/file?VALUE", 200, R"({"VALUE":[""]})"},
+        {"", "/record/toggle?ACCESS", 200, R"({"ACCESS":2})"},
+        {"", "/status/version?ACCESS", 200, R"({"ACCESS":1})"},
+        {"", "/gap?UNIT", 204, ""},
+        {"", "/gap?FOO", 400, ""},
+        {"-X POST", "/", 405, ""},
+        {"", "/nothing", 404, ""},
+        {"-I", "/gap", 200, ""},
+    };
+    for (const Case& c : cases) {
+        Answer answer = Curl(r.queryPort, c.target, c.options);
+        EXPECT_EQ(answer.status, c.status) << c.target;
+        EXPECT_EQ(answer.body.empty() ? json() : json::parse(answer.body, nullptr, false),
+                  *c.body ? json::parse(c.body) : json())
+            << c.target;
+        if (std::string(c.options) == "-I") {
+            EXPECT_NE(answer.head.find("Content-Length: 0"), std::string::npos);
+        }
+    }
+
+    std::string prefix = QUORVA_NPM_PREFIX;
+    Shell("test -d " + prefix + "/node_modules/oscquery || npm install -s --no-audit --no-fund --prefix " +
+          prefix + " oscquery@1.1.1 >/dev/null 2>&1");
+    if (Shell("test -d " + prefix + "/node_modules/oscquery && echo yes") != "yes\n")
+        GTEST_SKIP() << "the npm package oscquery could not be installed";
+    std::string walk =
+        Shell("NODE_PATH=" + prefix + "/node_modules node " QUORVA_TEST_SOURCE_DIR "/walk_oscquery.js " +
+              std::to_string(r.queryPort));
+    json walked = json::parse(walk, nullptr, false);
+    ASSERT_TRUE(walked.is_object()) << walk;
+    EXPECT_EQ(walked["methods"], 123);
+    EXPECT_EQ(walked["oscPort"], r.oscPort);
+    EXPECT_EQ(walked["gap"]["access"], 3);
+    EXPECT_EQ(walked["sources"], 9); // "/source" and "/source/1" to "/source/8", each offering the patterns
+}
+
+TEST_F(HeadlessTest, GarbageSilenceAndAFloodAreSurvivedAndTheNextMessageStillWorks) {
+    int udp = ::socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in to{AF_INET, htons(uint16_t(r.oscPort)), {htonl(INADDR_LOOPBACK)}, {}};
+    auto send = [&](const std::string& bytes) {
+        ::sendto(udp, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
+    };
+    std::mt19937 random(7);
+    std::string gap = "/gap\0\0\0\0,i\0\0\0\0\0\0"s, noise(64, '\0');
+    for (int i = 0; i < 200; ++i) {
+        std::generate(noise.begin(), noise.end(), [&] { return char(random()); });
+        send(i % 2 ? noise.substr(0, random() % 64) : gap.substr(0, random() % gap.size()));
+    }
+    EXPECT_EQ(StatusLine(r.queryPort, "GARBAGE\r\n\r\n"), "HTTP/1.1 400 Bad Request");
+    EXPECT_EQ(StatusLine(r.queryPort, std::string(20000, 'x')), "HTTP/1.1 400 Bad Request");
+
+    int silent = ::socket(AF_INET, SOCK_STREAM, 0); // connects, then says nothing
+    sockaddr_in server{AF_INET, htons(uint16_t(r.queryPort)), {htonl(INADDR_LOOPBACK)}, {}};
+    ASSERT_EQ(::connect(silent, reinterpret_cast<sockaddr*>(&server), sizeof server), 0);
+
+    for (int i = 0; i < 1000; ++i, send(gap))
+        gap[14] = char(i >> 8), gap[15] = char(i);
+    r.send("/gap i 7");
+    EXPECT_EQ(r.value("/gap", 7), 7);
+    EXPECT_EQ(Curl(r.queryPort, "/gap?TYPE").body, R"({"TYPE":"i"})");
+    ::close(silent);
+    ::close(udp);
+}
+
+// A recording started and stopped over OSC, followed over OSCQuery; then a second one cut by SIGTERM,
+// which must still leave a finished movie and a clean exit.
+TEST(Headless, ARecordingOverOSCWritesMoviesThatItsStatusDescribesAndSIGTERMFinishesATake) {
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
+    HeadlessRecorder r(Folder("take"), 39330, 39331);
+    ASSERT_NE(r.queryPort, 0) << r.log();
+    for (const std::string& message : std::vector<std::string>{"/source/1 s 720p30", "/output s separate",
+                                                               "/folder s " + r.dir, "/name s take"})
+        r.send(message);
+    ASSERT_EQ(r.value("/name", "take"), "take");
+    ASSERT_EQ(r.value("/status/source/1/online", 1), 1) << r.log();
+
+    r.send("/record f 0.5");
+    ASSERT_EQ(r.value("/status/state", "recording"), "recording") << r.log();
+    EXPECT_EQ(r.value("/record"), 1);
+    for (int i = 0; i < 100 && r.value("/status/frames").get<int>() < 10; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    r.send("/record i 0");
+    ASSERT_EQ(r.value("/status/state", "idle"), "idle");
+
+    std::string file = r.value("/status/file").get<std::string>();
+    EXPECT_EQ(file, r.dir + "/take.mov");
+    EXPECT_EQ(FramesIn(file), r.value("/status/frames").get<int>());
+    EXPECT_EQ(r.value("/status/source/1/file"), file);
+
+    r.send("/start");
+    ASSERT_EQ(r.value("/status/state", "recording"), "recording");
+    std::string second = r.value("/status/file").get<std::string>();
+    EXPECT_NE(second, file); // never overwritten
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    EXPECT_EQ(r.stop(), 0);
+    EXPECT_GT(FramesIn(second), 0) << r.log();
+    Shell("rm -rf " + r.dir);
+}
+
+} // namespace
+} // namespace quorva
