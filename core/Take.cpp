@@ -188,7 +188,7 @@ Result<> Take::startWithSourceTitles(const std::vector<std::string>& titles, con
 }
 
 Result<> Take::growRecorders(size_t count, bool assembled) {
-    const Error unavailable = TakeError("Movies cannot be written on this Mac: Vulkan is not available");
+    const Error unavailable = TakeError("Movies cannot be written on this computer: Vulkan is not available");
     while (_recorders.size() < count) {
         std::shared_ptr<MovieRecorder> recorder = _device ? MovieRecorder::make(_device) : nullptr;
         if (!recorder)
