@@ -48,7 +48,7 @@ public:
     uint64_t framesWritten() const override;
     uint64_t framesDropped() const override;
     double soundWritten() const override; // seconds
-    double soundLeftOut() const; // seconds
+    double soundLeftOut() const;          // seconds
 
 private:
     const bool _hasSound;
