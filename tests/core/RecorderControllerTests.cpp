@@ -471,6 +471,8 @@ TEST_F(RecorderControllerTest, RecordsTestPatternsIntoMoviesNamedAfterTheDate) {
     ASSERT_TRUE(controller->addSourceMatching("720p30"));
     controller->setSound("720p30");
     controller->setOutput("both");
+    // The assembled picture takes its size from the source's first picture.
+    ASSERT_TRUE(loop->runUntil([&] { return controller->places()[0]->width() > 0; }, 60));
     ASSERT_TRUE(controller->start()) << controller->error();
     // A few pictures in each movie, however busy the machine.
     loop->runUntil(
