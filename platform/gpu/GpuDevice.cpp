@@ -10,10 +10,7 @@
 namespace quorva {
 
 std::string GpuErrorDomain() {
-    // Appended rather than concatenated: g++ 12 under ThreadSanitizer sees an out-of-bounds copy in the
-    // inlined concatenation that is not there.
-    std::string domain = ApplicationIdentifier;
-    return domain.append(".GPU");
+    return std::string(ApplicationIdentifier) + ".GPU";
 }
 
 Error GpuError(std::string message) {
