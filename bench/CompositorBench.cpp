@@ -1,16 +1,14 @@
 // The compositor's cost at the recorder's largest picture: eight 1920 × 1080 sources assembled into a
 // 3840 × 2160 grid, timed until the GPU has finished each composition. QUORVA_VULKAN_DEVICE names part
 // of the device to use (say "NVIDIA" or "llvmpipe"); the device's name is in the report's context.
+#include "bench/BenchSetup.h"
 #include "core/Compositor.h"
 #include "sources/TestPattern.h"
 
 #include <benchmark/benchmark.h>
 
-#include <cstdlib>
 #include <future>
 #include <string>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace quorva {
 namespace {
@@ -61,23 +59,7 @@ BENCHMARK(ComposeEightSourcesIntoA4KGrid)->Unit(benchmark::kMillisecond)->UseRea
 } // namespace quorva
 
 int main(int argc, char** argv) {
-    // The Vulkan loader wants a private runtime folder, which machines without a session lack.
-    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-    if (!runtime || !*runtime) {
-        std::string folder = "/tmp/quorva-runtime-" + std::to_string(getuid());
-        mkdir(folder.c_str(), 0700);
-        setenv("XDG_RUNTIME_DIR", folder.c_str(), 1);
-    }
-    auto device = quorva::GpuDevice::make();
-    if (!device) {
-        std::fprintf(stderr, "compositor_bench: %s\n", device.error().message().c_str());
-        return 1;
-    }
-    quorva::Device = device.value();
-    benchmark::AddCustomContext("vulkan_device", quorva::Device->name());
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
+    quorva::Device = quorva::SetUpBenchmark(argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     quorva::Device.reset();

@@ -3,6 +3,7 @@
 // in the same run; the ratio is what to read. A second benchmark times the recorder's conversion alone,
 // on the GPU and with the processor finishing it (libswscale), which is how the GPU path was chosen.
 // QUORVA_VULKAN_DEVICE names part of the device to use; its name is in the report's context.
+#include "bench/BenchSetup.h"
 #include "core/FrameConverter.h"
 #include "core/MovieRecorder.h"
 #include "platform/HeadlessEventLoop.h"
@@ -17,13 +18,10 @@ extern "C" {
 
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <future>
 #include <string>
-#include <sys/stat.h>
 #include <thread>
-#include <unistd.h>
 
 namespace quorva {
 namespace {
@@ -189,29 +187,10 @@ BENCHMARK(ConvertA1080pPicture)->DenseRange(0, 1)->Unit(benchmark::kMillisecond)
 } // namespace quorva
 
 int main(int argc, char** argv) {
-    // The Vulkan loader wants a private runtime folder, which machines without a session lack.
-    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-    if (!runtime || !*runtime) {
-        std::string folder = "/tmp/quorva-runtime-" + std::to_string(getuid());
-        mkdir(folder.c_str(), 0700);
-        setenv("XDG_RUNTIME_DIR", folder.c_str(), 1);
-    }
-    auto device = quorva::GpuDevice::make();
-    if (!device) {
-        std::fprintf(stderr, "movie_recorder_bench: %s\n", device.error().message().c_str());
-        return 1;
-    }
-    quorva::Device = device.value();
-    std::string folder = (std::filesystem::temp_directory_path() / "quorva-bench-XXXXXX").string();
-    if (!mkdtemp(folder.data()))
-        return 1;
-    quorva::Folder = folder;
-    benchmark::AddCustomContext("vulkan_device", quorva::Device->name());
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
+    quorva::Device = quorva::SetUpBenchmark(argc, argv);
+    quorva::ScratchFolder folder;
+    quorva::Folder = folder.path();
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
-    std::filesystem::remove_all(folder);
     return 0;
 }

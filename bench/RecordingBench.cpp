@@ -9,6 +9,7 @@
 //
 // --seconds=S shortens (or lengthens) each take from its 20 seconds. QUORVA_VULKAN_DEVICE names part of
 // the device to use; its name is in the report's context.
+#include "bench/BenchSetup.h"
 #include "core/Layout.h"
 #include "core/MovieWriter.h"
 #include "core/RecorderController.h"
@@ -25,8 +26,6 @@
 #include <filesystem>
 #include <string>
 #include <sys/resource.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace quorva {
 namespace {
@@ -236,15 +235,7 @@ BENCHMARK(RecordTestPatterns)
 } // namespace quorva
 
 int main(int argc, char** argv) {
-    // The Vulkan loader wants a private runtime folder, which machines without a session lack.
-    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-    if (!runtime || !*runtime) {
-        std::string folder = "/tmp/quorva-runtime-" + std::to_string(getuid());
-        mkdir(folder.c_str(), 0700);
-        setenv("XDG_RUNTIME_DIR", folder.c_str(), 1);
-    }
-    benchmark::Initialize(&argc, argv);
-    // Google Benchmark takes its own flags out; --seconds is ours.
+    // --seconds is ours; Google Benchmark refuses flags it does not know.
     for (int i = 1; i < argc; ++i) {
         std::string argument = argv[i];
         if (argument.starts_with("--seconds=") && std::atof(argument.c_str() + 10) > 0) {
@@ -252,22 +243,11 @@ int main(int argc, char** argv) {
             argv[i--] = argv[--argc];
         }
     }
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    auto device = quorva::GpuDevice::make();
-    if (!device) {
-        std::fprintf(stderr, "recording_bench: %s\n", device.error().message().c_str());
-        return 1;
-    }
-    quorva::Device = device.value();
-    std::string folder = (std::filesystem::temp_directory_path() / "quorva-bench-XXXXXX").string();
-    if (!mkdtemp(folder.data()))
-        return 1;
-    quorva::Folder = folder;
-    benchmark::AddCustomContext("vulkan_device", quorva::Device->name());
+    quorva::Device = quorva::SetUpBenchmark(argc, argv);
+    quorva::ScratchFolder folder;
+    quorva::Folder = folder.path();
     benchmark::AddCustomContext("seconds_per_take", std::to_string(quorva::Seconds));
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
-    std::filesystem::remove_all(folder);
     return 0;
 }

@@ -1,0 +1,46 @@
+#include "bench/BenchSetup.h"
+
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace quorva {
+
+std::shared_ptr<GpuDevice> SetUpBenchmark(int& argc, char** argv) {
+    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+    if (!runtime || !*runtime) {
+        std::string folder = "/tmp/quorva-runtime-" + std::to_string(getuid());
+        mkdir(folder.c_str(), 0700);
+        setenv("XDG_RUNTIME_DIR", folder.c_str(), 1);
+    }
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        std::exit(1);
+    auto device = GpuDevice::make();
+    if (!device) {
+        std::fprintf(stderr, "%s: %s\n", argv[0], device.error().message().c_str());
+        std::exit(1);
+    }
+    benchmark::AddCustomContext("vulkan_device", device.value()->name());
+    return device.value();
+}
+
+ScratchFolder::ScratchFolder() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "quorva-bench-XXXXXX").string();
+    if (!mkdtemp(pattern.data())) {
+        std::perror("quorva-bench: a temporary folder");
+        std::exit(1);
+    }
+    _path = pattern;
+}
+
+ScratchFolder::~ScratchFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(_path, ignored);
+}
+
+} // namespace quorva
