@@ -4,7 +4,6 @@
 #include "platform/HeadlessEventLoop.h"
 #include "platform/MediaClock.h"
 #include "sources/TestPatternDirectory.h"
-#include "tests/core/MovieReading.h"
 #include "tests/platform/gpu/GpuTesting.h"
 
 #include <gtest/gtest.h>
@@ -182,19 +181,6 @@ TEST(RecorderPlaceTest, MeasuresOnlineRateSoundAndRouting) {
     EXPECT_EQ(place.file(), "/m/Cam.mov");
 }
 
-TEST_F(RecorderControllerTest, FirstRunGivesTheDefaults) {
-    auto recorder = controller();
-    EXPECT_EQ((std::vector<std::string>{recorder->codec(), recorder->output(), recorder->layout(),
-                                        recorder->sound(), recorder->name(), recorder->folder(),
-                                        recorder->stateName()}),
-              (std::vector<std::string>{"h264", "separate", "row", "", "",
-                                        std::string(getenv("HOME")) + "/Films", "idle"}));
-    EXPECT_EQ(
-        recorder->width() + recorder->height() + recorder->gap() + recorder->fps() + recorder->bitrate(), 0);
-    EXPECT_FALSE(recorder->performance());
-    EXPECT_TRUE(recorder->places().empty());
-}
-
 TEST_F(RecorderControllerTest, LoadingChecksNamesAndClampsOnlyTheGap) {
     std::vector<std::string> saved = {"", "T1", "T2", "T3", "T4", "T5", "T6", "T7", "T8", "T9", "T10"};
     for (auto [gap, loaded] : {std::pair<int64_t, int64_t>{5000, 1000}, {-3, 0}}) {
@@ -211,9 +197,16 @@ TEST_F(RecorderControllerTest, LoadingChecksNamesAndClampsOnlyTheGap) {
     }
 }
 
-TEST_F(RecorderControllerTest, SettersClampPersistAndIgnoreWhatIsNotInTheirList) {
+TEST_F(RecorderControllerTest, FirstRunGivesTheDefaultsThenSettersClampPersistAndIgnoreWhatIsNotInTheirList) {
     directory->titles = {"Camera A"};
     auto recorder = controller();
+    EXPECT_EQ((std::vector<std::string>{recorder->codec(), recorder->output(), recorder->layout(),
+                                        recorder->sound(), recorder->name(), recorder->folder(),
+                                        recorder->stateName()}),
+              (std::vector<std::string>{"h264", "separate", "row", "", "",
+                                        std::string(getenv("HOME")) + "/Films", "idle"}));
+    EXPECT_EQ(
+        recorder->width() + recorder->height() + recorder->gap() + recorder->fps() + recorder->bitrate(), 0);
     ASSERT_TRUE(recorder->addSourceMatching("Camera A"));
     int notices = 0;
     recorder->addObserver([&] { ++notices; });
@@ -271,7 +264,7 @@ TEST_F(RecorderControllerTest, MatchingPrefersExactTitlesThenContainingOnesAndKe
     EXPECT_EQ(Titles(*recorder), std::vector<std::string>{"Stage"});
 }
 
-TEST_F(RecorderControllerTest, PlacesAreAddedReplacedMovedAndRemovedUpToEight) {
+TEST_F(RecorderControllerTest, PlacesAreAddedReplacedMovedAndRemovedUpToEightAndOnlyWhileIdle) {
     directory->titles = {"S1", "S2", "S3", "S4", "S5", "S6", "S7", "S8", "S9"};
     auto recorder = controller();
     ASSERT_TRUE(recorder->addSourceMatching("S1"));
@@ -305,20 +298,14 @@ TEST_F(RecorderControllerTest, PlacesAreAddedReplacedMovedAndRemovedUpToEight) {
     }
     recorder->removeSourceAtPlace(8);
     EXPECT_EQ(store()->stringArrayForKey("RecorderSources"), Titles(*recorder));
-}
 
-TEST_F(RecorderControllerTest, NoPlaceChangesWhileRecordingOrFinishing) {
-    directory->titles = {"S1", "S2", "S3"};
-    auto recorder = controller();
-    ASSERT_TRUE(recorder->addSourceMatching("S1"));
-    ASSERT_TRUE(recorder->addSourceMatching("S2"));
+    // While recording or finishing nothing changes, and every attempt says why.
     auto before = recorder->places();
     for (auto state : {RecorderState::Recording, RecorderState::Finishing}) {
         RecorderControllerProbe::setState(*recorder, state);
-        EXPECT_TRUE(recorder->isRecording());
         uint64_t errors = recorder->errorCount();
-        EXPECT_FALSE(recorder->addSourceMatching("S3"));
-        EXPECT_FALSE(recorder->setSourceMatching("S3", 1));
+        EXPECT_FALSE(recorder->addSourceMatching("S2"));
+        EXPECT_FALSE(recorder->setSourceMatching("S2", 1));
         EXPECT_FALSE(recorder->moveSourceFromPlace(1, 2));
         recorder->removeSourceAtPlace(1);
         EXPECT_EQ(recorder->error(), "The sources cannot be changed while recording");
@@ -327,7 +314,8 @@ TEST_F(RecorderControllerTest, NoPlaceChangesWhileRecordingOrFinishing) {
     }
 }
 
-TEST_F(RecorderControllerTest, PlacesLetGoOfSourcesThatLeaveAndReconnectWhenTheyReturn) {
+TEST_F(RecorderControllerTest,
+       PlacesLetGoOfSourcesThatLeaveReconnectWhenTheyReturnAndCheckSilentOnesLessOften) {
     auto device = testing::SharedDevice();
     ASSERT_TRUE(device);
     directory->titles = {"Cam"};
@@ -349,6 +337,25 @@ TEST_F(RecorderControllerTest, PlacesLetGoOfSourcesThatLeaveAndReconnectWhenThey
     directory->list({"Cam"});
     EXPECT_NE(place->source(), nullptr);
     EXPECT_NE(place->source(), first);
+
+    // A source that stays silent is checked less and less often.
+    double check = place->checkTime();
+    for (double interval : {2, 4, 8, 16, 30, 30}) {
+        RecorderControllerProbe::refreshAt(*recorder, check + interval - 0.01);
+        EXPECT_EQ(place->checkTime(), check);
+        check += interval + 0.01;
+        RecorderControllerProbe::refreshAt(*recorder, check);
+        EXPECT_EQ(place->checkTime(), check) << interval;
+    }
+    place->receivedFrame(nullptr, false, check + 1); // a picture: back to every 2 s
+    RecorderControllerProbe::refreshAt(*recorder, check + 3.01);
+    EXPECT_EQ(place->silentChecks(), 1u);
+
+    auto dead = std::dynamic_pointer_cast<FakeSource>(place->source());
+    dead->stopped = true;
+    RecorderControllerProbe::refreshAt(*recorder, check + 30);
+    EXPECT_NE(place->source(), dead);
+    EXPECT_NE(place->source(), nullptr);
 }
 
 TEST_F(RecorderControllerTest, StopsOnceCallingEveryHandlerInOrderAndOnlyWhenNoMovieIsLeft) {
@@ -409,30 +416,6 @@ TEST_F(RecorderControllerTest, RoutesSoundOnlyFromPlacesThatCanHaveIt) {
     }
 }
 
-TEST_F(RecorderControllerTest, ChecksASilentSourceLessAndLessOftenAndReconnectsADeadOne) {
-    directory->titles = {"Cam"};
-    ASSERT_TRUE(store()->setStringArray({"Cam"}, "RecorderSources"));
-    auto recorder = controller();
-    auto place = recorder->places().at(0);
-    double check = place->checkTime();
-    for (double interval : {2, 4, 8, 16, 30, 30}) {
-        RecorderControllerProbe::refreshAt(*recorder, check + interval - 0.01);
-        EXPECT_EQ(place->checkTime(), check);
-        check += interval + 0.01;
-        RecorderControllerProbe::refreshAt(*recorder, check);
-        EXPECT_EQ(place->checkTime(), check) << interval;
-    }
-    place->receivedFrame(nullptr, false, check + 1); // a picture: back to every 2 s
-    RecorderControllerProbe::refreshAt(*recorder, check + 3.01);
-    EXPECT_EQ(place->silentChecks(), 1u);
-
-    auto dead = std::dynamic_pointer_cast<FakeSource>(place->source());
-    dead->stopped = true;
-    RecorderControllerProbe::refreshAt(*recorder, check + 30);
-    EXPECT_NE(place->source(), dead);
-    EXPECT_NE(place->source(), nullptr);
-}
-
 TEST_F(RecorderControllerTest, TheClockPassesOnAfterASecondAndPerformanceHoldsTheMonitorToTenPictures) {
     directory->titles = {"A", "B"};
     auto recorder = controller();
@@ -466,36 +449,24 @@ TEST_F(RecorderControllerTest, TheClockPassesOnAfterASecondAndPerformanceHoldsTh
     EXPECT_EQ(MonitorLayout(Layout(0, one, 0, {}), 0, one, 0).size(), (Size{4000, 1000}));
 }
 
-TEST_F(RecorderControllerTest, RecordsTestPatternsIntoMoviesNamedAfterTheDate) {
+// What the movies of a real take hold is read back by the command line's tests.
+TEST_F(RecorderControllerTest, ATakeIsNamedAfterTheLocalTimeAtWhichItBegan) {
     auto controller = recorder(std::make_shared<TestPatternDirectory>());
     ASSERT_TRUE(controller->addSourceMatching("720p30"));
-    controller->setSound("720p30");
-    controller->setOutput("both");
-    // The assembled picture takes its size from the source's first picture.
-    ASSERT_TRUE(loop->runUntil([&] { return controller->places()[0]->width() > 0; }, 60));
+    controller->setOutput("assembled");
     ASSERT_TRUE(controller->start()) << controller->error();
-    // A few pictures in each movie, however busy the machine.
-    loop->runUntil(
-        [&] { return controller->assembledFrames() >= 3 && controller->places()[0]->frames() >= 3; }, 60);
+    loop->runUntil([&] { return controller->assembledFrames() >= 1; }, 60);
     controller->stopWithCompletionHandler({});
     ASSERT_TRUE(Idle(*controller));
     EXPECT_EQ(controller->recordingError(), "");
-    EXPECT_NE(controller->assembledFrame(), nullptr);
+    EXPECT_NE(controller->assembledFrame(), nullptr); // the preview's picture
 
-    // Named after the local time at which it began.
-    const fs::path assembled = controller->assembledFile();
-    const std::string name = assembled.filename().string();
+    const std::string name = fs::path(controller->assembledFile()).filename().string();
     std::tm began{};
     const char* rest = strptime(name.c_str(), "QuorvaRecorder %Y-%m-%d %H.%M.%S", &began);
-    ASSERT_TRUE(rest && std::string(rest) == ".mov") << assembled;
+    ASSERT_TRUE(rest && std::string(rest) == ".mov") << name;
     began.tm_isdst = -1;
     EXPECT_NEAR(double(std::mktime(&began)), double(std::time(nullptr)), 60);
-    for (const fs::path& file : {assembled, fs::path(controller->places()[0]->file())}) {
-        testing::Movie movie = testing::ReadMovie(file);
-        EXPECT_EQ(movie.width, 1280) << file;
-        EXPECT_GE(movie.times.size(), 2u) << file;
-        EXPECT_GT(movie.soundFrames, 48000) << file;
-    }
 }
 
 } // namespace

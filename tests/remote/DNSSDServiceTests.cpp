@@ -2,33 +2,13 @@
 
 #include "NetworkTesting.h"
 
-#include <csignal>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <spawn.h>
-#include <sys/wait.h>
-
-extern char** environ;
 
 namespace quorva {
 namespace {
 
 using namespace quorva::testing;
-
-pid_t Spawn(const std::string& command) {
-    pid_t pid = 0;
-    const char* argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
-    if (posix_spawn(&pid, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ) != 0)
-        return 0;
-    return pid;
-}
-
-void End(pid_t pid) {
-    if (pid > 0) {
-        ::kill(pid, SIGTERM);
-        ::waitpid(pid, nullptr, 0);
-    }
-}
 
 // A system bus and an Avahi daemon of the test's own. The daemon runs in a network namespace whose only
 // interface is the loopback, so nothing is multicast beyond it, and with its own /run so that its pid file
@@ -93,31 +73,6 @@ TEST_F(AvahiTest, TheServiceIsFoundAndASecondOfTheSameNameIsRenamedWithItsPort) 
 
     second->stop();
     first->stop();
-}
-
-TEST_F(AvahiTest, TheHeadlessRecorderIsFoundUnderItsNameWithItsPort) {
-    HeadlessRecorder recorder(dir + "/recorder", 39430, 39431);
-    ASSERT_NE(recorder.queryPort, 0) << recorder.log();
-    std::string found;
-    for (int i = 0; i < 20 && found.find(";QuorvaRecorder;") == std::string::npos; ++i)
-        found = Shell("timeout 5 avahi-browse -rtp _oscjson._tcp");
-    EXPECT_NE(found.find("=;lo;IPv4;QuorvaRecorder;_oscjson._tcp;local;"), std::string::npos) << found;
-    EXPECT_NE(found.find(";127.0.0.1;" + std::to_string(recorder.queryPort) + ";"), std::string::npos)
-        << found;
-    EXPECT_EQ(recorder.stop(), 0) << recorder.log();
-}
-
-TEST(DNSSDService, WithoutADaemonTheServerStillServesAndTheLogSaysWhy) {
-    MainThread main;
-    LogLines log;
-    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
-    auto server = OSCQueryServer::make();
-    ASSERT_TRUE(server->startOnPort(39251));
-    EXPECT_TRUE(log.waitFor("OSCQuery: Bonjour publication failed: the Avahi daemon cannot be reached: "
-                            "Daemon not running"));
-    EXPECT_NE(Shell("curl -s http://127.0.0.1:" + std::to_string(server->httpPort()) + "/?HOST_INFO")
-                  .find("\"NAME\":\"Torvane\""),
-              std::string::npos);
 }
 
 } // namespace

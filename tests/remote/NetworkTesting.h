@@ -20,6 +20,7 @@
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 extern char** environ;
@@ -76,12 +77,15 @@ inline std::string Shell(const std::string& command) {
     return out;
 }
 
-// A socket bound to 127.0.0.1 (port 0: one the system picks), so that a test can take a port away.
+// 127.0.0.1:port, for connecting and sending to.
+inline sockaddr_in Loopback(int port) {
+    return {AF_INET, htons(uint16_t(port)), {htonl(INADDR_LOOPBACK)}, {}};
+}
+
+// A socket bound to every interface (port 0: one the system picks), so that a test can take a port away.
 inline int BoundSocket(int type, int port = 0) {
     int fd = ::socket(AF_INET, type, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(uint16_t(port));
+    sockaddr_in address{AF_INET, htons(uint16_t(port)), {}, {}};
     if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
         ::close(fd);
         return -1;
@@ -118,10 +122,7 @@ inline Answer Curl(int port, const std::string& target, const std::string& optio
 // The status line answered to raw bytes, or "" when the server closed without answering.
 inline std::string StatusLine(int port, const std::string& request) {
     int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(uint16_t(port));
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in to = Loopback(port);
     ::connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to);
     ::send(fd, request.data(), request.size(), MSG_NOSIGNAL);
     ::shutdown(fd, SHUT_WR);
@@ -133,6 +134,22 @@ inline std::string StatusLine(int port, const std::string& request) {
     return answer.substr(0, answer.find("\r\n"));
 }
 
+// A shell command in a process of its own (0 when it could not start). Through posix_spawn, since the
+// tests have threads of their own.
+inline pid_t Spawn(const std::string& command) {
+    pid_t pid = 0;
+    const char* argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
+    return posix_spawn(&pid, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ) == 0 ? pid : 0;
+}
+
+// SIGTERM, then the exit status: -1 when there was no process or it did not exit by itself.
+inline int End(pid_t pid) {
+    int status = 0;
+    if (pid <= 0 || ::kill(pid, SIGTERM) != 0 || ::waitpid(pid, &status, 0) != pid)
+        return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
 // `quorvarecorder --headless` in a process of its own, with its settings in `dir` and its stderr in
 // dir/log, started on (or after) the given ports; the ports it found are read from its log.
 struct HeadlessRecorder {
@@ -142,14 +159,12 @@ struct HeadlessRecorder {
 
     HeadlessRecorder(std::string folder, int wantedOSCPort, int wantedQueryPort) : dir(std::move(folder)) {
         Shell("mkdir -p " + dir + "/config && chmod 700 " + dir);
-        // Spawned through the shell, which execs the recorder in its place: the test has threads of its own.
+        // The shell execs the recorder in its place, so that the signals reach the recorder itself.
         std::string command = "XDG_CONFIG_HOME=" + dir + "/config XDG_RUNTIME_DIR=" + dir +
                               " QUORVA_OSC_PORT=" + std::to_string(wantedOSCPort) +
                               " QUORVA_OSCQUERY_PORT=" + std::to_string(wantedQueryPort) +
                               " exec " QUORVA_RECORDER_PATH " --headless 2>" + dir + "/log";
-        const char* argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
-        if (posix_spawn(&pid, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ) != 0)
-            pid = 0;
+        pid = Spawn(command);
         const std::string started = "OSCQuery server started on TCP port ";
         for (int i = 0; i < 600 && queryPort == 0; ++i) {
             std::string text = log();
@@ -162,23 +177,13 @@ struct HeadlessRecorder {
             }
         }
     }
-    ~HeadlessRecorder() {
-        if (pid > 0)
-            stop();
-    }
+    ~HeadlessRecorder() { stop(); }
     std::string log() const {
         std::stringstream text;
         text << std::ifstream(dir + "/log").rdbuf();
         return text.str();
     }
-    // SIGTERM, then the exit status (-1 when it did not exit by itself).
-    int stop() {
-        ::kill(pid, SIGTERM);
-        int status = 0;
-        ::waitpid(pid, &status, 0);
-        pid = 0;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
+    int stop() { return End(std::exchange(pid, 0)); }
     void send(const std::string& arguments) const {
         Shell("oscsend 127.0.0.1 " + std::to_string(oscPort) + " " + arguments);
     }

@@ -2,11 +2,9 @@
 
 #include "NetworkTesting.h"
 
-#include <arpa/inet.h>
 #include <atomic>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <random>
 
 namespace quorva {
 namespace {
@@ -42,14 +40,12 @@ struct Received {
     }
 };
 
-TEST(OSCReceiver, TakenPortMovesOnAndABundleFromOscsendfileArrivesInOneMainThreadTask) {
+// Garbage, floods and the port search are driven through the whole program by the headless tests.
+TEST(OSCReceiver, ABundleFromOscsendfileArrivesInOneMainThreadTaskAndStopIsIdempotent) {
     MainThread main;
     Received received;
-    int taken = BoundSocket(SOCK_DGRAM);
     OSCReceiver receiver;
-    ASSERT_TRUE(receiver.startOnPort(PortOf(taken), received.handler(*main.loop)));
-    EXPECT_GT(receiver.port(), PortOf(taken));
-    EXPECT_LE(receiver.port(), PortOf(taken) + 15);
+    ASSERT_TRUE(receiver.startOnPort(0, received.handler(*main.loop)));
 
     std::string file = ::testing::TempDir() + "bundle.txt";
     std::ofstream(file) << "e0000000.00000000 /one i 1\ne0000000.00000000 /two s x\n"
@@ -58,43 +54,6 @@ TEST(OSCReceiver, TakenPortMovesOnAndABundleFromOscsendfileArrivesInOneMainThrea
     ASSERT_TRUE(received.waitFor("marker"));
     EXPECT_EQ(received.seen, (std::vector<std::string>{"/one 1", "/two x", "/three 1.5", "marker"}));
     EXPECT_FALSE(received.offMain);
-    ::close(taken);
-}
-
-TEST(OSCReceiver, RandomAndTruncatedDatagramsAreSurvivedAndTheNextMessageStillArrives) {
-    MainThread main;
-    Received received;
-    OSCReceiver receiver;
-    ASSERT_TRUE(receiver.startOnPort(0, received.handler(*main.loop)));
-
-    int sender = ::socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(uint16_t(receiver.port()));
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    auto send = [&](const std::vector<uint8_t>& bytes) {
-        ::sendto(sender, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
-    };
-    // In batches, each closed by a message waited for, so that the socket's buffer never overflows.
-    std::mt19937 random(7);
-    for (int batch = 0; batch < 10; ++batch) {
-        for (int i = 0; i < 30; ++i) {
-            std::vector<uint8_t> bytes(random() % 200);
-            for (auto& byte : bytes)
-                byte = uint8_t(random());
-            if (!bytes.empty() && i % 2 == 0)
-                bytes[0] = i % 4 == 0 ? '/' : '#';
-            send(bytes);
-        }
-        send(OSCMessage("/batch", {int32_t(batch)}).packet());
-        ASSERT_TRUE(received.waitFor("/batch " + std::to_string(batch)));
-    }
-    std::vector<uint8_t> message = OSCMessage("/cut", {int32_t(1), std::string("text")}).packet();
-    for (size_t length = 0; length < message.size(); ++length)
-        send({message.begin(), message.begin() + long(length)});
-    send(OSCMessage("/after", {int32_t(2)}).packet());
-    EXPECT_TRUE(received.waitFor("/after 2"));
-    ::close(sender);
 
     receiver.stop();
     EXPECT_EQ(receiver.port(), 0);
