@@ -388,7 +388,8 @@ TEST_F(RecorderControllerTest, StopsOnceCallingEveryHandlerInOrderAndOnlyWhenNoM
     auto movies = controller->moviesOfTheTake();
     for (auto [index, error] : {std::pair{1, "B: The disk is full"}, {0, "A: Gone"}}) {
         movies[size_t(index)]->recorder()->failWithError(TakeError(index ? "The disk is full" : "Gone"));
-        ASSERT_TRUE(loop->runUntil([&] { return controller->error() == error; }, 10));
+        ASSERT_TRUE(loop->runUntil(
+            [&, expected = std::string(error)] { return controller->error() == expected; }, 10));
         EXPECT_EQ(controller->stateName(), "recording");
     }
     movies[2]->recorder()->failWithError(TakeError("Gone"));
