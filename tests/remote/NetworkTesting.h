@@ -63,6 +63,13 @@ struct LogLines {
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         return has(line);
     }
+    std::string all() {
+        std::lock_guard guard(lock);
+        std::string text;
+        for (const auto& line : lines)
+            text += line + "\n";
+        return text;
+    }
 };
 
 // Standard output of a shell command.
