@@ -15,11 +15,6 @@
 #include <unistd.h>
 #include <vector>
 
-// libx264 and libx265 leak a little when they refuse a size (their error paths, not ours).
-extern "C" const char* __lsan_default_suppressions() {
-    return "leak:libx264.so\nleak:libx265.so\n";
-}
-
 namespace quorva {
 namespace {
 

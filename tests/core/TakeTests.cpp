@@ -14,11 +14,6 @@
 #include <thread>
 #include <tuple>
 
-// libx265 leaks a little when it refuses a size (its error path, not ours).
-extern "C" const char* __lsan_default_suppressions() {
-    return "leak:libx265.so\n";
-}
-
 namespace quorva {
 namespace {
 
