@@ -1,6 +1,7 @@
 // What a whole take costs: N live test patterns of 1920 × 1080 at 30 frames a second recorded through
 // the RecorderController with output "both" (a movie per source and the grid of all of them), for N = 1,
-// 2 and 4. It reports the frames dropped and the processor time per frame written, every thread of the
+// 2 and 4. It reports the frames written beside those due, the frames dropped, and the processor time
+// per frame written, every thread of the
 // process counted (the software GPU driver's too), beside the ffmpeg command-line tool doing the same
 // work in the same run: N testsrc2 inputs (and N tones) stacked into the same grid with xstack and
 // encoded, plus each input encoded alone, with the same encoder settings. `ratio` is ffmpeg's processor
@@ -212,6 +213,9 @@ void RecordTestPatterns(benchmark::State& state) {
     const double recorderPerFrame = recorder.processorSeconds / double(recorder.framesWritten);
     const double ffmpegPerFrame = ffmpeg.processorSeconds / double(ffmpeg.framesWritten);
     state.counters["frames"] = double(recorder.framesWritten);
+    // What a machine that keeps up writes: every source's pictures and as many assembled ones. Frames
+    // that the sources could not draw in time never reach the recorders, so `dropped` alone hides them.
+    state.counters["frames_due"] = (count + 1) * Rate * Seconds;
     state.counters["dropped"] = double(recorder.framesDropped);
     state.counters["cpu_ms_per_frame"] = recorderPerFrame * 1000;
     state.counters["ffmpeg_cpu_ms_per_frame"] = ffmpegPerFrame * 1000;
