@@ -1,12 +1,12 @@
 // What a whole take costs: N live test patterns of 1920 × 1080 at 30 frames a second recorded through
 // the RecorderController with output "both" (a movie per source and the grid of all of them), for N = 1,
 // 2 and 4. It reports the frames written beside those due, the frames dropped, and the processor time
-// per frame written, every thread of the
-// process counted (the software GPU driver's too), beside the ffmpeg command-line tool doing the same
-// work in the same run: N testsrc2 inputs (and N tones) stacked into the same grid with xstack and
-// encoded, plus each input encoded alone, with the same encoder settings. `ratio` is ffmpeg's processor
-// time per frame over the recorder's: above 1, the recorder does the work for less. The steady figures
-// leave out the take's start and finish, which a short take on a software GPU is dominated by.
+// per frame written, every thread of the process counted (the software GPU driver's too), beside the
+// ffmpeg command-line tool doing the same work in the same run: N testsrc2 inputs (and N tones) stacked
+// into the same grid with xstack and encoded, plus each input encoded alone, with the same encoder
+// settings. `ratio` is ffmpeg's processor time per frame over the recorder's: above 1, the recorder does
+// the work for less. The steady figures leave out the take's start and finish, which a short take on a
+// software GPU is dominated by.
 //
 // --seconds=S shortens (or lengthens) each take from its 20 seconds. QUORVA_VULKAN_DEVICE names part of
 // the device to use; its name is in the report's context.
@@ -169,14 +169,17 @@ Figures FFmpegTake(int count) {
         filter += "[" + n + ":v]split[s" + n + "][g" + n + "];";
         stack += "[g" + n + "]";
     }
-    filter += "[" + std::to_string(count) + ":a]asplit[a0][t0];";
+    const std::string firstTone = std::to_string(count);
+    filter += "[" + firstTone + ":a]asplit[a0][t0];";
     if (count == 1) {
         filter += "[g0]null[grid]";
     } else {
         std::string places;
-        for (const Rect& frame : grid.frames())
-            places += (places.empty() ? "" : "|") + std::to_string(int(frame.x)) + "_" +
-                      std::to_string(int(frame.y));
+        for (const Rect& frame : grid.frames()) {
+            if (!places.empty())
+                places += "|";
+            places += std::to_string(int(frame.x)) + "_" + std::to_string(int(frame.y));
+        }
         filter += stack + "xstack=inputs=" + std::to_string(count) + ":layout=" + places + "[grid]";
     }
     command += " -filter_complex \"" + filter + "\"";
