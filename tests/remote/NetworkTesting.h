@@ -57,9 +57,9 @@ struct LogLines {
         std::lock_guard guard(lock);
         return std::find(lines.begin(), lines.end(), line) != lines.end();
     }
-    // Waits up to ten seconds for a line.
+    // Waits up to thirty seconds for a line: long enough for a sanitised build on a busy machine.
     bool waitFor(const std::string& line) {
-        for (int i = 0; i < 1000 && !has(line); ++i)
+        for (int i = 0; i < 3000 && !has(line); ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         return has(line);
     }
