@@ -4,6 +4,10 @@
 
 #include <shaderc/shaderc.hpp>
 
+#include <map>
+#include <mutex>
+#include <tuple>
+
 namespace quorva {
 
 namespace {
@@ -59,6 +63,16 @@ vk::raii::ShaderModule MakeModule(const GpuDevice& device, const std::vector<uin
 
 Result<std::vector<uint32_t>> CompileShader(std::string_view source, ShaderStage stage,
                                             std::string_view entryName) {
+    // Compiling and optimising one shader takes a tenth of a second or more, and every movie recorder,
+    // compositor and test pattern compiles the same few: a take's start would pay it once a movie.
+    static std::mutex lock;
+    static std::map<std::tuple<std::string, ShaderStage, std::string>, std::vector<uint32_t>> compiled;
+    auto key = std::make_tuple(std::string(source), stage, std::string(entryName));
+    {
+        std::lock_guard guard(lock);
+        if (auto found = compiled.find(key); found != compiled.end())
+            return found->second;
+    }
     shaderc::Compiler compiler;
     shaderc::CompileOptions options;
     options.SetTargetEnvironment(shaderc_target_env_vulkan, shaderc_env_version_vulkan_1_3);
@@ -74,7 +88,8 @@ Result<std::vector<uint32_t>> CompileShader(std::string_view source, ShaderStage
     auto renamed = RenameEntryPoint(std::vector<uint32_t>(result.cbegin(), result.cend()), entryName);
     if (!renamed)
         return GpuError("The shader " + name + " has no entry point");
-    return *renamed;
+    std::lock_guard guard(lock);
+    return compiled.emplace(std::move(key), std::move(*renamed)).first->second;
 }
 
 Result<std::shared_ptr<RenderPipeline>> RenderPipeline::make(std::shared_ptr<GpuDevice> device,
