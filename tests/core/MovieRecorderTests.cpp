@@ -81,8 +81,6 @@ TEST_P(MovieRecorderCodecs, RecordsFramesAndSoundThatDecodeBack) {
     EXPECT_EQ(movie.transfer, AVCOL_TRC_BT709);
     EXPECT_EQ(movie.matrix, AVCOL_SPC_BT709);
     EXPECT_EQ(movie.range, AVCOL_RANGE_MPEG);
-    EXPECT_EQ(movie.videoTimeBase.num, 1);
-    EXPECT_EQ(movie.videoTimeBase.den, 60000);
     ASSERT_EQ(movie.times.size(), 30u);
     for (size_t i = 0; i < movie.times.size(); ++i)
         EXPECT_EQ(movie.times[i], int64_t(i) * 2000) << "picture " << i;
