@@ -24,7 +24,6 @@ void ExpectDecisions(const char* name, double framesPerSecond, double origin,
     for (const Frame& f : frames) {
         SCOPED_TRACE(testing::Message() << "frame at " << f.time);
         EXPECT_EQ(pacer.wouldKeepFrameAtTime(f.time), f.keep);
-        EXPECT_EQ(pacer.wouldKeepFrameAtTime(f.time), f.keep);
         FramePacerDecision decision = pacer.decisionForFrameAtTime(f.time);
         EXPECT_EQ(decision.keep, f.keep);
         EXPECT_EQ(decision.time, f.movieTime);
