@@ -146,8 +146,6 @@ TEST_F(TakeTest, NumbersAWholeTakePastExistingFilesAndNeverOverwritesOne) {
     EXPECT_EQ(Finish(201), "No frame was received, so no movie was written");
     EXPECT_EQ(FolderContents(), (std::set<std::string>{"Show.mov", "Show 2 — Cam.mov", "Show 3.mov",
                                                        "Show 3 — Cam.mov", "Show 3 — Desk.mov"}));
-    std::ifstream one(_folder / "Show.mov");
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(one), {}), "one");
     EXPECT_TRUE(_failures.empty());
 }
 
