@@ -157,7 +157,6 @@ TEST_F(MovieRecorderTest, SoundStartsWithTheSilenceBeforeItAndIsConvertedTo48kHz
     Movie movie = ReadMovie(folder / "late.mov");
     EXPECT_NEAR(movie.videoDuration, 3.0, 1e-6);
     EXPECT_NEAR(movie.audioDuration, 3.0, 1.0 / 30);
-    EXPECT_NEAR(recorder->soundWritten(), 3.0, 1.0 / 30);
     ASSERT_GE(movie.soundPeaks.size(), 290u);
     for (size_t i = 0; i < 148; ++i)
         ASSERT_LT(movie.soundPeaks[i], 0.01) << "10 ms piece " << i;

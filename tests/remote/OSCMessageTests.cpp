@@ -203,10 +203,5 @@ TEST(OSCMessageEncode, TextsEndInOneToFourNulsNumbersGoAsInt32OrFloat32AndThePar
     EXPECT_EQ(messages[0], kept);
 }
 
-TEST(OSCMessageDescription, AddressThenEachArgumentAfterABlank) {
-    EXPECT_EQ(OSCMessage("/n", {int64_t(-9'000'000'000), 0.1f, 0.1, 100.0f, "two words"s}).description(),
-              "/n -9000000000 0.1 0.1 100 two words");
-}
-
 } // namespace
 } // namespace quorva
