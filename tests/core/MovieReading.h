@@ -23,7 +23,6 @@ struct AVFrameRelease {
 };
 
 struct Movie {
-    bool opened = false;
     AVCodecID videoCodec = AV_CODEC_ID_NONE;
     std::string videoTag;
     int width = 0, height = 0;
@@ -32,62 +31,30 @@ struct Movie {
     AVColorTransferCharacteristic transfer = AVCOL_TRC_UNSPECIFIED;
     AVColorSpace matrix = AVCOL_SPC_UNSPECIFIED;
     AVColorRange range = AVCOL_RANGE_UNSPECIFIED;
-    AVRational videoTimeBase{0, 1};
     std::vector<int64_t> times; // of the decoded pictures, in the video stream's time base
     int keyFrames = 0;
     int reordered = 0;        // picture packets whose decoding and presentation times differ
     double videoDuration = 0; // seconds, from the stream
-    // Alpha of the first picture's left quarter and of the rest, 0 to 1, for formats that carry alpha.
-    double leftAlpha = -1, rightAlpha = -1;
 
     AVCodecID audioCodec = AV_CODEC_ID_NONE;
     int sampleRate = 0, channels = 0;
     int64_t audioBitRate = 0;
     int64_t soundFrames = 0; // decoded from time 0 on (AAC's priming left out)
     double audioDuration = 0;
-    double firstSoundPeak = -1; // the loudest sample of the first 10 ms
     // The loudest left sample of each 10 ms from time 0 on, and the first few pictures as decoded.
     std::vector<float> soundPeaks;
     std::vector<std::shared_ptr<AVFrame>> pictures;
 };
 
-// The loudest left sample of each 480 frames of `frame`, whose first `skip` frames come before time 0.
+// The loudest left sample of each 480 frames of `frame` (float planes, as AAC decodes; other formats read
+// as silence), whose first `skip` frames come before time 0.
 inline void MeasurePeaks(const AVFrame* frame, int skip, int64_t& counted, std::vector<float>& peaks) {
     for (int i = std::max(0, skip); i < frame->nb_samples; ++i, ++counted) {
-        float v = frame->format == AV_SAMPLE_FMT_FLTP ? reinterpret_cast<const float*>(frame->data[0])[i]
-                  : frame->format == AV_SAMPLE_FMT_S32
-                      ? float(reinterpret_cast<const int32_t*>(frame->data[0])[2 * i] / 2147483648.0)
-                      : 0.0f;
+        float v = frame->format == AV_SAMPLE_FMT_FLTP ? reinterpret_cast<const float*>(frame->data[0])[i] : 0;
         if (counted % 480 == 0)
             peaks.push_back(0);
         peaks.back() = std::max(peaks.back(), std::fabs(v));
     }
-}
-
-inline void MeasureAlpha(const AVFrame* frame, Movie& movie) {
-    const AVPixFmtDescriptor* descriptor = av_pix_fmt_desc_get(AVPixelFormat(frame->format));
-    if (!(descriptor->flags & AV_PIX_FMT_FLAG_ALPHA) || descriptor->comp[3].depth <= 8)
-        return;
-    const double opaque = double((1 << descriptor->comp[3].depth) - 1);
-    const int plane = descriptor->comp[3].plane;
-    double left = 0, right = 0;
-    int leftCount = 0, rightCount = 0;
-    // A few columns either side of the edge are left out: the encoder may soften it.
-    const int edge = frame->width / 4;
-    for (int y = 0; y < frame->height; ++y) {
-        auto* row = reinterpret_cast<const uint16_t*>(frame->data[plane] + y * frame->linesize[plane]);
-        for (int x = 0; x < frame->width; ++x) {
-            if (x < edge - 2) {
-                left += row[x] / opaque;
-                ++leftCount;
-            } else if (x >= edge + 2) {
-                right += row[x] / opaque;
-                ++rightCount;
-            }
-        }
-    }
-    movie.leftAlpha = left / std::max(1, leftCount);
-    movie.rightAlpha = right / std::max(1, rightCount);
 }
 
 // Decodes every picture and every sound frame of the file, as a player would.
@@ -100,7 +67,6 @@ inline Movie ReadMovie(const std::filesystem::path& path) {
         avformat_close_input(&input);
         return movie;
     }
-    movie.opened = true;
     AVCodecContext* decoders[8] = {};
     for (unsigned i = 0; i < input->nb_streams && i < 8; ++i) {
         const AVStream* stream = input->streams[i];
@@ -123,7 +89,6 @@ inline Movie ReadMovie(const std::filesystem::path& path) {
             movie.transfer = p->color_trc;
             movie.matrix = p->color_space;
             movie.range = p->color_range;
-            movie.videoTimeBase = stream->time_base;
             movie.videoDuration = duration;
         } else if (p->codec_type == AVMEDIA_TYPE_AUDIO) {
             movie.audioCodec = p->codec_id;
@@ -140,19 +105,11 @@ inline Movie ReadMovie(const std::filesystem::path& path) {
         AVCodecContext* decoder = decoders[index];
         while (avcodec_receive_frame(decoder, frame) >= 0) {
             if (decoder->codec_type == AVMEDIA_TYPE_VIDEO) {
-                if (movie.times.empty())
-                    MeasureAlpha(frame, movie);
                 if (movie.pictures.size() < 4)
                     movie.pictures.emplace_back(av_frame_clone(frame), AVFrameRelease());
                 movie.times.push_back(frame->best_effort_timestamp);
                 movie.keyFrames += frame->key_frame ? 1 : 0;
             } else {
-                if (movie.soundFrames == 0 && frame->format == AV_SAMPLE_FMT_FLTP) {
-                    double peak = 0;
-                    for (int i = 0; i < std::min(frame->nb_samples, 480); ++i)
-                        peak = std::max(peak, double(std::fabs(reinterpret_cast<float*>(frame->data[0])[i])));
-                    movie.firstSoundPeak = peak;
-                }
                 // The AAC encoder's priming comes out before time 0; a player skips it.
                 const int64_t first = frame->best_effort_timestamp;
                 MeasurePeaks(frame, int(-std::min<int64_t>(first, 0)), peaksCounted, movie.soundPeaks);

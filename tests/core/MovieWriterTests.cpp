@@ -8,7 +8,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
-#include <random>
 #include <string>
 #include <sys/mount.h>
 #include <sys/wait.h>
@@ -25,18 +24,6 @@ using testing::ReadMovie;
 constexpr int64_t H264 = 0, HEVC = 1, ProRes422 = 2, ProRes4444 = 3;
 
 // --- Pictures and sound to write ---------------------------------------------------------------------
-
-// Fills every plane with noise, which no encoder can make small.
-void DrawNoise(AVFrame* frame, std::mt19937& random, const MovieWriter& writer) {
-    for (size_t plane = 0; plane < writer.planes().size(); ++plane) {
-        for (size_t row = 0; row < writer.planes()[plane].rows; ++row) {
-            auto* line =
-                reinterpret_cast<uint16_t*>(frame->data[plane] + row * size_t(frame->linesize[plane]));
-            for (size_t i = 0; i < writer.planes()[plane].stride / 2; ++i)
-                line[i] = uint16_t(64 + random() % 876); // within the 10-bit video range
-        }
-    }
-}
 
 // `frames` frames of a 440 Hz tone at 48 kHz, interleaved stereo, starting at frame `first`.
 std::vector<float> Tone(int64_t first, int64_t frames) {
@@ -138,7 +125,6 @@ TEST_F(MovieWriterTest, APictureAtOrBeforeTheLastOneIsRefusedAndWritingGoesOn) {
     ASSERT_GE(av_frame_get_buffer(other.get(), 0), 0);
     EXPECT_FALSE(writer->appendFrame(std::move(other), 5000));
     EXPECT_FALSE(writer->appendFrame(nullptr, 5000));
-    EXPECT_FALSE(writer->hasFailed());
 
     ASSERT_TRUE(writer->finish(6000));
     EXPECT_EQ(ReadMovie(_folder / "order.mov").times, (std::vector<int64_t>{1000, 3000}));
@@ -166,9 +152,13 @@ TEST_F(MovieWriterTest, WrappedMemoryIsEncodedAndReleasedOnce) {
     ASSERT_TRUE(writer->finish(2000));
     EXPECT_EQ(released.load(), 1);
     Movie movie = ReadMovie(_folder / "wrapped.mov");
-    EXPECT_EQ(movie.times.size(), 1u);
-    EXPECT_LT(movie.leftAlpha, 0.01); // the picture came from the wrapped memory
-    EXPECT_GT(movie.rightAlpha, 0.99);
+    ASSERT_EQ(movie.pictures.size(), 1u);
+    // The picture came from the wrapped memory: alpha, whatever depth it decodes to, clear then opaque.
+    const AVFrame* picture = movie.pictures[0].get();
+    const auto* row = reinterpret_cast<const uint16_t*>(picture->data[3] + 120 * picture->linesize[3]);
+    EXPECT_EQ(row[10], 0);
+    EXPECT_GT(row[300],
+              0.99 * ((1 << av_pix_fmt_desc_get(AVPixelFormat(picture->format))->comp[3].depth) - 1));
 }
 
 TEST_F(MovieWriterTest, SoundGapsAreFilledWithSilenceAndOverlapsLeftOut) {
@@ -190,7 +180,7 @@ TEST_F(MovieWriterTest, SoundGapsAreFilledWithSilenceAndOverlapsLeftOut) {
 
     Movie movie = ReadMovie(_folder / "gap.mov");
     EXPECT_NEAR(double(movie.soundFrames) / 48000, 2.0, 1.0 / 30);
-    EXPECT_LT(movie.firstSoundPeak, 0.01); // it starts silent
+    EXPECT_LT(movie.soundPeaks.at(0), 0.01); // it starts silent
 }
 
 // The first fragment waits for every track; a sound track that gets nothing must not hold the movie back
@@ -273,37 +263,18 @@ TEST_F(MovieWriterTest, CreationRefusesWhatCannotBeWrittenAndLeavesNoFile) {
     EXPECT_EQ(std::distance(fs::directory_iterator(_folder), fs::directory_iterator()), 1);
 }
 
-TEST_F(MovieWriterTest, ADiskThatFillsUpFailsTheMovieWithAClearMessage) {
-    _mounted = mount("quorva-test", _folder.c_str(), "tmpfs", 0, "size=2m") == 0;
+// A movie failing while it is written on a full disk is the take's concern; a short one, held in memory
+// until its end, meets the full disk only when it is finished.
+TEST_F(MovieWriterTest, AMovieThatMeetsAFullDiskAtItsFinishSaysSo) {
+    _mounted = mount("quorva-test", _folder.c_str(), "tmpfs", 0, "size=64k") == 0;
     if (!_mounted)
         GTEST_SKIP() << "mounting a tmpfs is not permitted here";
-    // ProRes of noise: well over 2 MB by the time the first fragment, 10 s in, goes to the disk.
-    std::unique_ptr<MovieWriter> writer = Make("full.mov", Small(ProRes422, true, 10));
+    std::ofstream(_folder / "filler") << std::string(128 * 1024, 'x');
+    std::unique_ptr<MovieWriter> writer = Make("late.mov", Small(H264));
     ASSERT_TRUE(writer);
-    std::mt19937 random(7);
-    Result<> result;
-    int64_t time = 0;
-    for (; time < 30 * 60000 && result; time += 6000) {
-        MovieFrame frame = writer->makeFrame();
-        DrawNoise(frame.get(), random, *writer);
-        result = writer->appendFrame(std::move(frame), time);
-        if (result)
-            result = writer->appendSound(nullptr, 4800, time * 4 / 5);
-    }
-    ASSERT_FALSE(result) << "2 MB held " << time / 60000.0 << " s of noise";
-    EXPECT_EQ(result.error().message(), "The movie could not be written: No space left on device");
-    EXPECT_TRUE(writer->hasFailed());
-    EXPECT_EQ(writer->appendFrame(writer->makeFrame(), time).error(), result.error());
-    Result<> finished = writer->finish(time);
-    ASSERT_FALSE(finished);
-    EXPECT_EQ(finished.error(), result.error());
-
-    // The disk is still full: a short movie, held in memory until its end, fails at the finish.
-    std::unique_ptr<MovieWriter> late = Make("late.mov", Small(H264));
-    ASSERT_TRUE(late);
     for (int i = 0; i < 5; ++i)
-        ASSERT_TRUE(late->appendFrame(late->makeFrame(), i * 2000));
-    finished = late->finish(10000);
+        ASSERT_TRUE(writer->appendFrame(writer->makeFrame(), i * 2000));
+    Result<> finished = writer->finish(10000);
     ASSERT_FALSE(finished);
     EXPECT_EQ(finished.error().message(), "The movie could not be finished: No space left on device");
 }
@@ -331,7 +302,6 @@ TEST_F(MovieWriterTest, AMovieWhoseWriterIsKilledStaysReadableUpToItsLastFragmen
     ASSERT_TRUE(WIFSIGNALED(status)) << "the writer did not get through its 25 s, status " << status;
 
     Movie movie = ReadMovie(path);
-    ASSERT_TRUE(movie.opened);
     ASSERT_GE(movie.times.size(), 570u); // 19 s or more
     EXPECT_LE(movie.times.size(), 630u); // 21 s or less
     for (size_t i = 0; i < movie.times.size(); ++i)

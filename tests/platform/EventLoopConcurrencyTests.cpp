@@ -1,6 +1,5 @@
 #include "platform/HeadlessEventLoop.h"
 
-#include "platform/Semaphore.h"
 #include "platform/SerialQueue.h"
 
 #include <atomic>
@@ -12,6 +11,8 @@
 namespace quorva {
 namespace {
 
+// A loop run on a thread of its own and stopped from another is how the network tests run their main
+// loop (tests/remote/NetworkTesting.h), with the handlers they check on it.
 TEST(EventLoopConcurrency, TasksPostedToMainFromManyQueuesAllRunOnTheLoopInEachQueuesOrder) {
     auto loop = std::make_shared<HeadlessEventLoop>();
     EventLoop::setMainLoop(loop);
@@ -41,27 +42,6 @@ TEST(EventLoopConcurrency, TasksPostedToMainFromManyQueuesAllRunOnTheLoopInEachQ
         for (int i = 0; i < each; ++i)
             ASSERT_EQ(seen[p][i], i);
     }
-}
-
-TEST(EventLoopConcurrency, ALoopMayRunOnAThreadOfItsOwnAndStopFromAnotherEndsItEvenWhenIdle) {
-    auto loop = std::make_shared<HeadlessEventLoop>();
-    std::thread runner([loop] { loop->run(); });
-    std::atomic<bool> onRunner = false;
-    Semaphore ran;
-    SerialQueue queue("poster");
-    queue.sync([&] {
-        loop->post([&] {
-            onRunner = loop->isCurrent();
-            ran.signal();
-        });
-    });
-    // No ASSERT: the runner must be stopped and joined whatever happens. Most likely idle by now.
-    EXPECT_TRUE(ran.wait(60));
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    loop->stop();
-    runner.join();
-    EXPECT_TRUE(onRunner);
-    EXPECT_FALSE(loop->isCurrent());
 }
 
 TEST(EventLoopConcurrency, TimersCancelledFromAnotherThreadStopTicking) {

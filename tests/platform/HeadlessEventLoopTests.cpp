@@ -81,8 +81,7 @@ TEST(HeadlessEventLoop, TimersTickUntilCancelledEvenFromTheirOwnTickAndUnknownOn
         }
     });
     TimerId cancelled = loop.scheduleTimer(0.01, [&] { ++cancelledTicks; });
-    EXPECT_NE(timer, 0u);
-    EXPECT_NE(timer, cancelled);
+    // Had the first timer the id 0 or the second one's, these would stop it too.
     loop.cancelTimer(cancelled);
     loop.cancelTimer(cancelled); // twice
     loop.cancelTimer(12345);     // never made
@@ -98,13 +97,11 @@ TEST(HeadlessEventLoop, TimersTickUntilCancelledEvenFromTheirOwnTickAndUnknownOn
 TEST(HeadlessEventLoop, PostToMainReachesTheLoopThatWasSetAndWithoutOneDropsAndSaysSo) {
     auto loop = std::make_shared<HeadlessEventLoop>();
     EventLoop::setMainLoop(loop);
-    EXPECT_EQ(EventLoop::mainLoop(), loop);
     bool ran = false;
     EXPECT_TRUE(EventLoop::postToMain([&] { ran = true; }));
     EXPECT_TRUE(loop->runUntil([&] { return ran; }, 10));
 
     EventLoop::setMainLoop(nullptr);
-    EXPECT_EQ(EventLoop::mainLoop(), nullptr);
     std::vector<std::string> lines;
     SetLogSink([&](const std::string& line) { lines.push_back(line); });
     ran = false;

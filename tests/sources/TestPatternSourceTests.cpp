@@ -16,7 +16,6 @@ namespace {
 // both have begun, with bounds loose enough for a software GPU on a busy machine.
 TEST(TestPatternSourceTest, SourcesDeliverPicturesAtTheirRateWithTheirSound) {
     TestPatternDirectory directory;
-    EXPECT_EQ(directory.availableSources().at(2).title(), "Test Pattern Alpha 1080p30");
     EXPECT_EQ(directory.connectToSourceWithTitle("Test Pattern", testing::SharedDevice()), nullptr);
     struct Feed {
         std::string title;
@@ -30,7 +29,6 @@ TEST(TestPatternSourceTest, SourcesDeliverPicturesAtTheirRateWithTheirSound) {
     for (auto& feed : feeds) {
         feed.source = directory.connectToSourceWithTitle(feed.title, testing::SharedDevice());
         ASSERT_TRUE(feed.source);
-        EXPECT_EQ(feed.source->kind(), SourceKindPattern);
         feed.source->setFrameHandler([&feed](const std::shared_ptr<Texture>& picture) {
             EXPECT_EQ(picture->width(), feed.width);
             ++feed.pictures;
