@@ -155,7 +155,7 @@ void ConvertA1080pPicture(benchmark::State& state) {
     auto converter = FrameConverter::make(pictures.queue).value();
     auto writer = MovieWriter::make(Folder / "convert.mov", {0, Width, Height, 60, 0, false}).value();
     const bool processor = state.range(0) == 1;
-    const FrameFormat format = processor ? FrameFormat::bgra(Width, Height) : FrameFormat::of(*writer);
+    const FrameFormat format = processor ? FrameFormat::bgra(Width, Height) : FrameFormatOf(*writer);
     SwsContext* scale = sws_getContext(int(Width), int(Height), AV_PIX_FMT_BGRA, int(Width), int(Height),
                                        AV_PIX_FMT_YUV420P, SWS_POINT, nullptr, nullptr, nullptr);
     const int* coefficients = sws_getCoefficients(SWS_CS_ITU709);

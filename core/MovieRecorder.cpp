@@ -150,7 +150,7 @@ Result<> MovieRecorder::createWriterForFrameOfWidth(uint64_t width, uint64_t hei
     if (!made)
         return made.error();
     std::unique_ptr<MovieWriter> writer = std::move(made.value());
-    FrameFormat frameFormat = FrameFormat::of(*writer);
+    FrameFormat frameFormat = FrameFormatOf(*writer);
     Result<> prepared = _converter->prepare(frameFormat);
     if (!prepared) {
         Log("MovieRecorder: ", prepared.error().message());

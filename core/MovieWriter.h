@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/Error.h"
+#include "platform/FrameFormat.h"
 
 extern "C" {
 #include <libavcodec/packet.h>
@@ -63,12 +64,8 @@ public:
     };
 
     // Where one plane of a picture lies in a buffer of frameBytes(): the layout that makeFrame() uses and
-    // that wrapFrame() expects, so that a GPU pass can read back straight into it.
-    struct Plane {
-        size_t offset;
-        size_t stride; // bytes from one row to the next
-        size_t rows;
-    };
+    // that wrapFrame() expects, so that a conversion can write straight into it.
+    using Plane = FramePlane;
 
     // Creates the file (never replacing one: "“name” already exists"), opens the encoders and writes the
     // movie's header. Errors, in the domain above: "The movie file could not be created", "A %@ movie of

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace quorva {
+
+// How a converted picture lies in memory: the encoders' own formats (BT.709, limited range; alpha full
+// range), or BGRA for a conversion that someone else finishes.
+enum class FrameLayout { YUV420P, YUV422P10, YUVA444P10, BGRA };
+
+// Where one plane of a converted picture lies in its memory.
+struct FramePlane {
+    size_t offset;
+    size_t stride; // bytes from one row to the next
+    size_t rows;
+};
+
+struct FrameFormat {
+    FrameLayout layout = FrameLayout::YUV420P;
+    uint32_t width = 0;
+    uint32_t height = 0;
+    // Offsets and strides a multiple of 4 bytes, rows padded to 64 bytes; the planes of the layout in
+    // order (Y, U, V, A; BGRA). 10-bit samples are little-endian 16-bit words.
+    std::vector<FramePlane> planes;
+    size_t bytes = 0;
+
+    // Tightly packed BGRA of that size.
+    static FrameFormat bgra(uint32_t width, uint32_t height);
+};
+
+// Memory that holds one converted picture, which the encoder reads. It goes back to its converter's pool
+// when its last holder lets go, on whichever thread that is.
+class FrameMemory {
+public:
+    virtual ~FrameMemory() = default;
+    virtual uint8_t* data() const = 0;
+    virtual size_t size() const = 0;
+};
+
+// The clip-space half-extents of a source of `sourceWidth` × `sourceHeight` fitted inside an output of
+// `outputWidth` × `outputHeight` without distortion and centred, computed in single precision. Both
+// picture engines fit with it, so that they bar the same pixels.
+std::array<float, 2> FitExtents(double sourceWidth, double sourceHeight, double outputWidth,
+                                double outputHeight);
+
+} // namespace quorva
