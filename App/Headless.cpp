@@ -5,6 +5,7 @@
 #include "core/RecorderController.h"
 #include "platform/HeadlessEventLoop.h"
 #include "platform/Log.h"
+#include "platform/PictureEngine.h"
 #include "platform/SettingsStore.h"
 #include "platform/gpu/GpuDevice.h"
 #include "remote/NetworkPorts.h"
@@ -69,7 +70,14 @@ int RunHeadless(const std::vector<std::string>& arguments) {
         EventLoop::setMainLoop(nullptr);
         return ExitFailure;
     }
-    auto controller = RecorderController::make(device.value(), MakeSourceDirectory(), nullptr,
+    auto engine = PictureEngine::make(device.value());
+    if (!engine) {
+        Log("Headless: ", engine.error().message());
+        EventLoop::setMainLoop(nullptr);
+        return ExitFailure;
+    }
+    Log("Headless: ", "pictures are drawn on " + engine.value()->name());
+    auto controller = RecorderController::make(engine.value(), MakeSourceDirectory(), nullptr,
                                                std::make_shared<SettingsStore>());
     auto network = RecorderNetwork::make(controller, QUORVA_VERSION);
     // A network that cannot start leaves a recorder that nobody can reach; say why, and go on as the

@@ -6,6 +6,7 @@
 #include "platform/HeadlessEventLoop.h"
 #include "platform/Log.h"
 #include "platform/MediaClock.h"
+#include "platform/PictureEngine.h"
 #include "platform/SettingsStore.h"
 #include "platform/UserFolders.h"
 #include "platform/gpu/GpuDevice.h"
@@ -188,9 +189,17 @@ void ApplySettings(RecorderController& controller, const RecordOptions& options)
 }
 
 std::string ProgressText(const RecorderController& controller, double elapsed, double duration) {
-    char text[160];
-    std::snprintf(text, sizeof text, "Recording %.1f of %g s: %" PRIu64 " frames, %" PRIu64 " dropped",
-                  std::min(elapsed, duration), duration, controller.frames(), controller.dropped());
+    uint64_t written = 0, due = 0, dropped = 0;
+    for (const auto& movie : controller.moviesOfTheTake()) {
+        written += movie->framesWritten();
+        due += controller.framesDue(*movie);
+        dropped += movie->framesDropped();
+    }
+    char text[200];
+    std::snprintf(text, sizeof text,
+                  "Recording %.1f of %g s: %" PRIu64 " of %" PRIu64 " frames due written, %" PRIu64
+                  " dropped",
+                  std::min(elapsed, duration), duration, written, due, dropped);
     return text;
 }
 
@@ -205,9 +214,9 @@ bool ReportMovies(const RecorderController& controller) {
         }
         std::error_code ignored;
         if (std::filesystem::exists(movie->url(), ignored))
-            std::printf("%s\t%" PRIu64 " frames\t%" PRIu64 " dropped\t%.2f s of sound\n",
-                        movie->url().c_str(), movie->framesWritten(), movie->framesDropped(),
-                        movie->soundWritten());
+            std::printf("%s\t%" PRIu64 " frames\t%" PRIu64 " due\t%" PRIu64 " dropped\t%.2f s of sound\n",
+                        movie->url().c_str(), movie->framesWritten(), controller.framesDue(*movie),
+                        movie->framesDropped(), movie->soundWritten());
     }
     std::fflush(stdout);
     if (!failed && !controller.recordingError().empty()) {
@@ -221,12 +230,19 @@ int Record(const RecordOptions& options, HeadlessEventLoop& loop) {
     auto device = GpuDevice::make();
     if (!device)
         return Fail("QuorvaRecorder needs Vulkan: " + device.error().message());
+    auto engine = PictureEngine::make(device.value());
+    if (!engine)
+        return Fail(engine.error().message());
+    Log("RecordCommand: ", "pictures are drawn on " + engine.value()->name());
     auto settings = TakeSettings::make();
     if (!settings)
         return Fail(settings.error().message());
     // No capture of the computer's own sound exists on this system yet.
+    // The take's settings are its own and go with it; how fast this machine encodes is the machine's,
+    // measured once and kept with the user's settings.
     auto controller =
-        RecorderController::make(device.value(), MakeSourceDirectory(), nullptr, settings.value()->store());
+        RecorderController::make(engine.value(), MakeSourceDirectory(), nullptr, settings.value()->store(),
+                                 EncoderSpeed::make(std::make_shared<SettingsStore>()));
     ApplySettings(*controller, options);
     // Nobody watches the monitor picture here: composing it as little as the recorder allows leaves the
     // GPU and the processor to the movies.
@@ -268,9 +284,10 @@ int Record(const RecordOptions& options, HeadlessEventLoop& loop) {
     Progress progress;
     if (!controller->start())
         return Fail(controller->error());
-    // The first take opens its encoders and builds its conversions before it returns, which may take
-    // seconds on a busy machine with no pictures recorded meanwhile: the duration asked for is counted
-    // from here, so that the movies hold that much.
+    // A take that starts but cannot keep up says so at once.
+    if (!controller->error().empty())
+        std::fprintf(stderr, "quorvarecorder: %s\n", controller->error().c_str());
+    // The duration asked for is counted from the start, so that the movies hold that much.
     const double recording = MediaClock::now();
     bool stopping = false;
     auto stop = [&] {

@@ -1,5 +1,7 @@
 #include "bench/BenchSetup.h"
 
+#include "platform/gpu/GpuDevice.h"
+
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -10,7 +12,7 @@
 
 namespace quorva {
 
-std::shared_ptr<GpuDevice> SetUpBenchmark(int& argc, char** argv) {
+std::shared_ptr<PictureEngine> SetUpBenchmark(int& argc, char** argv) {
     const char* runtime = std::getenv("XDG_RUNTIME_DIR");
     if (!runtime || !*runtime) {
         std::string folder = "/tmp/quorva-runtime-" + std::to_string(getuid());
@@ -25,8 +27,14 @@ std::shared_ptr<GpuDevice> SetUpBenchmark(int& argc, char** argv) {
         std::fprintf(stderr, "%s: %s\n", argv[0], device.error().message().c_str());
         std::exit(1);
     }
+    auto engine = PictureEngine::make(device.value());
+    if (!engine) {
+        std::fprintf(stderr, "%s: %s\n", argv[0], engine.error().message().c_str());
+        std::exit(1);
+    }
     benchmark::AddCustomContext("vulkan_device", device.value()->name());
-    return device.value();
+    benchmark::AddCustomContext("pictures", engine.value()->name());
+    return engine.value();
 }
 
 ScratchFolder::ScratchFolder() {

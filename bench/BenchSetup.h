@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/gpu/GpuDevice.h"
+#include "platform/PictureEngine.h"
 
 #include <filesystem>
 #include <memory>
@@ -9,9 +9,10 @@ namespace quorva {
 
 // What every benchmark's main does first: gives the Vulkan loader the private runtime folder that
 // machines without a session lack, reads Google Benchmark's flags (refusing any other), and makes the
-// device (QUORVA_VULKAN_DEVICE names part of one), whose name goes into the report. Exits with a
-// message when the flags are wrong or there is no device.
-std::shared_ptr<GpuDevice> SetUpBenchmark(int& argc, char** argv);
+// device (QUORVA_VULKAN_DEVICE names part of one) and the picture engine the program would choose on it
+// (QUORVA_PICTURES forces one), whose names go into the report. Exits with a message when the flags are
+// wrong or there is no device.
+std::shared_ptr<PictureEngine> SetUpBenchmark(int& argc, char** argv);
 
 // A fresh temporary folder for the movies a benchmark writes, removed with them at the end.
 class ScratchFolder {

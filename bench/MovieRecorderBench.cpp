@@ -1,18 +1,13 @@
 // How many 1920 × 1080 frames a second one MovieRecorder sustains for each codec, beside the ffmpeg
 // command-line tool turning the same BGRA pictures into a movie with the same encoder settings, timed
-// in the same run; the ratio is what to read. A second benchmark times the recorder's conversion alone,
-// on the GPU and with the processor finishing it (libswscale), which is how the GPU path was chosen.
-// QUORVA_VULKAN_DEVICE names part of the device to use; its name is in the report's context.
+// in the same run; the ratio is what to read. A second benchmark times the picture engine's conversion of
+// one picture into each codec's pixel format alone. QUORVA_VULKAN_DEVICE names part of the device to use
+// and QUORVA_PICTURES the engine; their names are in the report's context.
 #include "bench/BenchSetup.h"
-#include "core/FrameConverter.h"
 #include "core/MovieRecorder.h"
 #include "platform/HeadlessEventLoop.h"
 #include "platform/MediaClock.h"
 #include "sources/TestPattern.h"
-
-extern "C" {
-#include <libswscale/swscale.h>
-}
 
 #include <benchmark/benchmark.h>
 
@@ -30,26 +25,22 @@ constexpr uint32_t Width = 1920, Height = 1080;
 constexpr int Distinct = 16; // pictures drawn once and handed in over and over
 constexpr int Frames = 180;  // three seconds at 60 frames a second
 
-std::shared_ptr<GpuDevice> Device;
+std::shared_ptr<PictureEngine> Engine;
 std::filesystem::path Folder;
 
 struct Pictures {
-    std::shared_ptr<CommandQueue> queue;
-    std::vector<std::shared_ptr<Texture>> textures;
+    std::vector<std::shared_ptr<Picture>> pictures;
     std::vector<std::vector<uint8_t>> bytes; // the same pictures as BGRA, for ffmpeg
 };
 
 const Pictures& TestPictures() {
     static Pictures pictures = [] {
         Pictures made;
-        made.queue = CommandQueue::make(Device).value();
-        auto pattern = TestPattern::make(made.queue, Width, Height, false).value();
+        auto pattern = TestPattern::make(Width, Height, false).value();
         for (int i = 0; i < Distinct; ++i) {
-            std::promise<void> drawn;
-            auto texture = pattern->drawFrame(uint64_t(i), [&](const auto&) { drawn.set_value(); }).value();
-            drawn.get_future().wait();
-            made.bytes.push_back(texture->readPixels().value());
-            made.textures.push_back(std::move(texture));
+            auto drawn = pattern->drawFrame(uint64_t(i)).value();
+            made.bytes.push_back(drawn->readPixels(0, 0, Width, Height).value());
+            made.pictures.push_back(Engine->adopt(drawn).value());
         }
         return made;
     }();
@@ -99,7 +90,7 @@ double RecorderSeconds(int64_t codec, uint64_t& dropped) {
     const Pictures& pictures = TestPictures();
     auto loop = std::make_shared<HeadlessEventLoop>();
     EventLoop::setMainLoop(loop);
-    auto recorder = MovieRecorder::make(pictures.queue);
+    auto recorder = MovieRecorder::make(Engine);
     const std::filesystem::path output = Folder / ("recorder-" + std::to_string(codec) + ".mov");
     std::filesystem::remove(output);
     MovieRecorderSettings settings;
@@ -112,7 +103,7 @@ double RecorderSeconds(int64_t codec, uint64_t& dropped) {
     for (int i = 0; i < Frames; ++i) {
         while (recorder->framesPending() >= MovieRecorder::MaximumFramesInFlight)
             std::this_thread::sleep_for(std::chrono::microseconds(200));
-        recorder->appendTexture(pictures.textures[size_t(i % Distinct)], false, i / 60.0);
+        recorder->appendPicture(pictures.pictures[size_t(i % Distinct)], false, i / 60.0);
     }
     bool done = false, ok = false;
     recorder->finishAtTime(Frames / 60.0, [&](std::optional<Error> error) {
@@ -148,46 +139,33 @@ void RecordAt1080p(benchmark::State& state) {
 }
 BENCHMARK(RecordAt1080p)->DenseRange(0, 3)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
 
-// One 1080p picture to 4:2:0 in memory: in one GPU pass (state.range(0) == 0), or fitted on the GPU
-// as BGRA and converted by libswscale on the processor (1).
+// One 1080p picture converted into memory in the pixel format of codec state.range(0).
 void ConvertA1080pPicture(benchmark::State& state) {
     const Pictures& pictures = TestPictures();
-    auto converter = FrameConverter::make(pictures.queue).value();
-    auto writer = MovieWriter::make(Folder / "convert.mov", {0, Width, Height, 60, 0, false}).value();
-    const bool processor = state.range(0) == 1;
-    const FrameFormat format = processor ? FrameFormat::bgra(Width, Height) : FrameFormatOf(*writer);
-    SwsContext* scale = sws_getContext(int(Width), int(Height), AV_PIX_FMT_BGRA, int(Width), int(Height),
-                                       AV_PIX_FMT_YUV420P, SWS_POINT, nullptr, nullptr, nullptr);
-    const int* coefficients = sws_getCoefficients(SWS_CS_ITU709);
-    sws_setColorspaceDetails(scale, coefficients, 1, coefficients, 0, 0, 1 << 16, 1 << 16);
+    auto converter = Engine->makeFrameConverter().value();
+    const int64_t codec = state.range(0);
+    auto writer = MovieWriter::make(Folder / "convert.mov", {codec, Width, Height, 60, 0, false}).value();
+    const FrameFormat format = writer->frameFormat();
     int i = 0;
     for (auto _ : state) {
         std::promise<std::shared_ptr<FrameMemory>> converted;
-        auto texture = pictures.textures[size_t(i++ % Distinct)];
-        if (!converter->convert(texture, false, false, format,
+        if (!converter->convert(pictures.pictures[size_t(i++ % Distinct)], false, false, format,
                                 [&](std::shared_ptr<FrameMemory> memory) { converted.set_value(memory); })) {
             state.SkipWithError("the conversion was refused");
             break;
         }
-        std::shared_ptr<FrameMemory> memory = converted.get_future().get();
-        if (processor) {
-            MovieFrame frame = writer->makeFrame();
-            const uint8_t* source[] = {memory->data()};
-            const int stride[] = {int(Width * 4)};
-            sws_scale(scale, source, stride, 0, int(Height), frame->data, frame->linesize);
-        }
+        converted.get_future().wait();
     }
-    sws_freeContext(scale);
     writer->cancel();
-    state.SetLabel(processor ? "GPU fit + libswscale" : "GPU fit and convert");
+    state.SetLabel(MovieRecorderSettings::nameForCodec(codec) + " on " + Engine->name());
 }
-BENCHMARK(ConvertA1080pPicture)->DenseRange(0, 1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(ConvertA1080pPicture)->DenseRange(0, 3)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 } // namespace
 } // namespace quorva
 
 int main(int argc, char** argv) {
-    quorva::Device = quorva::SetUpBenchmark(argc, argv);
+    quorva::Engine = quorva::SetUpBenchmark(argc, argv);
     quorva::ScratchFolder folder;
     quorva::Folder = folder.path();
     benchmark::RunSpecifiedBenchmarks();

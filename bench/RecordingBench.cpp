@@ -1,15 +1,16 @@
 // What a whole take costs: N live test patterns of 1920 × 1080 at 30 frames a second recorded through
 // the RecorderController with output "both" (a movie per source and the grid of all of them), for N = 1,
-// 2 and 4. It reports the frames written beside those due, the frames dropped, and the processor time
-// per frame written, every thread of the process counted (the software GPU driver's too), beside the
-// ffmpeg command-line tool doing the same work in the same run: N testsrc2 inputs (and N tones) stacked
-// into the same grid with xstack and encoded, plus each input encoded alone, with the same encoder
-// settings. `ratio` is ffmpeg's processor time per frame over the recorder's: above 1, the recorder does
-// the work for less. The steady figures leave out the take's start and finish, which a short take on a
-// software GPU is dominated by.
+// 2 and 4. It reports the frames written beside those due (from the sources' rates and the take's length)
+// and those the recorder dropped, the share of its frames due that the worst movie wrote, the processor
+// time per frame written (every thread of the process counted), the peak resident memory of the take,
+// and the time from the start to the first picture a movie accepted, beside the ffmpeg command-line tool
+// doing the same work in the same run: N testsrc2 inputs (and N tones) stacked into the same grid with
+// xstack and encoded, plus each input encoded alone, with the same encoder settings and the preset that
+// the take chose. `ratio` is ffmpeg's processor time per frame over the recorder's: above 1, the recorder
+// does the work for less. The steady figures leave out the take's start and finish.
 //
 // --seconds=S shortens (or lengthens) each take from its 20 seconds. QUORVA_VULKAN_DEVICE names part of
-// the device to use; its name is in the report's context.
+// the device to use and QUORVA_PICTURES the picture engine; their names are in the report's context.
 #include "bench/BenchSetup.h"
 #include "core/Layout.h"
 #include "core/MovieWriter.h"
@@ -21,10 +22,12 @@
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <sys/resource.h>
 
@@ -34,7 +37,8 @@ namespace {
 constexpr uint32_t Width = 1920, Height = 1080;
 constexpr double Rate = 30;
 
-std::shared_ptr<GpuDevice> Device;
+std::shared_ptr<PictureEngine> Engine;
+std::shared_ptr<EncoderSpeed> Speed; // measured before the first take, as a machine that has recorded before
 std::filesystem::path Folder;
 double Seconds = 20;
 
@@ -50,9 +54,10 @@ public:
             sources.emplace_back(title(i), "", SourceKindPattern);
         return sources;
     }
-    std::shared_ptr<FrameSource> connectToSourceWithTitle(const std::string& title,
-                                                          const std::shared_ptr<GpuDevice>& device) override {
-        auto source = TestPatternSource::make({title, Width, Height, Rate, false}, device);
+    std::shared_ptr<FrameSource>
+    connectToSourceWithTitle(const std::string& title,
+                             const std::shared_ptr<PictureEngine>& engine) override {
+        auto source = TestPatternSource::make({title, Width, Height, Rate, false}, engine);
         return source ? source.value() : nullptr;
     }
     ChangeHandler changeHandler() const override { return {}; }
@@ -61,6 +66,21 @@ public:
 private:
     int _count;
 };
+
+// The peak resident memory of this process since the last reset, in megabytes.
+double PeakMegabytes() {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with("VmHWM:"))
+            return std::atof(line.c_str() + 6) / 1024;
+    }
+    return 0;
+}
+
+// Starts the peak over from what the process holds now.
+void ResetPeakMemory() {
+    std::ofstream("/proc/self/clear_refs") << "5";
+}
 
 double ProcessorSeconds(int who) {
     rusage usage{};
@@ -72,7 +92,12 @@ double ProcessorSeconds(int who) {
 struct Figures {
     double processorSeconds = 0;
     uint64_t framesWritten = 0;
+    uint64_t framesDue = 0;
     uint64_t framesDropped = 0;
+    double worstShareWritten = 1; // of its frames due, by the movie that wrote the fewest
+    double peakMegabytes = 0;     // resident
+    double firstPictureSeconds = 0;
+    std::string preset; // the take's, which ffmpeg then gets too
     // While recording only, without the take's start (encoders opened, shaders compiled) and finish.
     double steadyProcessorSeconds = 0;
     uint64_t steadyFrames = 0;
@@ -94,8 +119,8 @@ Figures RecordTake(int count) {
     std::filesystem::create_directories(folder);
     {
         auto settings = std::make_shared<SettingsStore>(ApplicationIdentifier, folder / "settings");
-        auto controller =
-            RecorderController::make(Device, std::make_shared<BenchPatterns>(count), nullptr, settings);
+        auto controller = RecorderController::make(Engine, std::make_shared<BenchPatterns>(count), nullptr,
+                                                   settings, Speed);
         controller->setOutput("both");
         controller->setLayout("grid");
         controller->setFolder(folder.string());
@@ -112,8 +137,25 @@ Figures RecordTake(int count) {
                 return true;
             },
             10);
+        ResetPeakMemory();
         const double start = ProcessorSeconds(RUSAGE_SELF);
+        const double startTime = MediaClock::now();
         if (controller->start()) {
+            figures.preset = controller->encoderPreset();
+            // The first picture that a movie of the take accepted, counted from the start, looked for
+            // every millisecond.
+            const TimerId poll = loop->scheduleTimer(0.001, [] {});
+            loop->runUntil(
+                [&] {
+                    for (const auto& movie : controller->moviesOfTheTake()) {
+                        if (movie->framesWritten() + movie->recorder()->framesPending() > 0)
+                            return true;
+                    }
+                    return false;
+                },
+                10);
+            figures.firstPictureSeconds = MediaClock::now() - startTime;
+            loop->cancelTimer(poll);
             bool done = false;
             // One second to settle, then the steady part until the stop.
             double steadyStart = 0;
@@ -131,9 +173,15 @@ Figures RecordTake(int count) {
             figures.processorSeconds = ProcessorSeconds(RUSAGE_SELF) - start;
             figures.ok = done && controller->recordingError().empty();
             for (const auto& movie : controller->moviesOfTheTake()) {
+                const uint64_t due = controller->framesDue(*movie);
                 figures.framesWritten += movie->framesWritten();
+                figures.framesDue += due;
                 figures.framesDropped += movie->framesDropped();
+                if (due > 0)
+                    figures.worstShareWritten =
+                        std::min(figures.worstShareWritten, double(movie->framesWritten()) / double(due));
             }
+            figures.peakMegabytes = PeakMegabytes();
         }
     }
     EventLoop::setMainLoop(nullptr);
@@ -142,15 +190,16 @@ Figures RecordTake(int count) {
 }
 
 // The options that match what the movie writer asks of libx264 and the AAC encoder.
-std::string EncoderOptions(int64_t width, int64_t height) {
-    return "-c:v libx264 -preset veryfast -b:v " + std::to_string(MovieBitRate(0, width, height, Rate, 0)) +
-           " -g " + std::to_string(int(std::ceil(2 * Rate))) +
+std::string EncoderOptions(int64_t width, int64_t height, const std::string& preset) {
+    return "-c:v libx264 -preset " + preset + " -b:v " +
+           std::to_string(MovieBitRate(0, width, height, Rate, 0)) + " -g " +
+           std::to_string(int(std::ceil(2 * Rate))) +
            " -bf 0 -pix_fmt yuv420p -color_primaries bt709 -color_trc bt709 -colorspace bt709 -color_range tv"
            " -c:a aac -b:a 256k -ar 48000 -ac 2 -frag_duration 10000000 -movflags +delay_moov -y ";
 }
 
 // The same take made by ffmpeg in one process, timed by the processor time of its process.
-Figures FFmpegTake(int count) {
+Figures FFmpegTake(int count, const std::string& preset) {
     Figures figures;
     std::vector<Size> sizes(size_t(count), Size{double(Width), double(Height)});
     const Layout grid(2, sizes, 0, Size{0, 0});
@@ -184,17 +233,22 @@ Figures FFmpegTake(int count) {
     }
     command += " -filter_complex \"" + filter + "\"";
     command += " -map [grid] -map [t0] " +
-               EncoderOptions(int64_t(grid.size().width), int64_t(grid.size().height)) +
+               EncoderOptions(int64_t(grid.size().width), int64_t(grid.size().height), preset) +
                (folder / "grid.mov").string();
     for (int i = 0; i < count; ++i) {
         const std::string n = std::to_string(i);
         const std::string sound = i == 0 ? "[a0]" : std::to_string(count + i) + ":a";
-        command += " -map [s" + n + "] -map " + sound + " " + EncoderOptions(Width, Height) +
+        command += " -map [s" + n + "] -map " + sound + " " + EncoderOptions(Width, Height, preset) +
                    (folder / ("source-" + n + ".mov")).string();
     }
+    // GNU time reports ffmpeg's own peak: this process's children inherit its size when they fork.
+    const std::filesystem::path peak = folder / "peak";
+    command = "/usr/bin/time -f %M -o " + peak.string() + " " + command;
     const double start = ProcessorSeconds(RUSAGE_CHILDREN);
     figures.ok = std::system(command.c_str()) == 0;
     figures.processorSeconds = ProcessorSeconds(RUSAGE_CHILDREN) - start;
+    std::ifstream(peak) >> figures.peakMegabytes;
+    figures.peakMegabytes /= 1024;
     figures.framesWritten = uint64_t(std::lround(Seconds * Rate)) * uint64_t(count + 1);
     std::filesystem::remove_all(folder);
     return figures;
@@ -207,7 +261,7 @@ void RecordTestPatterns(benchmark::State& state) {
         const double start = MediaClock::now();
         recorder = RecordTake(count);
         state.SetIterationTime(MediaClock::now() - start);
-        ffmpeg = FFmpegTake(count);
+        ffmpeg = FFmpegTake(count, recorder.preset);
     }
     if (!recorder.ok || !ffmpeg.ok || recorder.framesWritten == 0) {
         state.SkipWithError("a take could not be recorded");
@@ -218,8 +272,12 @@ void RecordTestPatterns(benchmark::State& state) {
     state.counters["frames"] = double(recorder.framesWritten);
     // What a machine that keeps up writes: every source's pictures and as many assembled ones. Frames
     // that the sources could not draw in time never reach the recorders, so `dropped` alone hides them.
-    state.counters["frames_due"] = (count + 1) * Rate * Seconds;
+    state.counters["frames_due"] = double(recorder.framesDue);
     state.counters["dropped"] = double(recorder.framesDropped);
+    state.counters["worst_movie_written_percent"] = 100 * recorder.worstShareWritten;
+    state.counters["peak_MB"] = recorder.peakMegabytes;
+    state.counters["ffmpeg_peak_MB"] = ffmpeg.peakMegabytes;
+    state.counters["first_picture_ms"] = 1000 * recorder.firstPictureSeconds;
     state.counters["cpu_ms_per_frame"] = recorderPerFrame * 1000;
     state.counters["ffmpeg_cpu_ms_per_frame"] = ffmpegPerFrame * 1000;
     state.counters["ratio"] = ffmpegPerFrame / recorderPerFrame;
@@ -228,7 +286,8 @@ void RecordTestPatterns(benchmark::State& state) {
         state.counters["steady_cpu_ms_per_frame"] = steadyPerFrame * 1000;
         state.counters["steady_ratio"] = ffmpegPerFrame / steadyPerFrame;
     }
-    state.SetLabel(std::to_string(count) + " × 1080p30, both, " + std::to_string(int(Seconds)) + " s");
+    state.SetLabel(std::to_string(count) + " × 1080p30, both, " + std::to_string(int(Seconds)) + " s, " +
+                   recorder.preset);
 }
 BENCHMARK(RecordTestPatterns)
     ->Arg(1)
@@ -250,7 +309,9 @@ int main(int argc, char** argv) {
             argv[i--] = argv[--argc];
         }
     }
-    quorva::Device = quorva::SetUpBenchmark(argc, argv);
+    quorva::Engine = quorva::SetUpBenchmark(argc, argv);
+    quorva::Speed = quorva::EncoderSpeed::make(std::make_shared<quorva::SettingsStore>());
+    quorva::Speed->speeds(0);
     quorva::ScratchFolder folder;
     quorva::Folder = folder.path();
     benchmark::AddCustomContext("seconds_per_take", std::to_string(quorva::Seconds));

@@ -4,6 +4,7 @@
 #include "core/RecorderController.h"
 #include "platform/HeadlessEventLoop.h"
 #include "platform/SettingsStore.h"
+#include "platform/gpu/GpuDevice.h"
 #include "remote/RecorderNetwork.h"
 #include "sources/TestPatternDirectory.h"
 
@@ -46,11 +47,13 @@ struct Recorder {
         std::filesystem::create_directories(folder);
         onMain([&] {
             auto device = GpuDevice::make();
-            if (!device) {
-                failure = device.error().message();
+            auto engine = device ? PictureEngine::make(device.value())
+                                 : Result<std::shared_ptr<PictureEngine>>(device.error());
+            if (!engine) {
+                failure = engine.error().message();
                 return;
             }
-            controller = RecorderController::make(device.value(), std::make_shared<TestPatternDirectory>(),
+            controller = RecorderController::make(engine.value(), std::make_shared<TestPatternDirectory>(),
                                                   nullptr, std::make_shared<SettingsStore>("bench", folder));
             controller->addObserver([this] { errors = controller->errorCount(); });
             network = RecorderNetwork::make(controller, "bench");

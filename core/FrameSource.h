@@ -1,7 +1,7 @@
 #pragma once
 
 #include "core/SourceSound.h"
-#include "platform/gpu/Texture.h"
+#include "platform/Picture.h"
 
 #include <cstdint>
 #include <functional>
@@ -10,20 +10,22 @@
 
 namespace quorva {
 
-// A connected live source: it delivers pictures (GPU textures) and, for some kinds, sound, each on the
+// A connected live source: it delivers pictures and, for some kinds, sound, each on the
 // source's own thread. The recorder reaches PipeWire, NDI and the test patterns only through this.
 class FrameSource {
 public:
-    using FrameHandler = std::function<void(const std::shared_ptr<Texture>& texture)>;
+    using FrameHandler = std::function<void(const std::shared_ptr<Picture>& picture)>;
     using SoundHandler = std::function<void(const std::shared_ptr<SourceSound>& sound)>;
 
     virtual ~FrameSource() = default;
 
     // The title the source was connected under.
     virtual std::string title() const = 0;
-    // True when the textures are stored bottom-up and must be flipped when drawn or encoded.
+    // True when the pictures are stored bottom-up and must be flipped when drawn or encoded.
     virtual bool flipped() const = 0;
     virtual int64_t kind() const = 0;
+    // How many pictures a second the source announces; 0 when it does not say.
+    virtual double framesPerSecond() const = 0;
 
     // Called on the source's thread for every new picture. Stored as a copy.
     virtual FrameHandler frameHandler() const = 0;

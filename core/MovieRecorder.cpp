@@ -45,29 +45,17 @@ std::string Quoted(const std::string& text) {
 
 } // namespace
 
-std::shared_ptr<MovieRecorder> MovieRecorder::make(std::shared_ptr<GpuDevice> device) {
-    Result<std::shared_ptr<CommandQueue>> queue = CommandQueue::make(std::move(device));
-    if (!queue) {
-        Log("MovieRecorder: ", "MovieRecorder could not be created: " + queue.error().message());
-        return nullptr;
-    }
-    return make(std::move(queue.value()));
-}
-
-std::shared_ptr<MovieRecorder> MovieRecorder::make(std::shared_ptr<CommandQueue> commandQueue) {
-    Result<std::unique_ptr<FrameConverter>> converter = FrameConverter::make(commandQueue);
+std::shared_ptr<MovieRecorder> MovieRecorder::make(const std::shared_ptr<PictureEngine>& engine) {
+    Result<std::unique_ptr<FrameConverter>> converter = engine->makeFrameConverter();
     if (!converter) {
         Log("MovieRecorder: ", "MovieRecorder could not be created: " + converter.error().message());
         return nullptr;
     }
-    return std::shared_ptr<MovieRecorder>(
-        new MovieRecorder(std::move(commandQueue), std::move(converter.value())));
+    return std::shared_ptr<MovieRecorder>(new MovieRecorder(std::move(converter.value())));
 }
 
-MovieRecorder::MovieRecorder(std::shared_ptr<CommandQueue> commandQueue,
-                             std::unique_ptr<FrameConverter> converter)
-    : _device(commandQueue->device()), _commandQueue(std::move(commandQueue)),
-      _converter(std::move(converter)), _queue(std::make_shared<SerialQueue>(".movie-recorder")) {}
+MovieRecorder::MovieRecorder(std::unique_ptr<FrameConverter> converter)
+    : _converter(std::move(converter)), _queue(std::make_shared<SerialQueue>(".movie-recorder")) {}
 
 MovieRecorder::~MovieRecorder() {
     // Every task holds the recorder, so none is left but delayed ones that were dropped; the writer of
@@ -94,27 +82,27 @@ Result<> MovieRecorder::startWritingToURL(const std::filesystem::path& url,
         return RecorderError("The folder " + Quoted(folder.string()) + " cannot be written to");
     if (std::filesystem::exists(std::filesystem::symlink_status(url, error)))
         return RecorderError(Quoted(url.filename().string()) + " already exists");
-    {
-        std::lock_guard guard(_lock);
-        _outputSize = {};
-    }
-
-    Result<> created;
-    _queue->sync([&] {
-        _url = url;
-        _settings = settings;
-        _writer.reset();
-        _writerFailure.reset();
-        forgetPool();
-        _lastTime = -1;
-        forgetSound();
-        if (settings.width() >= 1 && settings.height() >= 1)
-            created = createWriterForFrameOfWidth(uint64_t(settings.width()), uint64_t(settings.height()));
+    // Opening an encoder takes a good part of a second: the recorder's queue does it, beside the other
+    // recorders of the take, while pictures are already accepted and wait behind it. A refusal reaches
+    // the failure handler.
+    _queue->post([self = shared_from_this(), url, settings] {
+        self->_url = url;
+        self->_settings = settings;
+        self->_writer.reset();
+        self->_writerFailure.reset();
+        self->forgetPool();
+        self->_lastTime = -1;
+        self->forgetSound();
+        if (settings.width() < 1 || settings.height() < 1)
+            return;
+        if (Result<> created =
+                self->createWriterForFrameOfWidth(uint64_t(settings.width()), uint64_t(settings.height()));
+            !created)
+            self->failWithError(created.error());
     });
-    if (!created)
-        return created;
 
     std::lock_guard guard(_lock);
+    _outputSize = {};
     _pacer = FramePacer(settings.framesPerSecond(), startTime);
     _hasFirstFrame = !std::isnan(startTime);
     _firstFrameTime = startTime;
@@ -146,11 +134,12 @@ Result<> MovieRecorder::createWriterForFrameOfWidth(uint64_t width, uint64_t hei
     format.framesPerSecond = _settings.framesPerSecond();
     format.megabitsPerSecond = _settings.megabitsPerSecond();
     format.recordsSound = _settings.recordsSound();
+    format.preset = _settings.encoderPreset();
     Result<std::unique_ptr<MovieWriter>> made = MovieWriter::make(_url, format);
     if (!made)
         return made.error();
     std::unique_ptr<MovieWriter> writer = std::move(made.value());
-    FrameFormat frameFormat = FrameFormatOf(*writer);
+    FrameFormat frameFormat = writer->frameFormat();
     Result<> prepared = _converter->prepare(frameFormat);
     if (!prepared) {
         Log("MovieRecorder: ", prepared.error().message());
@@ -178,7 +167,7 @@ bool MovieRecorder::wantsFrameAtTime(double time) {
     return true;
 }
 
-void MovieRecorder::appendTexture(const std::shared_ptr<Texture>& texture, bool flipped, double time) {
+void MovieRecorder::appendPicture(const std::shared_ptr<Picture>& picture, bool flipped, double time) {
     int64_t movieTime = 0;
     {
         std::lock_guard guard(_lock);
@@ -200,12 +189,12 @@ void MovieRecorder::appendTexture(const std::shared_ptr<Texture>& texture, bool 
         _framesInFlight.enter();
         movieTime = MovieTime(decision.time);
     }
-    _queue->post([self = shared_from_this(), texture, flipped, movieTime] {
-        self->drawTexture(texture, flipped, movieTime);
+    _queue->post([self = shared_from_this(), picture, flipped, movieTime] {
+        self->convertPicture(picture, flipped, movieTime);
     });
 }
 
-void MovieRecorder::drawTexture(const std::shared_ptr<Texture>& texture, bool flipped, int64_t time) {
+void MovieRecorder::convertPicture(const std::shared_ptr<Picture>& picture, bool flipped, int64_t time) {
     if (!_writer) {
         bool recording;
         {
@@ -217,7 +206,7 @@ void MovieRecorder::drawTexture(const std::shared_ptr<Texture>& texture, bool fl
             return;
         }
         Result<> created =
-            createWriterForFrameOfWidth(texture ? texture->width() : 0, texture ? texture->height() : 0);
+            createWriterForFrameOfWidth(picture ? picture->width() : 0, picture ? picture->height() : 0);
         if (!created) {
             frameDoneWritten(false);
             failWithError(created.error());
@@ -231,7 +220,7 @@ void MovieRecorder::drawTexture(const std::shared_ptr<Texture>& texture, bool fl
     }
     const bool transparentBars = _settings.codec() == ProRes4444;
     Result<> converting =
-        _converter->convert(texture, flipped, transparentBars, _frameFormat,
+        _converter->convert(picture, flipped, transparentBars, _frameFormat,
                             [self = shared_from_this(), time](std::shared_ptr<FrameMemory> memory) {
                                 self->_queue->post([self, memory = std::move(memory), time]() mutable {
                                     self->appendPixelBuffer(std::move(memory), time);

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "core/FrameConverter.h"
 #include "core/FramePacer.h"
 #include "core/Geometry.h"
 #include "core/MovieRecorderSettings.h"
@@ -9,11 +8,9 @@
 #include "core/SourceSound.h"
 #include "core/WaitingSound.h"
 #include "platform/Error.h"
+#include "platform/PictureEngine.h"
 #include "platform/SerialQueue.h"
 #include "platform/TaskGroup.h"
-#include "platform/gpu/CommandQueue.h"
-#include "platform/gpu/GpuDevice.h"
-#include "platform/gpu/Texture.h"
 
 #include <cstdint>
 #include <deque>
@@ -30,9 +27,10 @@ struct SwrContext;
 
 namespace quorva {
 
-// Writes one QuickTime movie from GPU textures that arrive in real time, and its sound track from sound
+// Writes one QuickTime movie from pictures that arrive in real time, and its sound track from sound
 // blocks. Each frame is paced onto the movie's frame-rate grid, fitted (letterboxed, flipped if need be)
-// and converted to the encoder's pixel format on the GPU, straight into memory that the encoder reads, and
+// and converted to the encoder's pixel format by the picture engine, straight into memory that the
+// encoder reads, and
 // encoded on the recorder's own serial queue with a time stamp in 1/60000 s. At most three frames are in
 // flight: a fourth is dropped at once and counted, so a slow encoder costs frames, never memory or
 // latency. A take owns one recorder per movie and reuses it from take to take.
@@ -46,11 +44,9 @@ public:
 
     static constexpr uint64_t MaximumFramesInFlight = 3;
 
-    // Nothing (and the reason logged, "MovieRecorder could not be created: …") when the conversion pass
-    // cannot be built on this device.
-    static std::shared_ptr<MovieRecorder> make(std::shared_ptr<GpuDevice> device);
-    // The same, on a command queue that others share.
-    static std::shared_ptr<MovieRecorder> make(std::shared_ptr<CommandQueue> commandQueue);
+    // Nothing (and the reason logged, "MovieRecorder could not be created: …") when the engine cannot
+    // convert pictures.
+    static std::shared_ptr<MovieRecorder> make(const std::shared_ptr<PictureEngine>& engine);
 
     ~MovieRecorder();
     MovieRecorder(const MovieRecorder&) = delete;
@@ -58,17 +54,19 @@ public:
 
     // Starts a movie at `url`, which must not exist yet, in an existing folder that can be written to.
     // `startTime` (host seconds) is the movie's time 0 and the origin of its frame-rate grid; NaN makes it
-    // the first kept frame's time. With a size in the settings the movie file is created now (and its
-    // codec's refusal of that size is the answer); without one, at the first frame, at that frame's size.
+    // the first kept frame's time. Answers at once: with a size in the settings the movie file is created
+    // on the recorder's queue right away (a codec's refusal of that size reaches the failure handler, and
+    // outputSize() stays 0 × 0); without one, at the first frame, at that frame's size. Frames are
+    // accepted from now on.
     Result<> startWritingToURL(const std::filesystem::path& url, const MovieRecorderSettings& settings,
                                double startTime = std::numeric_limits<double>::quiet_NaN());
 
     // Whether a frame at host time `time` would be kept: ask before spending work on one. A frame that
     // would be a fourth in flight answers false and is counted as dropped here.
     bool wantsFrameAtTime(double time);
-    // Hands a frame in and returns at once; the texture is held until the GPU has read it. `flipped`: the
-    // texture is stored bottom-up.
-    void appendTexture(const std::shared_ptr<Texture>& texture, bool flipped, double time);
+    // Hands a frame in and returns at once; the picture is held until it is converted. `flipped`: the
+    // picture is stored bottom-up.
+    void appendPicture(const std::shared_ptr<Picture>& picture, bool flipped, double time);
     // Hands a sound block in, stamped with the host time it arrived at (a block ends at its arrival), and
     // returns at once. Ignored unless the movie records sound.
     void appendSound(const std::shared_ptr<SourceSound>& sound, double time);
@@ -105,11 +103,11 @@ private:
     };
     using PlacedSound = std::variant<std::shared_ptr<SourceSound>, Silence>;
 
-    MovieRecorder(std::shared_ptr<CommandQueue> commandQueue, std::unique_ptr<FrameConverter> converter);
+    explicit MovieRecorder(std::unique_ptr<FrameConverter> converter);
 
     // On _queue.
     Result<> createWriterForFrameOfWidth(uint64_t width, uint64_t height);
-    void drawTexture(const std::shared_ptr<Texture>& texture, bool flipped, int64_t time);
+    void convertPicture(const std::shared_ptr<Picture>& picture, bool flipped, int64_t time);
     void appendPixelBuffer(std::shared_ptr<FrameMemory> memory, int64_t time);
     void frameDoneWritten(bool written);
     void forgetPool();
@@ -128,8 +126,6 @@ private:
     void writeLastSound();
     void forgetSound();
 
-    std::shared_ptr<GpuDevice> _device;
-    std::shared_ptr<CommandQueue> _commandQueue;
     std::unique_ptr<FrameConverter> _converter;
     std::shared_ptr<SerialQueue> _queue;
     TaskGroup _framesInFlight;

@@ -36,6 +36,10 @@ public:
     void setMegabitsPerSecond(double megabitsPerSecond) { _megabitsPerSecond = megabitsPerSecond; }
     bool recordsSound() const { return _recordsSound; }
     void setRecordsSound(bool recordsSound) { _recordsSound = recordsSound; }
+    // The speed preset of an H.264 or HEVC encoder on the processor ("ultrafast" to "medium"); empty
+    // leaves the writer's own choice.
+    const std::string& encoderPreset() const { return _encoderPreset; }
+    void setEncoderPreset(std::string preset) { _encoderPreset = std::move(preset); }
 
 private:
     bool _recordsSound = false;
@@ -44,6 +48,7 @@ private:
     int64_t _height = 0;
     double _framesPerSecond = 0;
     double _megabitsPerSecond = 0;
+    std::string _encoderPreset;
 };
 
 } // namespace quorva

@@ -61,6 +61,9 @@ public:
         double framesPerSecond = 0;   // the expected rate; 0 means unknown and counts as 60
         double megabitsPerSecond = 0; // H.264 and HEVC only; 0 chooses from size and rate
         bool recordsSound = false;
+        // The speed preset of libx264 and libx265 ("ultrafast" … "medium"), which the take chooses for
+        // what this machine keeps up with; empty: veryfast for H.264, ultrafast for HEVC.
+        std::string preset{};
     };
 
     // Where one plane of a picture lies in a buffer of frameBytes(): the layout that makeFrame() uses and
@@ -71,7 +74,8 @@ public:
     // movie's header. Errors, in the domain above: "The movie file could not be created", "A %@ movie of
     // %ld × %ld cannot be written" (no encoder takes that size), "The movie file could not be set up",
     // "The movie's sound track could not be set up", "The movie file could not be written" (the muxer
-    // refused the header). A failed creation leaves no file behind. The chosen encoder is logged.
+    // refused the header). A failed creation leaves no file behind. The chosen encoder, and the preset
+    // of a processor's encoder, is logged.
     static Result<std::unique_ptr<MovieWriter>> make(const std::filesystem::path& path, const Format& format);
 
     // Without finish() or cancel() first, the file is closed as it stands: its complete fragments stay
@@ -91,6 +95,9 @@ public:
     int64_t height() const { return _format.height; }
     const std::vector<Plane>& planes() const { return _planes; }
     size_t frameBytes() const { return _frameBytes; }
+    // What a conversion must leave for this movie: the pixel format's layout over planes() and
+    // frameBytes().
+    FrameFormat frameFormat() const;
 
     // A picture to fill, from a small pool of buffers that come back once the encoder is done with them.
     // Nothing when memory runs out.

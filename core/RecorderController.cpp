@@ -11,7 +11,6 @@
 #include "platform/MediaClock.h"
 #include "platform/Semaphore.h"
 #include "platform/UserFolders.h"
-#include "platform/gpu/CommandQueue.h"
 
 #include <algorithm>
 #include <clocale>
@@ -156,12 +155,14 @@ std::vector<std::optional<Size>> SizesOfPlaces(const std::vector<std::shared_ptr
     return sizes;
 }
 
-std::shared_ptr<RecorderController> RecorderController::make(std::shared_ptr<GpuDevice> device,
+std::shared_ptr<RecorderController> RecorderController::make(std::shared_ptr<PictureEngine> engine,
                                                              std::shared_ptr<SourceDirectory> directory,
                                                              std::shared_ptr<SoundSource> computerSound,
-                                                             std::shared_ptr<SettingsStore> defaults) {
-    auto controller = std::make_shared<RecorderController>(Private{}, std::move(device), std::move(directory),
-                                                           std::move(computerSound), std::move(defaults));
+                                                             std::shared_ptr<SettingsStore> defaults,
+                                                             std::shared_ptr<EncoderSpeed> encoderSpeed) {
+    auto controller = std::make_shared<RecorderController>(Private{}, std::move(engine), std::move(directory),
+                                                           std::move(computerSound), std::move(defaults),
+                                                           std::move(encoderSpeed));
     // What follows hands out weak references to the controller, which exist only from here on.
     std::weak_ptr<RecorderController> weak = controller;
     controller->_take->setMovieFailureHandler([weak](size_t index, const Error& error) {
@@ -193,23 +194,21 @@ std::shared_ptr<RecorderController> RecorderController::make(std::shared_ptr<Gpu
     return controller;
 }
 
-RecorderController::RecorderController(Private, std::shared_ptr<GpuDevice> device,
+RecorderController::RecorderController(Private, std::shared_ptr<PictureEngine> engine,
                                        std::shared_ptr<SourceDirectory> directory,
                                        std::shared_ptr<SoundSource> computerSound,
-                                       std::shared_ptr<SettingsStore> defaults)
-    : _device(std::move(device)), _directory(std::move(directory)), _computerSound(std::move(computerSound)),
-      _defaults(std::move(defaults)) {
+                                       std::shared_ptr<SettingsStore> defaults,
+                                       std::shared_ptr<EncoderSpeed> encoderSpeed)
+    : _engine(std::move(engine)), _directory(std::move(directory)), _computerSound(std::move(computerSound)),
+      _defaults(std::move(defaults)), _encoderSpeed(std::move(encoderSpeed)) {
+    if (!_encoderSpeed && _defaults)
+        _encoderSpeed = EncoderSpeed::make(_defaults);
     loadSettings();
-    if (_device) {
-        // One queue for both compositors: the monitor's pictures then never overtake the take's.
-        if (Result<std::shared_ptr<CommandQueue>> queue = CommandQueue::make(_device)) {
-            _takeCompositor = Compositor::make(queue.value());
-            _monitorCompositor = Compositor::make(queue.value());
-        } else {
-            Log("RecorderController: ", "nothing can be composed: " + queue.error().message());
-        }
+    if (_engine) {
+        _takeCompositor = Compositor::make(_engine);
+        _monitorCompositor = Compositor::make(_engine);
     }
-    _take = Take::make(_device);
+    _take = Take::make(_engine);
     if (_computerSound) {
         // Holds the take, not the controller: the sound's thread never reaches the controller.
         _computerSound->setSoundHandler([take = _take](const std::shared_ptr<SourceSound>& sound) {
@@ -596,7 +595,7 @@ void RecorderController::connectPlaces() {
 
 void RecorderController::connectPlace(const std::shared_ptr<RecorderPlace>& place) {
     place->setCheckTime(MediaClock::now());
-    auto source = _directory->connectToSourceWithTitle(place->title(), _device);
+    auto source = _directory->connectToSourceWithTitle(place->title(), _engine);
     if (!source)
         return;
     place->setKind(source->kind());
@@ -609,15 +608,15 @@ void RecorderController::connectPlace(const std::shared_ptr<RecorderPlace>& plac
     std::weak_ptr<RecorderPlace> weakPlace = place;
     std::weak_ptr<RecorderController> weakController = weak_from_this();
     source->setFrameHandler(
-        [weakPlace, weakController, take = _take, flipped](const std::shared_ptr<Texture>& texture) {
+        [weakPlace, weakController, take = _take, flipped](const std::shared_ptr<Picture>& picture) {
             double time = MediaClock::now();
             auto place = weakPlace.lock();
             if (!place)
                 return;
             // While a take runs, the index names this place's movie in it; between takes it is NoIndex.
-            size_t takeIndex = place->receivedFrame(texture, flipped, time);
+            size_t takeIndex = place->receivedFrame(picture, flipped, time);
             if (takeIndex != NoIndex)
-                take->appendTexture(texture, flipped, takeIndex, time);
+                take->appendPicture(picture, flipped, takeIndex, time);
             if (auto controller = weakController.lock())
                 controller->placeReceivedFrame(place, time);
         });
@@ -664,6 +663,22 @@ bool RecorderController::start() {
     const bool computerSound = _sound == RecorderComputerSound;
     const auto [soundSources, assembledSoundIndex] = soundRouting(output, computerSound);
 
+    // What each movie is due: its source's announced rate, capped by the frame rate setting; the
+    // assembled picture is composed as the clock source delivers.
+    const auto rateOf = [this](const std::shared_ptr<RecorderPlace>& place) {
+        const auto source = place ? place->source() : nullptr;
+        const double rate = source ? source->framesPerSecond() : 0;
+        return _fps > 0 ? std::min(rate, _fps) : rate;
+    };
+    std::vector<double> rates;
+    for (const auto& place : _places)
+        rates.push_back(rateOf(place));
+    const double clockRate = rateOf(clockPlace());
+    const PresetChoice preset =
+        choosePreset(codec, output != TakeOutputAssembled ? sizes : Take::SourceSizes(), rates,
+                     layout ? layout->size() : Size{}, clockRate);
+    settings.setEncoderPreset(preset.preset);
+
     std::vector<std::string> titles;
     for (const auto& place : _places)
         titles.push_back(place->title());
@@ -695,6 +710,19 @@ bool RecorderController::start() {
         _takeTransparent = codec == TransparentCodec;
     }
     _startTime = time;
+    _dueRates.clear();
+    for (size_t i = 0; i < rates.size() && i < movies.size(); ++i)
+        _dueRates.emplace_back(movies[i], rates[i]);
+    if (auto assembled = _take->assembledMovie())
+        _dueRates.emplace_back(assembled, clockRate);
+    _encoderPreset = preset.preset;
+    if (!preset.keepsUp) {
+        const std::string warning = "The encoders cannot keep up with these movies on this computer, even at "
+                                    "their fastest: frames will be dropped. Record fewer or smaller sources, "
+                                    "a lower frame rate, or ProRes";
+        Log("RecorderController: ", warning);
+        setError(warning);
+    }
     _activity = SystemActivity::begin("Recording");
     _state = RecorderState::Recording;
     displayLimitChanged();
@@ -892,6 +920,31 @@ uint64_t RecorderController::dropped() const {
     return dropped;
 }
 
+PresetChoice RecorderController::choosePreset(int64_t codec, const Take::SourceSizes& sizes,
+                                              const std::vector<double>& rates, Size assembledSize,
+                                              double clockRate) const {
+    if (!_encoderSpeed)
+        return {};
+    // A source that does not say its rate may send as many as a display shows; one whose size is not
+    // known yet is taken to be 1080p, the common case.
+    const auto pixelsOf = [](std::optional<Size> size, double rate) {
+        const Size known = size.value_or(Size{1920, 1080});
+        return known.width * known.height * (rate > 0 ? rate : 60);
+    };
+    double pixels = assembledSize.width > 0 ? pixelsOf(assembledSize, clockRate) : 0;
+    for (size_t i = 0; i < sizes.size() && i < rates.size(); ++i)
+        pixels += pixelsOf(sizes[i], rates[i]);
+    return _encoderSpeed->presetFor(codec, pixels);
+}
+
+uint64_t RecorderController::framesDue(const TakeMovie& movie) const {
+    for (const auto& [due, rate] : _dueRates) {
+        if (due.get() == &movie)
+            return uint64_t(std::llround(rate * elapsed()));
+    }
+    return 0;
+}
+
 std::string RecorderController::file() const {
     if (auto assembled = _take->assembledMovie())
         return assembled->url().string();
@@ -949,12 +1002,12 @@ Layout RecorderController::assembledLayout() const {
                   Size{double(_width), double(_height)});
 }
 
-std::shared_ptr<Texture> RecorderController::assembledFrame() const {
+std::shared_ptr<Picture> RecorderController::assembledFrame() const {
     std::lock_guard lock(_shown->lock);
     return _shown->picture;
 }
 
-void RecorderController::showPicture(std::shared_ptr<Texture> picture) {
+void RecorderController::showPicture(std::shared_ptr<Picture> picture) {
     std::lock_guard lock(_shown->lock);
     _shown->picture = std::move(picture);
 }
@@ -989,8 +1042,8 @@ void RecorderController::placeReceivedFrame(const std::shared_ptr<RecorderPlace>
     if (takeLayout && _take->wantsAssembledFrameAtTime(time)) {
         // The monitor shows the picture being recorded, so it needs no composition of its own.
         composePlaces(places, *takeLayout, transparent, _takeCompositor, time,
-                      [take = _take, time](const std::shared_ptr<Texture>& picture) {
-                          take->appendAssembledTexture(picture, time);
+                      [take = _take, time](const std::shared_ptr<Picture>& picture) {
+                          take->appendAssembledPicture(picture, time);
                       });
     } else if (time - lastComposeTime >= interval) {
         composeMonitorAtTime(time, false);
@@ -1041,7 +1094,7 @@ void RecorderController::composeMonitorAtTime(double time, bool wait) {
     }
     auto drawn = wait ? std::make_shared<Semaphore>() : nullptr;
     bool composing = composePlaces(places, *monitorLayout, transparent, _monitorCompositor, time,
-                                   [drawn](const std::shared_ptr<Texture>&) {
+                                   [drawn](const std::shared_ptr<Picture>&) {
                                        if (drawn)
                                            drawn->signal();
                                    });
@@ -1052,11 +1105,11 @@ void RecorderController::composeMonitorAtTime(double time, bool wait) {
 
 bool RecorderController::composePlaces(const Places& places, const Layout& layout, bool transparent,
                                        const std::shared_ptr<Compositor>& compositor, double time,
-                                       std::function<void(const std::shared_ptr<Texture>&)> then) {
-    std::vector<std::shared_ptr<Texture>> textures;
+                                       std::function<void(const std::shared_ptr<Picture>&)> then) {
+    std::vector<std::shared_ptr<Picture>> pictures;
     std::vector<bool> flipped;
     for (const auto& place : places) {
-        textures.push_back(place->source() ? place->latestFrame() : nullptr);
+        pictures.push_back(place->source() ? place->latestFrame() : nullptr);
         flipped.push_back(place->flipped());
     }
     {
@@ -1065,8 +1118,8 @@ bool RecorderController::composePlaces(const Places& places, const Layout& layou
     }
     if (!places.empty() && compositor) {
         auto composed = compositor->compose(
-            layout, textures, flipped, transparent,
-            [shown = _shown, then = std::move(then)](const std::shared_ptr<Texture>& picture) {
+            layout, pictures, flipped, transparent,
+            [shown = _shown, then = std::move(then)](const std::shared_ptr<Picture>& picture) {
                 {
                     std::lock_guard lock(shown->lock);
                     shown->picture = picture;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/EncoderSpeed.h"
 #include "core/Geometry.h"
 #include "core/Layout.h"
 #include "core/NoIndex.h"
@@ -7,11 +8,12 @@
 #include "core/SoundSource.h"
 #include "core/SourceDescription.h"
 #include "core/SourceDirectory.h"
+#include "core/Take.h"
 #include "platform/Error.h"
 #include "platform/EventLoop.h"
+#include "platform/PictureEngine.h"
 #include "platform/SettingsStore.h"
 #include "platform/SystemActivity.h"
-#include "platform/gpu/GpuDevice.h"
 
 #include <cstdint>
 #include <functional>
@@ -28,9 +30,7 @@
 namespace quorva {
 
 class Compositor;
-class Take;
 class TakeMovie;
-class Texture;
 
 // The most places, and so sources, that one recording holds.
 inline constexpr size_t RecorderMaximumPlaces = 8;
@@ -69,18 +69,21 @@ public:
 
     // Registers the settings' defaults, loads the settings, makes the places from the saved titles and
     // connects those whose source is offered. `computerSound` may be empty where there is none.
-    static std::shared_ptr<RecorderController> make(std::shared_ptr<GpuDevice> device,
+    // `encoderSpeed` tells how fast this machine encodes; without one, it is measured into `defaults`.
+    static std::shared_ptr<RecorderController> make(std::shared_ptr<PictureEngine> engine,
                                                     std::shared_ptr<SourceDirectory> directory,
                                                     std::shared_ptr<SoundSource> computerSound,
-                                                    std::shared_ptr<SettingsStore> defaults);
-    RecorderController(Private, std::shared_ptr<GpuDevice> device, std::shared_ptr<SourceDirectory> directory,
-                       std::shared_ptr<SoundSource> computerSound, std::shared_ptr<SettingsStore> defaults);
+                                                    std::shared_ptr<SettingsStore> defaults,
+                                                    std::shared_ptr<EncoderSpeed> encoderSpeed = nullptr);
+    RecorderController(Private, std::shared_ptr<PictureEngine> engine,
+                       std::shared_ptr<SourceDirectory> directory, std::shared_ptr<SoundSource> computerSound,
+                       std::shared_ptr<SettingsStore> defaults, std::shared_ptr<EncoderSpeed> encoderSpeed);
     // Stops the computer's sound and every place's source.
     ~RecorderController();
     RecorderController(const RecorderController&) = delete;
     RecorderController& operator=(const RecorderController&) = delete;
 
-    const std::shared_ptr<GpuDevice>& device() const { return _device; }
+    const std::shared_ptr<PictureEngine>& engine() const { return _engine; }
 
     // Settings. Each setter stores, persists and tells the observers, except where it ignores a value.
     const std::string& codec() const { return _codec; }
@@ -184,6 +187,13 @@ public:
     double elapsed() const;
     uint64_t frames() const;  // of the assembled movie, else of the first place's movie
     uint64_t dropped() const; // by every movie of the take
+    // Pictures that `movie` should hold by now, or by the end of the last take: its source's announced
+    // rate, capped by the frame rate setting, over the take's time so far; the assembled movie at its
+    // clock source's rate. A source that fell behind shows here, not as dropped. 0 when the rate is not
+    // known.
+    uint64_t framesDue(const TakeMovie& movie) const;
+    // The speed preset that the take's H.264 or HEVC encoders use on the processor; empty for ProRes.
+    const std::string& encoderPreset() const { return _encoderPreset; }
     std::string file() const; // the assembled movie's, else the first place's
     std::string assembledFile() const;
     uint64_t assembledFrames() const;
@@ -199,8 +209,8 @@ public:
     Layout assembledLayout() const;
     // The last picture composed, of the take or the monitor, for the preview to draw; nothing when
     // there is no place or the GPU refused. Any thread.
-    std::shared_ptr<Texture> assembledFrame() const;
-    void showPicture(std::shared_ptr<Texture> picture);
+    std::shared_ptr<Picture> assembledFrame() const;
+    void showPicture(std::shared_ptr<Picture> picture);
     // The place whose pictures set the pace of composition, if any.
     std::shared_ptr<RecorderPlace> clockPlace() const;
 
@@ -216,6 +226,10 @@ private:
     void refreshAtTime(double now);
     // Which places record their own sound, and which one gives the assembled movie its sound (NoIndex).
     std::pair<std::set<size_t>, size_t> soundRouting(int64_t output, bool computerSound) const;
+    // The slowest encoder preset that keeps up with every picture the take encodes: the movies of the
+    // sources of `sizes` at `rates`, and the assembled one (when its size is not 0) at `clockRate`.
+    PresetChoice choosePreset(int64_t codec, const Take::SourceSizes& sizes, const std::vector<double>& rates,
+                              Size assembledSize, double clockRate) const;
     // Called for every picture of every place, on the source's thread.
     void placeReceivedFrame(const std::shared_ptr<RecorderPlace>& place, double time);
     // The places, layout, gap, size or codec changed: what is composed must follow.
@@ -229,9 +243,9 @@ private:
     // completion thread. False when nothing was composed (no place, or the GPU refused).
     bool composePlaces(const Places& places, const Layout& layout, bool transparent,
                        const std::shared_ptr<Compositor>& compositor, double time,
-                       std::function<void(const std::shared_ptr<Texture>&)> then);
+                       std::function<void(const std::shared_ptr<Picture>&)> then);
 
-    const std::shared_ptr<GpuDevice> _device;
+    const std::shared_ptr<PictureEngine> _engine;
     const std::shared_ptr<SourceDirectory> _directory;
     const std::shared_ptr<SoundSource> _computerSound;
     const std::shared_ptr<SettingsStore> _defaults;
@@ -266,6 +280,10 @@ private:
     TimerId _refreshTimer = 0;
     std::unique_ptr<SystemActivity> _activity;
     double _startTime = 0;
+    // The rate at which each movie of the take is due pictures, fixed at its start.
+    std::vector<std::pair<std::shared_ptr<const TakeMovie>, double>> _dueRates;
+    std::shared_ptr<EncoderSpeed> _encoderSpeed;
+    std::string _encoderPreset;
     double _lastElapsed = 0;
     std::vector<std::function<void()>> _stopHandlers;
 
@@ -288,7 +306,7 @@ private:
     // join that very thread).
     struct Shown {
         mutable std::mutex lock;
-        std::shared_ptr<Texture> picture;
+        std::shared_ptr<Picture> picture;
     };
     const std::shared_ptr<Shown> _shown = std::make_shared<Shown>();
 };

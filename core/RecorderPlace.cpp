@@ -40,13 +40,13 @@ void RecorderPlace::setMovie(std::shared_ptr<MovieStatus> movie) {
     std::swap(_movie, movie);
 }
 
-size_t RecorderPlace::receivedFrame(std::shared_ptr<Texture> texture, bool flipped, double time) {
-    int64_t width = texture ? int64_t(texture->width()) : 0;
-    int64_t height = texture ? int64_t(texture->height()) : 0;
+size_t RecorderPlace::receivedFrame(std::shared_ptr<Picture> picture, bool flipped, double time) {
+    int64_t width = picture ? int64_t(picture->width()) : 0;
+    int64_t height = picture ? int64_t(picture->height()) : 0;
     std::lock_guard guard(_lock);
-    // The picture it replaces may be the last hold on a texture: swapping leaves its release to the
+    // The picture it replaces may be the last hold on a picture: swapping leaves its release to the
     // caller's frame, outside the lock.
-    std::swap(_latestFrame, texture);
+    std::swap(_latestFrame, picture);
     _flipped = flipped;
     _width = width;
     _height = height;
@@ -65,7 +65,7 @@ void RecorderPlace::letGoOfSource() {
     if (auto source = this->source())
         source->stop();
     std::shared_ptr<FrameSource> source;
-    std::shared_ptr<Texture> frame;
+    std::shared_ptr<Picture> frame;
     {
         std::lock_guard guard(_lock);
         std::swap(source, _source);
@@ -124,7 +124,7 @@ int64_t RecorderPlace::height() const {
     return _height;
 }
 
-std::shared_ptr<Texture> RecorderPlace::latestFrame() const {
+std::shared_ptr<Picture> RecorderPlace::latestFrame() const {
     std::lock_guard guard(_lock);
     return _latestFrame;
 }

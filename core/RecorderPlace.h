@@ -3,7 +3,7 @@
 #include "core/FrameSource.h"
 #include "core/MovieStatus.h"
 #include "core/NoIndex.h"
-#include "platform/gpu/Texture.h"
+#include "platform/Picture.h"
 
 #include <cstdint>
 #include <memory>
@@ -39,7 +39,7 @@ public:
 
     // On the source's thread, for every picture: keeps it as the latest frame and answers the index of
     // this place's movie in the take, or NoIndex.
-    size_t receivedFrame(std::shared_ptr<Texture> texture, bool flipped, double time);
+    size_t receivedFrame(std::shared_ptr<Picture> picture, bool flipped, double time);
     // On the source's thread, for every block of sound: answers this place's sound index, or NoIndex.
     size_t receivedSoundAtTime(double time);
 
@@ -59,7 +59,7 @@ public:
     bool hasSoundAtTime(double now) const;
     int64_t width() const;
     int64_t height() const;
-    std::shared_ptr<Texture> latestFrame() const;
+    std::shared_ptr<Picture> latestFrame() const;
     bool flipped() const;
 
     // The movie's path while in a take; after it, only if the movie got a picture; else "".
@@ -85,7 +85,7 @@ public:
 
 private:
     mutable std::mutex _lock; // guards the fields up to _movie
-    std::shared_ptr<Texture> _latestFrame;
+    std::shared_ptr<Picture> _latestFrame;
     bool _flipped = false;
     int64_t _width = 0;
     int64_t _height = 0;

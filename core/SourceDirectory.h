@@ -2,7 +2,7 @@
 
 #include "core/FrameSource.h"
 #include "core/SourceDescription.h"
-#include "platform/gpu/GpuDevice.h"
+#include "platform/PictureEngine.h"
 
 #include <functional>
 #include <memory>
@@ -19,10 +19,10 @@ public:
     virtual ~SourceDirectory() = default;
 
     virtual std::vector<SourceDescription> availableSources() = 0;
-    // The source with exactly this title, its textures made on `device`; nothing when there is no such
+    // The source with exactly this title, its pictures handed over to `engine`; nothing when there is no such
     // source or the connection fails.
     virtual std::shared_ptr<FrameSource>
-    connectToSourceWithTitle(const std::string& title, const std::shared_ptr<GpuDevice>& device) = 0;
+    connectToSourceWithTitle(const std::string& title, const std::shared_ptr<PictureEngine>& engine) = 0;
 
     // Called, on whichever thread the directory learns it, whenever the list may have changed. Stored
     // as a copy.

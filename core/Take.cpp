@@ -7,7 +7,6 @@
 #include <atomic>
 #include <cmath>
 #include <system_error>
-#include <unistd.h>
 
 namespace quorva {
 
@@ -61,11 +60,11 @@ double TakeMovie::soundLeftOut() const {
 
 // --- Take --------------------------------------------------------------------------------------------
 
-std::shared_ptr<Take> Take::make(std::shared_ptr<GpuDevice> device) {
-    return std::make_shared<Take>(Private{}, std::move(device));
+std::shared_ptr<Take> Take::make(std::shared_ptr<PictureEngine> engine) {
+    return std::make_shared<Take>(Private{}, std::move(engine));
 }
 
-Take::Take(Private, std::shared_ptr<GpuDevice> device) : _device(std::move(device)) {}
+Take::Take(Private, std::shared_ptr<PictureEngine> engine) : _engine(std::move(engine)) {}
 
 Result<> Take::startWithSourceTitles(const std::vector<std::string>& titles, const SourceSizes& sizes,
                                      const std::string_view name, const fs::path& folder,
@@ -142,14 +141,8 @@ Result<> Take::startWithSourceTitles(const std::vector<std::string>& titles, con
                                                      *urls.assembled, _assembledRecorder);
         if (computerSound)
             computerSoundMovies.push_back(assembledMovie);
-        if (Result<> begun = startMovie(assembledMovie, NoIndex, movieSettings, time); !begun) {
-            // The folder's own refusal says all there is to say; otherwise the likely cause is a size the
-            // codec will not take, which the user can do something about.
-            if (access(folder.c_str(), W_OK) != 0)
-                return begun;
-            return TakeError(begun.error().message() +
-                             ". Choose a smaller size for the assembled movie, or HEVC or ProRes");
-        }
+        if (Result<> begun = startMovie(assembledMovie, NoIndex, movieSettings, time); !begun)
+            return begun;
         started.push_back(assembledMovie);
     }
 
@@ -190,13 +183,13 @@ Result<> Take::startWithSourceTitles(const std::vector<std::string>& titles, con
 Result<> Take::growRecorders(size_t count, bool assembled) {
     const Error unavailable = TakeError("Movies cannot be written on this computer: Vulkan is not available");
     while (_recorders.size() < count) {
-        std::shared_ptr<MovieRecorder> recorder = _device ? MovieRecorder::make(_device) : nullptr;
+        std::shared_ptr<MovieRecorder> recorder = _engine ? MovieRecorder::make(_engine) : nullptr;
         if (!recorder)
             return unavailable;
         _recorders.push_back(std::move(recorder));
     }
     if (assembled && !_assembledRecorder) {
-        _assembledRecorder = _device ? MovieRecorder::make(_device) : nullptr;
+        _assembledRecorder = _engine ? MovieRecorder::make(_engine) : nullptr;
         if (!_assembledRecorder)
             return unavailable;
     }
@@ -217,7 +210,12 @@ Result<> Take::startMovie(const std::shared_ptr<TakeMovie>& movie, size_t index,
     return movie->recorder()->startWritingToURL(movie->url(), settings, time);
 }
 
-void Take::movieFailed(const std::shared_ptr<TakeMovie>& movie, size_t index, const Error& error) {
+void Take::movieFailed(const std::shared_ptr<TakeMovie>& movie, size_t index, Error error) {
+    // An assembled movie whose file could not even be made was most likely refused its size, which
+    // the user can do something about.
+    if (index == NoIndex && movie->recorder()->outputSize().width == 0)
+        error =
+            TakeError(error.message() + ". Choose a smaller size for the assembled movie, or HEVC or ProRes");
     // The failure itself wins over whatever the finish may have noted meanwhile.
     movie->setError(error);
     MovieFailureHandler handler;
@@ -241,9 +239,9 @@ std::shared_ptr<MovieRecorder> Take::separateRecorder(size_t index) const {
     return _movies[index]->recorder();
 }
 
-void Take::appendTexture(const std::shared_ptr<Texture>& texture, bool flipped, size_t index, double time) {
+void Take::appendPicture(const std::shared_ptr<Picture>& picture, bool flipped, size_t index, double time) {
     if (std::shared_ptr<MovieRecorder> recorder = separateRecorder(index))
-        recorder->appendTexture(texture, flipped, time);
+        recorder->appendPicture(picture, flipped, time);
 }
 
 bool Take::wantsAssembledFrameAtTime(double time) {
@@ -257,7 +255,7 @@ bool Take::wantsAssembledFrameAtTime(double time) {
     return recorder->wantsFrameAtTime(time);
 }
 
-void Take::appendAssembledTexture(const std::shared_ptr<Texture>& texture, double time) {
+void Take::appendAssembledPicture(const std::shared_ptr<Picture>& picture, double time) {
     std::shared_ptr<MovieRecorder> recorder;
     {
         std::lock_guard lock(_lock);
@@ -265,7 +263,7 @@ void Take::appendAssembledTexture(const std::shared_ptr<Texture>& texture, doubl
             return;
         recorder = _assembledMovie->recorder();
     }
-    recorder->appendTexture(texture, false, time);
+    recorder->appendPicture(picture, false, time);
 }
 
 void Take::appendSound(const std::shared_ptr<SourceSound>& sound, size_t index, double time) {

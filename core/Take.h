@@ -20,9 +20,9 @@
 
 namespace quorva {
 
-class GpuDevice;
+class PictureEngine;
+class Picture;
 class SourceSound;
-class Texture;
 
 // An error of a take, in the same domain as the movie recorder's: code -1 and the sentence the user reads.
 Error TakeError(std::string message);
@@ -81,8 +81,8 @@ public:
     // Movies larger than this either way are refused before any file is made.
     static constexpr double MaximumAssembledSide = 16384;
 
-    static std::shared_ptr<Take> make(std::shared_ptr<GpuDevice> device);
-    Take(Private, std::shared_ptr<GpuDevice> device);
+    static std::shared_ptr<Take> make(std::shared_ptr<PictureEngine> engine);
+    Take(Private, std::shared_ptr<PictureEngine> engine);
     Take(const Take&) = delete;
     Take& operator=(const Take&) = delete;
 
@@ -114,10 +114,10 @@ public:
                                    const MovieRecorderSettings& settings, double time);
 
     // A picture of source `index`; ignored when the take has no movie of that source.
-    void appendTexture(const std::shared_ptr<Texture>& texture, bool flipped, size_t index, double time);
+    void appendPicture(const std::shared_ptr<Picture>& picture, bool flipped, size_t index, double time);
     // Whether the assembled movie would keep a picture at `time`: ask before composing one.
     bool wantsAssembledFrameAtTime(double time);
-    void appendAssembledTexture(const std::shared_ptr<Texture>& texture, double time);
+    void appendAssembledPicture(const std::shared_ptr<Picture>& picture, double time);
     // Sound of source `index`, to its own movie if it records its sound, and to the assembled movie if
     // that records this source's sound.
     void appendSound(const std::shared_ptr<SourceSound>& sound, size_t index, double time);
@@ -142,10 +142,10 @@ private:
     // Starts one movie's recorder, its failures reported as those of `index`.
     Result<> startMovie(const std::shared_ptr<TakeMovie>& movie, size_t index,
                         const MovieRecorderSettings& settings, double time);
-    void movieFailed(const std::shared_ptr<TakeMovie>& movie, size_t index, const Error& error);
+    void movieFailed(const std::shared_ptr<TakeMovie>& movie, size_t index, Error error);
     std::shared_ptr<MovieRecorder> separateRecorder(size_t index) const;
 
-    const std::shared_ptr<GpuDevice> _device;
+    const std::shared_ptr<PictureEngine> _engine;
     std::vector<std::shared_ptr<MovieRecorder>> _recorders;
     std::vector<std::shared_ptr<TakeMovie>> _movies;
     std::shared_ptr<MovieRecorder> _assembledRecorder;

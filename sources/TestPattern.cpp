@@ -1,105 +1,61 @@
 #include "sources/TestPattern.h"
 
-#include "platform/gpu/CommandBuffer.h"
-
 #include <algorithm>
 #include <cmath>
+#include <cstring>
+#include <string>
 
 namespace quorva {
 
 namespace {
 
-// Beyond this many idle textures a busy consumer only costs memory; extra ones are not kept.
-constexpr size_t MaximumKeptTextures = 6;
+// Beyond this many pictures a busy consumer only costs memory; extra ones are not kept.
+constexpr size_t MaximumKeptPictures = 8;
 
-// What the fragment shader needs, laid out as its push constants are (std430).
-struct Constants {
-    float square[4];  // x, y, width, height
-    float counter[4]; // first digit's x, y, digit width, digit height
-    float size[2];
-    float barsBottom;
-    float digitStep; // from one digit to the next
-    float stroke;
-    float transparent;
-    uint32_t number; // what the digits show
-};
-
-constexpr const char* VertexSource = R"(#version 450
-void main() {
-    vec2 corner = vec2(gl_VertexIndex >> 1, gl_VertexIndex & 1);
-    gl_Position = vec4(corner * 2.0 - 1.0, 0.0, 1.0);
+// Colours as stored: blue, green, red, alpha.
+constexpr uint32_t Colour(uint8_t b, uint8_t g, uint8_t r, uint8_t a) {
+    return uint32_t(b) | uint32_t(g) << 8 | uint32_t(r) << 16 | uint32_t(a) << 24;
 }
-)";
-
-constexpr const char* FragmentSource = R"(#version 450
-layout(push_constant) uniform Pattern {
-    vec4 square;
-    vec4 counter;
-    vec2 size;
-    float barsBottom;
-    float digitStep;
-    float stroke;
-    float transparent;
-    uint number;
-} pattern;
-layout(location = 0) out vec4 colour;
-
+constexpr uint32_t White = Colour(255, 255, 255, 255);
+constexpr uint32_t HalfWhite = Colour(255, 255, 255, 128);
+constexpr uint32_t Black = Colour(0, 0, 0, 255);
+constexpr uint32_t Ground = Colour(38, 38, 38, 255); // 15 % grey
+constexpr uint32_t Clear = 0;
+// 75 %: white, yellow, cyan, green, magenta, red, blue.
+constexpr uint32_t BarColours[TestPatternGeometry::Bars] = {
+    Colour(191, 191, 191, 255), Colour(0, 191, 191, 255), Colour(191, 191, 0, 255), Colour(0, 191, 0, 255),
+    Colour(191, 0, 191, 255),   Colour(0, 0, 191, 255),   Colour(191, 0, 0, 255)};
 // Lit segments of each digit: bit 0 is the top one (a), then clockwise (b to f), bit 6 the middle (g).
-const uint Segments[10] = uint[](0x3Fu, 0x06u, 0x5Bu, 0x4Fu, 0x66u, 0x6Du, 0x7Du, 0x07u, 0x7Fu, 0x6Fu);
-const vec3 Bars[7] = vec3[](vec3(0.75, 0.75, 0.75), vec3(0.75, 0.75, 0.0), vec3(0.0, 0.75, 0.75),
-                            vec3(0.0, 0.75, 0.0), vec3(0.75, 0.0, 0.75), vec3(0.75, 0.0, 0.0),
-                            vec3(0.0, 0.0, 0.75));
+constexpr uint8_t Segments[10] = {0x3F, 0x06, 0x5B, 0x4F, 0x66, 0x6D, 0x7D, 0x07, 0x7F, 0x6F};
 
-bool inside(vec2 p, vec4 r) {
-    return p.x >= r.x && p.x < r.x + r.z && p.y >= r.y && p.y < r.y + r.w;
+// The whole pixels that a rectangle covers inside the picture.
+struct Span {
+    uint32_t left = 0, top = 0, right = 0, bottom = 0;
+};
+Span Pixels(const MemoryPicture& picture, const Rect& rectangle) {
+    auto clamp = [](double value, uint32_t limit) { return uint32_t(std::clamp(value, 0.0, double(limit))); };
+    return {clamp(rectangle.x, picture.width()), clamp(rectangle.y, picture.height()),
+            clamp(rectangle.x + rectangle.width, picture.width()),
+            clamp(rectangle.y + rectangle.height, picture.height())};
 }
 
-bool lit(vec2 p, uint mask) {
-    float w = pattern.counter.z, h = pattern.counter.w, s = pattern.stroke;
-    float middle = floor((h - s) / 2.0);
-    vec4 segments[7] = vec4[](vec4(s, 0.0, w - 2.0 * s, s),
-                              vec4(w - s, s, s, middle - s),
-                              vec4(w - s, middle + s, s, h - middle - 2.0 * s),
-                              vec4(s, h - s, w - 2.0 * s, s),
-                              vec4(0.0, middle + s, s, h - middle - 2.0 * s),
-                              vec4(0.0, s, s, middle - s),
-                              vec4(s, middle, w - 2.0 * s, s));
-    for (int i = 0; i < 7; ++i) {
-        if ((mask & (1u << i)) != 0u && inside(p, segments[i]))
-            return true;
+void Fill(MemoryPicture& picture, const Rect& rectangle, uint32_t colour) {
+    const Span span = Pixels(picture, rectangle);
+    for (uint32_t y = span.top; y < span.bottom; ++y) {
+        auto* row = reinterpret_cast<uint32_t*>(picture.row(y));
+        std::fill(row + span.left, row + std::max(span.left, span.right), colour);
     }
-    return false;
 }
 
-void main() {
-    vec2 p = gl_FragCoord.xy; // pixel centres, from the top-left corner
-    bool clear = pattern.transparent > 0.5;
-    vec4 c = clear ? vec4(0.0) : vec4(0.15, 0.15, 0.15, 1.0);
-    if (p.y < pattern.barsBottom)
-        c = vec4(Bars[min(int(p.x * 7.0 / pattern.size.x), 6)], 1.0);
-    if (inside(p, pattern.square))
-        c = vec4(1.0, 1.0, 1.0, clear ? 0.5 : 1.0);
-
-    float digits = 8.0, s = pattern.stroke;
-    vec4 box = vec4(pattern.counter.xy - s,
-                    digits * pattern.digitStep - (pattern.digitStep - pattern.counter.z) + 2.0 * s,
-                    pattern.counter.w + 2.0 * s);
-    if (inside(p, box)) {
-        c = vec4(0.0, 0.0, 0.0, 1.0);
-        vec2 local = p - pattern.counter.xy;
-        int index = int(floor(local.x / pattern.digitStep));
-        if (index >= 0 && index < 8) {
-            uint divisor = 1u;
-            for (int k = index; k < 7; ++k)
-                divisor *= 10u;
-            uint digit = (pattern.number / divisor) % 10u;
-            if (lit(vec2(local.x - float(index) * pattern.digitStep, local.y), Segments[digit]))
-                c = vec4(1.0);
-        }
-    }
-    colour = c;
+// Puts back the still picture under a rectangle.
+void Restore(MemoryPicture& picture, const MemoryPicture& still, const Rect& rectangle) {
+    const Span span = Pixels(picture, rectangle);
+    if (span.right <= span.left)
+        return;
+    for (uint32_t y = span.top; y < span.bottom; ++y)
+        std::memcpy(picture.row(y) + span.left * 4, still.row(y) + span.left * 4,
+                    size_t(span.right - span.left) * 4);
 }
-)";
 
 } // namespace
 
@@ -138,77 +94,98 @@ Rect TestPatternGeometry::counter() const {
             digitHeight + 2 * stroke};
 }
 
-Result<std::shared_ptr<TestPattern>> TestPattern::make(std::shared_ptr<CommandQueue> queue, uint32_t width,
-                                                       uint32_t height, bool transparent) {
-    uint32_t largest = queue->device()->maximumTextureSize();
-    if (width < 16 || height < 16 || width > largest || height > largest)
-        return GpuError("A test pattern of " + std::to_string(width) + " × " + std::to_string(height) +
-                        " pixels cannot be drawn");
-    Result<std::shared_ptr<RenderPipeline>> pipeline =
-        RenderPipeline::make(queue->device(), {VertexSource, "patternVertex", FragmentSource,
-                                               "patternFragment", uint32_t(sizeof(Constants)), false});
-    if (!pipeline)
-        return pipeline.error();
-    return std::shared_ptr<TestPattern>(new TestPattern(std::move(queue), std::move(pipeline.value()),
-                                                        TestPatternGeometry::of(width, height, transparent),
-                                                        transparent));
+Result<std::shared_ptr<TestPattern>> TestPattern::make(uint32_t width, uint32_t height, bool transparent) {
+    // As large as the pictures that a GPU of this program takes.
+    constexpr uint32_t Largest = 16384;
+    if (width < 16 || height < 16 || width > Largest || height > Largest)
+        return Error(std::string(ApplicationIdentifier) + ".TestPattern", -1,
+                     "A test pattern of " + std::to_string(width) + " × " + std::to_string(height) +
+                         " pixels cannot be drawn");
+    Result<std::shared_ptr<MemoryPicture>> still = MemoryPicture::make(width, height);
+    if (!still)
+        return still.error();
+    const TestPatternGeometry geometry = TestPatternGeometry::of(width, height, transparent);
+    MemoryPicture& picture = *still.value();
+    Fill(picture, {0, 0, double(width), double(height)}, transparent ? Clear : Ground);
+    for (int i = 0; i < TestPatternGeometry::Bars; ++i) {
+        // A column belongs to the bar under its centre.
+        const double left = std::ceil(i * double(width) / TestPatternGeometry::Bars - 0.5);
+        const double right = std::ceil((i + 1) * double(width) / TestPatternGeometry::Bars - 0.5);
+        Fill(picture,
+             {left, 0, (i + 1 == TestPatternGeometry::Bars ? double(width) : right) - left,
+              geometry.barsBottom},
+             BarColours[i]);
+    }
+    Fill(picture, geometry.counter(), Black);
+    return std::shared_ptr<TestPattern>(new TestPattern(std::move(still.value()), geometry, transparent));
 }
 
-TestPattern::TestPattern(std::shared_ptr<CommandQueue> queue, std::shared_ptr<RenderPipeline> pipeline,
-                         TestPatternGeometry geometry, bool transparent)
-    : _queue(std::move(queue)), _pipeline(std::move(pipeline)), _geometry(geometry),
-      _transparent(transparent) {}
+TestPattern::TestPattern(std::shared_ptr<MemoryPicture> still, TestPatternGeometry geometry, bool transparent)
+    : _still(std::move(still)), _geometry(geometry), _transparent(transparent) {}
 
-Result<std::shared_ptr<Texture>> TestPattern::freeTexture() {
+Result<std::shared_ptr<MemoryPicture>> TestPattern::drawFrame(uint64_t frame) {
+    std::shared_ptr<MemoryPicture> picture;
+    std::optional<uint64_t> shown;
     {
-        // Only this object can hand out a new hold on its textures, so one held here alone stays free.
+        // Only this object hands out holds on its pictures, so one held here alone stays free.
         std::lock_guard guard(_lock);
-        for (const auto& texture : _textures) {
-            if (texture.use_count() == 1)
-                return texture;
+        for (const Slot& slot : _slots) {
+            if (slot.picture.use_count() == 1) {
+                picture = slot.picture;
+                shown = slot.frame;
+                break;
+            }
         }
     }
-    Result<std::shared_ptr<Texture>> made =
-        _queue->device()->makeTexture(uint32_t(_geometry.width), uint32_t(_geometry.height));
-    if (made) {
+    if (!picture) {
+        Result<std::shared_ptr<MemoryPicture>> made =
+            MemoryPicture::make(uint32_t(_geometry.width), uint32_t(_geometry.height));
+        if (!made)
+            return made.error();
+        picture = std::move(made.value());
         std::lock_guard guard(_lock);
-        if (_textures.size() < MaximumKeptTextures)
-            _textures.push_back(made.value());
+        if (_slots.size() < MaximumKeptPictures)
+            _slots.push_back({picture, std::nullopt});
     }
-    return made;
+    draw(*picture, shown, frame);
+    std::lock_guard guard(_lock);
+    for (Slot& slot : _slots) {
+        if (slot.picture == picture)
+            slot.frame = frame;
+    }
+    return picture;
 }
 
-Result<std::shared_ptr<Texture>> TestPattern::drawFrame(uint64_t frame, CompletionHandler completionHandler) {
-    Result<std::shared_ptr<Texture>> texture = freeTexture();
-    if (!texture)
-        return texture.error();
-    Result<std::shared_ptr<CommandBuffer>> buffer = _queue->commandBuffer();
-    if (!buffer)
-        return buffer.error();
-
+void TestPattern::draw(MemoryPicture& picture, std::optional<uint64_t> shown, uint64_t frame) const {
     const TestPatternGeometry& g = _geometry;
-    Rect square = g.squareAt(frame);
-    Constants constants = {{float(square.x), float(square.y), float(square.width), float(square.height)},
-                           {float(g.digitLeft), float(g.digitTop), float(g.digitWidth), float(g.digitHeight)},
-                           {float(g.width), float(g.height)},
-                           float(g.barsBottom),
-                           float(g.digitWidth + g.digitGap),
-                           float(g.stroke),
-                           _transparent ? 1.0f : 0.0f,
-                           uint32_t(frame % 100000000)};
-    CommandBuffer& commands = *buffer.value();
-    commands.beginRendering(texture.value(), {0, 0, 0, 0});
-    commands.setPipeline(_pipeline);
-    commands.setConstants(&constants, sizeof constants);
-    commands.draw(4);
-    commands.endRendering();
-    if (completionHandler)
-        commands.addCompletedHandler([completionHandler = std::move(completionHandler),
-                                      picture = texture.value()] { completionHandler(picture); });
-    Result<void> committed = commands.commit();
-    if (!committed)
-        return committed.error();
-    return texture;
+    if (shown)
+        Restore(picture, *_still, g.squareAt(*shown));
+    else
+        Restore(picture, *_still, {0, 0, g.width, g.height});
+    Fill(picture, g.squareAt(frame), _transparent ? HalfWhite : White);
+
+    // The digits over their box, which the square never reaches.
+    Restore(picture, *_still, g.counter());
+    const double w = g.digitWidth, h = g.digitHeight, s = g.stroke;
+    const double middle = std::floor((h - s) / 2);
+    const Rect segments[7] = {{s, 0, w - 2 * s, s},
+                              {w - s, s, s, middle - s},
+                              {w - s, middle + s, s, h - middle - 2 * s},
+                              {s, h - s, w - 2 * s, s},
+                              {0, middle + s, s, h - middle - 2 * s},
+                              {0, s, s, middle - s},
+                              {s, middle, w - 2 * s, s}};
+    uint64_t number = frame % 100000000;
+    for (int index = TestPatternGeometry::Digits - 1; index >= 0; --index, number /= 10) {
+        const Rect cell = g.digit(index);
+        for (int segment = 0; segment < 7; ++segment) {
+            if (Segments[number % 10] & (1 << segment))
+                Fill(picture,
+                     {cell.x + segments[segment].x, cell.y + segments[segment].y, segments[segment].width,
+                      segments[segment].height},
+                     White);
+        }
+    }
 }
 
 } // namespace quorva

@@ -2,14 +2,12 @@
 
 #include "core/Geometry.h"
 #include "platform/Error.h"
-#include "platform/gpu/CommandQueue.h"
-#include "platform/gpu/RenderPipeline.h"
-#include "platform/gpu/Texture.h"
+#include "platform/MemoryPicture.h"
 
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <vector>
 
 namespace quorva {
@@ -34,16 +32,14 @@ struct TestPatternGeometry {
     double digitLeft = 0, digitTop = 0, digitWidth = 0, digitHeight = 0, digitGap = 0, stroke = 0;
 };
 
-// Draws built-in test pictures on the GPU: colour bars, a square that moves every frame and the frame
+// Draws built-in test pictures in memory: colour bars, a square that moves every frame and the frame
 // number in seven-segment digits, so that a recording shows at a glance that every frame arrived in
 // order. The transparent variant keeps only the bars, the digits and a half-transparent square over a
-// clear background. Safe to call from several threads.
+// clear background. The still part is drawn once; each picture then has only what moved drawn again,
+// the square and the digits. Safe to call from several threads.
 class TestPattern {
 public:
-    using CompletionHandler = std::function<void(const std::shared_ptr<Texture>& picture)>;
-
-    static Result<std::shared_ptr<TestPattern>> make(std::shared_ptr<CommandQueue> queue, uint32_t width,
-                                                     uint32_t height, bool transparent);
+    static Result<std::shared_ptr<TestPattern>> make(uint32_t width, uint32_t height, bool transparent);
 
     TestPattern(const TestPattern&) = delete;
     TestPattern& operator=(const TestPattern&) = delete;
@@ -51,22 +47,26 @@ public:
     const TestPatternGeometry& geometry() const { return _geometry; }
     bool isTransparent() const { return _transparent; }
 
-    // Draws frame `frame` into a texture that nobody else holds and answers it without waiting for the
-    // GPU; `completionHandler` gets it on the GPU's completion thread once it is drawn. A texture is
-    // drawn into again only once everyone, the GPU included, has let go of it.
-    Result<std::shared_ptr<Texture>> drawFrame(uint64_t frame, CompletionHandler completionHandler = {});
+    // Frame `frame`, drawn into a picture that nobody else holds: one that is handed out again is drawn
+    // into only once everyone has let go of it.
+    Result<std::shared_ptr<MemoryPicture>> drawFrame(uint64_t frame);
 
 private:
-    TestPattern(std::shared_ptr<CommandQueue> queue, std::shared_ptr<RenderPipeline> pipeline,
-                TestPatternGeometry geometry, bool transparent);
-    Result<std::shared_ptr<Texture>> freeTexture();
+    // A picture of the ring and the frame it shows, if any.
+    struct Slot {
+        std::shared_ptr<MemoryPicture> picture;
+        std::optional<uint64_t> frame;
+    };
 
-    std::shared_ptr<CommandQueue> _queue;
-    std::shared_ptr<RenderPipeline> _pipeline;
+    TestPattern(std::shared_ptr<MemoryPicture> still, TestPatternGeometry geometry, bool transparent);
+    // Draws frame `frame` into a picture that shows frame `shown` (nothing: whatever its memory held).
+    void draw(MemoryPicture& picture, std::optional<uint64_t> shown, uint64_t frame) const;
+
+    const std::shared_ptr<MemoryPicture> _still; // the bars, the ground and the counter's box
     TestPatternGeometry _geometry;
     bool _transparent;
-    std::mutex _lock; // guards _textures
-    std::vector<std::shared_ptr<Texture>> _textures;
+    std::mutex _lock; // guards _slots
+    std::vector<Slot> _slots;
 };
 
 } // namespace quorva

@@ -28,11 +28,11 @@ std::vector<SourceDescription> TestPatternDirectory::availableSources() {
 
 std::shared_ptr<FrameSource>
 TestPatternDirectory::connectToSourceWithTitle(const std::string& title,
-                                               const std::shared_ptr<GpuDevice>& device) {
+                                               const std::shared_ptr<PictureEngine>& engine) {
     for (const auto& format : formats()) {
         if (format.title != title)
             continue;
-        auto source = TestPatternSource::make(format, device);
+        auto source = TestPatternSource::make(format, engine);
         if (!source) {
             Log("TestPattern: ", "could not connect to " + title + ": " + source.error().message());
             return nullptr;

@@ -17,9 +17,9 @@ public:
 
     std::vector<SourceDescription> availableSources() override;
     // A new source on every call, each with its own thread; nothing (and the reason logged) when the
-    // title is not one of the patterns or the pattern cannot be drawn on `device`.
-    std::shared_ptr<FrameSource> connectToSourceWithTitle(const std::string& title,
-                                                          const std::shared_ptr<GpuDevice>& device) override;
+    // title is not one of the patterns or the pattern cannot be drawn.
+    std::shared_ptr<FrameSource>
+    connectToSourceWithTitle(const std::string& title, const std::shared_ptr<PictureEngine>& engine) override;
     ChangeHandler changeHandler() const override;
     void setChangeHandler(ChangeHandler handler) override;
 

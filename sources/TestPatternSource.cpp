@@ -3,8 +3,6 @@
 #include "core/SourceDescription.h"
 #include "platform/Log.h"
 #include "platform/MediaClock.h"
-#include "platform/Semaphore.h"
-#include "platform/gpu/CommandQueue.h"
 #include "sources/TestPattern.h"
 #include "sources/ToneGenerator.h"
 
@@ -17,15 +15,11 @@ namespace {
 
 const char* const LogPrefix = "TestPattern: ";
 
-// A picture that the GPU has not finished by then will not be: the device is lost or stalled. Generous,
-// because a software GPU on a busy machine can take a good part of a second for one.
-constexpr double DrawTimeout = 10.0;
-
 } // namespace
 
 struct TestPatternSource::State {
     // Guarded by `lock`. Declared first so that they go last: whoever waits for the handlers to be let
-    // go knows that the GPU objects are gone too.
+    // go knows that the pictures are gone too.
     FrameHandler frameHandler;
     SoundHandler soundHandler;
     bool stopping = false;
@@ -34,22 +28,21 @@ struct TestPatternSource::State {
     std::condition_variable stopped;
     TestPatternFormat format;
     std::shared_ptr<TestPattern> pattern;
+    std::shared_ptr<PictureEngine> engine;
 };
 
-Result<std::shared_ptr<TestPatternSource>> TestPatternSource::make(const TestPatternFormat& format,
-                                                                   const std::shared_ptr<GpuDevice>& device) {
-    if (!device || format.width == 0 || format.height == 0 || !(format.rate > 0))
+Result<std::shared_ptr<TestPatternSource>>
+TestPatternSource::make(const TestPatternFormat& format, const std::shared_ptr<PictureEngine>& engine) {
+    if (!engine || format.width == 0 || format.height == 0 || !(format.rate > 0))
         return Error(std::string(ApplicationIdentifier) + ".TestPattern", -1,
                      "The test pattern " + format.title + " cannot be drawn");
-    auto queue = CommandQueue::make(device);
-    if (!queue)
-        return queue.error();
-    auto pattern = TestPattern::make(queue.value(), format.width, format.height, format.transparent);
+    auto pattern = TestPattern::make(format.width, format.height, format.transparent);
     if (!pattern)
         return pattern.error();
     auto state = std::make_shared<State>();
     state->format = format;
     state->pattern = std::move(pattern.value());
+    state->engine = engine;
     return std::shared_ptr<TestPatternSource>(new TestPatternSource(std::move(state)));
 }
 
@@ -66,6 +59,10 @@ std::string TestPatternSource::title() const {
 
 int64_t TestPatternSource::kind() const {
     return SourceKindPattern;
+}
+
+double TestPatternSource::framesPerSecond() const {
+    return _state->format.rate;
 }
 
 FrameSource::FrameHandler TestPatternSource::frameHandler() const {
@@ -114,13 +111,14 @@ void TestPatternSource::run(const std::shared_ptr<State>& state) {
     const double start = MediaClock::now();
     uint64_t frame = 0;
     for (;;) {
-        auto drawn = std::make_shared<Semaphore>();
-        auto picture =
-            state->pattern->drawFrame(frame, [drawn](const std::shared_ptr<Texture>&) { drawn->signal(); });
-        if (!picture || !drawn->wait(DrawTimeout)) {
-            Log(LogPrefix,
-                format.title + " stopped: " +
-                    (picture ? std::string("the GPU did not finish a picture") : picture.error().message()));
+        Result<std::shared_ptr<Picture>> picture = [&]() -> Result<std::shared_ptr<Picture>> {
+            Result<std::shared_ptr<MemoryPicture>> drawn = state->pattern->drawFrame(frame);
+            if (!drawn)
+                return drawn.error();
+            return state->engine->adopt(drawn.value());
+        }();
+        if (!picture) {
+            Log(LogPrefix, format.title + " stopped: " + picture.error().message());
             std::lock_guard guard(state->lock);
             state->failed = true;
             return;
@@ -137,8 +135,8 @@ void TestPatternSource::run(const std::shared_ptr<State>& state) {
         }
         // Let go of the picture at once, so that the pattern can draw into it again when the
         // receiver is done with it.
-        if (std::shared_ptr<Texture> texture = std::move(picture.value()); frameHandler)
-            frameHandler(texture);
+        if (std::shared_ptr<Picture> handed = std::move(picture.value()); frameHandler)
+            frameHandler(handed);
 
         // Sound follows the clock, not the pictures, so a late picture never stretches it.
         double now = MediaClock::now();

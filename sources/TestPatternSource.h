@@ -2,7 +2,7 @@
 
 #include "core/FrameSource.h"
 #include "platform/Error.h"
-#include "platform/gpu/GpuDevice.h"
+#include "platform/PictureEngine.h"
 
 #include <cstdint>
 #include <memory>
@@ -21,13 +21,13 @@ struct TestPatternFormat {
 };
 
 // A live test source, delivered the way a network source delivers: on a thread of its own, each picture
-// drawn on the GPU and handed over once it is complete, at the format's rate on the media clock, with
+// drawn in memory and handed over to the picture engine, at the format's rate on the media clock, with
 // the tone (1 kHz, a click each second) as sound in blocks that keep up with the clock. A source that
 // falls behind skips pictures rather than sending a burst, and its frame counter shows the gap.
 class TestPatternSource final : public FrameSource {
 public:
     static Result<std::shared_ptr<TestPatternSource>> make(const TestPatternFormat& format,
-                                                           const std::shared_ptr<GpuDevice>& device);
+                                                           const std::shared_ptr<PictureEngine>& engine);
     ~TestPatternSource() override;
     TestPatternSource(const TestPatternSource&) = delete;
     TestPatternSource& operator=(const TestPatternSource&) = delete;
@@ -35,6 +35,7 @@ public:
     std::string title() const override;
     bool flipped() const override { return false; }
     int64_t kind() const override;
+    double framesPerSecond() const override;
     FrameHandler frameHandler() const override;
     void setFrameHandler(FrameHandler handler) override;
     SoundHandler soundHandler() const override;

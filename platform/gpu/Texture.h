@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/Error.h"
+#include "platform/Picture.h"
 #include "platform/gpu/GpuDevice.h"
 
 #include <cstdint>
@@ -18,7 +19,7 @@ namespace quorva {
 // Between command buffers a texture rests in the shader-read layout, so that any command buffer can
 // sample it without knowing who wrote it last. Drawing into it (always with a clear) or replacing it
 // discards what was there, so a new texture needs neither.
-class Texture {
+class Texture final : public Picture {
 public:
     static constexpr vk::Format Format = vk::Format::eB8G8R8A8Unorm;
     static constexpr vk::ImageLayout RestingLayout = vk::ImageLayout::eShaderReadOnlyOptimal;
@@ -29,8 +30,8 @@ public:
     Texture(const Texture&) = delete;
     Texture& operator=(const Texture&) = delete;
 
-    uint32_t width() const { return _width; }
-    uint32_t height() const { return _height; }
+    uint32_t width() const override { return _width; }
+    uint32_t height() const override { return _height; }
     const std::shared_ptr<GpuDevice>& device() const { return _device; }
 
     // Replaces the whole picture with `height` rows of BGRA pixels, `bytesPerRow` apart (at least 4 ×

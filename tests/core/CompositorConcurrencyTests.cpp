@@ -1,5 +1,5 @@
 #include "core/Compositor.h"
-#include "tests/platform/gpu/GpuTesting.h"
+#include "tests/platform/PictureTesting.h"
 
 #include <gtest/gtest.h>
 
@@ -10,19 +10,18 @@ namespace quorva {
 namespace {
 
 using testing::Pixel;
-using testing::Pixels;
 
-TEST(CompositorConcurrency, FourThreadsComposeAtOnceAndEachGetsItsOwnPicture) {
-    auto queue = testing::MakeQueue();
-    ASSERT_TRUE(queue);
-    auto compositor = Compositor::make(queue);
+using CompositorConcurrency = testing::EachEngineTest;
+
+TEST_P(CompositorConcurrency, FourThreadsComposeAtOnceAndEachGetsItsOwnPicture) {
+    auto compositor = Compositor::make(engine);
     ASSERT_TRUE(compositor);
 
     constexpr int Threads = 4, Compositions = 25;
-    std::vector<std::shared_ptr<Texture>> sources;
+    std::vector<std::shared_ptr<Picture>> sources;
     for (int t = 0; t < Threads; ++t)
         sources.push_back(
-            testing::MakeSolidTexture(16, 9, {uint8_t(60 * t), 255, uint8_t(255 - 60 * t), 255}));
+            testing::MakeSolidPicture(*engine, 16, 9, {uint8_t(60 * t), 255, uint8_t(255 - 60 * t), 255}));
 
     std::vector<int> correct(Threads, 0);
     std::vector<std::thread> threads;
@@ -30,23 +29,20 @@ TEST(CompositorConcurrency, FourThreadsComposeAtOnceAndEachGetsItsOwnPicture) {
         threads.emplace_back([&, t] {
             // Every thread its own size, and all of them share every source (on the GPU, at once).
             Layout layout(0, {{160, 90}, {16, 9}, {16, 9}, {16, 9}}, 2, {double(320 + 16 * t), 90});
-            std::vector<std::shared_ptr<Texture>> textures = {sources[t], sources[0], sources[1], sources[2]};
+            std::vector<std::shared_ptr<Picture>> pictures = {sources[t], sources[0], sources[1], sources[2]};
+            const Rect first = layout.frames()[0];
+            const uint32_t x = uint32_t(first.x + first.width / 2), y = uint32_t(first.y + first.height / 2);
+            const Pixel expected = testing::ReadPixels(*engine, sources[t], 8, 4, 1, 1).at(8, 4);
             for (int i = 0; i < Compositions; ++i) {
-                // Waiting for each picture before the next keeps fewer than four compositions in flight
-                // behind this one, so no other thread draws into its target before it is checked.
-                std::promise<bool> checked;
-                auto target = compositor->compose(layout, textures, {false, false, true, false}, i % 2 == 0,
-                                                  [&](const std::shared_ptr<Texture>& drawn) {
-                                                      Rect first = layout.frames()[0];
-                                                      uint32_t x = uint32_t(first.x + first.width / 2);
-                                                      uint32_t y = uint32_t(first.y + first.height / 2);
-                                                      Pixel pixel = Pixels(drawn, x, y, 1, 1).at(x, y);
-                                                      checked.set_value(
-                                                          pixel == Pixels(sources[t], 8, 4, 1, 1).at(8, 4));
-                                                  });
+                std::promise<void> drawn;
+                auto target =
+                    compositor->compose(layout, pictures, {false, false, true, false}, i % 2 == 0,
+                                        [&](const std::shared_ptr<Picture>&) { drawn.set_value(); });
                 ASSERT_TRUE(target);
                 EXPECT_EQ(target->width(), uint32_t(layout.size().width));
-                if (checked.get_future().get())
+                drawn.get_future().wait();
+                // Held here, the target is no other thread's: it still shows this thread's picture.
+                if (testing::NearPixel(testing::ReadPixels(*engine, target, x, y, 1, 1).at(x, y), expected))
                     ++correct[t];
             }
         });
@@ -55,6 +51,8 @@ TEST(CompositorConcurrency, FourThreadsComposeAtOnceAndEachGetsItsOwnPicture) {
         thread.join();
     EXPECT_EQ(correct, std::vector<int>(Threads, Compositions));
 }
+
+INSTANTIATE_TEST_SUITE_P(EachEngine, CompositorConcurrency, testing::EngineNames, testing::EngineTestName);
 
 } // namespace
 } // namespace quorva

@@ -14,7 +14,7 @@ using testing::MovieRecorderTest;
 TEST_F(MovieRecorderTest, FramesSoundAndCountersFromSeveralThreadsAtOnce) {
     constexpr double T0 = 500;
     ASSERT_TRUE(recorder->startWritingToURL(folder / "busy.mov", Settings(0, 160, 120, 30, true), T0));
-    auto texture = testing::MakeSolidTexture(200, 100, {10, 200, 30, 255});
+    auto picture = testing::MakeSolidPicture(*engine, 200, 100, {10, 200, 30, 255});
     std::atomic<bool> running{true};
     std::thread reader([&] {
         while (running)
@@ -27,7 +27,7 @@ TEST_F(MovieRecorderTest, FramesSoundAndCountersFromSeveralThreadsAtOnce) {
     });
     // At 60 a second onto a grid of 30: frame 0 and every odd frame win their slot, 61 in all.
     for (int i = 0; i < 120; ++i)
-        recorder->appendTexture(texture, i % 2 == 1, T0 + i / 60.0);
+        recorder->appendPicture(picture, i % 2 == 1, T0 + i / 60.0);
     sound.join();
     EXPECT_FALSE(Finish(T0 + 2));
     running = false;

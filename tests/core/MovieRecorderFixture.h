@@ -1,12 +1,12 @@
 #pragma once
 
-// What the movie recorder's tests share: a recorder on the test device, a folder of their own, and a
-// main loop that delivers its completions.
+// What the movie recorder's tests share: a recorder on a picture engine (the processor's unless a test
+// asks for another), a folder of their own, and a main loop that delivers its completions.
 
 #include "core/MovieRecorder.h"
 #include "platform/HeadlessEventLoop.h"
 #include "tests/core/MovieReading.h"
-#include "tests/platform/gpu/GpuTesting.h"
+#include "tests/platform/PictureTesting.h"
 
 #include <gtest/gtest.h>
 
@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <optional>
+#include <string>
 #include <thread>
 
 namespace quorva::testing {
@@ -25,12 +26,14 @@ protected:
         ASSERT_NE(mkdtemp(pattern.data()), nullptr);
         folder = pattern;
         EventLoop::setMainLoop(loop);
-        ASSERT_TRUE(SharedDevice());
-        recorder = MovieRecorder::make(SharedDevice());
+        engine = Engine(engineName());
+        ASSERT_TRUE(engine);
+        recorder = MovieRecorder::make(engine);
         ASSERT_TRUE(recorder);
     }
     void TearDown() override {
         recorder.reset();
+        engine.reset();
         EventLoop::setMainLoop(nullptr);
         std::filesystem::remove_all(folder);
     }
@@ -46,11 +49,14 @@ protected:
         return settings;
     }
 
+    // The engine that the recorder converts its pictures with.
+    virtual std::string engineName() const { return "processor"; }
+
     // Hands a frame in as a source would, after waiting for room, so that none is dropped.
-    void Append(const std::shared_ptr<Texture>& texture, double time, bool flipped = false) {
+    void Append(const std::shared_ptr<Picture>& picture, double time, bool flipped = false) {
         while (recorder->framesPending() >= MovieRecorder::MaximumFramesInFlight)
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        recorder->appendTexture(texture, flipped, time);
+        recorder->appendPicture(picture, flipped, time);
     }
 
     // Finishes and answers what the completion handler got on the main queue.
@@ -68,7 +74,14 @@ protected:
 
     std::shared_ptr<HeadlessEventLoop> loop = std::make_shared<HeadlessEventLoop>();
     std::filesystem::path folder;
+    std::shared_ptr<PictureEngine> engine;
     std::shared_ptr<MovieRecorder> recorder;
+};
+
+// The same recorder on each engine in turn (the parameter names it).
+class MovieRecorderEngineTest : public MovieRecorderTest, public ::testing::WithParamInterface<std::string> {
+protected:
+    std::string engineName() const override { return GetParam(); }
 };
 
 } // namespace quorva::testing

@@ -6,14 +6,17 @@
 #include <array>
 #include <fstream>
 #include <mutex>
+#include <string>
 #include <sys/mount.h>
+#include <tuple>
 
 namespace quorva {
 namespace {
 
-using testing::MakeSolidTexture;
-using testing::MakeTexture;
+using testing::MakePicture;
+using testing::MakeSolidPicture;
 using testing::Movie;
+using testing::MovieRecorderEngineTest;
 using testing::MovieRecorderTest;
 using testing::Pixel;
 using testing::ReadMovie;
@@ -21,14 +24,19 @@ using testing::ReadMovie;
 constexpr int64_t H264 = 0, HEVC = 1, ProRes422 = 2, ProRes4444 = 3;
 constexpr double T0 = 1000; // host time of the first frame
 
-class MovieRecorderCodecs : public MovieRecorderTest, public ::testing::WithParamInterface<int64_t> {};
+// Each codec with each engine: the engine converts into the codec's pixel format.
+class MovieRecorderCodecs : public MovieRecorderTest,
+                            public ::testing::WithParamInterface<std::tuple<int64_t, std::string>> {
+protected:
+    std::string engineName() const override { return std::get<1>(GetParam()); }
+};
 
 // A second of 30 frames that arrive off the grid, with tone in 10 ms blocks: the movie is written by the
 // codec's encoder (and says which), takes the first frame's size made even, has the codec's tag, planes
 // and BT.709 colour, puts every frame on its slot of the 1/60000 grid in order, and its sound lasts as
 // long as its pictures.
 TEST_P(MovieRecorderCodecs, RecordsFramesAndSoundThatDecodeBack) {
-    const int64_t codec = GetParam();
+    const int64_t codec = std::get<0>(GetParam());
     // Decoders may give more bits than were written (ProRes 4444 decodes to 12), never other planes.
     struct Expected {
         const char *encoder, *tag;
@@ -50,10 +58,10 @@ TEST_P(MovieRecorderCodecs, RecordsFramesAndSoundThatDecodeBack) {
         lines.push_back(line);
     });
     ASSERT_TRUE(recorder->startWritingToURL(folder / "take.mov", Settings(codec, 0, 0, 30, true)));
-    auto texture = MakeSolidTexture(321, 241, {40, 160, 200, 255});
+    auto picture = MakeSolidPicture(*engine, 321, 241, {40, 160, 200, 255});
     ToneGenerator tone;
     for (int i = 0, block = 0; i < 30; ++i) {
-        Append(texture, T0 + i / 30.0 + (i % 3) * 0.004);
+        Append(picture, T0 + i / 30.0 + (i % 3) * 0.004);
         for (; block < (i + 1) * 10 / 3; ++block)
             recorder->appendSound(tone.nextSound(480), T0 + (block + 1) * 0.01);
     }
@@ -86,19 +94,21 @@ TEST_P(MovieRecorderCodecs, RecordsFramesAndSoundThatDecodeBack) {
         EXPECT_EQ(movie.times[i], int64_t(i) * 2000) << "picture " << i;
     EXPECT_NEAR(movie.videoDuration, 1.0, 1e-6);
     EXPECT_EQ(movie.reordered, 0);
-    // The colour in BT.709 limited range, on the 8-bit scale: Y 153.3, Cb 71.3, Cr 150.4.
+    // The colour in BT.709 limited range, on the 8-bit scale: Y 153.3, Cb 71.3, Cr 150.4. The picture is
+    // scaled to lose its odd pixel, and libyuv's bilinear filter weighs its columns 127/128, so the
+    // processor's comes out up to two levels darker before the encoder's own error.
     ASSERT_FALSE(movie.pictures.empty());
-    const AVFrame* picture = movie.pictures[0].get();
-    const AVPixFmtDescriptor* format = av_pix_fmt_desc_get(AVPixelFormat(picture->format));
+    const AVFrame* decodedPicture = movie.pictures[0].get();
+    const AVPixFmtDescriptor* format = av_pix_fmt_desc_get(AVPixelFormat(decodedPicture->format));
     const double colour[] = {153.3, 71.3, 150.4};
     for (int plane = 0; plane < 3; ++plane) {
         const int y = 120 >> (plane ? format->log2_chroma_h : 0),
                   x = 160 >> (plane ? format->log2_chroma_w : 0);
-        const uint8_t* row = picture->data[plane] + y * picture->linesize[plane];
+        const uint8_t* row = decodedPicture->data[plane] + y * decodedPicture->linesize[plane];
         const int depth = format->comp[plane].depth;
         const double value =
             depth > 8 ? reinterpret_cast<const uint16_t*>(row)[x] / double(1 << (depth - 8)) : row[x];
-        EXPECT_NEAR(value, colour[plane], 2.0) << "plane " << plane;
+        EXPECT_NEAR(value, colour[plane], 3.0) << "plane " << plane;
     }
     EXPECT_EQ(movie.audioCodec, expected.audio);
     EXPECT_EQ(movie.sampleRate, 48000);
@@ -107,19 +117,26 @@ TEST_P(MovieRecorderCodecs, RecordsFramesAndSoundThatDecodeBack) {
     EXPECT_NEAR(recorder->soundWritten(), 1.0, 1.0 / 30);
 }
 
-INSTANTIATE_TEST_SUITE_P(EachCodec, MovieRecorderCodecs,
-                         ::testing::Values(H264, HEVC, ProRes422, ProRes4444));
+std::string CodecAndEngineName(const ::testing::TestParamInfo<std::tuple<int64_t, std::string>>& info) {
+    static const char* const Names[] = {"H264", "HEVC", "ProRes422", "ProRes4444"};
+    return Names[std::get<0>(info.param)] + ("_" + std::get<1>(info.param));
+}
+
+INSTANTIATE_TEST_SUITE_P(EachCodecAndEngine, MovieRecorderCodecs,
+                         ::testing::Combine(::testing::Values(H264, HEVC, ProRes422, ProRes4444),
+                                            testing::EngineNames),
+                         CodecAndEngineName);
 
 // A picture wider than the movie is letterboxed; ProRes 4444 keeps the bars transparent. Flipped, it
 // is mirrored top to bottom.
-TEST_F(MovieRecorderTest, FitsAPictureInsideTheMovieAndFlipsIt) {
+TEST_P(MovieRecorderEngineTest, FitsAPictureInsideTheMovieAndFlipsIt) {
     ASSERT_TRUE(recorder->startWritingToURL(folder / "fit.mov", Settings(ProRes4444, 320, 240, 0, false)));
     // Red above, blue below; fitted, it fills rows 60 to 179.
-    auto texture = MakeTexture(320, 120, [](uint32_t, uint32_t y) {
+    auto picture = MakePicture(*engine, 320, 120, [](uint32_t, uint32_t y) {
         return y < 60 ? Pixel{0, 0, 255, 255} : Pixel{255, 0, 0, 255};
     });
-    Append(texture, T0);
-    Append(texture, T0 + 0.1, true);
+    Append(picture, T0);
+    Append(picture, T0 + 0.1, true);
     EXPECT_FALSE(Finish(T0 + 0.2));
     Movie movie = ReadMovie(folder / "fit.mov");
     ASSERT_EQ(movie.pictures.size(), 2u);
@@ -143,12 +160,12 @@ TEST_F(MovieRecorderTest, FitsAPictureInsideTheMovieAndFlipsIt) {
 // runs at 48 kHz to the end of the pictures.
 TEST_F(MovieRecorderTest, SoundStartsWithTheSilenceBeforeItAndIsConvertedTo48kHz) {
     ASSERT_TRUE(recorder->startWritingToURL(folder / "late.mov", Settings(H264, 160, 120, 30, true)));
-    auto texture = MakeSolidTexture(160, 120, {90, 90, 90, 255});
+    auto picture = MakeSolidPicture(*engine, 160, 120, {90, 90, 90, 255});
     std::vector<float> samples;
     for (int i = 0; i < 441; ++i)
         samples.insert(samples.end(), 2, 0.5f * std::sin(2 * float(M_PI) * 1000 * float(i) / 44100));
     for (int i = 0, block = 0; i < 90; ++i) {
-        Append(texture, T0 + i / 30.0);
+        Append(picture, T0 + i / 30.0);
         for (; block < 150 && 1.5 + 0.01 * (block + 1) <= (i + 1) / 30.0 + 1e-9; ++block)
             recorder->appendSound(SourceSound::soundWithInterleavedStereoSamples(samples.data(), 441, 44100),
                                   T0 + 1.5 + 0.01 * (block + 1));
@@ -196,6 +213,8 @@ TEST_F(MovieRecorderTest, RefusesWhatCannotBeRecorded) {
     EXPECT_EQ(Finish(T0 + 2)->message(), "No frame was received, so no movie was written");
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 2); // taken.mov, locked
 }
+
+INSTANTIATE_TEST_SUITE_P(EachEngine, MovieRecorderEngineTest, testing::EngineNames, testing::EngineTestName);
 
 } // namespace
 } // namespace quorva

@@ -1,4 +1,5 @@
 #include "core/MovieWriter.h"
+#include "platform/Log.h"
 #include "tests/core/MovieReading.h"
 
 #include <gtest/gtest.h>
@@ -86,6 +87,28 @@ TEST(MovieWriterBitRate, FollowsTheRuleAndItsFloor) {
     EXPECT_EQ(MovieBitRate(H264, 1920, 1080, 30, 8), 8000000);
     EXPECT_EQ(MovieBitRate(HEVC, 16, 16, 60, 0.25), 250000); // asked for: no floor
     EXPECT_EQ(MovieBitRate(H264, 1920, 1080, -5, -1), 12441600);
+}
+
+// The journal says how each movie is encoded: the preset asked for, else the default of its codec.
+TEST_F(MovieWriterTest, TheLogNamesTheEncoderAndThePresetOfAProcessorsEncoder) {
+    std::vector<std::string> lines;
+    SetLogSink([&](const std::string& line) { lines.push_back(line); });
+    MovieWriter::Format superfast = Small(HEVC);
+    superfast.preset = "superfast";
+    for (const MovieWriter::Format& format : {superfast, Small(HEVC), Small(H264), Small(ProRes422)}) {
+        lines.clear();
+        std::unique_ptr<MovieWriter> writer = Make("logged.mov", format);
+        ASSERT_TRUE(writer);
+        writer->cancel();
+        ASSERT_FALSE(lines.empty());
+        const std::string& encoder = writer->encoderName();
+        const std::string preset =
+            format.preset.empty() ? (format.codec == HEVC ? "ultrafast" : "veryfast") : format.preset;
+        EXPECT_EQ(lines.back(), "MovieRecorder: writing logged.mov with " + encoder +
+                                    (encoder.starts_with("libx26") ? " preset " + preset : "") +
+                                    " (320 × 240)");
+    }
+    SetLogSink({});
 }
 
 TEST_F(MovieWriterTest, HoldsEachPictureUntilTheNextAndTheLastUntilTheEnd) {

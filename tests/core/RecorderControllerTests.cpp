@@ -4,7 +4,7 @@
 #include "platform/HeadlessEventLoop.h"
 #include "platform/MediaClock.h"
 #include "sources/TestPatternDirectory.h"
-#include "tests/platform/gpu/GpuTesting.h"
+#include "tests/platform/PictureTesting.h"
 
 #include <gtest/gtest.h>
 
@@ -45,6 +45,7 @@ struct FakeSource final : FrameSource {
     std::string title() const override { return name; }
     bool flipped() const override { return false; }
     int64_t kind() const override { return SourceKindNDI; }
+    double framesPerSecond() const override { return 0; }
     FrameHandler frameHandler() const override { return frames; }
     void setFrameHandler(FrameHandler handler) override { frames = std::move(handler); }
     SoundHandler soundHandler() const override { return nullptr; }
@@ -65,7 +66,7 @@ struct FakeDirectory final : SourceDirectory {
         return sources;
     }
     std::shared_ptr<FrameSource> connectToSourceWithTitle(const std::string& title,
-                                                          const std::shared_ptr<GpuDevice>&) override {
+                                                          const std::shared_ptr<PictureEngine>&) override {
         bool listed = std::find(titles.begin(), titles.end(), title) != titles.end();
         return listed ? std::make_shared<FakeSource>(title) : nullptr;
     }
@@ -108,10 +109,11 @@ protected:
     std::shared_ptr<RecorderController> controller(std::shared_ptr<SettingsStore> defaults = nullptr) {
         return RecorderController::make(nullptr, directory, nullptr, defaults ? defaults : store());
     }
-    // A controller that records for real, with its completions on a loop of the test's own.
+    // A controller that records for real on the processor's engine, with its completions on a loop of the
+    // test's own.
     std::shared_ptr<RecorderController> recorder(std::shared_ptr<SourceDirectory> from) {
         EventLoop::setMainLoop(loop);
-        auto recorder = RecorderController::make(testing::SharedDevice(), from, nullptr, store());
+        auto recorder = RecorderController::make(testing::Engine("processor"), from, nullptr, store());
         recorder->setFolder(folder.string());
         return recorder;
     }
@@ -122,7 +124,7 @@ protected:
     void Deliver(RecorderController& recorder) {
         for (const auto& place : recorder.places())
             std::dynamic_pointer_cast<FakeSource>(place->source())
-                ->frames(testing::MakeSolidTexture(64, 36, {0, 0, 255, 255}));
+                ->frames(testing::MakeSolidPicture(*recorder.engine(), 64, 36, {0, 0, 255, 255}));
         while (recorder.take()->framesPending() > 0)
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
@@ -316,8 +318,6 @@ TEST_F(RecorderControllerTest, PlacesAreAddedReplacedMovedAndRemovedUpToEightAnd
 
 TEST_F(RecorderControllerTest,
        PlacesLetGoOfSourcesThatLeaveReconnectWhenTheyReturnAndCheckSilentOnesLessOften) {
-    auto device = testing::SharedDevice();
-    ASSERT_TRUE(device);
     directory->titles = {"Cam"};
     ASSERT_TRUE(store()->setStringArray({"Cam"}, "RecorderSources"));
     auto recorder = controller();
@@ -325,7 +325,8 @@ TEST_F(RecorderControllerTest,
     auto first = std::dynamic_pointer_cast<FakeSource>(place->source());
     ASSERT_TRUE(first);
     EXPECT_EQ(place->kindName(), "ndi");
-    first->frameHandler()(device->makeTexture(16, 8).value());
+    first->frameHandler()(
+        testing::MakeMemoryPicture(16, 8, [](uint32_t, uint32_t) { return testing::Pixel{}; }));
     EXPECT_EQ(place->width(), 16);
 
     directory->list({});

@@ -1,7 +1,7 @@
 #include "platform/MediaClock.h"
 #include "platform/Semaphore.h"
 #include "sources/TestPatternDirectory.h"
-#include "tests/platform/gpu/GpuTesting.h"
+#include "tests/platform/PictureTesting.h"
 
 #include <gtest/gtest.h>
 
@@ -13,10 +13,10 @@ namespace {
 
 // Two sources at once, as a show would have them: each delivers pictures of its size at no more than its
 // rate, never in a burst, and sound that keeps up with the clock. Counted over a window that opens once
-// both have begun, with bounds loose enough for a software GPU on a busy machine.
+// both have begun, with bounds loose enough for a busy machine.
 TEST(TestPatternSourceTest, SourcesDeliverPicturesAtTheirRateWithTheirSound) {
     TestPatternDirectory directory;
-    EXPECT_EQ(directory.connectToSourceWithTitle("Test Pattern", testing::SharedDevice()), nullptr);
+    EXPECT_EQ(directory.connectToSourceWithTitle("Test Pattern", testing::Engine("processor")), nullptr);
     struct Feed {
         std::string title;
         uint32_t width;
@@ -27,9 +27,10 @@ TEST(TestPatternSourceTest, SourcesDeliverPicturesAtTheirRateWithTheirSound) {
     };
     Feed feeds[] = {{"Test Pattern 1080p60", 1920, 60, {}}, {"Test Pattern 720p30", 1280, 30, {}}};
     for (auto& feed : feeds) {
-        feed.source = directory.connectToSourceWithTitle(feed.title, testing::SharedDevice());
+        feed.source = directory.connectToSourceWithTitle(feed.title, testing::Engine("processor"));
         ASSERT_TRUE(feed.source);
-        feed.source->setFrameHandler([&feed](const std::shared_ptr<Texture>& picture) {
+        EXPECT_EQ(feed.source->framesPerSecond(), feed.rate);
+        feed.source->setFrameHandler([&feed](const std::shared_ptr<Picture>& picture) {
             EXPECT_EQ(picture->width(), feed.width);
             ++feed.pictures;
         });
@@ -69,12 +70,12 @@ TEST(TestPatternSourceTest, SourcesDeliverPicturesAtTheirRateWithTheirSound) {
 TEST(TestPatternSourceTest, ASourceReleasedFromItsOwnHandlerEndsItsThread) {
     TestPatternDirectory directory;
     auto holder = std::make_shared<std::shared_ptr<FrameSource>>(
-        directory.connectToSourceWithTitle("Test Pattern Alpha 1080p30", testing::SharedDevice()));
+        directory.connectToSourceWithTitle("Test Pattern Alpha 1080p30", testing::Engine("processor")));
     ASSERT_TRUE(*holder);
     auto ended = std::make_shared<Semaphore>();
     std::shared_ptr<void> endsWithTheHandler(nullptr, [ended](void*) { ended->signal(); });
     (*holder)->setFrameHandler(
-        [holder, endsWithTheHandler](const std::shared_ptr<Texture>&) { holder->reset(); });
+        [holder, endsWithTheHandler](const std::shared_ptr<Picture>&) { holder->reset(); });
     endsWithTheHandler.reset();
     holder.reset();
     EXPECT_TRUE(ended->wait(10));

@@ -1,9 +1,9 @@
 #include "sources/TestPattern.h"
-#include "tests/platform/gpu/GpuTesting.h"
+#include "tests/platform/PictureTesting.h"
 
 #include <gtest/gtest.h>
 
-#include <future>
+#include <memory>
 #include <set>
 #include <string>
 
@@ -12,81 +12,78 @@ namespace {
 
 using testing::Pixel;
 using testing::Pixels;
+using testing::ReadPixels;
 
 constexpr Pixel White{255, 255, 255, 255};
 constexpr Pixel Black{0, 0, 0, 255};
 
-class TestPatternTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        queue = testing::MakeQueue();
-        ASSERT_TRUE(queue);
-    }
+std::shared_ptr<TestPattern> Pattern(uint32_t width, uint32_t height, bool transparent) {
+    auto made = TestPattern::make(width, height, transparent);
+    EXPECT_TRUE(made) << made.error().message();
+    return made ? made.value() : nullptr;
+}
 
-    std::shared_ptr<TestPattern> pattern(uint32_t width, uint32_t height, bool transparent) {
-        auto made = TestPattern::make(queue, width, height, transparent);
-        EXPECT_TRUE(made) << made.error().message();
-        return made ? made.value() : nullptr;
-    }
+// Frame `frame` of `pattern`; nothing, and a failure, when it cannot be drawn.
+std::shared_ptr<MemoryPicture> Draw(TestPattern& pattern, uint64_t frame) {
+    auto drawn = pattern.drawFrame(frame);
+    EXPECT_TRUE(drawn) << drawn.error().message();
+    return drawn ? drawn.value() : nullptr;
+}
 
-    // Reads the digits back the way a person would: which of each digit's seven segments are lit.
-    static std::string Digits(const Pixels& pixels, const TestPatternGeometry& geometry) {
-        static const uint8_t Shapes[10] = {0x3F, 0x06, 0x5B, 0x4F, 0x66, 0x6D, 0x7D, 0x07, 0x7F, 0x6F};
-        std::string digits;
-        for (int i = 0; i < TestPatternGeometry::Digits; ++i) {
-            Rect cell = geometry.digit(i);
-            double w = cell.width, h = cell.height, s = geometry.stroke;
-            // The middle of each segment: a (top), b, c (right), d (bottom), e, f (left), g (middle).
-            double points[7][2] = {{w / 2, s / 2},     {w - s / 2, h / 4}, {w - s / 2, 3 * h / 4},
-                                   {w / 2, h - s / 2}, {s / 2, 3 * h / 4}, {s / 2, h / 4},
-                                   {w / 2, h / 2}};
-            uint8_t shape = 0;
-            for (int segment = 0; segment < 7; ++segment) {
-                Pixel pixel =
-                    pixels.at(uint32_t(cell.x + points[segment][0]), uint32_t(cell.y + points[segment][1]));
-                if (pixel == White)
-                    shape |= uint8_t(1 << segment);
-                else if (pixel != Black)
-                    return "not a digit at " + std::to_string(i);
-            }
-            auto found = std::find(std::begin(Shapes), std::end(Shapes), shape);
-            digits += found == std::end(Shapes) ? '?' : char('0' + (found - std::begin(Shapes)));
+// Reads the digits back the way a person would: which of each digit's seven segments are lit.
+std::string Digits(const Pixels& pixels, const TestPatternGeometry& geometry) {
+    static const uint8_t Shapes[10] = {0x3F, 0x06, 0x5B, 0x4F, 0x66, 0x6D, 0x7D, 0x07, 0x7F, 0x6F};
+    std::string digits;
+    for (int i = 0; i < TestPatternGeometry::Digits; ++i) {
+        Rect cell = geometry.digit(i);
+        double w = cell.width, h = cell.height, s = geometry.stroke;
+        // The middle of each segment: a (top), b, c (right), d (bottom), e, f (left), g (middle).
+        double points[7][2] = {{w / 2, s / 2},     {w - s / 2, h / 4}, {w - s / 2, 3 * h / 4},
+                               {w / 2, h - s / 2}, {s / 2, 3 * h / 4}, {s / 2, h / 4},
+                               {w / 2, h / 2}};
+        uint8_t shape = 0;
+        for (int segment = 0; segment < 7; ++segment) {
+            Pixel pixel =
+                pixels.at(uint32_t(cell.x + points[segment][0]), uint32_t(cell.y + points[segment][1]));
+            if (pixel == White)
+                shape |= uint8_t(1 << segment);
+            else if (pixel != Black)
+                return "not a digit at " + std::to_string(i);
         }
-        return digits;
+        auto found = std::find(std::begin(Shapes), std::end(Shapes), shape);
+        digits += found == std::end(Shapes) ? '?' : char('0' + (found - std::begin(Shapes)));
     }
+    return digits;
+}
 
-    std::shared_ptr<CommandQueue> queue;
-};
-
-TEST_F(TestPatternTest, ShowsTheFrameNumberInDigitsThatReadBack) {
+TEST(TestPatternTest, ShowsTheFrameNumberInDigitsThatReadBack) {
     for (auto [width, height] : {std::pair{1920u, 1080u}, std::pair{1280u, 720u}, std::pair{640u, 360u}}) {
-        auto source = pattern(width, height, false);
+        auto source = Pattern(width, height, false);
         ASSERT_TRUE(source);
         // Between them every digit, and a number beyond eight digits showing its last eight.
         for (uint64_t frame : {90817263ull, 45ull, 12345678954ull}) {
-            auto picture = source->drawFrame(frame);
+            auto picture = Draw(*source, frame);
             ASSERT_TRUE(picture);
-            Pixels pixels(picture.value());
             std::string expected = std::to_string(frame % 100000000);
             expected.insert(0, 8 - expected.size(), '0');
-            EXPECT_EQ(Digits(pixels, source->geometry()), expected) << width << " × " << height;
+            EXPECT_EQ(Digits(ReadPixels(*picture), source->geometry()), expected) << width << " × " << height;
         }
     }
 }
 
-TEST_F(TestPatternTest, TheSquareMovesEveryFrameAndSizesThatCannotBeDrawnAreRefused) {
-    EXPECT_FALSE(TestPattern::make(queue, 0, 1080, false));
-    EXPECT_FALSE(TestPattern::make(queue, 1920, 8, false));
-    EXPECT_FALSE(TestPattern::make(queue, queue->device()->maximumTextureSize() + 1, 1080, false));
-    auto source = pattern(1280, 720, false);
+TEST(TestPatternTest, TheSquareMovesEveryFrameAndSizesThatCannotBeDrawnAreRefused) {
+    EXPECT_FALSE(TestPattern::make(0, 1080, false));
+    EXPECT_FALSE(TestPattern::make(1920, 8, false));
+    EXPECT_FALSE(TestPattern::make(16385, 1080, false));
+    auto source = Pattern(1280, 720, false);
     ASSERT_TRUE(source);
     const TestPatternGeometry& geometry = source->geometry();
     std::pair<int, int> previous{-1, -1};
     for (uint64_t frame : {0ull, 1ull, 2ull, 100ull}) {
-        auto picture = source->drawFrame(frame);
+        auto picture = Draw(*source, frame);
         ASSERT_TRUE(picture);
         // The columns of the square, found along its middle row.
-        Pixels pixels(picture.value());
+        Pixels pixels = ReadPixels(*picture);
         std::pair<int, int> columns{-1, -1};
         for (uint32_t x = 0; x < uint32_t(geometry.width); ++x) {
             if (pixels.at(x, uint32_t(geometry.squareTop + geometry.squareSide / 2)) == White)
@@ -102,17 +99,17 @@ TEST_F(TestPatternTest, TheSquareMovesEveryFrameAndSizesThatCannotBeDrawnAreRefu
     EXPECT_EQ(geometry.squareAt(positions).x, 0);
 }
 
-TEST_F(TestPatternTest, DrawsSevenOpaqueColourBarsAboveAnOpaqueOrAClearGroundWithItsSquareHalfSeeThrough) {
+TEST(TestPatternTest, DrawsSevenOpaqueColourBarsAboveAnOpaqueOrAClearGroundWithItsSquareHalfSeeThrough) {
     // 75 %: white, yellow, cyan, green, magenta, red, blue (as blue, green, red, alpha).
     const Pixel bars[7] = {{191, 191, 191, 255}, {0, 191, 191, 255}, {191, 191, 0, 255}, {0, 191, 0, 255},
                            {191, 0, 191, 255},   {0, 0, 191, 255},   {191, 0, 0, 255}};
     for (bool transparent : {false, true}) {
         SCOPED_TRACE(transparent ? "transparent" : "opaque");
-        auto source = pattern(1920, 1080, transparent);
+        auto source = Pattern(1920, 1080, transparent);
         ASSERT_TRUE(source);
-        auto picture = source->drawFrame(7);
+        auto picture = Draw(*source, 7);
         ASSERT_TRUE(picture);
-        Pixels pixels(picture.value());
+        Pixels pixels = ReadPixels(*picture);
         const TestPatternGeometry& geometry = source->geometry();
         uint32_t y = uint32_t(geometry.counter().y / 2); // above the counter's box
         for (int i = 0; i < 7; ++i)
@@ -129,28 +126,72 @@ TEST_F(TestPatternTest, DrawsSevenOpaqueColourBarsAboveAnOpaqueOrAClearGroundWit
     }
 }
 
-TEST_F(TestPatternTest, DrawsIntoATextureAgainOnlyOnceNobodyHoldsIt) {
-    auto source = pattern(64, 36, false);
+TEST(TestPatternTest, DrawsIntoAPictureAgainOnlyOnceNobodyHoldsIt) {
+    auto source = Pattern(64, 36, false);
     ASSERT_TRUE(source);
-    std::promise<std::shared_ptr<Texture>> completed;
-    auto first =
-        source->drawFrame(1, [&](const std::shared_ptr<Texture>& drawn) { completed.set_value(drawn); });
+    auto first = Draw(*source, 1);
     ASSERT_TRUE(first);
-    EXPECT_EQ(completed.get_future().get(), first.value());
-    auto second = source->drawFrame(2);
+    const std::vector<uint8_t> shown = first->readPixels(0, 0, 64, 36).value();
+    auto second = Draw(*source, 2);
     ASSERT_TRUE(second);
-    EXPECT_NE(second.value(), first.value()) << "the first is still held here";
+    EXPECT_NE(second, first) << "the first is still held here";
+    EXPECT_EQ(first->readPixels(0, 0, 64, 36).value(), shown) << "the first still shows frame 1";
 
-    // Let go of each picture once drawn: the few textures come round again instead of piling up.
-    std::set<Texture*> seen;
+    // Let go of each picture at once: the few pictures come round again instead of piling up.
+    first.reset();
+    second.reset();
+    std::set<std::weak_ptr<MemoryPicture>, std::owner_less<>> seen;
     for (uint64_t frame = 3; frame < 23; ++frame) {
-        std::promise<void> drawn;
-        auto picture = source->drawFrame(frame, [&](const std::shared_ptr<Texture>&) { drawn.set_value(); });
+        auto picture = Draw(*source, frame);
         ASSERT_TRUE(picture);
-        seen.insert(picture.value().get());
-        drawn.get_future().wait();
+        seen.insert(picture);
     }
-    EXPECT_LE(seen.size(), 3u);
+    EXPECT_LE(seen.size(), 2u);
+}
+
+// A picture that comes round again has only what moved drawn anew: it must then hold exactly what a
+// fresh pattern draws for that frame, whatever frame it showed before. Frames whose squares overlap,
+// lie apart, or wrap round to the left edge, and counters that change one digit or all eight.
+TEST(TestPatternTest, APictureDrawnAgainHoldsWhatAFreshPatternDrawsForItsNewFrame) {
+    const std::pair<uint64_t, uint64_t> changes[] = {
+        {5, 6}, {0, 100}, {100, 3}, {99999999, 100000000}, {12345678, 87654321}};
+    for (bool transparent : {false, true}) {
+        auto reused = Pattern(320, 180, transparent);
+        ASSERT_TRUE(reused);
+        const uint64_t positions = uint64_t((reused->geometry().width - reused->geometry().squareSide) /
+                                            reused->geometry().squareStep) +
+                                   1;
+        std::vector<std::pair<uint64_t, uint64_t>> cases(std::begin(changes), std::end(changes));
+        cases.emplace_back(positions - 1, positions); // from the right edge back to the left
+        for (auto [before, after] : cases) {
+            SCOPED_TRACE(::testing::Message() << (transparent ? "transparent, " : "opaque, ") << "frame "
+                                              << before << " then " << after);
+            auto earlier = Draw(*reused, before);
+            ASSERT_TRUE(earlier);
+            std::weak_ptr<MemoryPicture> shown = earlier;
+            earlier.reset();
+            auto again = Draw(*reused, after);
+            ASSERT_TRUE(again);
+            ASSERT_FALSE(shown.owner_before(again) || again.owner_before(shown))
+                << "the picture did not come round again";
+
+            auto fresh = Pattern(320, 180, transparent);
+            ASSERT_TRUE(fresh);
+            auto expected = Draw(*fresh, after);
+            ASSERT_TRUE(expected);
+            Pixels drawn = ReadPixels(*again), wanted = ReadPixels(*expected);
+            int differing = 0;
+            for (uint32_t y = 0; y < 180; ++y) {
+                for (uint32_t x = 0; x < 320; ++x) {
+                    if (drawn.at(x, y) != wanted.at(x, y) && ++differing <= 3)
+                        ADD_FAILURE()
+                            << "at " << x << ", " << y << ": " << ::testing::PrintToString(drawn.at(x, y))
+                            << " instead of " << ::testing::PrintToString(wanted.at(x, y));
+                }
+            }
+            EXPECT_EQ(differing, 0);
+        }
+    }
 }
 
 } // namespace

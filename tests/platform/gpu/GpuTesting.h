@@ -87,14 +87,16 @@ inline std::shared_ptr<Texture> MakeSolidTexture(uint32_t width, uint32_t height
 // The pixels of a region, read back once the GPU has done what was submitted before.
 class Pixels {
 public:
-    Pixels(const std::shared_ptr<Texture>& texture, uint32_t x, uint32_t y, uint32_t width, uint32_t height)
+    // A region at (x, y), `width` pixels across, as a read-back answered it.
+    Pixels(Result<std::vector<uint8_t>> read, uint32_t x, uint32_t y, uint32_t width)
         : _x(x), _y(y), _width(width) {
-        auto read = texture->readPixels(x, y, width, height);
         if (!read)
             ADD_FAILURE() << read.error().message();
         else
             _bytes = std::move(read.value());
     }
+    Pixels(const std::shared_ptr<Texture>& texture, uint32_t x, uint32_t y, uint32_t width, uint32_t height)
+        : Pixels(texture->readPixels(x, y, width, height), x, y, width) {}
     explicit Pixels(const std::shared_ptr<Texture>& texture)
         : Pixels(texture, 0, 0, texture->width(), texture->height()) {}
 

@@ -1,5 +1,6 @@
-#include "core/FrameConverter.h"
+#include "platform/gpu/GpuPictureEngine.h"
 
+#include "platform/MemoryPicture.h"
 #include "platform/gpu/CommandBuffer.h"
 #include "platform/gpu/RenderPipeline.h"
 
@@ -190,27 +191,26 @@ struct Pool {
 
 } // namespace
 
-FrameFormat FrameFormatOf(const MovieWriter& writer) {
-    FrameFormat format;
-    switch (writer.pixelFormat()) {
-    case AV_PIX_FMT_YUV422P10LE:
-        format.layout = FrameLayout::YUV422P10;
-        break;
-    case AV_PIX_FMT_YUVA444P10LE:
-        format.layout = FrameLayout::YUVA444P10;
-        break;
-    default:
-        format.layout = FrameLayout::YUV420P;
-        break;
-    }
-    format.width = uint32_t(writer.width());
-    format.height = uint32_t(writer.height());
-    format.planes = writer.planes();
-    format.bytes = writer.frameBytes();
-    return format;
-}
+// The pass that turns a picture into a movie's picture in one GPU dispatch, straight into host-visible
+// memory, so that the encoder reads what the GPU wrote, uncopied.
+class GpuFrameConverter final : public FrameConverter {
+public:
+    struct State;
+    GpuFrameConverter(std::shared_ptr<State> state, std::shared_ptr<GpuPictureEngine> engine)
+        : _state(std::move(state)), _engine(std::move(engine)) {}
+    ~GpuFrameConverter() override;
 
-struct FrameConverter::State {
+    Result<> convert(const std::shared_ptr<Picture>& picture, bool flipped, bool transparentBars,
+                     const FrameFormat& format, Completion completion) override;
+    Result<> prepare(const FrameFormat& format) override;
+    void forgetPool() override;
+
+private:
+    std::shared_ptr<State> _state;
+    std::shared_ptr<GpuPictureEngine> _engine;
+};
+
+struct GpuFrameConverter::State {
     std::shared_ptr<CommandQueue> queue;
     std::shared_ptr<GpuDevice> device;
     vk::raii::DescriptorSetLayout setLayout{nullptr};
@@ -219,13 +219,16 @@ struct FrameConverter::State {
     std::shared_ptr<Pool> pool = std::make_shared<Pool>();
 };
 
-Result<std::unique_ptr<FrameConverter>> FrameConverter::make(std::shared_ptr<CommandQueue> queue) {
+Result<std::unique_ptr<FrameConverter>> GpuPictureEngine::makeFrameConverter() {
+    Result<std::shared_ptr<CommandQueue>> queue = CommandQueue::make(_device);
+    if (!queue)
+        return queue.error();
     Result<std::vector<uint32_t>> code = CompileShader(ShaderSource, ShaderStage::Compute, "frameConvert");
     if (!code)
         return code.error();
-    auto state = std::make_unique<State>();
-    state->device = queue->device();
-    state->queue = std::move(queue);
+    auto state = std::make_unique<GpuFrameConverter::State>();
+    state->device = _device;
+    state->queue = std::move(queue.value());
     try {
         const vk::raii::Device& vulkan = state->device->device();
         vk::Sampler sampler = state->device->linearSampler();
@@ -249,16 +252,15 @@ Result<std::unique_ptr<FrameConverter>> FrameConverter::make(std::shared_ptr<Com
     } catch (const std::exception& exception) {
         return GpuError(std::string("The frame conversion pass could not be made: ") + exception.what());
     }
-    return std::unique_ptr<FrameConverter>(new FrameConverter(std::shared_ptr<State>(std::move(state))));
+    return std::unique_ptr<FrameConverter>(new GpuFrameConverter(
+        std::shared_ptr<GpuFrameConverter::State>(std::move(state)), shared_from_this()));
 }
 
-FrameConverter::FrameConverter(std::shared_ptr<State> state) : _state(std::move(state)) {}
-
-FrameConverter::~FrameConverter() {
+GpuFrameConverter::~GpuFrameConverter() {
     _state->pool->forget();
 }
 
-Result<> FrameConverter::prepare(const FrameFormat& format) {
+Result<> GpuFrameConverter::prepare(const FrameFormat& format) {
     Result<std::unique_ptr<HostMemory>> made = MakeHostMemory(_state->device, format.bytes);
     if (!made)
         return made.error();
@@ -271,13 +273,17 @@ Result<> FrameConverter::prepare(const FrameFormat& format) {
     return {};
 }
 
-void FrameConverter::forgetPool() {
+void GpuFrameConverter::forgetPool() {
     _state->pool->forget();
 }
 
-Result<> FrameConverter::convert(const std::shared_ptr<Texture>& texture, bool flipped, bool transparentBars,
-                                 const FrameFormat& format, Completion completion) {
+Result<> GpuFrameConverter::convert(const std::shared_ptr<Picture>& picture, bool flipped,
+                                    bool transparentBars, const FrameFormat& format, Completion completion) {
     State& s = *_state;
+    Result<std::shared_ptr<Texture>> uploaded = _engine->texture(picture);
+    if (!uploaded)
+        return uploaded.error();
+    const std::shared_ptr<Texture>& texture = uploaded.value();
     if (!texture || format.width < 1 || format.height < 1 || format.planes.empty() ||
         format.planes.size() > 4)
         return GpuError("Nothing to convert");

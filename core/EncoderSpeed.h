@@ -1,0 +1,101 @@
+#pragma once
+
+#include "platform/SettingsStore.h"
+
+#include <array>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace quorva {
+
+// The x264 and x265 speed presets a take chooses among, fastest first. Slower ones than medium cost
+// twice as much again for little a live recording would notice.
+inline constexpr std::array<const char*, 6> EncoderPresets = {"ultrafast", "superfast", "veryfast",
+                                                              "faster",    "fast",      "medium"};
+
+// Pixels a second that one processor encodes with each of EncoderPresets, in that order; 0 where the
+// preset could not be measured.
+using PresetSpeeds = std::array<double, EncoderPresets.size()>;
+
+// The preset for one take's encoders, and whether it keeps up with the pictures.
+struct PresetChoice {
+    std::string preset; // empty for a codec that has no presets
+    bool keepsUp = true;
+};
+
+// The part of the processors that encoding may count on. The encoders spread over threads with some
+// loss: x264's frame threads wait on the rows of their reference pictures and on its lookahead, x265's
+// wavefronts on the rows above, so n processors encode about 0.8 n times what one does alone. Of the
+// rest, the sources and the monitor picture keep working, the sound is encoded and the movie muxed,
+// and the pictures are converted (on the processors when the GPU is a software one): 0.8 of the
+// machine left to the encoders, so 0.8 × 0.8, about 0.65. Scenes harder than the measured pictures
+// need no further margin: those are already harder than most (grain on every picture, a pan of
+// detail), and smaller than a movie's, whose larger pictures encode more cheaply per pixel.
+inline constexpr double EncodingShare = 0.65;
+
+// What a second hardware thread of a core adds to it: the two share the core's execution units, and
+// the encoders' SIMD code keeps those busy already, so the pair does about a quarter more than one.
+inline constexpr double SharedCoreGain = 0.25;
+
+// The slowest preset whose speed, over `processors` processors at EncodingShare, covers
+// `pixelsPerSecond`. When none does: ultrafast, not keeping up. A preset measured at 0 never keeps up.
+PresetChoice ChoosePreset(const PresetSpeeds& speeds, double processors, double pixelsPerSecond);
+
+// The processors online, counted as what each adds to encoding: every core once, each further hardware
+// thread of a core SharedCoreGain, read from `cpuFolder`'s topology. Every processor online counts
+// once where the topology cannot be read.
+double ProcessorCapacity(const std::filesystem::path& cpuFolder = "/sys/devices/system/cpu");
+
+// Encodes the same moving pictures with each preset on one thread and answers the pixels a second of
+// each, of libx264 for codec 0 and of libx265 for codec 1. Takes about a second of one processor
+// (a little more for HEVC).
+PresetSpeeds MeasurePresetSpeeds(int64_t codec);
+
+// What a measurement of this machine is tied to: the processor's model, the processors online and the
+// encoders' libraries. Speeds remembered under another signature are measured again.
+std::string MachineSignature();
+
+// How fast this machine encodes H.264 with libx264 and HEVC with libx265, so that each take can pick the
+// slowest (best-looking) preset that keeps up with the pixels it must encode. Each codec's speeds are
+// measured the first time a take needs them, before its encoders run (measuring beside a take would
+// slow both), and remembered in the settings; a processor, a processor count or encoder library that
+// differs from the remembered one's has them measured again.
+//
+// Every call is safe from any thread. presetFor() and speeds() take a second or two of one processor
+// the first time a codec is asked for on a machine, and wait for a measurement under way.
+class EncoderSpeed {
+public:
+    // Where the speeds are kept: a string of compact JSON, {"signature": ..., "h264": {preset: speed},
+    // "hevc": {...}}.
+    static constexpr const char* SettingsKey = "EncoderSpeed";
+
+    // Takes the speeds remembered for this machine, in the settings or by this process.
+    static std::shared_ptr<EncoderSpeed> make(std::shared_ptr<SettingsStore> settings);
+    EncoderSpeed(const EncoderSpeed&) = delete;
+    EncoderSpeed& operator=(const EncoderSpeed&) = delete;
+
+    // The preset for `pixelsPerSecond` across all of a take's H.264 (codec 0) or HEVC (codec 1)
+    // encoders, by ChoosePreset() over ProcessorCapacity(). ProRes (codecs 2 and 3) has no presets:
+    // an empty one, keeping up. Any other codec is written as H.264, and answered as such.
+    PresetChoice presetFor(int64_t codec, double pixelsPerSecond);
+
+    // The speeds of codec 0 or 1 (others as for presetFor()), measured now if they are not known.
+    PresetSpeeds speeds(int64_t codec);
+
+private:
+    explicit EncoderSpeed(std::shared_ptr<SettingsStore> settings);
+
+    const std::shared_ptr<SettingsStore> _settings;
+    const double _processors;
+    const std::string _signature;
+    std::mutex _measuring; // held through a measurement
+    std::mutex _lock;      // guards _speeds
+    std::array<std::optional<PresetSpeeds>, 2> _speeds; // H.264, HEVC; nothing until known
+};
+
+} // namespace quorva

@@ -1,0 +1,43 @@
+#pragma once
+
+#include "platform/PictureEngine.h"
+#include "platform/PicturePool.h"
+#include "platform/gpu/CommandQueue.h"
+#include "platform/gpu/GpuDevice.h"
+#include "platform/gpu/Texture.h"
+
+#include <memory>
+#include <vector>
+
+namespace quorva {
+
+// The picture engine of a GPU: pictures are textures, conversions compute passes that leave the
+// encoder's pixel format in host-visible memory, compositions render passes. Pictures that arrive in
+// memory are uploaded into textures of a pool of its own.
+class GpuPictureEngine final : public PictureEngine, public std::enable_shared_from_this<GpuPictureEngine> {
+public:
+    static Result<std::shared_ptr<GpuPictureEngine>> make(std::shared_ptr<GpuDevice> device);
+
+    std::string name() const override;
+    bool isProcessor() const override { return false; }
+    uint32_t maximumPictureSize() const override { return _device->maximumTextureSize(); }
+    Result<std::shared_ptr<Picture>> adopt(const std::shared_ptr<MemoryPicture>& picture) override;
+    Result<std::vector<uint8_t>> readPixels(const std::shared_ptr<Picture>& picture, uint32_t x, uint32_t y,
+                                            uint32_t width, uint32_t height) override;
+    Result<std::unique_ptr<FrameConverter>> makeFrameConverter() override;
+    Result<std::shared_ptr<PictureCompositor>> makeCompositor() override;
+
+    const std::shared_ptr<GpuDevice>& device() const { return _device; }
+    // The picture as a texture: itself, or an upload of a picture in memory.
+    Result<std::shared_ptr<Texture>> texture(const std::shared_ptr<Picture>& picture);
+
+private:
+    GpuPictureEngine(std::shared_ptr<GpuDevice> device, std::shared_ptr<CommandQueue> compositions);
+
+    std::shared_ptr<GpuDevice> _device;
+    // One queue for every composition, so that the monitor's pictures never overtake the take's.
+    std::shared_ptr<CommandQueue> _compositions;
+    PicturePool<Texture> _uploads;
+};
+
+} // namespace quorva

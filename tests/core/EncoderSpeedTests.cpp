@@ -1,0 +1,199 @@
+#include "core/EncoderSpeed.h"
+
+#include "platform/Log.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <vector>
+
+namespace quorva {
+namespace {
+
+namespace fs = std::filesystem;
+using json = nlohmann::json;
+
+constexpr int64_t H264 = 0, HEVC = 1, ProRes422 = 2, ProRes4444 = 3;
+
+// Speeds that make the choice easy to follow: each preset half as fast as the one before, from 100
+// pixels a second of one processor.
+constexpr PresetSpeeds Halving = {100, 50, 25, 12.5, 6.25, 3.125};
+
+// The pixels a second that `processors` processors cover with presets of `speed`.
+double Covered(double speed, double processors) {
+    return speed * processors * EncodingShare;
+}
+
+class TemporaryFolder : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::string pattern = (fs::temp_directory_path() / "quorva-encoder-speed-XXXXXX").string();
+        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+        _folder = pattern;
+    }
+    void TearDown() override {
+        std::error_code ignored;
+        fs::remove_all(_folder, ignored);
+    }
+
+    void Write(const fs::path& path, const std::string& text) {
+        fs::create_directories((_folder / path).parent_path());
+        std::ofstream(_folder / path) << text << "\n";
+    }
+
+    fs::path _folder;
+};
+
+// --- The choice --------------------------------------------------------------------------------------
+
+TEST(ChoosePreset, TakesTheSlowestPresetThatKeepsUp) {
+    // Exactly covered counts as keeping up; a hair more needs the next faster preset.
+    EXPECT_EQ(ChoosePreset(Halving, 4, Covered(25, 4)).preset, "veryfast");
+    EXPECT_EQ(ChoosePreset(Halving, 4, Covered(25, 4) * 1.001).preset, "superfast");
+    EXPECT_EQ(ChoosePreset(Halving, 4, 0).preset, "medium");
+    EXPECT_TRUE(ChoosePreset(Halving, 4, Covered(100, 4)).keepsUp);
+
+    // More processors, slower presets.
+    EXPECT_EQ(ChoosePreset(Halving, 8, Covered(25, 4)).preset, "faster");
+
+    // Measurements are noisy: a slower preset measured faster than its neighbour still counts by its
+    // own speed, and one that could not be measured never keeps up.
+    PresetSpeeds uneven = Halving;
+    uneven[4] = 0;
+    uneven[3] = 30;
+    EXPECT_EQ(ChoosePreset(uneven, 1, Covered(28, 1)).preset, "faster");
+    EXPECT_EQ(ChoosePreset(uneven, 1, Covered(6, 1)).preset, "faster");
+}
+
+TEST(ChoosePreset, WhenNothingKeepsUpItIsTheFastestAndSaysSo) {
+    PresetChoice choice = ChoosePreset(Halving, 2, Covered(100, 2) * 1.5);
+    EXPECT_EQ(choice.preset, "ultrafast");
+    EXPECT_FALSE(choice.keepsUp);
+
+    // An encoder that could not be measured at all.
+    choice = ChoosePreset(PresetSpeeds{}, 2, 1);
+    EXPECT_EQ(choice.preset, "ultrafast");
+    EXPECT_FALSE(choice.keepsUp);
+
+    // A machine that reports no processors counts as one.
+    EXPECT_TRUE(ChoosePreset(Halving, 0, Covered(100, 1)).keepsUp);
+}
+
+// --- The processors ----------------------------------------------------------------------------------
+
+using ProcessorCapacityTest = TemporaryFolder;
+
+TEST_F(ProcessorCapacityTest, CountsEachCoreOnceAndItsSecondThreadAsAQuarter) {
+    // Four processors online, two cores of two threads each, and a fifth processor offline.
+    Write("online", "0-1,4-5");
+    for (int cpu : {0, 1, 4, 5})
+        Write("cpu" + std::to_string(cpu) + "/topology/thread_siblings_list", cpu % 2 ? "1,5" : "0,4");
+    Write("cpu2/topology/thread_siblings_list", "2");
+    EXPECT_DOUBLE_EQ(ProcessorCapacity(_folder), 2 + 2 * SharedCoreGain);
+
+    // A core whose other thread is offline counts whole.
+    Write("online", "0-1,4");
+    Write("cpu5/topology/thread_siblings_list", "oops");
+    Write("cpu1/topology/thread_siblings_list", "1");
+    EXPECT_DOUBLE_EQ(ProcessorCapacity(_folder), 2 + SharedCoreGain);
+}
+
+TEST_F(ProcessorCapacityTest, WithoutATopologyEveryProcessorOnlineCounts) {
+    const double online = double(sysconf(_SC_NPROCESSORS_ONLN));
+    EXPECT_DOUBLE_EQ(ProcessorCapacity(_folder), online);
+    Write("online", "0-1");
+    Write("cpu0/topology/thread_siblings_list", "0");
+    EXPECT_DOUBLE_EQ(ProcessorCapacity(_folder), online) << "cpu1 has none";
+    Write("online", "garbage");
+    EXPECT_DOUBLE_EQ(ProcessorCapacity(_folder), online);
+}
+
+// --- Measuring and remembering -----------------------------------------------------------------------
+
+class EncoderSpeedTest : public TemporaryFolder {
+protected:
+    void SetUp() override {
+        TemporaryFolder::SetUp();
+        _settings = std::make_shared<SettingsStore>("org.quorva.test", _folder);
+    }
+
+    // Remembers `speeds` for both codecs under `signature`.
+    void Remember(const std::string& signature, const PresetSpeeds& speeds) {
+        json value = {{"signature", signature}};
+        for (const char* codec : {"h264", "hevc"}) {
+            for (size_t i = 0; i < speeds.size(); ++i)
+                value[codec][EncoderPresets[i]] = speeds[i];
+        }
+        ASSERT_TRUE(_settings->setString(value.dump(), EncoderSpeed::SettingsKey));
+    }
+    json Remembered() const {
+        return json::parse(_settings->stringForKey(EncoderSpeed::SettingsKey).value_or("null"));
+    }
+
+    std::shared_ptr<SettingsStore> _settings;
+};
+
+TEST_F(EncoderSpeedTest, MeasuresWhatAnotherMachineRememberedAndRemembersItForThisOne) {
+    Remember("another machine", Halving);
+    std::shared_ptr<EncoderSpeed> measured = EncoderSpeed::make(_settings);
+    const PresetSpeeds h264 = measured->speeds(H264), hevc = measured->speeds(HEVC);
+    for (const PresetSpeeds& speeds : {h264, hevc}) {
+        for (double speed : speeds)
+            EXPECT_GT(speed, 1000);
+    }
+    // Orders of magnitude that no load on the machine hides. (x265's presets come out closer together
+    // than x264's: the few pictures it gets leave its key frame a large part of the cost.)
+    EXPECT_GT(h264.front(), 2 * h264.back()) << "ultrafast is far faster than medium";
+    EXPECT_GT(h264[2], 2 * hevc[2]) << "x265 costs far more than x264 at the same preset";
+    EXPECT_EQ(Remembered()["signature"], MachineSignature());
+
+    // This machine reads them back, to the last bit, rather than measuring again.
+    std::shared_ptr<EncoderSpeed> again = EncoderSpeed::make(_settings);
+    EXPECT_EQ(again->speeds(H264), h264);
+    EXPECT_EQ(again->speeds(HEVC), hevc);
+}
+
+TEST_F(EncoderSpeedTest, ChoosesFromTheRememberedSpeedsOverThisMachinesProcessors) {
+    Remember(MachineSignature(), Halving);
+    std::shared_ptr<EncoderSpeed> speed = EncoderSpeed::make(_settings);
+    const double processors = ProcessorCapacity();
+    PresetChoice choice = speed->presetFor(HEVC, Covered(12.5, processors));
+    EXPECT_EQ(choice.preset, "faster");
+    EXPECT_TRUE(choice.keepsUp);
+    EXPECT_FALSE(speed->presetFor(H264, Covered(200, processors)).keepsUp);
+    // An unknown codec is written as H.264, so it is chosen for as one.
+    EXPECT_EQ(speed->presetFor(7, Covered(50, processors)).preset, "superfast");
+
+    for (int64_t proRes : {ProRes422, ProRes4444}) {
+        choice = speed->presetFor(proRes, 1e12);
+        EXPECT_EQ(choice.preset, "");
+        EXPECT_TRUE(choice.keepsUp);
+    }
+}
+
+// A value is believed codec by codec, and only where it reads whole: a codec missing or damaged by hand
+// is measured again when a take needs it.
+TEST_F(EncoderSpeedTest, ARememberedValueIsBelievedOnlyWhereItReadsWhole) {
+    std::vector<std::string> lines;
+    SetLogSink([&](const std::string& line) { lines.push_back(line); });
+    json remembered = {{"signature", MachineSignature()}, {"h264", json::object()}};
+    for (size_t i = 0; i < EncoderPresets.size(); ++i)
+        remembered["h264"][EncoderPresets[i]] = Halving[i];
+    ASSERT_TRUE(_settings->setString(remembered.dump(), EncoderSpeed::SettingsKey));
+    EXPECT_EQ(EncoderSpeed::make(_settings)->speeds(H264), Halving);
+    EXPECT_TRUE(lines.empty()) << lines.front();
+
+    remembered["h264"]["fast"] = -1;
+    ASSERT_TRUE(_settings->setString(remembered.dump(), EncoderSpeed::SettingsKey));
+    EXPECT_NE(EncoderSpeed::make(_settings)->speeds(H264), Halving);
+    ASSERT_FALSE(lines.empty());
+    EXPECT_TRUE(lines[0].starts_with("EncoderSpeed: measuring libx264")) << lines[0];
+    EXPECT_GT(Remembered()["h264"]["fast"], 0) << "the measurement replaced what could not be read";
+    SetLogSink({});
+}
+
+} // namespace
+} // namespace quorva
