@@ -5,6 +5,8 @@
 #include "core/Layout.h"
 #include "core/MovieRecorderSettings.h"
 #include "core/TakeNaming.h"
+#include "platform/Log.h"
+#include "platform/gpu/GpuDevice.h"
 #include "sources/TestPatternDirectory.h"
 
 #include <charconv>
@@ -204,6 +206,17 @@ Result<RecordOptions> ParseRecordOptions(const std::vector<std::string>& argumen
 
 std::shared_ptr<SourceDirectory> MakeSourceDirectory() {
     return std::make_shared<TestPatternDirectory>();
+}
+
+Result<std::shared_ptr<PictureEngine>> MakePictureEngine() {
+    Result<std::shared_ptr<GpuDevice>> device = GpuDevice::make();
+    if (!device)
+        return Error(device.error().domain(), device.error().code(),
+                     "QuorvaRecorder needs Vulkan: " + device.error().message());
+    Result<std::shared_ptr<PictureEngine>> engine = PictureEngine::make(device.value());
+    if (engine)
+        Log("QuorvaRecorder: ", "pictures are drawn on " + engine.value()->name());
+    return engine;
 }
 
 int RunCommandLine(int argc, char** argv) {

@@ -36,6 +36,11 @@ Result<RecordOptions> ParseRecordOptions(const std::vector<std::string>& argumen
 // The sources this program can record, in the order in which they are matched.
 std::shared_ptr<SourceDirectory> MakeSourceDirectory();
 
+// Where the pictures are drawn: the Vulkan device's engine, or the processor's where that device is a
+// processor itself (the device is then let go of). "QuorvaRecorder needs Vulkan: …" without a device;
+// the reason QUORVA_PICTURES is refused. The log names the engine chosen.
+Result<std::shared_ptr<PictureEngine>> MakePictureEngine();
+
 // The subcommands; each takes the arguments after its name and answers the exit status.
 int RunSourcesCommand(const std::vector<std::string>& arguments);
 int RunRecordCommand(const std::vector<std::string>& arguments);

@@ -5,9 +5,7 @@
 #include "core/RecorderController.h"
 #include "platform/HeadlessEventLoop.h"
 #include "platform/Log.h"
-#include "platform/PictureEngine.h"
 #include "platform/SettingsStore.h"
-#include "platform/gpu/GpuDevice.h"
 #include "remote/NetworkPorts.h"
 #include "remote/RecorderNetwork.h"
 
@@ -63,20 +61,12 @@ int RunHeadless(const std::vector<std::string>& arguments) {
 
     auto loop = std::make_shared<HeadlessEventLoop>();
     EventLoop::setMainLoop(loop);
-    auto device = GpuDevice::make();
-    if (!device) {
-        Log("Headless: ", device.error().message());
-        std::fputs("QuorvaRecorder needs Vulkan\n", stderr);
-        EventLoop::setMainLoop(nullptr);
-        return ExitFailure;
-    }
-    auto engine = PictureEngine::make(device.value());
+    auto engine = MakePictureEngine();
     if (!engine) {
-        Log("Headless: ", engine.error().message());
+        std::fprintf(stderr, "%s\n", engine.error().message().c_str());
         EventLoop::setMainLoop(nullptr);
         return ExitFailure;
     }
-    Log("Headless: ", "pictures are drawn on " + engine.value()->name());
     auto controller = RecorderController::make(engine.value(), MakeSourceDirectory(), nullptr,
                                                std::make_shared<SettingsStore>());
     auto network = RecorderNetwork::make(controller, QUORVA_VERSION);

@@ -6,10 +6,8 @@
 #include "platform/HeadlessEventLoop.h"
 #include "platform/Log.h"
 #include "platform/MediaClock.h"
-#include "platform/PictureEngine.h"
 #include "platform/SettingsStore.h"
 #include "platform/UserFolders.h"
-#include "platform/gpu/GpuDevice.h"
 
 #include <algorithm>
 #include <atomic>
@@ -227,13 +225,9 @@ bool ReportMovies(const RecorderController& controller) {
 }
 
 int Record(const RecordOptions& options, HeadlessEventLoop& loop) {
-    auto device = GpuDevice::make();
-    if (!device)
-        return Fail("QuorvaRecorder needs Vulkan: " + device.error().message());
-    auto engine = PictureEngine::make(device.value());
+    auto engine = MakePictureEngine();
     if (!engine)
         return Fail(engine.error().message());
-    Log("RecordCommand: ", "pictures are drawn on " + engine.value()->name());
     auto settings = TakeSettings::make();
     if (!settings)
         return Fail(settings.error().message());

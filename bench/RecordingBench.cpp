@@ -195,7 +195,8 @@ std::string EncoderOptions(int64_t width, int64_t height, const std::string& pre
            std::to_string(MovieBitRate(0, width, height, Rate, 0)) + " -g " +
            std::to_string(int(std::ceil(2 * Rate))) +
            " -bf 0 -pix_fmt yuv420p -color_primaries bt709 -color_trc bt709 -colorspace bt709 -color_range tv"
-           " -c:a aac -b:a 256k -ar 48000 -ac 2 -frag_duration 10000000 -movflags +delay_moov -y ";
+           " -c:a aac -aac_coder fast -b:a 256k -ar 48000 -ac 2 -frag_duration 10000000 -movflags "
+           "+delay_moov -y ";
 }
 
 // The same take made by ffmpeg in one process, timed by the processor time of its process.

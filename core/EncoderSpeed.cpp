@@ -427,7 +427,8 @@ std::shared_ptr<EncoderSpeed> EncoderSpeed::make(std::shared_ptr<SettingsStore> 
         measured = Measured;
     }
     std::optional<std::string> text = speed->_settings->stringForKey(SettingsKey);
-    for (const json& remembered : {text ? json::parse(*text, nullptr, /*allow_exceptions=*/false) : json(), measured}) {
+    for (const json& remembered :
+         {text ? json::parse(*text, nullptr, /*allow_exceptions=*/false) : json(), measured}) {
         if (!remembered.is_object() || remembered.value("signature", json()) != speed->_signature)
             continue;
         for (size_t codec = 0; codec < speed->_speeds.size(); ++codec) {
@@ -450,7 +451,8 @@ PresetSpeeds EncoderSpeed::speeds(int64_t codec) {
     }
     Log(LogPrefix, std::string("measuring ") + (index == 0 ? "libx264" : "libx265") + " on " + _signature);
     const PresetSpeeds measured = MeasurePresetSpeeds(int64_t(index));
-    Log(LogPrefix, std::string(index == 0 ? "libx264" : "libx265") + ", one processor: " + Describe(measured));
+    Log(LogPrefix,
+        std::string(index == 0 ? "libx264" : "libx265") + ", one processor: " + Describe(measured));
     json remembered = {{"signature", _signature}};
     {
         std::lock_guard guard(_lock);

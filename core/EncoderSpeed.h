@@ -93,8 +93,8 @@ private:
     const std::shared_ptr<SettingsStore> _settings;
     const double _processors;
     const std::string _signature;
-    std::mutex _measuring; // held through a measurement
-    std::mutex _lock;      // guards _speeds
+    std::mutex _measuring;                              // held through a measurement
+    std::mutex _lock;                                   // guards _speeds
     std::array<std::optional<PresetSpeeds>, 2> _speeds; // H.264, HEVC; nothing until known
 };
 

@@ -12,6 +12,8 @@ extern "C" {
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <system_error>
 #include <thread>
 #include <unistd.h>
@@ -34,6 +36,9 @@ constexpr int64_t SilenceBudget = MovieWriter::SoundRate;
 constexpr int LastSoundPatience = 5000;
 // The last picture is shown for at least this long (1/60000 s) when the finish comes right after it.
 constexpr int64_t LastFrameHold = 250;
+// How much lower than the rest of the program the recorders' queues run (a nice value, which anyone
+// may raise for their own threads).
+constexpr int EncoderNiceness = 5;
 
 int64_t MovieTime(double seconds) {
     return std::llround(seconds * MovieWriter::TimeScale);
@@ -55,7 +60,11 @@ std::shared_ptr<MovieRecorder> MovieRecorder::make(const std::shared_ptr<Picture
 }
 
 MovieRecorder::MovieRecorder(std::unique_ptr<FrameConverter> converter)
-    : _converter(std::move(converter)), _queue(std::make_shared<SerialQueue>(".movie-recorder")) {}
+    : _converter(std::move(converter)), _queue(std::make_shared<SerialQueue>(".movie-recorder")) {
+    // The recorder's queue, and the encoder threads it starts, yield to the sources and to composition:
+    // a late encoder has three pictures of slack, a late source has none.
+    _queue->post([] { setpriority(PRIO_PROCESS, pid_t(syscall(SYS_gettid)), EncoderNiceness); });
+}
 
 MovieRecorder::~MovieRecorder() {
     // Every task holds the recorder, so none is left but delayed ones that were dropped; the writer of
@@ -135,6 +144,7 @@ Result<> MovieRecorder::createWriterForFrameOfWidth(uint64_t width, uint64_t hei
     format.megabitsPerSecond = _settings.megabitsPerSecond();
     format.recordsSound = _settings.recordsSound();
     format.preset = _settings.encoderPreset();
+    format.threads = _settings.encoderThreads();
     Result<std::unique_ptr<MovieWriter>> made = MovieWriter::make(_url, format);
     if (!made)
         return made.error();

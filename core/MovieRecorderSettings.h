@@ -40,6 +40,9 @@ public:
     // leaves the writer's own choice.
     const std::string& encoderPreset() const { return _encoderPreset; }
     void setEncoderPreset(std::string preset) { _encoderPreset = std::move(preset); }
+    // Threads of such an encoder; 0 leaves the encoder's own choice, one per processor.
+    int64_t encoderThreads() const { return _encoderThreads; }
+    void setEncoderThreads(int64_t threads) { _encoderThreads = threads; }
 
 private:
     bool _recordsSound = false;
@@ -49,6 +52,7 @@ private:
     double _framesPerSecond = 0;
     double _megabitsPerSecond = 0;
     std::string _encoderPreset;
+    int64_t _encoderThreads = 0;
 };
 
 } // namespace quorva

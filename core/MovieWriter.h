@@ -64,6 +64,8 @@ public:
         // The speed preset of libx264 and libx265 ("ultrafast" … "medium"), which the take chooses for
         // what this machine keeps up with; empty: veryfast for H.264, ultrafast for HEVC.
         std::string preset{};
+        // Threads of libx264 and libx265; 0 lets the encoder take as many as there are processors.
+        int64_t threads = 0;
     };
 
     // Where one plane of a picture lies in a buffer of frameBytes(): the layout that makeFrame() uses and

@@ -19,6 +19,7 @@
 #include <cwctype>
 #include <locale.h>
 #include <set>
+#include <thread>
 #include <utility>
 
 namespace quorva {
@@ -678,6 +679,12 @@ bool RecorderController::start() {
         choosePreset(codec, output != TakeOutputAssembled ? sizes : Take::SourceSizes(), rates,
                      layout ? layout->size() : Size{}, clockRate);
     settings.setEncoderPreset(preset.preset);
+    // The take's encoders run side by side: each gets its share of the processors. More threads than
+    // that cost memory (a picture each) and time spent waiting on one another, and left the encoders
+    // further behind at the start of a take here.
+    const size_t movieCount = (output != TakeOutputAssembled ? _places.size() : 0) + (layout ? 1 : 0);
+    settings.setEncoderThreads(
+        std::max<int64_t>(1, std::lround(double(std::thread::hardware_concurrency()) / double(movieCount))));
 
     std::vector<std::string> titles;
     for (const auto& place : _places)

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <sys/mman.h>
 
 namespace quorva {
 
@@ -10,10 +11,21 @@ void MemoryPicture::Free::operator()(uint8_t* bytes) const {
     std::free(bytes);
 }
 
+uint8_t* AllocatePictureMemory(size_t size) {
+    constexpr size_t HugePage = size_t(2) << 20;
+    if (size == 0)
+        return nullptr;
+    const size_t alignment = size >= HugePage ? HugePage : MemoryPicture::Alignment;
+    const size_t rounded = (size + alignment - 1) / alignment * alignment;
+    auto* bytes = static_cast<uint8_t*>(std::aligned_alloc(alignment, rounded));
+    if (bytes && alignment == HugePage)
+        (void)madvise(bytes, rounded, MADV_HUGEPAGE);
+    return bytes;
+}
+
 Result<std::shared_ptr<MemoryPicture>> MemoryPicture::make(uint32_t width, uint32_t height) {
     const size_t stride = (size_t(width) * 4 + Alignment - 1) / Alignment * Alignment;
-    auto* bytes = width && height ? static_cast<uint8_t*>(std::aligned_alloc(Alignment, stride * height))
-                                  : nullptr;
+    uint8_t* bytes = AllocatePictureMemory(stride * height);
     if (!bytes)
         return Error(std::string(ApplicationIdentifier) + ".Picture", -1,
                      "No memory for a picture of " + std::to_string(width) + " × " + std::to_string(height) +
@@ -25,10 +37,12 @@ Result<std::shared_ptr<MemoryPicture>> MemoryPicture::make(uint32_t width, uint3
 Result<std::vector<uint8_t>> MemoryPicture::readPixels(uint32_t x, uint32_t y, uint32_t width,
                                                        uint32_t height) const {
     if (uint64_t(x) + width > _width || uint64_t(y) + height > _height)
-        return Error(std::string(ApplicationIdentifier) + ".Picture", -1, "The region lies outside the picture");
+        return Error(std::string(ApplicationIdentifier) + ".Picture", -1,
+                     "The region lies outside the picture");
     std::vector<uint8_t> pixels(size_t(width) * height * 4);
     for (uint32_t row = 0; row < height; ++row)
-        std::memcpy(pixels.data() + size_t(row) * width * 4, this->row(y + row) + size_t(x) * 4, size_t(width) * 4);
+        std::memcpy(pixels.data() + size_t(row) * width * 4, this->row(y + row) + size_t(x) * 4,
+                    size_t(width) * 4);
     return pixels;
 }
 

@@ -10,6 +10,11 @@
 
 namespace quorva {
 
+// Memory for pictures, at least `size` bytes (0: none), released with std::free. Large blocks lie on
+// 2 MB boundaries and ask for huge pages: a picture's first use then faults a few times rather than
+// thousands, which matters most in a virtual machine, where each fault is a trip to the hypervisor.
+uint8_t* AllocatePictureMemory(size_t size);
+
 // A picture in the processor's memory: rows of BGRA pixels, each starting on a 64-byte boundary (what
 // SIMD code reads fastest). Whoever holds it may write into it only while nobody else holds it.
 class MemoryPicture final : public Picture {

@@ -10,20 +10,45 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
-#include <mutex>
 #include <map>
+#include <mutex>
 
 namespace quorva {
+
+namespace {
+// Composition targets: the take's assembled picture while up to three wait for its encoder, the one
+// being drawn, and the latest one shown.
+constexpr size_t KeptTargets = 6;
+
+} // namespace
+
+// The targets of every composition, the take's and the monitor's, so that one composes into what the
+// other let go of, and what each target covers, so that a target drawn last with the same placements
+// needs no clear.
+struct CpuPictureEngine::Targets {
+    PicturePool<MemoryPicture> pool{KeptTargets};
+    std::mutex lock; // guards covered
+    // Keyed by the target itself, never by its address, which a later target may take over.
+    std::map<std::weak_ptr<MemoryPicture>, std::vector<int64_t>, std::owner_less<>> covered;
+
+    // Notes what `target` covers now; true when that differs from what it covered last.
+    bool remember(const std::shared_ptr<MemoryPicture>& target, const std::vector<int64_t>& now) {
+        std::lock_guard guard(lock);
+        // Targets that the pool let go of leave entries that nothing matches any more.
+        std::erase_if(covered, [](const auto& entry) { return entry.first.expired(); });
+        std::vector<int64_t>& last = covered[target];
+        if (last == now)
+            return false;
+        last = now;
+        return true;
+    }
+};
 
 namespace {
 
 Error PictureError(std::string message) {
     return Error(std::string(ApplicationIdentifier) + ".Picture", -1, std::move(message));
 }
-
-// Targets of one compositor: the take's assembled picture while up to three wait for its encoder, the
-// one being drawn, and the latest one shown.
-constexpr size_t KeptTargets = 6;
 
 // Where a picture that the processor did not make ends up: nowhere. Pictures reach this engine from
 // sources that hand over memory, from its own compositors, or not at all.
@@ -74,7 +99,8 @@ public:
             return memory.error();
         const MemoryPicture& from = *source.value();
         if (from.width() == format.width && from.height() == format.height) {
-            cpu::ConvertPicture(FirstRow(from, flipped), Stride(from, flipped), format, memory.value()->data());
+            cpu::ConvertPicture(FirstRow(from, flipped), Stride(from, flipped), format,
+                                memory.value()->data());
         } else {
             Result<const MemoryPicture*> fitted = fit(from, flipped, transparentBars, format);
             if (!fitted)
@@ -115,10 +141,7 @@ private:
             }
         }
         if (!taken) {
-            const size_t rounded = (size + MemoryPicture::Alignment - 1) / MemoryPicture::Alignment *
-                                   MemoryPicture::Alignment;
-            auto* bytes = size ? static_cast<uint8_t*>(std::aligned_alloc(MemoryPicture::Alignment, rounded))
-                               : nullptr;
+            uint8_t* bytes = AllocatePictureMemory(size);
             if (!bytes)
                 return PictureError("No memory for a movie picture");
             taken = std::make_unique<Buffer>(bytes, size);
@@ -141,7 +164,8 @@ private:
                 return made.error();
             _fitted = std::move(made.value());
         }
-        const std::array<float, 2> extent = FitExtents(from.width(), from.height(), format.width, format.height);
+        const std::array<float, 2> extent =
+            FitExtents(from.width(), from.height(), format.width, format.height);
         auto range = [](float side, float half) {
             const float first = std::ceil(side * (1 - half) / 2 - 0.5f);
             const float last = std::floor(side * (1 + half) / 2 - 0.5f);
@@ -165,9 +189,12 @@ private:
 
 class CpuCompositor final : public PictureCompositor {
 public:
+    explicit CpuCompositor(std::shared_ptr<CpuPictureEngine::Targets> targets)
+        : _targets(std::move(targets)) {}
+
     Result<std::shared_ptr<Picture>> compose(uint32_t width, uint32_t height,
-                                             const std::vector<PicturePlacement>& placements, bool transparent,
-                                             Completion completion) override {
+                                             const std::vector<PicturePlacement>& placements,
+                                             bool transparent, Completion completion) override {
         std::vector<std::shared_ptr<MemoryPicture>> pictures;
         for (const PicturePlacement& placement : placements) {
             Result<std::shared_ptr<MemoryPicture>> picture = InMemory(placement.picture);
@@ -175,7 +202,7 @@ public:
                 return picture.error();
             pictures.push_back(std::move(picture.value()));
         }
-        Result<std::shared_ptr<MemoryPicture>> made = _targets.take(width, height, MemoryPicture::make);
+        Result<std::shared_ptr<MemoryPicture>> made = _targets->pool.take(width, height, MemoryPicture::make);
         if (!made)
             return made.error();
         MemoryPicture& target = *made.value();
@@ -185,7 +212,7 @@ public:
         std::vector<int64_t> covered{transparent, width, height};
         for (const PicturePlacement& placement : placements)
             covered.insert(covered.end(), {placement.x, placement.y, placement.width, placement.height});
-        if (remember(made.value(), covered))
+        if (_targets->remember(made.value(), covered))
             libyuv::ARGBRect(target.bytes(), int(target.stride()), 0, 0, int(width), int(height),
                              transparent ? 0u : 0xFF000000u);
 
@@ -198,22 +225,26 @@ public:
             if (right <= left || bottom <= top)
                 continue;
             uint8_t* corner = target.row(uint32_t(top)) + size_t(left) * 4;
+            const uint32_t columns = uint32_t(right - left), rows = uint32_t(bottom - top);
             if (from.width() == placement.width && from.height() == placement.height && left == placement.x &&
-                top == placement.y && right - left == placement.width && bottom - top == placement.height)
-                libyuv::ARGBCopy(FirstRow(from, placement.flipped), Stride(from, placement.flipped), corner,
-                                 int(target.stride()), int(placement.width), int(placement.height));
-            else
-                // Scaled as a whole, and only the part inside the target kept.
-                libyuv::ARGBScaleClip(FirstRow(from, placement.flipped), Stride(from, placement.flipped),
-                                      int(from.width()), int(from.height()),
-                                      corner - (left - placement.x) * 4 -
-                                          (top - placement.y) * ptrdiff_t(target.stride()),
-                                      int(target.stride()), int(placement.width), int(placement.height),
-                                      int(left - placement.x), int(top - placement.y), int(right - left),
-                                      int(bottom - top), libyuv::kFilterBilinear);
+                top == placement.y && columns == placement.width && rows == placement.height) {
+                if (transparent)
+                    libyuv::ARGBCopy(FirstRow(from, placement.flipped), Stride(from, placement.flipped),
+                                     corner, int(target.stride()), int(columns), int(rows));
+                else
+                    cpu::CopyOpaque(FirstRow(from, placement.flipped), Stride(from, placement.flipped),
+                                    corner, ptrdiff_t(target.stride()), columns, rows);
+                continue;
+            }
+            // Scaled as a whole, and only the part inside the target kept.
+            libyuv::ARGBScaleClip(
+                FirstRow(from, placement.flipped), Stride(from, placement.flipped), int(from.width()),
+                int(from.height()),
+                corner - (left - placement.x) * 4 - (top - placement.y) * ptrdiff_t(target.stride()),
+                int(target.stride()), int(placement.width), int(placement.height), int(left - placement.x),
+                int(top - placement.y), int(columns), int(rows), libyuv::kFilterBilinear);
             if (!transparent)
-                cpu::MakeOpaque(corner, ptrdiff_t(target.stride()), uint32_t(right - left),
-                                uint32_t(bottom - top));
+                cpu::MakeOpaque(corner, ptrdiff_t(target.stride()), columns, rows);
         }
         if (completion)
             completion(made.value());
@@ -221,22 +252,7 @@ public:
     }
 
 private:
-    // Notes what `target` covers now; true when that differs from what it covered last.
-    bool remember(const std::shared_ptr<MemoryPicture>& target, const std::vector<int64_t>& covered) {
-        std::lock_guard guard(_lock);
-        // Targets that the pool let go of leave entries that nothing matches any more.
-        std::erase_if(_covered, [](const auto& entry) { return entry.first.expired(); });
-        std::vector<int64_t>& last = _covered[target];
-        if (last == covered)
-            return false;
-        last = covered;
-        return true;
-    }
-
-    PicturePool<MemoryPicture> _targets{KeptTargets};
-    std::mutex _lock; // guards _covered
-    // Keyed by the target itself, never by its address, which a later target may take over.
-    std::map<std::weak_ptr<MemoryPicture>, std::vector<int64_t>, std::owner_less<>> _covered;
+    std::shared_ptr<CpuPictureEngine::Targets> _targets;
 };
 
 } // namespace
@@ -244,6 +260,8 @@ private:
 std::shared_ptr<CpuPictureEngine> CpuPictureEngine::make() {
     return std::make_shared<CpuPictureEngine>();
 }
+
+CpuPictureEngine::CpuPictureEngine() : _targets(std::make_shared<Targets>()) {}
 
 Result<std::shared_ptr<Picture>> CpuPictureEngine::adopt(const std::shared_ptr<MemoryPicture>& picture) {
     return std::shared_ptr<Picture>(picture);
@@ -262,7 +280,7 @@ Result<std::unique_ptr<FrameConverter>> CpuPictureEngine::makeFrameConverter() {
 }
 
 Result<std::shared_ptr<PictureCompositor>> CpuPictureEngine::makeCompositor() {
-    return std::shared_ptr<PictureCompositor>(std::make_shared<CpuCompositor>());
+    return std::shared_ptr<PictureCompositor>(std::make_shared<CpuCompositor>(_targets));
 }
 
 } // namespace quorva

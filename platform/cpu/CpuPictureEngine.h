@@ -22,9 +22,15 @@ public:
     Result<std::unique_ptr<FrameConverter>> makeFrameConverter() override;
     Result<std::shared_ptr<PictureCompositor>> makeCompositor() override;
 
+    CpuPictureEngine();
+    // What the engine's compositors draw into, shared among them.
+    struct Targets;
+
 private:
     // As large as the GPUs this program meets take.
     static constexpr uint32_t MaximumSide = 16384;
+
+    std::shared_ptr<Targets> _targets;
 };
 
 } // namespace quorva

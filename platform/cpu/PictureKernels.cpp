@@ -50,9 +50,11 @@ struct Output {
     bool half;
 };
 
-inline void SetAlphaOneByOne(uint8_t* row, uint32_t width) {
-    for (uint32_t x = 0; x < width; ++x)
-        row[4 * size_t(x) + 3] = 255;
+inline void CopyOpaqueOneByOne(const uint8_t* from, uint8_t* to, uint32_t width) {
+    for (size_t x = 0; x < width; ++x) {
+        std::memmove(to + 4 * x, from + 4 * x, 3);
+        to[4 * x + 3] = 255;
+    }
 }
 
 } // namespace quorva::cpu
@@ -140,8 +142,8 @@ HWY_INLINE void Group444A10(const uint8_t* row, const uint8_t*, uint8_t* const* 
     }
 }
 
-HWY_INLINE void SetAlphaOfRow(uint8_t* row, uint32_t width) {
-    SetAlphaOneByOne(row, width);
+HWY_INLINE void CopyOpaqueRow(const uint8_t* from, uint8_t* to, uint32_t width) {
+    CopyOpaqueOneByOne(from, to, width);
 }
 
 #else
@@ -252,18 +254,19 @@ HWY_INLINE void Group444A10(const uint8_t* row, const uint8_t*, uint8_t* const* 
                           Words(out[3]));
 }
 
-HWY_INLINE void SetAlphaOfRow(uint8_t* row, uint32_t width) {
+HWY_INLINE void CopyOpaqueRow(const uint8_t* from, uint8_t* to, uint32_t width) {
     const D8 d;
     const size_t lanes = hn::Lanes(d), bytes = 4 * size_t(width);
     if (bytes < lanes) {
-        SetAlphaOneByOne(row, width);
+        CopyOpaqueOneByOne(from, to, width);
         return;
     }
     const V8 alpha = hn::BitCast(d, hn::Set(hn::Repartition<uint32_t, D8>(), 0xFF000000u));
-    // The last vector ends at the row's end, overlapping the one before: setting alpha twice is harmless.
+    // The last vector ends at the row's end, overlapping the one before: writing the same pixels twice
+    // is harmless, in place too.
     for (size_t i = 0;; i += lanes) {
         i = std::min(i, bytes - lanes);
-        hn::StoreU(hn::Or(hn::LoadU(d, row + i), alpha), d, row + i);
+        hn::StoreU(hn::Or(hn::LoadU(d, from + i), alpha), d, to + i);
         if (i + lanes == bytes)
             break;
     }
@@ -344,9 +347,10 @@ void ConvertToYuv(const uint8_t* bgra, ptrdiff_t stride, const FrameFormat& form
     }
 }
 
-void SetAlpha(uint8_t* bgra, ptrdiff_t stride, uint32_t width, uint32_t height) {
+void CopyOpaqueRows(const uint8_t* from, ptrdiff_t fromStride, uint8_t* to, ptrdiff_t toStride,
+                    uint32_t width, uint32_t height) {
     for (uint32_t y = 0; y < height; ++y)
-        SetAlphaOfRow(bgra + ptrdiff_t(y) * stride, width);
+        CopyOpaqueRow(from + ptrdiff_t(y) * fromStride, to + ptrdiff_t(y) * toStride, width);
 }
 
 } // namespace quorva::cpu::HWY_NAMESPACE
@@ -356,7 +360,7 @@ HWY_AFTER_NAMESPACE();
 namespace quorva::cpu {
 
 HWY_EXPORT(ConvertToYuv);
-HWY_EXPORT(SetAlpha);
+HWY_EXPORT(CopyOpaqueRows);
 
 void ConvertPicture(const uint8_t* bgra, ptrdiff_t stride, const FrameFormat& format, uint8_t* frame) {
     const size_t planes = format.layout == FrameLayout::BGRA         ? 1
@@ -374,8 +378,13 @@ void ConvertPicture(const uint8_t* bgra, ptrdiff_t stride, const FrameFormat& fo
     HWY_DYNAMIC_DISPATCH(ConvertToYuv)(bgra, stride, format, frame);
 }
 
+void CopyOpaque(const uint8_t* from, ptrdiff_t fromStride, uint8_t* to, ptrdiff_t toStride, uint32_t width,
+                uint32_t height) {
+    HWY_DYNAMIC_DISPATCH(CopyOpaqueRows)(from, fromStride, to, toStride, width, height);
+}
+
 void MakeOpaque(uint8_t* bgra, ptrdiff_t stride, uint32_t width, uint32_t height) {
-    HWY_DYNAMIC_DISPATCH(SetAlpha)(bgra, stride, width, height);
+    CopyOpaque(bgra, stride, bgra, stride, width, height);
 }
 
 } // namespace quorva::cpu

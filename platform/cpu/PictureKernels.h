@@ -19,6 +19,9 @@ namespace quorva::cpu {
 // neighbour's place in its block. BGRA copies the rows.
 void ConvertPicture(const uint8_t* bgra, ptrdiff_t stride, const FrameFormat& format, uint8_t* frame);
 
+// Copies a `width` × `height` region with every pixel's alpha set to 255, in one pass.
+void CopyOpaque(const uint8_t* from, ptrdiff_t fromStride, uint8_t* to, ptrdiff_t toStride, uint32_t width,
+                uint32_t height);
 // Sets the alpha of every pixel of a `width` × `height` region to 255.
 void MakeOpaque(uint8_t* bgra, ptrdiff_t stride, uint32_t width, uint32_t height);
 

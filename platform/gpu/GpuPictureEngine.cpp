@@ -72,8 +72,8 @@ public:
         : _engine(std::move(engine)), _queue(std::move(queue)), _pipeline(std::move(pipeline)) {}
 
     Result<std::shared_ptr<Picture>> compose(uint32_t width, uint32_t height,
-                                             const std::vector<PicturePlacement>& placements, bool transparent,
-                                             Completion completion) override {
+                                             const std::vector<PicturePlacement>& placements,
+                                             bool transparent, Completion completion) override {
         std::vector<std::shared_ptr<Texture>> textures;
         for (const PicturePlacement& placement : placements) {
             Result<std::shared_ptr<Texture>> texture = _engine->texture(placement.picture);
@@ -81,8 +81,8 @@ public:
                 return texture.error();
             textures.push_back(std::move(texture.value()));
         }
-        Result<std::shared_ptr<Texture>> target =
-            _targets.take(width, height, [this](uint32_t w, uint32_t h) { return _engine->device()->makeTexture(w, h); });
+        Result<std::shared_ptr<Texture>> target = _targets.take(
+            width, height, [this](uint32_t w, uint32_t h) { return _engine->device()->makeTexture(w, h); });
         if (!target)
             return target.error();
         Result<std::shared_ptr<CommandBuffer>> made = _queue->commandBuffer();
@@ -122,10 +122,12 @@ Result<std::shared_ptr<GpuPictureEngine>> GpuPictureEngine::make(std::shared_ptr
     Result<std::shared_ptr<CommandQueue>> queue = CommandQueue::make(device);
     if (!queue)
         return queue.error();
-    return std::shared_ptr<GpuPictureEngine>(new GpuPictureEngine(std::move(device), std::move(queue.value())));
+    return std::shared_ptr<GpuPictureEngine>(
+        new GpuPictureEngine(std::move(device), std::move(queue.value())));
 }
 
-GpuPictureEngine::GpuPictureEngine(std::shared_ptr<GpuDevice> device, std::shared_ptr<CommandQueue> compositions)
+GpuPictureEngine::GpuPictureEngine(std::shared_ptr<GpuDevice> device,
+                                   std::shared_ptr<CommandQueue> compositions)
     : _device(std::move(device)), _compositions(std::move(compositions)), _uploads(KeptUploads) {}
 
 std::string GpuPictureEngine::name() const {
@@ -145,8 +147,9 @@ Result<std::shared_ptr<Texture>> GpuPictureEngine::texture(const std::shared_ptr
     auto memory = std::dynamic_pointer_cast<MemoryPicture>(picture);
     if (!memory)
         return GpuError("Nothing to draw");
-    Result<std::shared_ptr<Texture>> texture = _uploads.take(
-        memory->width(), memory->height(), [this](uint32_t w, uint32_t h) { return _device->makeTexture(w, h); });
+    Result<std::shared_ptr<Texture>> texture =
+        _uploads.take(memory->width(), memory->height(),
+                      [this](uint32_t w, uint32_t h) { return _device->makeTexture(w, h); });
     if (!texture)
         return texture;
     if (Result<void> replaced = texture.value()->replace(memory->bytes(), memory->stride()); !replaced)
