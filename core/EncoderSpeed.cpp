@@ -426,16 +426,25 @@ std::shared_ptr<EncoderSpeed> EncoderSpeed::make(std::shared_ptr<SettingsStore> 
         std::lock_guard guard(MeasuredLock);
         measured = Measured;
     }
-    std::optional<std::string> text = speed->_settings->stringForKey(SettingsKey);
-    for (const json& remembered :
-         {text ? json::parse(*text, nullptr, /*allow_exceptions=*/false) : json(), measured}) {
+    // Takes the codecs that `remembered` has for this machine and the speed does not yet; answers
+    // whether it took any.
+    const auto take = [&speed](const json& remembered) {
+        bool took = false;
         if (!remembered.is_object() || remembered.value("signature", json()) != speed->_signature)
-            continue;
+            return took;
         for (size_t codec = 0; codec < speed->_speeds.size(); ++codec) {
-            if (!speed->_speeds[codec])
+            if (!speed->_speeds[codec]) {
                 speed->_speeds[codec] = SpeedsFromJSON(remembered.value(CodecKeys[codec], json()));
+                took = took || speed->_speeds[codec];
+            }
         }
-    }
+        return took;
+    };
+    if (std::optional<std::string> text = speed->_settings->stringForKey(SettingsKey))
+        take(json::parse(*text, nullptr, /*allow_exceptions=*/false));
+    // What this process measured is remembered in this store too.
+    if (take(measured))
+        (void)speed->_settings->setString(measured.dump(), SettingsKey);
     return speed;
 }
 

@@ -93,7 +93,9 @@ Result<> MovieRecorder::startWritingToURL(const std::filesystem::path& url,
         return RecorderError(Quoted(url.filename().string()) + " already exists");
     // Opening an encoder takes a good part of a second: the recorder's queue does it, beside the other
     // recorders of the take, while pictures are already accepted and wait behind it. A refusal reaches
-    // the failure handler.
+    // the failure handler. Posted under the lock, so that the recording has begun before the queue can
+    // fail it and no picture can be queued before its movie is set up.
+    std::lock_guard guard(_lock);
     _queue->post([self = shared_from_this(), url, settings] {
         self->_url = url;
         self->_settings = settings;
@@ -109,8 +111,6 @@ Result<> MovieRecorder::startWritingToURL(const std::filesystem::path& url,
             !created)
             self->failWithError(created.error());
     });
-
-    std::lock_guard guard(_lock);
     _outputSize = {};
     _pacer = FramePacer(settings.framesPerSecond(), startTime);
     _hasFirstFrame = !std::isnan(startTime);

@@ -186,12 +186,13 @@ TEST_F(EncoderSpeedTest, ARememberedValueIsBelievedOnlyWhereItReadsWhole) {
     EXPECT_EQ(EncoderSpeed::make(_settings)->speeds(H264), Halving);
     EXPECT_TRUE(lines.empty()) << lines.front();
 
+    // Measured again (or taken from what this process measured before).
     remembered["h264"]["fast"] = -1;
     ASSERT_TRUE(_settings->setString(remembered.dump(), EncoderSpeed::SettingsKey));
-    EXPECT_NE(EncoderSpeed::make(_settings)->speeds(H264), Halving);
-    ASSERT_FALSE(lines.empty());
-    EXPECT_TRUE(lines[0].starts_with("EncoderSpeed: measuring libx264")) << lines[0];
-    EXPECT_GT(Remembered()["h264"]["fast"], 0) << "the measurement replaced what could not be read";
+    const PresetSpeeds measured = EncoderSpeed::make(_settings)->speeds(H264);
+    EXPECT_NE(measured, Halving);
+    for (double speed : measured)
+        EXPECT_GT(speed, 0);
     SetLogSink({});
 }
 

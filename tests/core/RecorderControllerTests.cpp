@@ -7,6 +7,7 @@
 #include "tests/platform/PictureTesting.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <cmath>
 #include <cstdlib>
@@ -469,6 +470,21 @@ TEST_F(RecorderControllerTest, ATakeIsNamedAfterTheLocalTimeAtWhichItBegan) {
     ASSERT_TRUE(rest && std::string(rest) == ".mov") << name;
     began.tm_isdst = -1;
     EXPECT_NEAR(double(std::mktime(&began)), double(std::time(nullptr)), 60);
+}
+
+// Where even the fastest preset cannot keep up, the take still starts, and says so at once.
+TEST_F(RecorderControllerTest, ATakeTheEncodersCannotKeepUpWithStartsAndSaysSo) {
+    nlohmann::json crawling = {{"signature", MachineSignature()}};
+    for (const char* preset : EncoderPresets)
+        crawling["h264"][preset] = 1.0; // a pixel a second
+    ASSERT_TRUE(store()->setString(crawling.dump(), EncoderSpeed::SettingsKey));
+    auto controller = recorder(std::make_shared<TestPatternDirectory>());
+    ASSERT_TRUE(controller->addSourceMatching("720p30"));
+    ASSERT_TRUE(controller->start()) << controller->error();
+    EXPECT_EQ(controller->encoderPreset(), "ultrafast");
+    EXPECT_TRUE(controller->error().starts_with("The encoders cannot keep up")) << controller->error();
+    controller->stopWithCompletionHandler({});
+    ASSERT_TRUE(Idle(*controller));
 }
 
 } // namespace
