@@ -2,8 +2,9 @@
 # quorvarecorder's command line end to end: a take of the three test patterns, separate and assembled,
 # read back with ffprobe; a second identical take beside the first; a take ended by SIGINT; and the
 # mistakes a user makes. Usage: record_command_line.sh PATH_TO_QUORVARECORDER [--real-time]
-# With --real-time (an optimised build on a machine to itself) every picture due must be written; a
-# sanitised build cannot keep up, and is only held to what it wrote being sound.
+# With --real-time (an optimised build on a machine that keeps up with the three patterns) every picture
+# due must be written; a
+# sanitised build, or a machine of two cores, is only held to what it wrote being sound.
 set -uo pipefail
 recorder=$1
 realTime=${2:-}
