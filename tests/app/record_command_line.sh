@@ -3,8 +3,8 @@
 # read back with ffprobe; a second identical take beside the first; a take ended by SIGINT; and the
 # mistakes a user makes. Usage: record_command_line.sh PATH_TO_QUORVARECORDER [--real-time]
 # With --real-time (an optimised build on a machine that keeps up with the three patterns) every picture
-# due must be written; a
-# sanitised build, or a machine of two cores, is only held to what it wrote being sound.
+# due must be written; a sanitised build, or a machine of two cores, is only held to what it wrote being
+# sound.
 set -uo pipefail
 recorder=$1
 realTime=${2:-}
