@@ -1,5 +1,6 @@
 #include "core/EncoderSpeed.h"
 
+#include "core/FFmpegHandles.h"
 #include "core/MovieWriter.h"
 #include "platform/Log.h"
 
@@ -60,19 +61,6 @@ std::optional<size_t> SpeedIndex(int64_t codec) {
     return codec == CodecHEVC ? 1 : 0;
 }
 
-struct CodecContextFree {
-    void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
-};
-using CodecContext = std::unique_ptr<AVCodecContext, CodecContextFree>;
-struct FrameFree {
-    void operator()(AVFrame* frame) const { av_frame_free(&frame); }
-};
-using Frame = std::unique_ptr<AVFrame, FrameFree>;
-struct PacketFree {
-    void operator()(AVPacket* packet) const { av_packet_free(&packet); }
-};
-using Packet = std::unique_ptr<AVPacket, PacketFree>;
-
 // --- The pictures --------------------------------------------------------------------------------------
 
 uint32_t Hash(uint32_t x, uint32_t y, uint32_t seed) {
@@ -123,8 +111,8 @@ std::vector<uint8_t> Scene(int width, int height, bool luma, uint32_t seed) {
 // A scene of detail that pans by a fraction of a pixel a picture, with fresh grain on every picture as
 // a camera's sensor gives. Encoders predict a flat or still picture almost for free; a camera's pictures
 // are never that easy, so neither are these.
-std::vector<Frame> MovingPictures(int count) {
-    std::vector<Frame> pictures;
+std::vector<MovieFrame> MovingPictures(int count) {
+    std::vector<MovieFrame> pictures;
     for (int plane = 0; plane < 3; ++plane) {
         const int shift = plane == 0 ? 0 : 1;
         const int width = Width >> shift, height = Height >> shift;
@@ -134,7 +122,7 @@ std::vector<Frame> MovingPictures(int count) {
         const std::vector<uint8_t> scene = Scene(sceneWidth, sceneHeight, plane == 0, 10 * uint32_t(plane));
         for (int n = 0; n < count; ++n) {
             if (plane == 0) {
-                Frame frame(av_frame_alloc());
+                MovieFrame frame(av_frame_alloc());
                 if (!frame)
                     return {};
                 frame->format = AV_PIX_FMT_YUV420P;
@@ -225,7 +213,7 @@ private:
 
 // Pixels a second that one thread encodes `pictures` with `preset`, as a movie's encoder is set up but
 // on a single thread; 0 when the encoder does not open or fails.
-double MeasurePreset(int64_t codec, const char* preset, const std::vector<Frame>& pictures) {
+double MeasurePreset(int64_t codec, const char* preset, const std::vector<MovieFrame>& pictures) {
     const AVCodec* encoder = avcodec_find_encoder_by_name(codec == CodecHEVC ? "libx265" : "libx264");
     if (!encoder)
         return 0;
@@ -363,7 +351,7 @@ PresetChoice ChoosePreset(const PresetSpeeds& speeds, double processors, double 
 
 PresetSpeeds MeasurePresetSpeeds(int64_t codec) {
     PresetSpeeds speeds{};
-    const std::vector<Frame> pictures = MovingPictures(codec == CodecHEVC ? HEVCPictures : H264Pictures);
+    const std::vector<MovieFrame> pictures = MovingPictures(codec == CodecHEVC ? HEVCPictures : H264Pictures);
     if (pictures.empty())
         return speeds;
     for (size_t i = 0; i < EncoderPresets.size(); ++i)

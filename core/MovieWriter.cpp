@@ -1,5 +1,6 @@
 #include "core/MovieWriter.h"
 
+#include "core/FFmpegHandles.h"
 #include "platform/Log.h"
 
 extern "C" {
@@ -106,16 +107,6 @@ void FFmpegLog(void* context, int level, const char* format, va_list arguments) 
 // but once it has worked a failure (all of its sessions in use) only means this movie falls back.
 enum class Hardware { Unknown, Works, Missing };
 std::atomic<Hardware> NVENC{Hardware::Unknown};
-
-struct CodecContextFree {
-    void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
-};
-using CodecContext = std::unique_ptr<AVCodecContext, CodecContextFree>;
-
-struct PacketFree {
-    void operator()(AVPacket* packet) const { av_packet_free(&packet); }
-};
-using Packet = std::unique_ptr<AVPacket, PacketFree>;
 
 void TagColours(AVFrame* frame) {
     frame->color_primaries = AVCOL_PRI_BT709;
