@@ -11,6 +11,9 @@ namespace {
 
 // Beyond this many pictures a busy consumer only costs memory; extra ones are not kept.
 constexpr size_t MaximumKeptPictures = 8;
+// What a recording holds of one source at once: the latest picture, three in flight to its movie, and
+// the one being drawn.
+constexpr size_t WarmPictures = 5;
 
 // Colours as stored: blue, green, red, alpha.
 constexpr uint32_t Colour(uint8_t b, uint8_t g, uint8_t r, uint8_t a) {
@@ -117,7 +120,18 @@ Result<std::shared_ptr<TestPattern>> TestPattern::make(uint32_t width, uint32_t 
              BarColours[i]);
     }
     Fill(picture, geometry.counter(), Black);
-    return std::shared_ptr<TestPattern>(new TestPattern(std::move(still.value()), geometry, transparent));
+    auto pattern =
+        std::shared_ptr<TestPattern>(new TestPattern(std::move(still.value()), geometry, transparent));
+    // The pictures that a take keeps in flight are made now, with the still part in them, rather than
+    // in the first moments of a take, when every encoder is starting too.
+    for (size_t i = 0; i < WarmPictures; ++i) {
+        Result<std::shared_ptr<MemoryPicture>> made = MemoryPicture::make(width, height);
+        if (!made)
+            break;
+        Restore(*made.value(), *pattern->_still, {0, 0, double(width), double(height)});
+        pattern->_slots.push_back({std::move(made.value()), std::nullopt});
+    }
+    return pattern;
 }
 
 TestPattern::TestPattern(std::shared_ptr<MemoryPicture> still, TestPatternGeometry geometry, bool transparent)
