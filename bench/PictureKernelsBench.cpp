@@ -15,28 +15,6 @@ namespace {
 
 constexpr const char* LayoutNames[] = {"YUV420P", "YUV422P10", "YUVA444P10", "BGRA"};
 
-// Laid out as the movie writer lays frames out: planes one after the other, rows padded to 64 bytes.
-FrameFormat Format(FrameLayout layout, uint32_t width, uint32_t height) {
-    if (layout == FrameLayout::BGRA)
-        return FrameFormat::bgra(width, height);
-    const size_t sample = layout == FrameLayout::YUV420P ? 1 : 2;
-    const uint32_t chromaWidth = layout == FrameLayout::YUVA444P10 ? width : (width + 1) / 2;
-    const uint32_t chromaHeight = layout == FrameLayout::YUV420P ? (height + 1) / 2 : height;
-    FrameFormat format{layout, width, height, {}, 0};
-    const auto add = [&](uint32_t samples, uint32_t rows) {
-        const size_t stride = (samples * sample + 63) / 64 * 64;
-        format.planes.push_back({format.bytes, stride, rows});
-        format.bytes += stride * rows;
-    };
-    add(width, height);
-    add(chromaWidth, chromaHeight);
-    add(chromaWidth, chromaHeight);
-    if (layout == FrameLayout::YUVA444P10)
-        add(width, height);
-    format.bytes += 64;
-    return format;
-}
-
 std::vector<uint8_t> RandomPicture(uint32_t width, uint32_t height) {
     std::vector<uint8_t> bytes(size_t(width) * height * 4);
     std::mt19937 random(1);
@@ -50,7 +28,7 @@ void ConvertPictureOnOneCore(benchmark::State& state) {
     const auto layout = FrameLayout(state.range(0));
     const auto width = uint32_t(state.range(1)), height = uint32_t(state.range(2));
     const std::vector<uint8_t> picture = RandomPicture(width, height);
-    const FrameFormat format = Format(layout, width, height);
+    const FrameFormat format = FrameFormat::padded(layout, width, height);
     std::vector<uint8_t> frame(format.bytes);
     for (auto _ : state) {
         ConvertPicture(picture.data(), ptrdiff_t(width) * 4, format, frame.data());

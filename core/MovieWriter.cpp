@@ -67,14 +67,6 @@ constexpr const char* FragmentMicroseconds = "10000000";
 // with silence so that the first fragment can be cut (see appendFrame).
 constexpr int64_t FirstSoundDeadline = 10 * int64_t(MovieWriter::TimeScale);
 
-// Planes start, and rows run, on 64-byte boundaries: what SIMD code in the encoders (and GPU copies into
-// the frames) read best.
-constexpr size_t Alignment = 64;
-
-size_t Aligned(size_t n) {
-    return (n + Alignment - 1) / Alignment * Alignment;
-}
-
 Error Closed() {
     return RecorderError("The movie is already closed");
 }
@@ -386,23 +378,11 @@ Result<> MovieWriter::openVideo() {
         return RecorderError(refused);
     }
 
-    // The layout of one picture: planes one after the other, rows and planes on aligned boundaries.
-    const AVPixFmtDescriptor* descriptor = av_pix_fmt_desc_get(_pixelFormat);
-    int lineSizes[4] = {};
-    if (av_image_fill_linesizes(lineSizes, _pixelFormat, int(_format.width)) < 0)
-        return RecorderError(refused);
-    size_t offset = 0;
-    for (int plane = 0; plane < 4 && lineSizes[plane] > 0; ++plane) {
-        const bool chroma = plane == 1 || plane == 2;
-        const size_t rows =
-            chroma ? size_t(-((-_format.height) >> descriptor->log2_chroma_h)) : size_t(_format.height);
-        const size_t stride = Aligned(size_t(lineSizes[plane]));
-        _planes.push_back(Plane{offset, stride, rows});
-        offset = Aligned(offset + stride * rows);
-    }
-    // Some encoders' SIMD loads read a little past the last row.
-    _frameBytes = offset + Alignment;
-    s.pool = av_buffer_pool_init(_frameBytes, av_buffer_allocz);
+    _frameFormat = FrameFormat::padded(codec == CodecProRes4444  ? FrameLayout::YUVA444P10
+                                       : codec == CodecProRes422 ? FrameLayout::YUV422P10
+                                                                 : FrameLayout::YUV420P,
+                                       uint32_t(_format.width), uint32_t(_format.height));
+    s.pool = av_buffer_pool_init(_frameFormat.bytes, av_buffer_allocz);
     if (!s.pool)
         return RecorderError(refused);
 
@@ -479,15 +459,6 @@ Result<> MovieWriter::writeHeader() {
     return {};
 }
 
-FrameFormat MovieWriter::frameFormat() const {
-    FrameLayout layout = FrameLayout::YUV420P;
-    if (_pixelFormat == AV_PIX_FMT_YUV422P10LE)
-        layout = FrameLayout::YUV422P10;
-    else if (_pixelFormat == AV_PIX_FMT_YUVA444P10LE)
-        layout = FrameLayout::YUVA444P10;
-    return {layout, uint32_t(_format.width), uint32_t(_format.height), _planes, _frameBytes};
-}
-
 MovieFrame MovieWriter::makeFrame() {
     return _state ? frameOver(av_buffer_pool_get(_state->pool)) : nullptr;
 }
@@ -495,7 +466,7 @@ MovieFrame MovieWriter::makeFrame() {
 MovieFrame MovieWriter::wrapFrame(uint8_t* memory, std::function<void()> release) {
     auto* owner = new std::function<void()>(std::move(release));
     AVBufferRef* buffer = av_buffer_create(
-        memory, _frameBytes,
+        memory, _frameFormat.bytes,
         [](void* opaque, uint8_t*) {
             auto* release = static_cast<std::function<void()>*>(opaque);
             if (*release)
@@ -523,9 +494,9 @@ MovieFrame MovieWriter::frameOver(AVBufferRef* buffer) {
     frame->format = _pixelFormat;
     frame->width = int(_format.width);
     frame->height = int(_format.height);
-    for (size_t i = 0; i < _planes.size(); ++i) {
-        frame->data[i] = buffer->data + _planes[i].offset;
-        frame->linesize[i] = int(_planes[i].stride);
+    for (size_t i = 0; i < _frameFormat.planes.size(); ++i) {
+        frame->data[i] = buffer->data + _frameFormat.planes[i].offset;
+        frame->linesize[i] = int(_frameFormat.planes[i].stride);
     }
     TagColours(frame.get());
     return frame;

@@ -68,10 +68,6 @@ public:
         int64_t threads = 0;
     };
 
-    // Where one plane of a picture lies in a buffer of frameBytes(): the layout that makeFrame() uses and
-    // that wrapFrame() expects, so that a conversion can write straight into it.
-    using Plane = FramePlane;
-
     // Creates the file (never replacing one: "“name” already exists"), opens the encoders and writes the
     // movie's header. Errors, in the domain above: "The movie file could not be created", "A %@ movie of
     // %ld × %ld cannot be written" (no encoder takes that size), "The movie file could not be set up",
@@ -95,16 +91,15 @@ public:
     AVPixelFormat pixelFormat() const { return _pixelFormat; }
     int64_t width() const { return _format.width; }
     int64_t height() const { return _format.height; }
-    const std::vector<Plane>& planes() const { return _planes; }
-    size_t frameBytes() const { return _frameBytes; }
-    // What a conversion must leave for this movie: the pixel format's layout over planes() and
-    // frameBytes().
-    FrameFormat frameFormat() const;
+    // How a picture lies in memory: the layout that makeFrame() uses and that wrapFrame() expects, so
+    // that a conversion can write straight into it.
+    const FrameFormat& frameFormat() const { return _frameFormat; }
+    size_t frameBytes() const { return _frameFormat.bytes; }
 
     // A picture to fill, from a small pool of buffers that come back once the encoder is done with them.
     // Nothing when memory runs out.
     MovieFrame makeFrame();
-    // A picture over memory that the caller owns (a mapped GPU buffer, say), laid out as planes() says
+    // A picture over memory that the caller owns (a mapped GPU buffer, say), laid out as frameFormat() says
     // over frameBytes() bytes. `release` is called, on whichever thread lets go last, once neither the
     // frame nor the encoder needs the memory any more. Nothing when memory runs out (and then `release`
     // has already been called).
@@ -146,7 +141,7 @@ private:
     Result<> openVideo();
     Result<> openAudio();
     Result<> writeHeader();
-    // A picture over `buffer` (taken over), laid out as planes() says.
+    // A picture over `buffer` (taken over), laid out as frameFormat() says.
     MovieFrame frameOver(AVBufferRef* buffer);
     Result<> encodeVideo(AVFrame* frame);
     Result<> writeVideoPacket(AVPacket* packet, int64_t nextTime);
@@ -160,8 +155,7 @@ private:
     Format _format;
     std::string _encoderName;
     AVPixelFormat _pixelFormat = AV_PIX_FMT_NONE;
-    std::vector<Plane> _planes;
-    size_t _frameBytes = 0;
+    FrameFormat _frameFormat;
     std::unique_ptr<State> _state;
     int64_t _lastTime = -1;
     uint64_t _framesWritten = 0;

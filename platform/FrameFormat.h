@@ -29,6 +29,10 @@ struct FrameFormat {
 
     // Tightly packed BGRA of that size.
     static FrameFormat bgra(uint32_t width, uint32_t height);
+    // An encoder's frame: the planes one after the other, every row and plane on a 64-byte boundary
+    // (what SIMD code reads best), and 64 bytes to spare at the end, which some encoders' SIMD loads
+    // read into. Chroma planes round odd sizes up. BGRA is tightly packed.
+    static FrameFormat padded(FrameLayout layout, uint32_t width, uint32_t height);
 };
 
 // Memory that holds one converted picture, which the encoder reads. It goes back to its converter's pool

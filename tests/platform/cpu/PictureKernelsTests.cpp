@@ -51,26 +51,6 @@ Picture Random(uint32_t width, uint32_t height, uint32_t seed) {
     return picture;
 }
 
-// Laid out as the movie writer lays frames out: planes one after the other, rows padded to 64 bytes.
-FrameFormat Format(FrameLayout layout, uint32_t width, uint32_t height) {
-    const size_t sample = layout == FrameLayout::YUV420P ? 1 : 2;
-    const uint32_t chromaWidth = layout == FrameLayout::YUVA444P10 ? width : (width + 1) / 2;
-    const uint32_t chromaHeight = layout == FrameLayout::YUV420P ? (height + 1) / 2 : height;
-    FrameFormat format{layout, width, height, {}, 0};
-    const auto add = [&](uint32_t samples, uint32_t rows) {
-        const size_t stride = (samples * sample + 63) / 64 * 64;
-        format.planes.push_back({format.bytes, stride, rows});
-        format.bytes += stride * rows;
-    };
-    add(width, height);
-    add(chromaWidth, chromaHeight);
-    add(chromaWidth, chromaHeight);
-    if (layout == FrameLayout::YUVA444P10)
-        add(width, height);
-    format.bytes += 64;
-    return format;
-}
-
 std::vector<uint8_t> Convert(const Picture& picture, const FrameFormat& format) {
     std::vector<uint8_t> frame(format.bytes, Untouched);
     ConvertPicture(picture.bytes.data(), picture.stride, format, frame.data());
@@ -80,7 +60,7 @@ std::vector<uint8_t> Convert(const Picture& picture, const FrameFormat& format) 
 // Every sample within 1 of the float formula rounded (alpha exact), and every byte that holds none
 // untouched.
 void ExpectMatchesFormula(const Picture& picture, FrameLayout layout) {
-    const FrameFormat format = Format(layout, picture.width, picture.height);
+    const FrameFormat format = FrameFormat::padded(layout, picture.width, picture.height);
     const std::vector<uint8_t> frame = Convert(picture, format);
     std::vector<bool> sample(frame.size());
     const bool ten = layout != FrameLayout::YUV420P;
@@ -163,8 +143,7 @@ TEST(PictureKernelsTest, ANegativeStrideReadsThePictureBottomUp) {
         std::memcpy(stored.bytes.data() + (upright.height - 1 - y) * stored.stride, upright.at(0, y),
                     size_t(upright.stride));
     for (FrameLayout layout : {FrameLayout::YUV420P, FrameLayout::BGRA}) {
-        const FrameFormat format =
-            layout == FrameLayout::BGRA ? FrameFormat::bgra(67, 5) : Format(layout, 67, 5);
+        const FrameFormat format = FrameFormat::padded(layout, 67, 5);
         std::vector<uint8_t> frame(format.bytes, Untouched);
         ConvertPicture(stored.at(0, stored.height - 1), -stored.stride, format, frame.data());
         if (layout == FrameLayout::BGRA)
