@@ -72,21 +72,13 @@ std::string Listed(const std::vector<std::string>& names) {
 }
 
 // A name from one of the recorder's lists, in its own spelling.
-Result<std::string> NameIn(std::string_view option, std::string_view value,
-                           const std::vector<std::string>& names,
-                           bool (*get)(int64_t& number, std::string_view name)) {
-    int64_t number = 0;
-    if (!get(number, value))
-        return UsageError(std::string(option) + " must be " + Listed(names) + ", not " + Quoted(value));
-    return names[size_t(number)];
-}
-
-bool GetCodec(int64_t& codec, std::string_view name) {
-    return MovieRecorderSettings::getCodec(codec, name);
-}
-
-bool GetLayout(int64_t& kind, std::string_view name) {
-    return Layout::getKind(kind, name);
+template <class Enum>
+Result<std::string> NameIn(std::string_view option, std::string_view value) {
+    auto named = ValueNamed<Enum>(value);
+    if (!named)
+        return UsageError(std::string(option) + " must be " + Listed(Names<Enum>()) + ", not " +
+                          Quoted(value));
+    return NameOf(*named);
 }
 
 } // namespace
@@ -142,12 +134,12 @@ Result<RecordOptions> ParseRecordOptions(const std::vector<std::string>& argumen
             into = std::move(read.value());
             return {};
         };
-        auto named = [&](std::optional<std::string>& into, const std::vector<std::string>& names,
-                         bool (*get)(int64_t&, std::string_view)) -> Result<void> {
+        auto named = [&](std::optional<std::string>& into,
+                         Result<std::string> (*nameIn)(std::string_view, std::string_view)) -> Result<void> {
             auto read = valueOf();
             if (!read)
                 return read.error();
-            auto name = NameIn(option, read.value(), names, get);
+            auto name = nameIn(option, read.value());
             if (!name)
                 return name.error();
             into = std::move(name.value());
@@ -170,11 +162,11 @@ Result<RecordOptions> ParseRecordOptions(const std::vector<std::string>& argumen
                 hasDuration = true;
             }
         } else if (option == "--output") {
-            read = named(options.output, OutputNames(), GetOutput);
+            read = named(options.output, NameIn<TakeOutput>);
         } else if (option == "--layout") {
-            read = named(options.layout, Layout::kindNames(), GetLayout);
+            read = named(options.layout, NameIn<LayoutKind>);
         } else if (option == "--codec") {
-            read = named(options.codec, MovieRecorderSettings::codecNames(), GetCodec);
+            read = named(options.codec, NameIn<Codec>);
         } else if (option == "--gap") {
             read = integer(options.gap);
         } else if (option == "--width") {

@@ -144,6 +144,8 @@ public:
         return settings;
     }
     ~TakeSettings() {
+        // Its last writes first, or they would make the folder again once it is gone.
+        (void)_store->flush();
         std::error_code ignored;
         std::filesystem::remove_all(_folder, ignored);
     }

@@ -37,7 +37,7 @@ void ComposeEightSourcesIntoA4KGrid(benchmark::State& state) {
         }
         sources.push_back(picture.value());
     }
-    Layout layout(2, std::vector<Size>(8, Size{1920, 1080}), 0, {3840, 2160});
+    Layout layout(LayoutKind::Grid, std::vector<Size>(8, Size{1920, 1080}), 0, {3840, 2160});
     std::vector<bool> flipped(8, false);
 
     for (auto _ : state) {

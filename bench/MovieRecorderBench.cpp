@@ -90,15 +90,16 @@ double RecorderSeconds(int64_t codec, uint64_t& dropped) {
     const Pictures& pictures = TestPictures();
     auto loop = std::make_shared<HeadlessEventLoop>();
     EventLoop::setMainLoop(loop);
-    auto recorder = MovieRecorder::make(Engine);
+    Result<std::shared_ptr<MovieRecorder>> made = MovieRecorder::make(Engine);
     const std::filesystem::path output = Folder / ("recorder-" + std::to_string(codec) + ".mov");
     std::filesystem::remove(output);
     MovieRecorderSettings settings;
-    settings.setCodec(codec);
+    settings.setCodec(Codec(codec));
     settings.setWidth(Width);
     settings.setHeight(Height);
-    if (!recorder || !recorder->startWritingToURL(output, settings, 0))
+    if (!made || !made.value()->startWritingToURL(output, settings, 0))
         return 0;
+    const std::shared_ptr<MovieRecorder>& recorder = made.value();
     const double start = MediaClock::now();
     for (int i = 0; i < Frames; ++i) {
         while (recorder->framesPending() >= MovieRecorder::MaximumFramesInFlight)
@@ -135,7 +136,7 @@ void RecordAt1080p(benchmark::State& state) {
     state.counters["ffmpeg_fps"] = Frames / ffmpeg;
     state.counters["ratio"] = ffmpeg / recorder;
     state.counters["dropped"] = double(dropped);
-    state.SetLabel(MovieRecorderSettings::nameForCodec(codec));
+    state.SetLabel(NameOf(Codec(codec)));
 }
 BENCHMARK(RecordAt1080p)->DenseRange(0, 3)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
 
@@ -144,7 +145,8 @@ void ConvertA1080pPicture(benchmark::State& state) {
     const Pictures& pictures = TestPictures();
     auto converter = Engine->makeFrameConverter().value();
     const int64_t codec = state.range(0);
-    auto writer = MovieWriter::make(Folder / "convert.mov", {codec, Width, Height, 60, 0, false}).value();
+    auto writer =
+        MovieWriter::make(Folder / "convert.mov", {Codec(codec), Width, Height, 60, 0, false}).value();
     const FrameFormat format = writer->frameFormat();
     int i = 0;
     for (auto _ : state) {
@@ -157,7 +159,7 @@ void ConvertA1080pPicture(benchmark::State& state) {
         converted.get_future().wait();
     }
     writer->cancel();
-    state.SetLabel(MovieRecorderSettings::nameForCodec(codec) + " on " + Engine->name());
+    state.SetLabel(NameOf(Codec(codec)) + " on " + Engine->name());
 }
 BENCHMARK(ConvertA1080pPicture)->DenseRange(0, 3)->Unit(benchmark::kMillisecond)->UseRealTime();
 

@@ -1,6 +1,7 @@
 // What the remote side keeps up with while a take is recording (one test pattern, 720p30, into its own
-// movie): OSC messages applied each second, and OSCQuery requests answered each second, one value or the
-// whole tree with its 123 values. A small client on the loopback plays the remote.
+// movie): OSC messages applied each second, OSCQuery requests answered each second, one value or the
+// whole tree with its 123 values, and how long the main thread stalls while a show controller changes
+// settings. A small client on the loopback plays the remote.
 #include "core/RecorderController.h"
 #include "platform/HeadlessEventLoop.h"
 #include "platform/SettingsStore.h"
@@ -10,9 +11,11 @@
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <filesystem>
 #include <future>
 #include <thread>
@@ -165,6 +168,115 @@ BENCHMARK_CAPTURE(OSCQueryRequestsAnswered, oneValue, std::string("/status/frame
     ->UseRealTime()
     ->MinTime(3);
 BENCHMARK_CAPTURE(OSCQueryRequestsAnswered, wholeTree, std::string("/"))->UseRealTime()->MinTime(3);
+
+// An OSC message with one argument, 32-bit integer or text.
+std::string OSCPacket(const std::string& address, const std::variant<int32_t, std::string>& argument) {
+    auto padded = [](std::string text) {
+        text.push_back('\0');
+        text.resize((text.size() + 3) / 4 * 4, '\0');
+        return text;
+    };
+    if (auto* number = std::get_if<int32_t>(&argument)) {
+        uint32_t big = htonl(uint32_t(*number));
+        std::string bytes(4, '\0');
+        std::memcpy(bytes.data(), &big, 4);
+        return padded(address) + padded(",i") + bytes;
+    }
+    return padded(address) + padded(",s") + padded(std::get<std::string>(argument));
+}
+
+// The longest wait, in milliseconds, of a task posted to the main loop every millisecond, and of an
+// OSCQuery value asked for over and over, while 1,000 setting changes arrive over OSC, two a
+// millisecond apart: the codec, the size, the gap, the layout, the name, each changing the settings
+// file and most the monitor's picture.
+void MainLoopStallsWhileSettingsChange(benchmark::State& state) {
+    Recorder& r = *TheRecorder;
+    if (!r.failure.empty()) {
+        state.SkipWithError(r.failure.c_str());
+        return;
+    }
+    constexpr int Changes = 1000;
+    using Clock = std::chrono::steady_clock;
+    auto milliseconds = [](Clock::duration d) {
+        return std::chrono::duration<double, std::milli>(d).count();
+    };
+    for (auto _ : state) {
+        std::atomic<bool> running = true;
+        std::atomic<double> loopStall = 0, answerStall = 0;
+        auto keepLongest = [](std::atomic<double>& longest, double value) {
+            for (double seen = longest; value > seen && !longest.compare_exchange_weak(seen, value);) {
+            }
+        };
+        std::thread ticker([&] {
+            while (running) {
+                Clock::time_point posted = Clock::now();
+                r.loop->post([&, posted] { keepLongest(loopStall, milliseconds(Clock::now() - posted)); });
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+        });
+        std::thread asker([&] {
+            const std::string request = "GET /status/frames?VALUE HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n";
+            sockaddr_in to = Loopback(r.network->oscQueryPort());
+            char buffer[4096];
+            while (running) {
+                Clock::time_point asked = Clock::now();
+                int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+                ::connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to);
+                ::send(fd, request.data(), request.size(), MSG_NOSIGNAL);
+                while (::recv(fd, buffer, sizeof buffer, 0) > 0) {
+                }
+                ::close(fd);
+                keepLongest(answerStall, milliseconds(Clock::now() - asked));
+            }
+        });
+
+        const std::vector<std::string> codecs = {"h264", "hevc", "prores422", "prores4444"};
+        const std::vector<std::string> layouts = {"row", "column", "grid", "focus"};
+        int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
+        sockaddr_in to = Loopback(r.network->oscPort());
+        for (int i = 0; i < Changes; ++i) {
+            std::string packet;
+            switch (i % 6) {
+            case 0:
+                packet = OSCPacket("/codec", codecs[size_t(i / 6) % codecs.size()]);
+                break;
+            case 1:
+                packet = OSCPacket("/width", 1280 + 2 * (i % 64));
+                break;
+            case 2:
+                packet = OSCPacket("/height", 720 + 2 * (i % 64));
+                break;
+            case 3:
+                packet = OSCPacket("/gap", i % 32);
+                break;
+            case 4:
+                packet = OSCPacket("/layout", layouts[size_t(i / 6) % layouts.size()]);
+                break;
+            default:
+                packet = OSCPacket("/name", "Take " + std::to_string(i));
+                break;
+            }
+            ::sendto(fd, packet.data(), packet.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
+            std::this_thread::sleep_for(std::chrono::microseconds(2000));
+        }
+        ::close(fd);
+        // The last change is applied once the main loop has caught up with the datagrams.
+        std::string lastName = "Take " + std::to_string(Changes - 1);
+        for (auto deadline = Clock::now() + std::chrono::seconds(30); Clock::now() < deadline;) {
+            std::string name;
+            r.onMain([&] { name = r.controller->name(); });
+            if (name == lastName)
+                break;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        running = false;
+        ticker.join();
+        asker.join();
+        state.counters["main_loop_longest_stall_ms"] = loopStall.load();
+        state.counters["oscquery_longest_answer_ms"] = answerStall.load();
+    }
+}
+BENCHMARK(MainLoopStallsWhileSettingsChange)->UseRealTime()->Iterations(1)->Unit(benchmark::kSecond);
 
 } // namespace
 } // namespace quorva

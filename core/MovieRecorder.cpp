@@ -10,6 +10,7 @@ extern "C" {
 }
 
 #include <algorithm>
+#include <climits>
 #include <cmath>
 #include <cstdlib>
 #include <sys/resource.h>
@@ -22,7 +23,6 @@ namespace quorva {
 
 namespace {
 
-constexpr int64_t ProRes4444 = 3;
 constexpr double SoundRate = MovieWriter::SoundRate;
 // Durations are compared with this much slack, so that a block of exactly the limit is not cut.
 constexpr double Slack = 0.000001;
@@ -50,17 +50,17 @@ std::string Quoted(const std::string& text) {
 
 } // namespace
 
-std::shared_ptr<MovieRecorder> MovieRecorder::make(const std::shared_ptr<PictureEngine>& engine) {
+Result<std::shared_ptr<MovieRecorder>> MovieRecorder::make(const std::shared_ptr<PictureEngine>& engine) {
     Result<std::unique_ptr<FrameConverter>> converter = engine->makeFrameConverter();
     if (!converter) {
-        Log("MovieRecorder: ", "MovieRecorder could not be created: " + converter.error().message());
-        return nullptr;
+        Log("MovieRecorder: ", "could not be created: " + converter.error().message());
+        return converter.error();
     }
     return std::shared_ptr<MovieRecorder>(new MovieRecorder(std::move(converter.value())));
 }
 
 MovieRecorder::MovieRecorder(std::unique_ptr<FrameConverter> converter)
-    : _converter(std::move(converter)), _queue(std::make_shared<SerialQueue>(".movie-recorder")) {
+    : _converter(std::move(converter)), _queue(std::make_shared<SerialQueue>("movie-recorder")) {
     // The recorder's queue, and the encoder threads it starts, yield to the sources and to composition:
     // a late encoder has three pictures of slack, a late source has none.
     _queue->post([] { setpriority(PRIO_PROCESS, pid_t(syscall(SYS_gettid)), EncoderNiceness); });
@@ -103,7 +103,8 @@ Result<> MovieRecorder::startWritingToURL(const std::filesystem::path& url,
         self->_writerFailure.reset();
         self->forgetPool();
         self->_lastTime = -1;
-        self->forgetSound();
+        // The last movie's sound was forgotten as it ended. Sound of this one may already be waiting,
+        // accepted since the lock was let go: forgetting it here would lose it uncounted.
         if (settings.width() < 1 || settings.height() < 1)
             return;
         if (Result<> created =
@@ -228,7 +229,7 @@ void MovieRecorder::convertPicture(const std::shared_ptr<Picture>& picture, bool
         failWithError(writerError("The movie could not be written"));
         return;
     }
-    const bool transparentBars = _settings.codec() == ProRes4444;
+    const bool transparentBars = _settings.codec() == Codec::ProRes4444;
     Result<> converting =
         _converter->convert(picture, flipped, transparentBars, _frameFormat,
                             [self = shared_from_this(), time](std::shared_ptr<FrameMemory> memory) {
@@ -282,6 +283,14 @@ void MovieRecorder::forgetPool() {
     _frameFormat = {};
 }
 
+void MovieRecorder::countWhatTheFileHolds(const MovieWriter& writer) {
+    std::lock_guard guard(_lock);
+    const uint64_t lost = _framesWritten - std::min(_framesWritten, writer.framesInFile());
+    _framesWritten -= lost;
+    _framesDropped += lost;
+    _soundWritten = std::min(_soundWritten, double(writer.soundInFile()) / SoundRate);
+}
+
 Error MovieRecorder::writerError(const char* otherwise) const {
     return _writerFailure ? *_writerFailure : RecorderError(otherwise);
 }
@@ -332,6 +341,7 @@ void MovieRecorder::finishAtTime(double time, CompletionHandler completionHandle
         }
         const int64_t end = std::max(MovieTime(duration), self->_lastTime + LastFrameHold);
         Result<> finished = writer->finish(end);
+        self->countWhatTheFileHolds(*writer);
         if (finished)
             done(std::nullopt);
         else
@@ -350,9 +360,8 @@ void MovieRecorder::failWithError(const Error& error) {
     }
     auto fail = [self = shared_from_this(), error] {
         if (self->_writer) {
-            // A movie without a picture is not kept; one with pictures keeps what its fragments hold.
-            if (self->_lastTime < 0)
-                self->_writer->cancel();
+            // The file keeps what its complete fragments hold, and goes if they hold nothing.
+            self->countWhatTheFileHolds(*self->_writer);
             self->_writer.reset();
         }
         self->forgetPool();
@@ -564,18 +573,27 @@ void MovieRecorder::placeSound(const std::shared_ptr<SourceSound>& sound, double
         endConversion();
     _soundRate = sound->sampleRate();
     if (!_resampler && _soundRate != SoundRate) {
+        // The converter takes whole rates that an int holds.
+        const double rate = std::round(_soundRate);
         AVChannelLayout stereo = AV_CHANNEL_LAYOUT_STEREO;
-        if (swr_alloc_set_opts2(&_resampler, &stereo, AV_SAMPLE_FMT_FLT, int(SoundRate), &stereo,
-                                AV_SAMPLE_FMT_FLT, int(std::lround(_soundRate)), 0, nullptr) < 0 ||
+        if (!(rate >= 1 && rate <= INT_MAX) ||
+            swr_alloc_set_opts2(&_resampler, &stereo, AV_SAMPLE_FMT_FLT, int(SoundRate), &stereo,
+                                AV_SAMPLE_FMT_FLT, int(rate), 0, nullptr) < 0 ||
             swr_init(_resampler) < 0) {
-            Log("MovieRecorder: ", "MovieRecorder could not convert sound: the converter did not open");
+            Log("MovieRecorder: ", "could not convert sound: the converter did not open");
             swr_free(&_resampler);
         }
     }
     if (gap >= 1)
         _placedSound.push_back(Silence{gap});
+    if (!_resampler && _soundRate != SoundRate) {
+        // Sound that cannot be brought to the track's rate never will be: it counts as left out.
+        std::lock_guard guard(_lock);
+        _soundLeftOut += pieces.back()->duration();
+        return;
+    }
     std::shared_ptr<SourceSound> last = _resampler ? convertSound(pieces.back()) : pieces.back();
-    if (last && (_resampler || last->sampleRate() == SoundRate))
+    if (last)
         _placedSound.push_back(std::move(last));
 }
 
@@ -599,7 +617,7 @@ std::shared_ptr<SourceSound> MovieRecorder::convertSound(const std::shared_ptr<S
         if (converted < 0) {
             char text[AV_ERROR_MAX_STRING_SIZE] = {};
             av_strerror(converted, text, sizeof text);
-            Log("MovieRecorder: ", std::string("MovieRecorder could not convert sound: ") + text);
+            Log("MovieRecorder: ", std::string("could not convert sound: ") + text);
             break;
         }
         collected += converted;

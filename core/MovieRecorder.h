@@ -44,9 +44,8 @@ public:
 
     static constexpr uint64_t MaximumFramesInFlight = 3;
 
-    // Nothing (and the reason logged, "MovieRecorder could not be created: …") when the engine cannot
-    // convert pictures.
-    static std::shared_ptr<MovieRecorder> make(const std::shared_ptr<PictureEngine>& engine);
+    // Fails, with the engine's reason (also logged), when the engine cannot convert pictures.
+    static Result<std::shared_ptr<MovieRecorder>> make(const std::shared_ptr<PictureEngine>& engine);
 
     ~MovieRecorder();
     MovieRecorder(const MovieRecorder&) = delete;
@@ -74,8 +73,8 @@ public:
     // Ends the movie at host time `time` once the frames in flight are written: the last picture is held
     // until then. The handler runs on the main queue.
     void finishAtTime(double time, CompletionHandler completionHandler);
-    // Ends the recording as failed: the file keeps what its complete fragments hold (nothing if no frame
-    // was written), and the failure handler gets `error` on the main queue. Does nothing when not
+    // Ends the recording as failed: the file keeps what its complete fragments hold (and goes if they
+    // hold nothing), and the failure handler gets `error` on the main queue. Does nothing when not
     // recording.
     void failWithError(const Error& error);
 
@@ -84,12 +83,14 @@ public:
     void setFailureHandler(FailureHandler handler);
 
     bool isRecording() const;
+    // Frames handed to the encoder; once the movie has ended, finished or failed, the frames its file
+    // holds.
     uint64_t framesWritten() const;
     // Frames that the pacer kept but that were not written: a fourth in flight, a failed conversion, a
-    // time not later than the last.
+    // time not later than the last, and those that a failure kept from reaching the file.
     uint64_t framesDropped() const;
     uint64_t framesPending() const;
-    // Seconds of sound track written, silence included.
+    // Seconds of sound track written, silence included; once the movie has ended, what its file holds.
     double soundWritten() const;
     // Seconds of received sound that will never be written (queue overflow, trimmed blocks, what was
     // left at the finish).
@@ -110,6 +111,8 @@ private:
     void convertPicture(const std::shared_ptr<Picture>& picture, bool flipped, int64_t time);
     void appendPixelBuffer(std::shared_ptr<FrameMemory> memory, int64_t time);
     void frameDoneWritten(bool written);
+    // Brings the counts down to what the file of `writer`, now ended, holds.
+    void countWhatTheFileHolds(const MovieWriter& writer);
     void forgetPool();
     Error writerError(const char* otherwise) const;
 

@@ -1,28 +1,25 @@
 #pragma once
 
+#include "core/Names.h"
+
 #include <cstdint>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace quorva {
+
+// How a movie's pictures are encoded. Only ProRes 4444 keeps transparency.
+enum class Codec : int64_t { H264, HEVC, ProRes422, ProRes4444 };
+// "h264", "hevc", "prores422", "prores4444".
+const std::vector<std::string>& NameTable(Codec);
 
 // What one movie is to be. A plain value: the take hands each movie its own copy, and the recorder keeps
 // that copy for the whole recording. Setters store what they are given; checking user input is the
 // controller's job, not this value's.
 class MovieRecorderSettings {
 public:
-    // Codec numbers, as OSC and the saved settings speak them: 0 "h264", 1 "hevc", 2 "prores422",
-    // 3 "prores4444". The order is part of the external interface and never changes. Any number other
-    // than 1, 2 or 3 is encoded as H.264.
-    static const std::vector<std::string>& codecNames();
-    // The name of a codec number; a number outside the table reads as "h264".
-    static const std::string& nameForCodec(int64_t codec);
-    // Matches the whole name after lower-casing it; leaves `codec` untouched when nothing matches.
-    static bool getCodec(int64_t& codec, std::string_view name);
-
-    int64_t codec() const { return _codec; }
-    void setCodec(int64_t codec) { _codec = codec; }
+    Codec codec() const { return _codec; }
+    void setCodec(Codec codec) { _codec = codec; }
     // Below 1 either way: the movie takes the size of its first frame.
     int64_t width() const { return _width; }
     void setWidth(int64_t width) { _width = width; }
@@ -46,7 +43,7 @@ public:
 
 private:
     bool _recordsSound = false;
-    int64_t _codec = 0;
+    Codec _codec = Codec::H264;
     int64_t _width = 0;
     int64_t _height = 0;
     double _framesPerSecond = 0;

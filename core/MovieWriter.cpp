@@ -27,19 +27,8 @@ namespace quorva {
 
 namespace {
 
-constexpr int64_t CodecH264 = 0;
-constexpr int64_t CodecHEVC = 1;
-constexpr int64_t CodecProRes422 = 2;
-constexpr int64_t CodecProRes4444 = 3;
-
-const char* const CodecNames[] = {"h264", "hevc", "prores422", "prores4444"};
-
-int64_t KnownCodec(int64_t codec) {
-    return codec == CodecHEVC || codec == CodecProRes422 || codec == CodecProRes4444 ? codec : CodecH264;
-}
-
-bool IsProRes(int64_t codec) {
-    return codec == CodecProRes422 || codec == CodecProRes4444;
+bool IsProRes(Codec codec) {
+    return codec == Codec::ProRes422 || codec == Codec::ProRes4444;
 }
 
 double ExpectedRate(double framesPerSecond) {
@@ -57,15 +46,15 @@ constexpr int ProResQuantiser = 9;
 
 // delay_moov: the movie's header waits for the first fragment, so that it knows where each track
 // starts and can say so in edit lists: the AAC encoder's priming is hidden that way, not by moving every
-// track later, and a picture track that starts late starts late.
-constexpr const char* MovieFlags = "+delay_moov";
+// track later, and a picture track that starts late starts late. frag_custom: the writer cuts the
+// fragments itself (see cutFragment), so that it knows which pictures have reached the file.
+constexpr const char* MovieFlags = "+delay_moov+frag_custom";
 
-// Ten seconds of movie a fragment: a movie whose writer is killed keeps all but the last few seconds.
-constexpr const char* FragmentMicroseconds = "10000000";
-
-// When the pictures are this far in (1/60000 s) with nothing on the sound track, the track is started
-// with silence so that the first fragment can be cut (see appendFrame).
-constexpr int64_t FirstSoundDeadline = 10 * int64_t(MovieWriter::TimeScale);
+// The first fragment is cut when the pictures reach one second (1/60000 s), so that a movie cut short
+// early by a crash, a kill or a full disk still opens; then one every ten seconds, so that a movie whose
+// writer dies keeps all but its last few seconds.
+constexpr int64_t FirstFragment = MovieWriter::TimeScale;
+constexpr int64_t FragmentDuration = 10 * int64_t(MovieWriter::TimeScale);
 
 Error Closed() {
     return RecorderError("The movie is already closed");
@@ -114,16 +103,17 @@ struct VideoEncoder {
 
 // NVENC takes frames in system memory and uploads them itself. VAAPI is left out: it wants frames in its
 // own surfaces (a hardware frames context and an upload per picture), which these frames are not.
-std::vector<VideoEncoder> VideoEncoders(int64_t codec) {
+std::vector<VideoEncoder> VideoEncoders(Codec codec) {
     switch (codec) {
-    case CodecHEVC:
+    case Codec::HEVC:
         return {{"hevc_nvenc", true}, {"libx265", false}};
-    case CodecProRes422:
-    case CodecProRes4444:
+    case Codec::ProRes422:
+    case Codec::ProRes4444:
         return {{"prores_ks", false}};
-    default:
-        return {{"h264_nvenc", true}, {"libx264", false}};
+    case Codec::H264:
+        break;
     }
+    return {{"h264_nvenc", true}, {"libx264", false}};
 }
 
 // The preset of libx264 or libx265 for the movie.
@@ -133,7 +123,7 @@ std::string SoftwarePreset(const MovieWriter::Format& format) {
     // ultrafast: about 50 frames a second of 1080p on two cores; superfast is a third slower.
     // veryfast: about 90 frames a second of 1080p on two cores, and clearly better pictures than the
     // faster presets at the same bit rate.
-    return KnownCodec(format.codec) == CodecHEVC ? "ultrafast" : "veryfast";
+    return format.codec == Codec::HEVC ? "ultrafast" : "veryfast";
 }
 
 // Opens one encoder for the movie, or answers why not.
@@ -160,10 +150,10 @@ int OpenVideoEncoder(const VideoEncoder& choice, const MovieWriter::Format& form
         c->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
 
     AVDictionary* options = nullptr;
-    const int64_t kind = KnownCodec(format.codec);
+    const Codec kind = format.codec;
     if (IsProRes(kind)) {
         // prores_ks picks its profile from its own option; left alone it writes 422 as HQ.
-        av_dict_set(&options, "profile", kind == CodecProRes4444 ? "4444" : "standard", 0);
+        av_dict_set(&options, "profile", kind == Codec::ProRes4444 ? "4444" : "standard", 0);
         c->flags |= AV_CODEC_FLAG_QSCALE;
         c->global_quality = ProResQuantiser * FF_QP2LAMBDA;
         c->thread_count = 0;
@@ -181,7 +171,7 @@ int OpenVideoEncoder(const VideoEncoder& choice, const MovieWriter::Format& form
         } else {
             c->thread_count = int(format.threads);
             av_dict_set(&options, "preset", SoftwarePreset(format).c_str(), 0);
-            if (kind == CodecHEVC)
+            if (kind == Codec::HEVC)
                 av_dict_set(&options, "x265-params", "log-level=error:bframes=0", 0);
         }
     }
@@ -233,11 +223,11 @@ Error RecorderError(std::string message) {
     return Error(MovieRecorderErrorDomain, -1, std::move(message));
 }
 
-int64_t MovieBitRate(int64_t codec, int64_t width, int64_t height, double framesPerSecond,
+int64_t MovieBitRate(Codec codec, int64_t width, int64_t height, double framesPerSecond,
                      double megabitsPerSecond) {
     if (megabitsPerSecond > 0)
         return std::llround(megabitsPerSecond * 1000000);
-    const double factor = KnownCodec(codec) == CodecHEVC ? 0.06 : 0.1;
+    const double factor = codec == Codec::HEVC ? 0.06 : 0.1;
     const double bits = factor * ExpectedRate(framesPerSecond) * double(width) * double(height);
     return std::max<int64_t>(std::llround(bits), 1000000);
 }
@@ -261,6 +251,14 @@ struct MovieWriter::State {
     std::vector<float> sound;
     size_t soundRead = 0;
     int64_t soundEncoded = 0;
+    // What the muxer has been handed, and where the next fragment is due (1/60000 s of pictures).
+    uint64_t picturesMuxed = 0;
+    bool soundMuxed = false;
+    int64_t soundMuxedEnd = 0; // 48 kHz frames; the AAC encoder's priming lies before 0
+    bool headerWritten = false;
+    int64_t nextFragment = FirstFragment;
+    // The file's size at the end of the last complete fragment: what a failure leaves is cut back to it.
+    int64_t fileEnd = 0;
 
     ~State() {
         if (pool)
@@ -293,7 +291,6 @@ Result<std::unique_ptr<MovieWriter>> MovieWriter::make(const std::filesystem::pa
     std::call_once(logging, [] { av_log_set_callback(FFmpegLog); });
 
     std::unique_ptr<MovieWriter> writer(new MovieWriter(path, format));
-    writer->_format.codec = KnownCodec(format.codec);
     for (auto step : {&MovieWriter::openFile, &MovieWriter::openVideo, &MovieWriter::openAudio,
                       &MovieWriter::writeHeader}) {
         Result<> result = (writer.get()->*step)();
@@ -342,13 +339,12 @@ Result<> MovieWriter::openFile() {
 
 Result<> MovieWriter::openVideo() {
     State& s = *_state;
-    const int64_t codec = _format.codec;
-    _pixelFormat = codec == CodecProRes4444  ? AV_PIX_FMT_YUVA444P10LE
-                   : codec == CodecProRes422 ? AV_PIX_FMT_YUV422P10LE
-                                             : AV_PIX_FMT_YUV420P;
-    const std::string refused = std::string("A ") + CodecNames[codec] + " movie of " +
-                                std::to_string(_format.width) + " × " + std::to_string(_format.height) +
-                                " cannot be written";
+    const Codec codec = _format.codec;
+    _pixelFormat = codec == Codec::ProRes4444  ? AV_PIX_FMT_YUVA444P10LE
+                   : codec == Codec::ProRes422 ? AV_PIX_FMT_YUV422P10LE
+                                               : AV_PIX_FMT_YUV420P;
+    const std::string refused = "A " + NameOf(codec) + " movie of " + std::to_string(_format.width) + " × " +
+                                std::to_string(_format.height) + " cannot be written";
     if (_format.width < 1 || _format.height < 1 || _format.width > INT32_MAX || _format.height > INT32_MAX ||
         av_image_check_size(unsigned(_format.width), unsigned(_format.height), 0, nullptr) < 0)
         return RecorderError(refused);
@@ -378,9 +374,9 @@ Result<> MovieWriter::openVideo() {
         return RecorderError(refused);
     }
 
-    _frameFormat = FrameFormat::padded(codec == CodecProRes4444  ? FrameLayout::YUVA444P10
-                                       : codec == CodecProRes422 ? FrameLayout::YUV422P10
-                                                                 : FrameLayout::YUV420P,
+    _frameFormat = FrameFormat::padded(codec == Codec::ProRes4444  ? FrameLayout::YUVA444P10
+                                       : codec == Codec::ProRes422 ? FrameLayout::YUV422P10
+                                                                   : FrameLayout::YUV420P,
                                        uint32_t(_format.width), uint32_t(_format.height));
     s.pool = av_buffer_pool_init(_frameFormat.bytes, av_buffer_allocz);
     if (!s.pool)
@@ -392,7 +388,7 @@ Result<> MovieWriter::openVideo() {
     s.videoStream->time_base = s.video->time_base;
     s.videoStream->avg_frame_rate = s.video->framerate;
     // Apple's players want HEVC tagged hvc1 (parameter sets in the sample description), not hev1.
-    if (codec == CodecHEVC)
+    if (codec == Codec::HEVC)
         s.videoStream->codecpar->codec_tag = MKTAG('h', 'v', 'c', '1');
     return {};
 }
@@ -440,12 +436,10 @@ Result<> MovieWriter::openAudio() {
 Result<> MovieWriter::writeHeader() {
     State& s = *_state;
     AVDictionary* options = nullptr;
-    av_dict_set(&options, "frag_duration", FragmentMicroseconds, 0);
     // The movie's own clock as fine as the pictures', so that an edit list (a track that starts late)
     // lands exactly on the 1/60000 grid rather than on whole milliseconds.
     av_dict_set(&options, "movie_timescale", "60000", 0);
-    if (*MovieFlags)
-        av_dict_set(&options, "movflags", MovieFlags, 0);
+    av_dict_set(&options, "movflags", MovieFlags, 0);
     int result = avformat_write_header(s.muxer, &options);
     av_dict_free(&options);
     if (result >= 0) {
@@ -528,12 +522,35 @@ Result<> MovieWriter::appendFrame(MovieFrame frame, int64_t time) {
         return result;
     _lastTime = time;
     ++_framesWritten;
-    // The first fragment waits for every track to have a sample (the movie's header, written with it,
-    // says where each track starts). A sound track that is still empty when the first fragment is due
-    // would keep the whole movie in memory, unreadable if the writer died: it starts with a moment of
-    // silence instead, the one packet it takes. Sound that would have gone there comes too late for it.
-    if (_state->audio && _soundPosition == 0 && time >= FirstSoundDeadline)
-        return appendSound(nullptr, 2 * SoundPiece, 0);
+    return time >= _state->nextFragment ? cutFragment(time) : Result<>();
+}
+
+Result<> MovieWriter::cutFragment(int64_t time) {
+    State& s = *_state;
+    // The first fragment carries the movie's header, which says where each track starts, so every track
+    // must have begun. A sound track still empty then would keep the whole movie in memory, unreadable if
+    // the writer died: it starts with a moment of silence instead, the one packet it takes. Sound that
+    // would have gone there comes too late for it.
+    if (s.audio && !s.soundMuxed) {
+        Result<> started = appendSound(nullptr, 2 * SoundPiece, _soundPosition);
+        if (!started)
+            return started;
+    }
+    // The encoder may still hold every picture since the last fragment: the cut waits for one.
+    if (s.picturesMuxed == _framesInFile || (s.audio && !s.soundMuxed))
+        return {};
+    // The first call writes the header alone, which waited for this moment; the fragment follows.
+    for (int calls = s.headerWritten ? 1 : 2; calls > 0; --calls)
+        av_write_frame(s.muxer, nullptr);
+    s.headerWritten = true;
+    avio_flush(s.io);
+    const int64_t size = s.io->error < 0 ? s.io->error : avio_size(s.io);
+    if (size < 0)
+        return fail("The movie could not be written", int(size));
+    s.fileEnd = size;
+    s.nextFragment = time + FragmentDuration;
+    _framesInFile = s.picturesMuxed;
+    _soundInFile = std::max<int64_t>(s.soundMuxedEnd, 0);
     return {};
 }
 
@@ -570,6 +587,7 @@ Result<> MovieWriter::writeVideoPacket(AVPacket* packet, int64_t nextTime) {
             result = s.io->error;
         if (result < 0)
             return fail("The movie could not be written", result);
+        ++s.picturesMuxed;
     }
     if (packet) {
         av_packet_move_ref(s.heldVideo.get(), packet);
@@ -677,6 +695,7 @@ Result<> MovieWriter::writeSoundPackets() {
         int result = avcodec_receive_packet(s.audio.get(), s.packet.get());
         if (result == AVERROR(EAGAIN) || result == AVERROR_EOF)
             return {};
+        const int64_t end = s.packet->pts + s.packet->duration;
         if (result >= 0) {
             s.packet->stream_index = s.audioStream->index;
             av_packet_rescale_ts(s.packet.get(), s.audio->time_base, s.audioStream->time_base);
@@ -687,6 +706,8 @@ Result<> MovieWriter::writeSoundPackets() {
         }
         if (result < 0)
             return fail("The movie could not be written", result);
+        s.soundMuxed = true;
+        s.soundMuxedEnd = end;
     }
 }
 
@@ -728,8 +749,12 @@ Result<> MovieWriter::finish(int64_t endTime) {
         }
         if (code >= 0 && ::fsync(s.fd) != 0)
             code = AVERROR(errno);
-        if (code < 0)
+        if (code < 0) {
             result = fail("The movie could not be finished", code);
+        } else {
+            _framesInFile = s.picturesMuxed;
+            _soundInFile = std::max<int64_t>(s.soundMuxedEnd, 0);
+        }
     }
     close(false);
     return result;
@@ -742,9 +767,13 @@ void MovieWriter::cancel() {
 void MovieWriter::close(bool remove) {
     if (!_state)
         return;
-    // Whatever is buffered goes to the file: the tail of the last complete fragment may still be here.
-    if (_state->io && !remove)
-        avio_flush(_state->io);
+    // Nothing reaches the file but whole fragments, each flushed as it is cut. A movie without one holds
+    // no picture and is not kept; after a failure, whatever follows the last one is a piece of the next,
+    // which would only trouble a player.
+    remove = remove || _framesInFile == 0;
+    if (!remove && _failure && ::ftruncate(_state->fd, _state->fileEnd) != 0)
+        Log("MovieRecorder: ",
+            "cannot cut " + _path.string() + " back to its last fragment: " + std::strerror(errno));
     const bool created = _state->created;
     _state.reset();
     if (remove && created)

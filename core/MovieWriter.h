@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/MovieRecorderSettings.h"
 #include "platform/Error.h"
 #include "platform/FrameFormat.h"
 
@@ -28,7 +29,7 @@ Error RecorderError(std::string message);
 // The average bit rate, in bits a second, of an H.264 or HEVC movie: the megabits asked for when above 0,
 // otherwise 0.1 (H.264) or 0.06 (HEVC) bits per pixel of every frame at the expected frame rate (60 when
 // unset), never below 1,000,000.
-int64_t MovieBitRate(int64_t codec, int64_t width, int64_t height, double framesPerSecond,
+int64_t MovieBitRate(Codec codec, int64_t width, int64_t height, double framesPerSecond,
                      double megabitsPerSecond);
 
 struct AVFrameFree {
@@ -40,10 +41,11 @@ using MovieFrame = std::unique_ptr<AVFrame, AVFrameFree>;
 // One QuickTime movie written with FFmpeg: a picture track and, if asked for, a 48 kHz stereo sound
 // track. It is what the movie recorder drives from its serial queue; it is not safe to call from two
 // threads at once. Pictures and sound are encoded and handed to the muxer as they come, and the movie is
-// cut into 10-second fragments, so a movie whose writer dies is still readable up to its last complete
-// fragment. The movie's header goes out with the first fragment (so that it can say where each track
-// starts): until then the file is empty, and a full disk shows at that first fragment, as a failure of
-// appendFrame() or appendSound() ("The movie could not be written: No space left on device").
+// cut into fragments, the first when the pictures reach 1 s and then one every 10 s, so a movie whose
+// writer dies is still readable up to its last complete fragment. The movie's header goes out with the
+// first fragment (so that it can say where each track starts): until then the file is empty. Nothing
+// reaches the file but whole fragments, so a full disk shows as a failure of appendFrame() ("The movie
+// could not be written: No space left on device"), and the file then keeps its complete fragments only.
 //
 // Times of pictures are in 1/60000 s; positions of sound are in frames at 48000 a second; both count from
 // the movie's time 0.
@@ -55,7 +57,7 @@ public:
     // What one movie is to be. The size is the movie's own (even, at least 2): the caller has already
     // decided it, from the settings or from the first frame.
     struct Format {
-        int64_t codec = 0; // 0 H.264, 1 HEVC, 2 ProRes 422, 3 ProRes 4444 (with alpha); others H.264
+        Codec codec = Codec::H264;
         int64_t width = 0;
         int64_t height = 0;
         double framesPerSecond = 0;   // the expected rate; 0 means unknown and counts as 60
@@ -76,8 +78,8 @@ public:
     // of a processor's encoder, is logged.
     static Result<std::unique_ptr<MovieWriter>> make(const std::filesystem::path& path, const Format& format);
 
-    // Without finish() or cancel() first, the file is closed as it stands: its complete fragments stay
-    // readable. That is what a recording that failed half-way keeps.
+    // Without finish() or cancel() first, the file keeps its complete fragments, readable (and is removed
+    // if it has none). That is what a recording that failed half-way keeps.
     ~MovieWriter();
     MovieWriter(const MovieWriter&) = delete;
     MovieWriter& operator=(const MovieWriter&) = delete;
@@ -106,27 +108,32 @@ public:
     MovieFrame wrapFrame(uint8_t* memory, std::function<void()> release);
 
     // Encodes a picture at `time` (1/60000 s), which must be later than the last picture's. Whatever the
-    // encoder has ready goes on to the file.
+    // encoder has ready goes on to the muxer, and to the file when a fragment is due.
     Result<> appendFrame(MovieFrame frame, int64_t time);
     // Appends interleaved float stereo sound (or silence when `samples` is null) at `position` (48 kHz
     // frames). A position past the end of what was appended is reached with silence; frames before that
     // end are left out, as they cannot be written twice. Without a sound track, refused.
-    // A sound track still empty when the pictures reach 10 s is started with 2048 frames of silence: the
-    // first fragment, and everything after it, waits for every track to have begun.
+    // A sound track still without a packet when the first fragment is due gets 2048 frames of silence
+    // then: the first fragment carries the header, which waits for every track to have begun.
     Result<> appendSound(const float* samples, int64_t frameCount, int64_t position);
 
     // Ends the movie at `endTime` (1/60000 s): the last picture is held until then (or for one frame at
     // the expected rate if the end is not later than it); sound past the end that is not encoded yet is
     // dropped (at most one piece of 1024 frames already encoded may outlast the pictures); the encoders
-    // are drained and the file completed and synced. After a failure, the file is closed as it stands
-    // and the failure is the answer. A movie without a picture is not kept:
-    // the file is removed and the answer is "No frame was received, so no movie was written".
+    // are drained and the file completed and synced. After a failure, the file keeps its complete
+    // fragments (it is removed if it has none) and the failure is the answer. A movie without a picture
+    // is not kept: the file is removed and the answer is "No frame was received, so no movie was written".
     Result<> finish(int64_t endTime);
     // Closes the movie and removes its file.
     void cancel();
     // After finish() or cancel(), every call but the getters answers "The movie is already closed".
 
+    // Pictures appended.
     uint64_t framesWritten() const { return _framesWritten; }
+    // What the file holds for certain: the pictures, and the sound in 48 kHz frames, of the fragments
+    // that reached it (all that was appended once finish() succeeded).
+    uint64_t framesInFile() const { return _framesInFile; }
+    int64_t soundInFile() const { return _soundInFile; }
     // Sound frames handed to the sound encoder (silence included), at 48000 a second.
     int64_t soundPosition() const { return _soundPosition; }
     // The first failure of writing, which every later call answers with.
@@ -147,6 +154,9 @@ private:
     Result<> writeVideoPacket(AVPacket* packet, int64_t nextTime);
     Result<> encodeSound(bool draining);
     Result<> writeSoundPackets();
+    // Sends what the muxer holds to the file as one fragment, once it holds a picture (the encoder may
+    // still have them all); `time` is the newest picture's.
+    Result<> cutFragment(int64_t time);
     // Notes the first failure of writing, which every later call answers with.
     Result<> fail(const std::string& what, int code);
     void close(bool remove);
@@ -159,6 +169,8 @@ private:
     std::unique_ptr<State> _state;
     int64_t _lastTime = -1;
     uint64_t _framesWritten = 0;
+    uint64_t _framesInFile = 0;
+    int64_t _soundInFile = 0;
     int64_t _soundPosition = 0;
     std::unique_ptr<Error> _failure;
 };

@@ -1,133 +1,34 @@
 #include "core/RecorderController.h"
 
-#include "core/Compositor.h"
-#include "core/Layout.h"
-#include "core/MovieRecorderSettings.h"
 #include "core/SourceSound.h"
-#include "core/Take.h"
-#include "core/TakeNaming.h"
-#include "platform/EventLoop.h"
+#include "core/TitleMatching.h"
 #include "platform/Log.h"
 #include "platform/MediaClock.h"
-#include "platform/Semaphore.h"
-#include "platform/UserFolders.h"
 
 #include <algorithm>
-#include <clocale>
-#include <cmath>
-#include <ctime>
-#include <cwctype>
-#include <locale.h>
 #include <set>
-#include <thread>
 #include <utility>
 
 namespace quorva {
 
 namespace {
 
-const char* const CodecKey = "RecorderCodec";
-const char* const FolderKey = "RecorderFolder";
-const char* const NameKey = "RecorderName";
-const char* const OutputKey = "RecorderOutput";
-const char* const LayoutKey = "RecorderLayout";
-const char* const SoundKey = "RecorderSound";
-const char* const WidthKey = "RecorderWidth";
-const char* const HeightKey = "RecorderHeight";
-const char* const FPSKey = "RecorderFPS";
-const char* const BitrateKey = "RecorderBitrate";
-const char* const GapKey = "RecorderGap";
-const char* const PerformanceKey = "RecorderPerformance";
 const char* const SourcesKey = "RecorderSources";
 
-constexpr int64_t MaximumSide = 16384;
-constexpr double MaximumFPS = 240;
-constexpr double MaximumBitrate = 1000;
-constexpr int64_t MaximumGap = 1000;
-
 constexpr double RefreshInterval = 0.25;
-// A place without a source is tried again this often; a silent one is checked at twice this, doubled
-// with every silent check, up to the longest interval.
-constexpr double CheckInterval = 2;
-constexpr double LongestCheckInterval = 30;
-constexpr uint64_t MostCheckDoublings = 8;
-constexpr int64_t TransparentCodec = 3; // "prores4444"
-// The clock passes to another place once the clock place's last picture is this much older.
-constexpr double ClockHandOverInterval = 1.0;
-// The monitor is composed at most this often (250 a second) outside performance mode.
-constexpr double MonitorInterval = 0.004;
-// The monitor picture is at most this large either way, to leave the GPU to the encoders.
-constexpr double MonitorMaximumSide = 4096;
-constexpr double MonitorWaitLimit = 0.5;
 
-// Whether places of this kind may bring sound: network and test sources do, desktop video streams
-// (PipeWire, and any kind this program does not know) never do.
-bool KindCarriesSound(int64_t kind) {
-    return kind == SourceKindNDI || kind == SourceKindPattern;
+// "Title: description" when the take has several movies, else the description alone.
+std::string MovieMessage(const std::string& title, const Error& error, size_t movieCount) {
+    if (movieCount <= 1)
+        return error.message();
+    return (title.empty() ? std::string("Assembled movie") : title) + ": " + error.message();
 }
 
-// "QuorvaRecorder 2025-03-03 21.05.09", in local time. The numeric conversions of strftime ignore the
-// user's locale, so the digits and the 24-hour clock are the same everywhere.
-std::string TakeNameAt(std::time_t time) {
-    std::tm parts{};
-    localtime_r(&time, &parts);
-    char stamp[64];
-    std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H.%M.%S", &parts);
-    return std::string("QuorvaRecorder ") + stamp;
-}
-
-std::vector<Size> LayoutSizes(const std::vector<std::optional<Size>>& sizes) {
-    std::vector<Size> layoutSizes;
-    for (const auto& size : sizes)
-        layoutSizes.push_back(size.value_or(Size{}));
-    return layoutSizes;
-}
-
-double ClampedFinite(double value, double maximum) {
-    return std::isfinite(value) ? std::clamp(value, 0.0, maximum) : 0;
-}
-
-// Titles come from people and from the network, in any script: case is folded per character with the
-// C library's Unicode tables rather than for ASCII letters only.
-std::u32string Folded(std::string_view text) {
-    static const locale_t utf8 = ::newlocale(LC_CTYPE_MASK, "C.UTF-8", locale_t(0));
-    std::u32string folded;
-    folded.reserve(text.size());
-    for (size_t i = 0; i < text.size();) {
-        auto byte = static_cast<unsigned char>(text[i]);
-        int length = byte < 0x80           ? 1
-                     : (byte >> 5) == 0x6  ? 2
-                     : (byte >> 4) == 0xE  ? 3
-                     : (byte >> 3) == 0x1E ? 4
-                                           : 0;
-        char32_t code = length == 1   ? byte
-                        : length == 2 ? byte & 0x1F
-                        : length == 3 ? byte & 0x0F
-                                      : byte & 0x07;
-        bool whole = length > 0 && i + size_t(length) <= text.size();
-        for (int k = 1; whole && k < length; ++k) {
-            auto next = static_cast<unsigned char>(text[i + size_t(k)]);
-            whole = (next & 0xC0) == 0x80;
-            code = (code << 6) | (next & 0x3F);
-        }
-        if (!whole) {
-            // A stray byte stands for itself, so that broken text still matches itself.
-            folded.push_back(char32_t(0xDC00 + byte));
-            ++i;
-            continue;
-        }
-        if (utf8)
-            code = char32_t(::towlower_l(wint_t(code), utf8));
-        else if (code < 0x80)
-            code = char32_t(std::tolower(int(code)));
-        folded.push_back(code);
-        i += size_t(length);
-    }
-    return folded;
-}
-
-bool ContainsIgnoringCase(std::string_view text, const std::u32string& foldedPart) {
-    return Folded(text).find(foldedPart) != std::u32string::npos;
+std::vector<std::string> TitlesOf(const Places& places) {
+    std::vector<std::string> titles;
+    for (const auto& place : places)
+        titles.push_back(place->title());
+    return titles;
 }
 
 } // namespace
@@ -144,18 +45,6 @@ const std::string& RecorderStateName(RecorderState state) {
     }
 }
 
-std::vector<std::optional<Size>> SizesOfPlaces(const std::vector<std::shared_ptr<RecorderPlace>>& places) {
-    std::vector<std::optional<Size>> sizes;
-    for (const auto& place : places) {
-        int64_t width = place->width(), height = place->height();
-        if (width >= 1 && height >= 1)
-            sizes.push_back(Size{double(width), double(height)});
-        else
-            sizes.push_back(std::nullopt);
-    }
-    return sizes;
-}
-
 std::shared_ptr<RecorderController> RecorderController::make(std::shared_ptr<PictureEngine> engine,
                                                              std::shared_ptr<SourceDirectory> directory,
                                                              std::shared_ptr<SoundSource> computerSound,
@@ -170,8 +59,6 @@ std::shared_ptr<RecorderController> RecorderController::make(std::shared_ptr<Pic
         if (auto controller = weak.lock())
             controller->movieAtIndexFailedWithError(index, error);
     });
-    controller->connectPlaces();
-    controller->compositionChanged();
     controller->_directory->setChangeHandler([weak] {
         // Directories learn of changes on their own threads; the places belong to the main thread.
         auto loop = EventLoop::mainLoop();
@@ -201,15 +88,17 @@ RecorderController::RecorderController(Private, std::shared_ptr<PictureEngine> e
                                        std::shared_ptr<SettingsStore> defaults,
                                        std::shared_ptr<EncoderSpeed> encoderSpeed)
     : _engine(std::move(engine)), _directory(std::move(directory)), _computerSound(std::move(computerSound)),
-      _defaults(std::move(defaults)), _encoderSpeed(std::move(encoderSpeed)) {
-    if (!_encoderSpeed && _defaults)
-        _encoderSpeed = EncoderSpeed::make(_defaults);
-    loadSettings();
-    if (_engine) {
-        _takeCompositor = Compositor::make(_engine);
-        _monitorCompositor = Compositor::make(_engine);
-    }
-    _take = Take::make(_engine);
+      _defaults(std::move(defaults)), _take(Take::make(_engine)),
+      _composition(std::make_shared<CompositionScheduler>(_engine, _take)),
+      _connections(_directory, _engine, _take,
+                   // Weak: the scheduler holds the places, whose sources hold this handler.
+                   [composition = std::weak_ptr(_composition)](const std::shared_ptr<RecorderPlace>& place,
+                                                               double time) {
+                       if (auto scheduler = composition.lock())
+                           scheduler->placeReceivedFrame(place, time);
+                   }),
+      _encoderSpeed(encoderSpeed ? std::move(encoderSpeed) : EncoderSpeed::make(_defaults)),
+      _settings(_defaults) {
     if (_computerSound) {
         // Holds the take, not the controller: the sound's thread never reaches the controller.
         _computerSound->setSoundHandler([take = _take](const std::shared_ptr<SourceSound>& sound) {
@@ -225,6 +114,8 @@ RecorderController::RecorderController(Private, std::shared_ptr<PictureEngine> e
         if (!title.empty())
             _places.push_back(std::make_shared<RecorderPlace>(title));
     }
+    _connections.connectPlaces(_places, _availableSources);
+    compositionChanged();
 }
 
 RecorderController::~RecorderController() {
@@ -238,127 +129,36 @@ RecorderController::~RecorderController() {
     }
 }
 
-void RecorderController::loadSettings() {
-    const std::string& firstCodec = MovieRecorderSettings::codecNames().front();
-    const std::string& firstOutput = OutputNames().front();
-    const std::string& firstLayout = Layout::kindNames().front();
-    _defaults->registerDefaults({{CodecKey, firstCodec},
-                                 {FolderKey, MoviesFolder().string()},
-                                 {NameKey, std::string()},
-                                 {OutputKey, firstOutput},
-                                 {LayoutKey, firstLayout},
-                                 {SoundKey, std::string()}});
+// Settings.
 
-    // Names are checked, because every other part reads them; numbers come back exactly as saved
-    // (except the gap), since the take and the movies give 0 and large values their meaning.
-    int64_t number = 0;
-    _codec = _defaults->stringForKey(CodecKey).value_or("");
-    if (!MovieRecorderSettings::getCodec(number, _codec))
-        _codec = firstCodec;
-    _folder = _defaults->stringForKey(FolderKey).value_or("");
-    _name = _defaults->stringForKey(NameKey).value_or("");
-    _output = _defaults->stringForKey(OutputKey).value_or("");
-    if (!GetOutput(number, _output))
-        _output = firstOutput;
-    _layout = _defaults->stringForKey(LayoutKey).value_or("");
-    if (!Layout::getKind(number, _layout))
-        _layout = firstLayout;
-    _sound = _defaults->stringForKey(SoundKey).value_or("");
-    _width = _defaults->integerForKey(WidthKey);
-    _height = _defaults->integerForKey(HeightKey);
-    _fps = _defaults->doubleForKey(FPSKey);
-    _bitrate = _defaults->doubleForKey(BitrateKey);
-    _gap = std::clamp<int64_t>(_defaults->integerForKey(GapKey), 0, MaximumGap);
-    _performance = _defaults->boolForKey(PerformanceKey);
-}
-
-// Settings. A failed write is logged by the store and the value still holds for this run, so the
-// setters carry on either way.
-
-void RecorderController::setCodec(std::string codec) {
-    _codec = std::move(codec);
-    (void)_defaults->setString(_codec, CodecKey);
-    compositionChanged();
+bool RecorderController::setText(Setting setting, std::string_view text) {
+    std::optional<std::string> sound;
+    if (setting == Setting::Sound) {
+        sound = soundChoiceMatching(text);
+        if (!sound)
+            return false;
+        text = *sound;
+    }
+    if (!_settings.setText(setting, text))
+        return false;
+    if (RecorderSettings::followerOf(setting) == SettingFollower::Composition)
+        compositionChanged();
     changed();
+    return true;
 }
 
-void RecorderController::setWidth(int64_t width) {
-    _width = std::clamp<int64_t>(width, 0, MaximumSide);
-    (void)_defaults->setInteger(_width, WidthKey);
-    compositionChanged();
-    changed();
-}
-
-void RecorderController::setHeight(int64_t height) {
-    _height = std::clamp<int64_t>(height, 0, MaximumSide);
-    (void)_defaults->setInteger(_height, HeightKey);
-    compositionChanged();
-    changed();
-}
-
-void RecorderController::setFps(double fps) {
-    _fps = ClampedFinite(fps, MaximumFPS);
-    (void)_defaults->setDouble(_fps, FPSKey);
-    changed();
-}
-
-void RecorderController::setBitrate(double bitrate) {
-    _bitrate = ClampedFinite(bitrate, MaximumBitrate);
-    (void)_defaults->setDouble(_bitrate, BitrateKey);
-    changed();
-}
-
-void RecorderController::setFolder(std::string folder) {
-    _folder = ExpandTilde(folder);
-    (void)_defaults->setString(_folder, FolderKey);
-    changed();
-}
-
-void RecorderController::setName(std::string name) {
-    _name = std::move(name);
-    (void)_defaults->setString(_name, NameKey);
-    changed();
-}
-
-void RecorderController::setOutput(std::string_view output) {
-    int64_t number = 0;
-    if (!GetOutput(number, output))
-        return;
-    _output = NameForOutput(number);
-    (void)_defaults->setString(_output, OutputKey);
-    changed();
-}
-
-void RecorderController::setLayout(std::string_view layout) {
-    int64_t kind = 0;
-    if (!Layout::getKind(kind, layout))
-        return;
-    _layout = Layout::nameForKind(kind);
-    (void)_defaults->setString(_layout, LayoutKey);
-    compositionChanged();
-    changed();
-}
-
-void RecorderController::setGap(int64_t gap) {
-    _gap = std::clamp<int64_t>(gap, 0, MaximumGap);
-    (void)_defaults->setInteger(_gap, GapKey);
-    compositionChanged();
-    changed();
-}
-
-void RecorderController::setSound(std::string_view sound) {
-    auto choice = soundChoiceMatching(sound);
-    if (!choice)
-        return;
-    _sound = std::move(*choice);
-    (void)_defaults->setString(_sound, SoundKey);
-    changed();
-}
-
-void RecorderController::setPerformance(bool performance) {
-    _performance = performance;
-    (void)_defaults->setBool(_performance, PerformanceKey);
-    displayLimitChanged();
+void RecorderController::setNumber(Setting setting, double number) {
+    _settings.setNumber(setting, number);
+    switch (RecorderSettings::followerOf(setting)) {
+    case SettingFollower::Composition:
+        compositionChanged();
+        break;
+    case SettingFollower::DisplayLimit:
+        displayLimitChanged();
+        break;
+    case SettingFollower::Nothing:
+        break;
+    }
     changed();
 }
 
@@ -407,7 +207,7 @@ void RecorderController::changed() {
 
 std::optional<std::string> RecorderController::titleMatching(std::string_view text) {
     if (text.empty()) {
-        failWithError("/source expects the title of a source");
+        failWithError("Give the title of a source, or part of it");
         return std::nullopt;
     }
     std::vector<std::string> candidates;
@@ -417,41 +217,24 @@ std::optional<std::string> RecorderController::titleMatching(std::string_view te
         offered.insert(description.title());
     }
     // A place whose source is offline can still be named.
-    for (const auto& place : _places) {
-        std::string title = place->title();
+    for (std::string& title : TitlesOf(_places)) {
         if (!offered.count(title))
             candidates.push_back(std::move(title));
     }
-    for (const auto& candidate : candidates) {
-        if (candidate == text)
-            return candidate;
-    }
-    std::u32string part = Folded(text);
-    for (const auto& candidate : candidates) {
-        if (ContainsIgnoringCase(candidate, part))
-            return candidate;
-    }
+    if (auto title = MatchingTitle(text, candidates))
+        return title;
     failWithError("There is no source called \u201C" + std::string(text) + "\u201D");
     return std::nullopt;
 }
 
 std::optional<std::string> RecorderController::placeTitleMatching(std::string_view text) const {
-    for (const auto& place : _places) {
-        if (std::string title = place->title(); title == text)
-            return title;
-    }
-    std::u32string part = Folded(text);
-    for (const auto& place : _places) {
-        if (std::string title = place->title(); ContainsIgnoringCase(title, part))
-            return title;
-    }
-    return std::nullopt;
+    return MatchingTitle(text, TitlesOf(_places));
 }
 
 std::optional<std::string> RecorderController::soundChoiceMatching(std::string_view text) const {
     if (text.empty())
         return std::string();
-    if (Folded(text) == Folded(RecorderComputerSound))
+    if (EqualIgnoringCase(text, RecorderComputerSound))
         return std::string(RecorderComputerSound);
     return placeTitleMatching(text);
 }
@@ -552,85 +335,17 @@ void RecorderController::usePlaces(Places places) {
         if (std::find(places.begin(), places.end(), place) == places.end())
             place->letGoOfSource();
     }
-    // Replaced whole, never changed in place: whoever holds the old list keeps a consistent one.
     _places = std::move(places);
-    std::vector<std::string> titles;
-    for (const auto& place : _places)
-        titles.push_back(place->title());
-    (void)_defaults->setStringArray(titles, SourcesKey);
-    connectPlaces();
+    (void)_defaults->setStringArray(TitlesOf(_places), SourcesKey);
+    _connections.connectPlaces(_places, _availableSources);
     compositionChanged();
     changed();
 }
 
-// Connecting.
-
-std::vector<SourceDescription> RecorderController::sourcesOf(SourceDirectory& directory) {
-    std::vector<SourceDescription> sources;
-    std::set<std::string> seen;
-    for (auto& description : directory.availableSources()) {
-        if (seen.insert(description.title()).second)
-            sources.push_back(std::move(description));
-    }
-    return sources;
-}
-
 void RecorderController::sourcesDidChange() {
     _availableSources = sourcesOf(*_directory);
-    connectPlaces();
+    _connections.connectPlaces(_places, _availableSources);
     changed();
-}
-
-void RecorderController::connectPlaces() {
-    std::set<std::string> offered;
-    for (const auto& description : _availableSources)
-        offered.insert(description.title());
-    for (const auto& place : _places) {
-        auto source = place->source();
-        if (source && !offered.count(source->title()))
-            place->letGoOfSource();
-        else if (!source && offered.count(place->title()))
-            connectPlace(place);
-    }
-}
-
-void RecorderController::connectPlace(const std::shared_ptr<RecorderPlace>& place) {
-    place->setCheckTime(MediaClock::now());
-    auto source = _directory->connectToSourceWithTitle(place->title(), _engine);
-    if (!source)
-        return;
-    place->setKind(source->kind());
-    place->setKindKnown(true);
-    // Read once: a source does not turn over while connected.
-    bool flipped = source->flipped();
-
-    // The take is held strongly: it is the same for every recording, so these handlers route into
-    // whichever take runs without being installed again.
-    std::weak_ptr<RecorderPlace> weakPlace = place;
-    std::weak_ptr<RecorderController> weakController = weak_from_this();
-    source->setFrameHandler(
-        [weakPlace, weakController, take = _take, flipped](const std::shared_ptr<Picture>& picture) {
-            double time = MediaClock::now();
-            auto place = weakPlace.lock();
-            if (!place)
-                return;
-            // While a take runs, the index names this place's movie in it; between takes it is NoIndex.
-            size_t takeIndex = place->receivedFrame(picture, flipped, time);
-            if (takeIndex != NoIndex)
-                take->appendPicture(picture, flipped, takeIndex, time);
-            if (auto controller = weakController.lock())
-                controller->placeReceivedFrame(place, time);
-        });
-    source->setSoundHandler([weakPlace, take = _take](const std::shared_ptr<SourceSound>& sound) {
-        double time = MediaClock::now();
-        auto place = weakPlace.lock();
-        if (!place)
-            return;
-        size_t soundIndex = place->receivedSoundAtTime(time);
-        if (soundIndex != NoIndex)
-            take->appendSound(sound, soundIndex, time);
-    });
-    place->setSource(std::move(source));
 }
 
 // Recording.
@@ -645,60 +360,15 @@ bool RecorderController::start() {
     if (_places.empty())
         return failWithError("No source is selected");
 
-    MovieRecorderSettings settings;
-    int64_t codec = 0;
-    MovieRecorderSettings::getCodec(codec, _codec);
-    settings.setCodec(codec);
-    settings.setFramesPerSecond(_fps);
-    settings.setMegabitsPerSecond(_bitrate);
-
-    const std::vector<std::optional<Size>> sizes = SizesOfPlaces(_places);
-    int64_t output = TakeOutputSeparate;
-    GetOutput(output, _output);
-    std::shared_ptr<const Layout> layout;
-    if (output != TakeOutputSeparate)
-        layout = std::make_shared<Layout>(layoutKind(), LayoutSizes(sizes), _gap,
-                                          Size{double(_width), double(_height)});
-    const std::string name = _name.empty() ? TakeNameAt(std::time(nullptr)) : _name;
-
-    const bool computerSound = _sound == RecorderComputerSound;
-    const auto [soundSources, assembledSoundIndex] = soundRouting(output, computerSound);
-
-    // What each movie is due: its source's announced rate, capped by the frame rate setting; the
-    // assembled picture is composed as the clock source delivers.
-    const auto rateOf = [this](const std::shared_ptr<RecorderPlace>& place) {
-        const auto source = place ? place->source() : nullptr;
-        const double rate = source ? source->framesPerSecond() : 0;
-        return _fps > 0 ? std::min(rate, _fps) : rate;
-    };
-    std::vector<double> rates;
-    for (const auto& place : _places)
-        rates.push_back(rateOf(place));
-    const double clockRate = rateOf(clockPlace());
-    const PresetChoice preset =
-        choosePreset(codec, output != TakeOutputAssembled ? sizes : Take::SourceSizes(), rates,
-                     layout ? layout->size() : Size{}, clockRate);
-    settings.setEncoderPreset(preset.preset);
-    // The take's encoders run side by side: each gets its share of the processors. More threads than
-    // that cost memory (a picture each) and time spent waiting on one another, and left the encoders
-    // further behind at the start of a take here.
-    const size_t movieCount = (output != TakeOutputAssembled ? _places.size() : 0) + (layout ? 1 : 0);
-    settings.setEncoderThreads(
-        std::max<int64_t>(1, std::lround(double(std::thread::hardware_concurrency()) / double(movieCount))));
-
-    std::vector<std::string> titles;
-    for (const auto& place : _places)
-        titles.push_back(place->title());
-    const double time = MediaClock::now();
-    Result<> started =
-        _take->startWithSourceTitles(titles, sizes, output, layout ? layout->size() : Size{}, soundSources,
-                                     assembledSoundIndex, computerSound, name, _folder, settings, time);
-    if (!started) {
+    PlannedTake planned = PlanTake(_settings, _places, clockPlace(), _encoderSpeed.get());
+    TakePlan& plan = planned.plan;
+    plan.time = MediaClock::now();
+    if (Result<> started = _take->start(plan); !started) {
         const std::string& message = started.error().message();
         return failWithError(message.empty() ? "The recording could not start" : message);
     }
 
-    if (computerSound && _computerSound)
+    if (plan.computerSound && _computerSound)
         (void)_computerSound->start();
     const auto movies = _take->movies();
     for (size_t i = 0; i < _places.size(); ++i) {
@@ -708,22 +378,16 @@ bool RecorderController::start() {
         // A place without a movie of its own may still give the assembled movie its sound.
         _places[i]->setTakeIndex(i, hasMovie);
     }
-    {
-        std::lock_guard lock(_composeLock);
-        _takeLayout = layout;
-        _takeMonitorLayout = layout ? std::make_shared<const Layout>(
-                                          MonitorLayout(*layout, layout->kind(), LayoutSizes(sizes), _gap))
-                                    : nullptr;
-        _takeTransparent = codec == TransparentCodec;
-    }
-    _startTime = time;
+    _composition->takeStarted(planned.layout, LayoutSizes(plan.sizes), gap(),
+                              plan.settings.codec() == Codec::ProRes4444);
+    _startTime = plan.time;
     _dueRates.clear();
-    for (size_t i = 0; i < rates.size() && i < movies.size(); ++i)
-        _dueRates.emplace_back(movies[i], rates[i]);
+    for (size_t i = 0; i < planned.rates.size() && i < movies.size(); ++i)
+        _dueRates.emplace_back(movies[i], planned.rates[i]);
     if (auto assembled = _take->assembledMovie())
-        _dueRates.emplace_back(assembled, clockRate);
-    _encoderPreset = preset.preset;
-    if (!preset.keepsUp) {
+        _dueRates.emplace_back(assembled, planned.clockRate);
+    _encoderPreset = planned.preset.preset;
+    if (!planned.preset.keepsUp) {
         const std::string warning = "The encoders cannot keep up with these movies on this computer, even at "
                                     "their fastest: frames will be dropped. Record fewer or smaller sources, "
                                     "a lower frame rate, or ProRes";
@@ -735,26 +399,6 @@ bool RecorderController::start() {
     displayLimitChanged();
     refresh();
     return true;
-}
-
-std::pair<std::set<size_t>, size_t> RecorderController::soundRouting(int64_t output,
-                                                                     bool computerSound) const {
-    std::set<size_t> sources;
-    for (size_t i = 0; i < _places.size(); ++i) {
-        const RecorderPlace& place = *_places[i];
-        // With the computer's sound in every separate movie, only a source's own sound would add to it.
-        // Otherwise a place whose kind is not known yet may still turn out to have sound.
-        const bool carries = place.kindKnown() && KindCarriesSound(place.kind());
-        if (computerSound && output == TakeOutputSeparate ? carries : !place.kindKnown() || carries)
-            sources.insert(i);
-    }
-    size_t assembledIndex = NoIndex;
-    if (!computerSound && !_sound.empty()) {
-        size_t index = indexOfPlaceWithTitle(_sound);
-        if (sources.count(index))
-            assembledIndex = index;
-    }
-    return {sources, assembledIndex};
 }
 
 void RecorderController::stopWithCompletionHandler(std::function<void()> completionHandler) {
@@ -775,11 +419,7 @@ void RecorderController::stopWithCompletionHandler(std::function<void()> complet
     // From here on a picture or sound block that arrives is not appended, whichever thread it is on.
     for (const auto& place : _places)
         place->setTakeIndex(NoIndex, false);
-    {
-        std::lock_guard lock(_composeLock);
-        _takeLayout = nullptr;
-        _takeMonitorLayout = nullptr;
-    }
+    _composition->takeStopped();
     _state = RecorderState::Finishing;
     displayLimitChanged();
     changed();
@@ -803,17 +443,6 @@ std::vector<std::shared_ptr<TakeMovie>> RecorderController::moviesOfTheTake() co
         movies.push_back(std::move(assembled));
     return movies;
 }
-
-namespace {
-
-// "Title: description" when the take has several movies, else the description alone.
-std::string MovieMessage(const std::string& title, const Error& error, size_t movieCount) {
-    if (movieCount <= 1)
-        return error.message();
-    return (title.empty() ? std::string("Assembled movie") : title) + ": " + error.message();
-}
-
-} // namespace
 
 void RecorderController::movieAtIndexFailedWithError(size_t index, const Error& error) {
     const auto movies = _take->movies();
@@ -865,46 +494,8 @@ void RecorderController::refresh() {
 }
 
 void RecorderController::refreshAtTime(double now) {
-    for (const auto& place : _places) {
-        place->measureAtTime(now);
-        const double lastFrame = place->lastFrameTime();
-        if (lastFrame > place->checkTime())
-            place->setSilentChecks(0);
-        const auto source = place->source();
-        const double interval =
-            source ? std::min(CheckInterval *
-                                  std::exp2(double(std::min(place->silentChecks(), MostCheckDoublings))),
-                              LongestCheckInterval)
-                   : CheckInterval;
-        if (now - std::max(place->checkTime(), lastFrame) <= interval)
-            continue;
-        if (!source) {
-            connectPlace(place);
-        } else if (source->isAlive()) {
-            place->setCheckTime(now);
-            place->setSilentChecks(place->silentChecks() + 1);
-        } else {
-            place->letGoOfSource();
-            connectPlace(place);
-            if (place->source())
-                place->setSilentChecks(place->silentChecks() + 1);
-        }
-    }
-
-    bool composeMonitor = false;
-    {
-        std::lock_guard lock(_composeLock);
-        for (const auto& place : _places) {
-            if (place->isOnline()) {
-                _clockPlace = place;
-                break;
-            }
-        }
-        // Keeps the monitor moving when no clock source drives it.
-        composeMonitor = now - _lastComposeTime > RefreshInterval;
-    }
-    if (composeMonitor)
-        composeMonitorAtTime(now, false);
+    _connections.checkPlaces(_places, now);
+    _composition->refreshAtTime(_places, now);
     changed();
 }
 
@@ -925,23 +516,6 @@ uint64_t RecorderController::dropped() const {
     for (const auto& place : _places)
         dropped += place->dropped();
     return dropped;
-}
-
-PresetChoice RecorderController::choosePreset(int64_t codec, const Take::SourceSizes& sizes,
-                                              const std::vector<double>& rates, Size assembledSize,
-                                              double clockRate) const {
-    if (!_encoderSpeed)
-        return {};
-    // A source that does not say its rate may send as many as a display shows; one whose size is not
-    // known yet is taken to be 1080p, the common case.
-    const auto pixelsOf = [](std::optional<Size> size, double rate) {
-        const Size known = size.value_or(Size{1920, 1080});
-        return known.width * known.height * (rate > 0 ? rate : 60);
-    };
-    double pixels = assembledSize.width > 0 ? pixelsOf(assembledSize, clockRate) : 0;
-    for (size_t i = 0; i < sizes.size() && i < rates.size(); ++i)
-        pixels += pixelsOf(sizes[i], rates[i]);
-    return _encoderSpeed->presetFor(codec, pixels);
 }
 
 uint64_t RecorderController::framesDue(const TakeMovie& movie) const {
@@ -989,166 +563,27 @@ double RecorderController::soundLeftOut() const {
 
 // Composition.
 
-int64_t RecorderController::layoutKind() const {
-    int64_t kind = 0;
-    Layout::getKind(kind, _layout);
-    return kind;
-}
-
 bool RecorderController::displayIsLimited() const {
-    return _performance && isRecording();
+    return performance() && isRecording();
 }
 
 Layout RecorderController::assembledLayout() const {
-    {
-        std::lock_guard lock(_composeLock);
-        if (_takeLayout)
-            return *_takeLayout;
-    }
-    return Layout(layoutKind(), LayoutSizes(SizesOfPlaces(_places)), _gap,
-                  Size{double(_width), double(_height)});
-}
-
-std::shared_ptr<Picture> RecorderController::assembledFrame() const {
-    std::lock_guard lock(_shown->lock);
-    return _shown->picture;
-}
-
-void RecorderController::showPicture(std::shared_ptr<Picture> picture) {
-    std::lock_guard lock(_shown->lock);
-    _shown->picture = std::move(picture);
-}
-
-std::shared_ptr<RecorderPlace> RecorderController::clockPlace() const {
-    std::lock_guard lock(_composeLock);
-    return _clockPlace;
-}
-
-void RecorderController::placeReceivedFrame(const std::shared_ptr<RecorderPlace>& place, double time) {
-    Places places;
-    std::shared_ptr<const Layout> takeLayout;
-    bool transparent = false;
-    double lastComposeTime = 0, interval = 0;
-    {
-        std::lock_guard lock(_composeLock);
-        if (std::find(_composePlaces.begin(), _composePlaces.end(), place) == _composePlaces.end())
-            return;
-        // The clock stays with one source while it delivers and passes to another within a second after
-        // it stops.
-        if (_clockPlace != place &&
-            (!_clockPlace || time - _clockPlace->lastFrameTime() > ClockHandOverInterval))
-            _clockPlace = place;
-        if (_clockPlace != place)
-            return; // its picture waits for the next composition
-        places = _composePlaces;
-        takeLayout = _takeLayout;
-        transparent = _takeTransparent;
-        lastComposeTime = _lastComposeTime;
-        interval = _displayLimited ? 1 / RecorderLimitedDisplayRate : MonitorInterval;
-    }
-    if (takeLayout && _take->wantsAssembledFrameAtTime(time)) {
-        // The monitor shows the picture being recorded, so it needs no composition of its own.
-        composePlaces(places, *takeLayout, transparent, _takeCompositor, time,
-                      [take = _take, time](const std::shared_ptr<Picture>& picture) {
-                          take->appendAssembledPicture(picture, time);
-                      });
-    } else if (time - lastComposeTime >= interval) {
-        composeMonitorAtTime(time, false);
-    }
+    if (auto layout = _composition->takeLayout())
+        return *layout;
+    return Layout(_settings.layoutKind(), LayoutSizes(SizesOfPlaces(_places)), gap(),
+                  _settings.fittingSize());
 }
 
 void RecorderController::compositionChanged() {
-    {
-        std::lock_guard lock(_composeLock);
-        _composePlaces = _places;
-        _composeKind = layoutKind();
-        _composeGap = _gap;
-        _composeFittingSize = Size{double(_width), double(_height)};
-        int64_t codec = 0;
-        MovieRecorderSettings::getCodec(codec, _codec);
-        _composeTransparent = codec == TransparentCodec;
-        if (_clockPlace && std::find(_places.begin(), _places.end(), _clockPlace) == _places.end())
-            _clockPlace = nullptr;
-    }
-    composeMonitorAtTime(MediaClock::now(), true);
+    _composition->arrangementChanged({.places = _places,
+                                      .kind = _settings.layoutKind(),
+                                      .gap = gap(),
+                                      .fittingSize = _settings.fittingSize(),
+                                      .transparent = _settings.codec() == Codec::ProRes4444});
 }
 
 void RecorderController::displayLimitChanged() {
-    bool limited = displayIsLimited();
-    std::lock_guard lock(_composeLock);
-    _displayLimited = limited;
-}
-
-void RecorderController::composeMonitorAtTime(double time, bool wait) {
-    Places places;
-    std::shared_ptr<const Layout> monitorLayout;
-    int64_t kind = 0, gap = 0;
-    Size fitting;
-    bool transparent = false;
-    {
-        std::lock_guard lock(_composeLock);
-        places = _composePlaces;
-        monitorLayout = _takeMonitorLayout;
-        kind = _composeKind;
-        gap = _composeGap;
-        fitting = _composeFittingSize;
-        transparent = monitorLayout ? _takeTransparent : _composeTransparent;
-    }
-    if (!monitorLayout) {
-        std::vector<Size> sizes = LayoutSizes(SizesOfPlaces(places));
-        monitorLayout = std::make_shared<const Layout>(
-            MonitorLayout(Layout(kind, sizes, gap, fitting), kind, sizes, gap));
-    }
-    auto drawn = wait ? std::make_shared<Semaphore>() : nullptr;
-    bool composing = composePlaces(places, *monitorLayout, transparent, _monitorCompositor, time,
-                                   [drawn](const std::shared_ptr<Picture>&) {
-                                       if (drawn)
-                                           drawn->signal();
-                                   });
-    // A stalled GPU must not hold the main thread for long.
-    if (composing && drawn)
-        (void)drawn->wait(MonitorWaitLimit);
-}
-
-bool RecorderController::composePlaces(const Places& places, const Layout& layout, bool transparent,
-                                       const std::shared_ptr<Compositor>& compositor, double time,
-                                       std::function<void(const std::shared_ptr<Picture>&)> then) {
-    std::vector<std::shared_ptr<Picture>> pictures;
-    std::vector<bool> flipped;
-    for (const auto& place : places) {
-        pictures.push_back(place->source() ? place->latestFrame() : nullptr);
-        flipped.push_back(place->flipped());
-    }
-    {
-        std::lock_guard lock(_composeLock);
-        _lastComposeTime = time;
-    }
-    if (!places.empty() && compositor) {
-        auto composed = compositor->compose(
-            layout, pictures, flipped, transparent,
-            [shown = _shown, then = std::move(then)](const std::shared_ptr<Picture>& picture) {
-                {
-                    std::lock_guard lock(shown->lock);
-                    shown->picture = picture;
-                }
-                if (then)
-                    then(picture);
-            });
-        if (composed)
-            return true;
-    }
-    showPicture(nullptr);
-    return false;
-}
-
-Layout MonitorLayout(const Layout& layout, int64_t kind, const std::vector<Size>& sizes, int64_t gap) {
-    const Size size = layout.size();
-    const double larger = std::max(size.width, size.height);
-    if (larger <= MonitorMaximumSide)
-        return layout;
-    const double scale = MonitorMaximumSide / larger;
-    auto side = [scale](double length) { return std::max(2.0, 2 * std::round(length * scale / 2)); };
-    return Layout(kind, sizes, gap, Size{side(size.width), side(size.height)});
+    _composition->displayLimitChanged(displayIsLimited());
 }
 
 } // namespace quorva

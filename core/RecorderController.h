@@ -1,15 +1,17 @@
 #pragma once
 
+#include "core/CompositionScheduler.h"
 #include "core/EncoderSpeed.h"
-#include "core/Geometry.h"
 #include "core/Layout.h"
 #include "core/NoIndex.h"
+#include "core/PlaceConnections.h"
 #include "core/RecorderPlace.h"
+#include "core/RecorderSettings.h"
 #include "core/SoundSource.h"
 #include "core/SourceDescription.h"
 #include "core/SourceDirectory.h"
 #include "core/Take.h"
-#include "platform/Error.h"
+#include "core/TakePlanning.h"
 #include "platform/EventLoop.h"
 #include "platform/PictureEngine.h"
 #include "platform/SettingsStore.h"
@@ -19,9 +21,7 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
-#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -29,42 +29,32 @@
 
 namespace quorva {
 
-class Compositor;
 class TakeMovie;
 
 // The most places, and so sources, that one recording holds.
 inline constexpr size_t RecorderMaximumPlaces = 8;
-// The sound choice that stands for the computer's own sound.
-inline constexpr const char* RecorderComputerSound = "computer";
-// Pictures a second of the monitor while recording in performance mode.
-inline constexpr double RecorderLimitedDisplayRate = 10.0;
 
 enum class RecorderState { Idle, Recording, Finishing };
 
 // "idle", "recording" or "finishing".
 const std::string& RecorderStateName(RecorderState state);
 
-// The size of each place's latest picture, in order, or nothing for a place that has none yet.
-std::vector<std::optional<Size>> SizesOfPlaces(const std::vector<std::shared_ptr<RecorderPlace>>& places);
-// The monitor's layout for `layout` (made of `kind`, `sizes` and `gap`): the same, unless a side is
-// larger than 4096 pixels, then fitted within 4096 with even sides.
-Layout MonitorLayout(const Layout& layout, int64_t kind, const std::vector<Size>& sizes, int64_t gap);
-
-// The centre of the program: the recording settings and their persistence in the user's defaults, the
-// numbered places that hold the chosen sources and their connections, the recording of them all into
-// one take, the assembled picture and the monitor picture, the state, and the error shown to the user.
-// One instance, made at start-up.
+// The centre of the program, and the one face that the window, the command line and the remote side
+// see: the recording settings, the numbered places that hold the chosen sources, the recording of
+// them all into one take, the assembled picture and the monitor picture, the state, and the error
+// shown to the user. One instance, made at start-up. Its parts do the work: RecorderSettings keeps
+// the settings, PlaceConnections the sources' connections, PlanTake() decides what a take records,
+// and CompositionScheduler what is composed when.
 //
 // Everything here is meant for the main thread (the main EventLoop's). The sources' callbacks run on
-// their own threads: they touch their place, hand pictures and sound to the take and compose, and
-// share nothing else with the main thread but what the compose lock guards. Settings never fail:
-// numbers out of range are clamped, names that are not in their list are ignored. Operations that
-// refuse set the error and answer false.
+// their own threads: they touch their place, hand pictures and sound to the take and to the
+// composition, and share nothing else with the main thread. Settings never fail: numbers out of range
+// are clamped, names that are not in their list are ignored. Operations that refuse set the error and
+// answer false.
 class RecorderController : public std::enable_shared_from_this<RecorderController> {
     struct Private {};
 
 public:
-    using Places = std::vector<std::shared_ptr<RecorderPlace>>;
     using ObserverId = uint64_t;
 
     // Registers the settings' defaults, loads the settings, makes the places from the saved titles and
@@ -86,31 +76,46 @@ public:
     const std::shared_ptr<PictureEngine>& engine() const { return _engine; }
 
     // Settings. Each setter stores, persists and tells the observers, except where it ignores a value.
-    const std::string& codec() const { return _codec; }
-    void setCodec(std::string codec);        // any text: the take reads an unknown name as "h264"
-    int64_t width() const { return _width; } // 0: the sources' own size
-    void setWidth(int64_t width);            // 0…16384
-    int64_t height() const { return _height; }
-    void setHeight(int64_t height);             // 0…16384
-    double fps() const { return _fps; }         // 0: every frame
-    void setFps(double fps);                    // 0…240, not a number: 0
-    double bitrate() const { return _bitrate; } // megabits a second; 0: chosen from size and rate
-    void setBitrate(double bitrate);            // 0…1000, not a number: 0
-    const std::string& folder() const { return _folder; }
-    void setFolder(std::string folder);               // a leading "~" is expanded
-    const std::string& name() const { return _name; } // "": named after the date
-    void setName(std::string name);
-    const std::string& output() const { return _output; }
-    void setOutput(std::string_view output); // ignored unless an output name
-    const std::string& layout() const { return _layout; }
-    void setLayout(std::string_view layout); // ignored unless a layout name
-    int64_t gap() const { return _gap; }
-    void setGap(int64_t gap); // 0…1000
-    // "", "computer", or the title of a place.
-    const std::string& sound() const { return _sound; }
-    void setSound(std::string_view sound); // ignored unless it matches (see soundChoiceMatching)
-    bool performance() const { return _performance; }
-    void setPerformance(bool performance);
+    const RecorderSettings& settings() const { return _settings; }
+    // Any setting by its name: a text (false, changing nothing, when it is refused) or a number, kept
+    // within its range.
+    bool setText(Setting setting, std::string_view text);
+    void setNumber(Setting setting, double number);
+
+    // Any text: the take reads an unknown name as "h264".
+    const std::string& codec() const { return _settings.text(Setting::Codec); }
+    void setCodec(std::string_view codec) { setText(Setting::Codec, codec); }
+    // 0…16384; 0 either way: the sources' own size.
+    int64_t width() const { return _settings.integer(Setting::Width); }
+    void setWidth(int64_t width) { setNumber(Setting::Width, double(width)); }
+    int64_t height() const { return _settings.integer(Setting::Height); }
+    void setHeight(int64_t height) { setNumber(Setting::Height, double(height)); }
+    // 0…240, not a number: 0; 0 keeps every frame.
+    double fps() const { return _settings.number(Setting::FPS); }
+    void setFps(double fps) { setNumber(Setting::FPS, fps); }
+    // Megabits a second, 0…1000, not a number: 0; 0 is chosen from size and rate.
+    double bitrate() const { return _settings.number(Setting::Bitrate); }
+    void setBitrate(double bitrate) { setNumber(Setting::Bitrate, bitrate); }
+    // A leading "~" is expanded.
+    const std::string& folder() const { return _settings.text(Setting::Folder); }
+    void setFolder(std::string_view folder) { setText(Setting::Folder, folder); }
+    // "": named after the date.
+    const std::string& name() const { return _settings.text(Setting::Name); }
+    void setName(std::string_view name) { setText(Setting::Name, name); }
+    // Ignored unless an output name.
+    const std::string& output() const { return _settings.text(Setting::Output); }
+    void setOutput(std::string_view output) { setText(Setting::Output, output); }
+    // Ignored unless a layout name.
+    const std::string& layout() const { return _settings.text(Setting::Layout); }
+    void setLayout(std::string_view layout) { setText(Setting::Layout, layout); }
+    // 0…1000.
+    int64_t gap() const { return _settings.integer(Setting::Gap); }
+    void setGap(int64_t gap) { setNumber(Setting::Gap, double(gap)); }
+    // "", "computer", or the title of a place; ignored unless it matches (see soundChoiceMatching).
+    const std::string& sound() const { return _settings.text(Setting::Sound); }
+    void setSound(std::string_view sound) { setText(Setting::Sound, sound); }
+    bool performance() const { return _settings.flag(Setting::Performance); }
+    void setPerformance(bool performance) { setNumber(Setting::Performance, performance ? 1 : 0); }
     bool ndiAvailable() const { return _ndiAvailable; } // not persisted
     void setNdiAvailable(bool available);
 
@@ -156,7 +161,9 @@ public:
     bool moveSourceFromPlace(int64_t from, int64_t to);
 
     // The directory's list, each title once (the first description wins), in its order.
-    static std::vector<SourceDescription> sourcesOf(SourceDirectory& directory);
+    static std::vector<SourceDescription> sourcesOf(SourceDirectory& directory) {
+        return PlaceConnections::sourcesOf(directory);
+    }
     // Follows the directory's list: forgets sources that left it, connects places whose source is back.
     void sourcesDidChange();
 
@@ -202,67 +209,40 @@ public:
     double soundLeftOut() const; // seconds, over every movie of the take
 
     // Composition: the assembled picture of all places, for the take's assembled movie and the monitor.
-    int64_t layoutKind() const; // of the layout setting; 0 for a name not in the list
     // While recording in performance mode the monitor is held to RecorderLimitedDisplayRate.
     bool displayIsLimited() const;
     // The arrangement of the assembled picture: the running take's, else what a take would use now.
     Layout assembledLayout() const;
     // The last picture composed, of the take or the monitor, for the preview to draw; nothing when
     // there is no place or the GPU refused. Any thread.
-    std::shared_ptr<Picture> assembledFrame() const;
-    void showPicture(std::shared_ptr<Picture> picture);
+    std::shared_ptr<Picture> assembledFrame() const { return _composition->assembledFrame(); }
+    void showPicture(std::shared_ptr<Picture> picture) { _composition->showPicture(std::move(picture)); }
     // The place whose pictures set the pace of composition, if any.
-    std::shared_ptr<RecorderPlace> clockPlace() const;
+    std::shared_ptr<RecorderPlace> clockPlace() const { return _composition->clockPlace(); }
 
 private:
     friend struct RecorderControllerProbe; // lets tests drive the state and the clock
 
-    void loadSettings();
     // The one way the list of places changes after construction.
     void usePlaces(Places places);
-    void connectPlaces();
-    void connectPlace(const std::shared_ptr<RecorderPlace>& place);
     void setState(RecorderState state) { _state = state; }
     void refreshAtTime(double now);
-    // Which places record their own sound, and which one gives the assembled movie its sound (NoIndex).
-    std::pair<std::set<size_t>, size_t> soundRouting(int64_t output, bool computerSound) const;
-    // The slowest encoder preset that keeps up with every picture the take encodes: the movies of the
-    // sources of `sizes` at `rates`, and the assembled one (when its size is not 0) at `clockRate`.
-    PresetChoice choosePreset(int64_t codec, const Take::SourceSizes& sizes, const std::vector<double>& rates,
-                              Size assembledSize, double clockRate) const;
-    // Called for every picture of every place, on the source's thread.
-    void placeReceivedFrame(const std::shared_ptr<RecorderPlace>& place, double time);
-    // The places, layout, gap, size or codec changed: what is composed must follow.
+    // The places, layout, gap, size or codec changed: the monitor follows.
     void compositionChanged();
     // The performance setting or the state changed: so may the monitor's rate.
     void displayLimitChanged();
-    // Composes the monitor picture from the latest pictures; `wait`: until the GPU has drawn it, at most
-    // half a second.
-    void composeMonitorAtTime(double time, bool wait);
-    // Composes `places` into `layout` with `compositor`; `then` gets the picture once drawn, on the GPU's
-    // completion thread. False when nothing was composed (no place, or the GPU refused).
-    bool composePlaces(const Places& places, const Layout& layout, bool transparent,
-                       const std::shared_ptr<Compositor>& compositor, double time,
-                       std::function<void(const std::shared_ptr<Picture>&)> then);
 
     const std::shared_ptr<PictureEngine> _engine;
     const std::shared_ptr<SourceDirectory> _directory;
     const std::shared_ptr<SoundSource> _computerSound;
     const std::shared_ptr<SettingsStore> _defaults;
+    const std::shared_ptr<Take> _take;
+    const std::shared_ptr<CompositionScheduler> _composition;
+    const PlaceConnections _connections;
+    std::shared_ptr<EncoderSpeed> _encoderSpeed;
 
-    bool _performance = false;
+    RecorderSettings _settings;
     bool _ndiAvailable = false;
-    std::string _codec;
-    int64_t _width = 0;
-    int64_t _height = 0;
-    double _fps = 0;
-    double _bitrate = 0;
-    std::string _folder;
-    std::string _name;
-    std::string _output;
-    std::string _layout;
-    int64_t _gap = 0;
-    std::string _sound;
     Places _places;
     std::vector<SourceDescription> _availableSources;
     RecorderState _state = RecorderState::Idle;
@@ -273,42 +253,15 @@ private:
     std::map<ObserverId, std::shared_ptr<std::function<void()>>> _observers;
     ObserverId _nextObserver = 1;
 
-    std::shared_ptr<Take> _take;
-    std::shared_ptr<Compositor> _takeCompositor;
-    std::shared_ptr<Compositor> _monitorCompositor;
     std::weak_ptr<EventLoop> _refreshLoop;
     TimerId _refreshTimer = 0;
     std::unique_ptr<SystemActivity> _activity;
     double _startTime = 0;
     // The rate at which each movie of the take is due pictures, fixed at its start.
     std::vector<std::pair<std::shared_ptr<const TakeMovie>, double>> _dueRates;
-    std::shared_ptr<EncoderSpeed> _encoderSpeed;
     std::string _encoderPreset;
     double _lastElapsed = 0;
     std::vector<std::function<void()>> _stopHandlers;
-
-    // What the sources' threads read to compose: a snapshot of the places and layout settings, and the
-    // layouts fixed for the running take. Held only to read or store these, never across a composition.
-    mutable std::mutex _composeLock;
-    Places _composePlaces;
-    int64_t _composeKind = 0;
-    int64_t _composeGap = 0;
-    Size _composeFittingSize;
-    bool _composeTransparent = false;
-    std::shared_ptr<const Layout> _takeLayout;
-    std::shared_ptr<const Layout> _takeMonitorLayout;
-    bool _takeTransparent = false;
-    std::shared_ptr<RecorderPlace> _clockPlace;
-    double _lastComposeTime = 0;
-    bool _displayLimited = false;
-    // The last composed picture. Apart from the controller, so that a composition that completes on the
-    // GPU's thread stores its picture without holding the controller (whose last release there would
-    // join that very thread).
-    struct Shown {
-        mutable std::mutex lock;
-        std::shared_ptr<Picture> picture;
-    };
-    const std::shared_ptr<Shown> _shown = std::make_shared<Shown>();
 };
 
 } // namespace quorva

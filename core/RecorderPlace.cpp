@@ -161,4 +161,16 @@ std::string RecorderPlace::kindName() const {
     return _kindKnown ? SourceKindName(_kind) : "";
 }
 
+SourceSizes SizesOfPlaces(const Places& places) {
+    SourceSizes sizes;
+    for (const auto& place : places) {
+        int64_t width = place->width(), height = place->height();
+        if (width >= 1 && height >= 1)
+            sizes.push_back(Size{double(width), double(height)});
+        else
+            sizes.push_back(std::nullopt);
+    }
+    return sizes;
+}
+
 } // namespace quorva

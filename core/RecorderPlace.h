@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/FrameSource.h"
+#include "core/Geometry.h"
 #include "core/MovieStatus.h"
 #include "core/NoIndex.h"
 #include "platform/Picture.h"
@@ -9,6 +10,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 namespace quorva {
 
@@ -108,5 +110,12 @@ private:
     double _checkTime = 0;
     uint64_t _silentChecks = 0;
 };
+
+// The places of the recorder, in order. A list is only ever replaced as a whole, never changed in place,
+// so that whoever took one (a composition on a source's thread) keeps a consistent list.
+using Places = std::vector<std::shared_ptr<RecorderPlace>>;
+
+// The size of each place's latest picture, in order, or nothing for a place that has none yet.
+SourceSizes SizesOfPlaces(const Places& places);
 
 } // namespace quorva

@@ -66,34 +66,7 @@ std::shared_ptr<Take> Take::make(std::shared_ptr<PictureEngine> engine) {
 
 Take::Take(Private, std::shared_ptr<PictureEngine> engine) : _engine(std::move(engine)) {}
 
-Result<> Take::startWithSourceTitles(const std::vector<std::string>& titles, const SourceSizes& sizes,
-                                     const std::string_view name, const fs::path& folder,
-                                     const MovieRecorderSettings& settings, double time) {
-    return startWithSourceTitles(titles, sizes, TakeOutputSeparate, Size{}, name, folder, settings, time);
-}
-
-Result<> Take::startWithSourceTitles(const std::vector<std::string>& titles, const SourceSizes& sizes,
-                                     int64_t output, Size assembledSize, std::string_view name,
-                                     const fs::path& folder, const MovieRecorderSettings& settings,
-                                     double time) {
-    return startWithSourceTitles(titles, sizes, output, assembledSize, {}, NoIndex, name, folder, settings,
-                                 time);
-}
-
-Result<> Take::startWithSourceTitles(const std::vector<std::string>& titles, const SourceSizes& sizes,
-                                     int64_t output, Size assembledSize, const std::set<size_t>& soundSources,
-                                     size_t assembledSoundIndex, std::string_view name,
-                                     const fs::path& folder, const MovieRecorderSettings& settings,
-                                     double time) {
-    return startWithSourceTitles(titles, sizes, output, assembledSize, soundSources, assembledSoundIndex,
-                                 false, name, folder, settings, time);
-}
-
-Result<> Take::startWithSourceTitles(const std::vector<std::string>& titles, const SourceSizes& sizes,
-                                     int64_t output, Size assembledSize, const std::set<size_t>& soundSources,
-                                     size_t assembledSoundIndex, bool computerSound, std::string_view name,
-                                     const fs::path& folder, const MovieRecorderSettings& settings,
-                                     double time) {
+Result<> Take::start(const TakePlan& plan) {
     {
         std::lock_guard lock(_lock);
         if (_recording)
@@ -101,15 +74,16 @@ Result<> Take::startWithSourceTitles(const std::vector<std::string>& titles, con
         if (_finishing)
             return TakeError("The previous movies are still being finished");
     }
+    const std::vector<std::string>& titles = plan.titles;
     if (titles.empty())
         return TakeError("No source is selected");
     std::error_code error;
-    if (!fs::is_directory(folder, error))
-        return TakeError("The folder “" + folder.string() + "” does not exist");
+    if (!fs::is_directory(plan.folder, error))
+        return TakeError("The folder “" + plan.folder.string() + "” does not exist");
 
-    if (output != TakeOutputAssembled && output != TakeOutputBoth)
-        output = TakeOutputSeparate;
-    const bool assembled = output != TakeOutputSeparate;
+    const TakeOutput output = plan.output;
+    const Size assembledSize = plan.assembledSize;
+    const bool assembled = output != TakeOutput::Separate;
     if (assembled) {
         // Written this way round so that a size that is not a number counts as none.
         if (!(assembledSize.width >= 2 && assembledSize.height >= 2))
@@ -120,20 +94,23 @@ Result<> Take::startWithSourceTitles(const std::vector<std::string>& titles, con
                              " is too large to be written. Choose a smaller size for the assembled movie");
     }
 
-    const size_t count = output == TakeOutputAssembled ? 0 : titles.size();
+    const size_t count = output == TakeOutput::Assembled ? 0 : titles.size();
     if (Result<> grown = growRecorders(count, assembled); !grown)
         return grown;
 
-    const TakeURLs urls = URLsForName(name, titles, output, folder);
+    const TakeURLs urls = URLsForName(plan.name, titles, output, plan.folder);
 
-    if (computerSound || output == TakeOutputSeparate || assembledSoundIndex >= titles.size())
-        assembledSoundIndex = NoIndex;
+    const bool computerSound = plan.computerSound;
+    const size_t assembledSoundIndex =
+        computerSound || output == TakeOutput::Separate || plan.assembledSoundIndex >= titles.size()
+            ? NoIndex
+            : plan.assembledSoundIndex;
 
     std::vector<std::shared_ptr<TakeMovie>> computerSoundMovies;
     std::vector<std::shared_ptr<TakeMovie>> started;
     std::shared_ptr<TakeMovie> assembledMovie;
     if (assembled) {
-        MovieRecorderSettings movieSettings = settings;
+        MovieRecorderSettings movieSettings = plan.settings;
         movieSettings.setWidth(int64_t(assembledSize.width));
         movieSettings.setHeight(int64_t(assembledSize.height));
         movieSettings.setRecordsSound(computerSound || assembledSoundIndex != NoIndex);
@@ -141,27 +118,27 @@ Result<> Take::startWithSourceTitles(const std::vector<std::string>& titles, con
                                                      *urls.assembled, _assembledRecorder);
         if (computerSound)
             computerSoundMovies.push_back(assembledMovie);
-        if (Result<> begun = startMovie(assembledMovie, NoIndex, movieSettings, time); !begun)
+        if (Result<> begun = startMovie(assembledMovie, NoIndex, movieSettings, plan.time); !begun)
             return begun;
         started.push_back(assembledMovie);
     }
 
     std::vector<std::shared_ptr<TakeMovie>> movies;
     for (size_t i = 0; i < count; ++i) {
-        MovieRecorderSettings movieSettings = settings;
-        const std::optional<Size> size = i < sizes.size() ? sizes[i] : std::nullopt;
+        MovieRecorderSettings movieSettings = plan.settings;
+        const std::optional<Size> size = i < plan.sizes.size() ? plan.sizes[i] : std::nullopt;
         movieSettings.setWidth(size ? WholePixels(size->width) : 0);
         movieSettings.setHeight(size ? WholePixels(size->height) : 0);
-        const bool ownSound = soundSources.count(i) > 0;
-        const bool hearsComputer = computerSound && output == TakeOutputSeparate && !ownSound;
+        const bool ownSound = plan.soundSources.count(i) > 0;
+        const bool hearsComputer = computerSound && output == TakeOutput::Separate && !ownSound;
         movieSettings.setRecordsSound(ownSound || hearsComputer);
         auto movie = std::make_shared<TakeMovie>(movieSettings.recordsSound(), titles[i], urls.separate[i],
                                                  _recorders[i]);
-        if (Result<> begun = startMovie(movie, i, movieSettings, time); !begun) {
+        if (Result<> begun = startMovie(movie, i, movieSettings, plan.time); !begun) {
             // A take is all its movies or none: those already begun end now, and as none has a frame
             // yet, their files go with them.
             for (const std::shared_ptr<TakeMovie>& other : started)
-                other->recorder()->finishAtTime(time, [](std::optional<Error>) {});
+                other->recorder()->finishAtTime(plan.time, [](std::optional<Error>) {});
             return begun;
         }
         if (hearsComputer)
@@ -173,7 +150,7 @@ Result<> Take::startWithSourceTitles(const std::vector<std::string>& titles, con
     std::lock_guard lock(_lock);
     _movies = std::move(movies);
     _assembledMovie = std::move(assembledMovie);
-    _soundSources = soundSources;
+    _soundSources = plan.soundSources;
     _assembledSoundIndex = assembledSoundIndex;
     _computerSoundMovies = std::move(computerSoundMovies);
     _recording = true;
@@ -181,17 +158,25 @@ Result<> Take::startWithSourceTitles(const std::vector<std::string>& titles, con
 }
 
 Result<> Take::growRecorders(size_t count, bool assembled) {
-    const Error unavailable = TakeError("Movies cannot be written on this computer: Vulkan is not available");
+    auto make = [this]() -> Result<std::shared_ptr<MovieRecorder>> {
+        if (!_engine)
+            return TakeError("Movies cannot be written on this computer: Vulkan is not available");
+        Result<std::shared_ptr<MovieRecorder>> made = MovieRecorder::make(_engine);
+        if (!made)
+            return TakeError("Movies cannot be written on this computer: " + made.error().message());
+        return made;
+    };
     while (_recorders.size() < count) {
-        std::shared_ptr<MovieRecorder> recorder = _engine ? MovieRecorder::make(_engine) : nullptr;
-        if (!recorder)
-            return unavailable;
-        _recorders.push_back(std::move(recorder));
+        Result<std::shared_ptr<MovieRecorder>> made = make();
+        if (!made)
+            return made.error();
+        _recorders.push_back(std::move(made.value()));
     }
     if (assembled && !_assembledRecorder) {
-        _assembledRecorder = _engine ? MovieRecorder::make(_engine) : nullptr;
-        if (!_assembledRecorder)
-            return unavailable;
+        Result<std::shared_ptr<MovieRecorder>> made = make();
+        if (!made)
+            return made.error();
+        _assembledRecorder = std::move(made.value());
     }
     return {};
 }
@@ -341,8 +326,9 @@ void Take::finishAtTime(double time, CompletionHandler completionHandler) {
     for (const std::shared_ptr<TakeMovie>& movie : going) {
         movie->recorder()->finishAtTime(time, [movie, left, done](std::optional<Error> error) {
             // A movie that never got a picture has nothing to have failed at: its file is simply not
-            // made, and the take as a whole says so when no movie got one.
-            if (error && movie->framesWritten() > 0 && !movie->error())
+            // made, and the take as a whole says so when no movie got one. One whose pictures did not
+            // reach the file (they count as dropped then) did fail.
+            if (error && movie->framesWritten() + movie->framesDropped() > 0 && !movie->error())
                 movie->setError(*error);
             if (left->fetch_sub(1) == 1)
                 done();

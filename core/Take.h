@@ -59,6 +59,30 @@ private:
     std::optional<Error> _error;
 };
 
+// What a take is to record. The simplest take names only its titles, name, folder and settings: one
+// movie per source, each the size of its first picture, without sound. (Every member has an
+// initializer so that a designated initializer may leave any out.)
+struct TakePlan {
+    std::vector<std::string> titles{}; // the sources, in the places' order
+    // Parallel to the titles; a source without one (or past the list's end) gives its movie the size of
+    // its first picture.
+    SourceSizes sizes{};
+    TakeOutput output = TakeOutput::Separate;
+    Size assembledSize{}; // of the assembled movie, for outputs assembled and both
+    // The sources that record their own sound in their own movie.
+    std::set<size_t> soundSources{};
+    // The source whose sound the assembled movie records, or NoIndex.
+    size_t assembledSoundIndex = NoIndex;
+    // The computer's sound goes to the assembled movie and, for output separate, to every source's
+    // movie without sound of its own.
+    bool computerSound = false;
+    std::string name{};
+    std::filesystem::path folder{};
+    // The codec, frame rate and bit rate that all the movies share; their sizes come from the above.
+    MovieRecorderSettings settings{};
+    double time = 0; // every movie's time origin, on the media clock
+};
+
 // One recording: the movies that start together on one time origin and finish together. It decides
 // which movies the output asks for, names their files so that nothing is ever overwritten, and routes
 // every source's pictures and sound, the assembled picture and the computer's sound to the right
@@ -74,10 +98,6 @@ public:
     // (source index, or NoIndex for the assembled movie; why it failed)
     using MovieFailureHandler = std::function<void(size_t source, const Error& error)>;
     using CompletionHandler = std::function<void(std::optional<Error> error)>;
-    // A source's picture size, or nothing when it is not known yet (the movie then takes its first
-    // frame's size).
-    using SourceSizes = std::vector<std::optional<Size>>;
-
     // Movies larger than this either way are refused before any file is made.
     static constexpr double MaximumAssembledSide = 16384;
 
@@ -86,32 +106,9 @@ public:
     Take(const Take&) = delete;
     Take& operator=(const Take&) = delete;
 
-    // Starts a take of `titles` (in the places' order) in `folder`, every movie on the time origin
-    // `time`. `sizes` runs parallel to `titles`. The sources in `soundSources` record their own sound in
-    // their own movie; `assembledSoundIndex` (or NoIndex) names the source whose sound the assembled movie
-    // records. With `computerSound`, the computer's sound goes to the assembled movie and, for output
-    // "separate", to every source's movie that has no sound of its own. `settings` gives the codec, frame
-    // rate and bit rate that all movies share; the sizes come from the sources and `assembledSize`.
-    Result<> startWithSourceTitles(const std::vector<std::string>& titles, const SourceSizes& sizes,
-                                   int64_t output, Size assembledSize, const std::set<size_t>& soundSources,
-                                   size_t assembledSoundIndex, bool computerSound, std::string_view name,
-                                   const std::filesystem::path& folder, const MovieRecorderSettings& settings,
-                                   double time);
-    // Without the computer's sound.
-    Result<> startWithSourceTitles(const std::vector<std::string>& titles, const SourceSizes& sizes,
-                                   int64_t output, Size assembledSize, const std::set<size_t>& soundSources,
-                                   size_t assembledSoundIndex, std::string_view name,
-                                   const std::filesystem::path& folder, const MovieRecorderSettings& settings,
-                                   double time);
-    // Without any sound.
-    Result<> startWithSourceTitles(const std::vector<std::string>& titles, const SourceSizes& sizes,
-                                   int64_t output, Size assembledSize, std::string_view name,
-                                   const std::filesystem::path& folder, const MovieRecorderSettings& settings,
-                                   double time);
-    // One movie per source, without sound.
-    Result<> startWithSourceTitles(const std::vector<std::string>& titles, const SourceSizes& sizes,
-                                   std::string_view name, const std::filesystem::path& folder,
-                                   const MovieRecorderSettings& settings, double time);
+    // Starts every movie of `plan`, or none: when one cannot start, those begun are finished at once,
+    // and as none has a picture yet, their files go with them.
+    Result<> start(const TakePlan& plan);
 
     // A picture of source `index`; ignored when the take has no movie of that source.
     void appendPicture(const std::shared_ptr<Picture>& picture, bool flipped, size_t index, double time);

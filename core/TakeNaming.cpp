@@ -36,25 +36,9 @@ bool Taken(const std::filesystem::path& path) {
 
 } // namespace
 
-const std::vector<std::string>& OutputNames() {
+const std::vector<std::string>& NameTable(TakeOutput) {
     static const std::vector<std::string> names{"separate", "assembled", "both"};
     return names;
-}
-
-const std::string& NameForOutput(int64_t output) {
-    const std::vector<std::string>& names = OutputNames();
-    if (output < 0 || output >= int64_t(names.size()))
-        return names[0];
-    return names[size_t(output)];
-}
-
-bool GetOutput(int64_t& output, std::string_view name) {
-    const std::vector<std::string>& names = OutputNames();
-    auto found = std::find(names.begin(), names.end(), Lowercased(name));
-    if (found == names.end())
-        return false;
-    output = found - names.begin();
-    return true;
 }
 
 std::string FileName(std::string_view name) {
@@ -66,14 +50,14 @@ std::string FileName(std::string_view name) {
     return result;
 }
 
-TakeURLs URLsForName(std::string_view name, const std::vector<std::string>& sourceTitles, int64_t output,
+TakeURLs URLsForName(std::string_view name, const std::vector<std::string>& sourceTitles, TakeOutput output,
                      const std::filesystem::path& folder) {
-    const bool separate = output != TakeOutputAssembled && output != TakeOutputBoth;
+    const bool separate = output == TakeOutput::Separate;
     const bool assembled = !separate;
     const std::string base = BaseName(name);
 
     std::vector<std::string> titles;
-    if (output != TakeOutputAssembled) {
+    if (output != TakeOutput::Assembled) {
         for (const std::string& title : sourceTitles)
             titles.push_back(FileName(title));
     }

@@ -64,12 +64,11 @@ std::optional<SettingValue> ValueFromJSON(const json& value) {
     case json::value_t::number_float:
         return value.get<double>();
     case json::value_t::array: {
+        // A list edited by hand may hold a stray number: its texts are still the user's, so they stay.
         std::vector<std::string> strings;
-        for (const auto& element : value) {
-            if (!element.is_string())
-                return std::nullopt;
-            strings.push_back(element.get<std::string>());
-        }
+        for (const auto& element : value)
+            if (element.is_string())
+                strings.push_back(element.get<std::string>());
         return strings;
     }
     default:
@@ -233,13 +232,56 @@ void SettingsStore::load() {
     }
 }
 
-Result<void> SettingsStore::write() {
+SettingsStore::~SettingsStore() {
+    // The writer's queue runs what was queued before it goes.
+    _writer.reset();
+}
+
+void SettingsStore::queueWrite() {
+    if (_writeQueued)
+        return;
+    if (!_writer)
+        _writer = std::make_unique<SerialQueue>("settings");
+    _writeQueued = true;
+    _writer->post([this] { writeQueued(); });
+}
+
+void SettingsStore::writeQueued() {
+    SettingsDictionary values;
+    std::function<void(const fs::path&)> beforeRename;
+    {
+        std::lock_guard guard(_lock);
+        // From here on, a change queues a write of its own, which will carry it.
+        _writeQueued = false;
+        values = _values;
+        beforeRename = _beforeRename;
+    }
+    Result<void> written = write(values, beforeRename);
+    std::lock_guard guard(_lock);
+    _lastWrite = std::move(written);
+}
+
+Result<void> SettingsStore::flush() {
+    SerialQueue* writer = nullptr;
+    {
+        std::lock_guard guard(_lock);
+        writer = _writer.get();
+    }
+    // Writes run in order on the writer: once an empty task has run there, every queued one has.
+    if (writer)
+        writer->sync([] {});
+    std::lock_guard guard(_lock);
+    return _lastWrite;
+}
+
+Result<void> SettingsStore::write(const SettingsDictionary& values,
+                                  const std::function<void(const fs::path&)>& beforeRename) const {
     if (_writeBlocked)
         return SettingsError("The settings file " + _file.string() +
                              " could not be read nor set aside, so it is not written over");
 
     json document = json::object();
-    for (const auto& [key, value] : _values)
+    for (const auto& [key, value] : values)
         document[key] = JSONFromValue(value);
     // Strings that are not valid UTF-8 are written with replacement characters rather than failing.
     std::string text = document.dump(4, ' ', false, json::error_handler_t::replace) + "\n";
@@ -281,8 +323,8 @@ Result<void> SettingsStore::write() {
     if (::close(fd) != 0)
         return fail("close");
 
-    if (_beforeRename)
-        _beforeRename(temporary);
+    if (beforeRename)
+        beforeRename(temporary);
 
     if (::rename(temporary.c_str(), target.c_str()) != 0)
         return fail("rename");
@@ -405,7 +447,8 @@ Result<void> SettingsStore::setObject(SettingValue value, const std::string& key
                              ": only finite numbers can be saved");
     std::lock_guard guard(_lock);
     _values.insert_or_assign(key, std::move(value));
-    return write();
+    queueWrite();
+    return {};
 }
 
 Result<void> SettingsStore::setString(const std::string& value, const std::string& key) {
@@ -430,9 +473,9 @@ Result<void> SettingsStore::setStringArray(const std::vector<std::string>& value
 
 Result<void> SettingsStore::removeObjectForKey(const std::string& key) {
     std::lock_guard guard(_lock);
-    if (_values.erase(key) == 0)
-        return {};
-    return write();
+    if (_values.erase(key) != 0)
+        queueWrite();
+    return {};
 }
 
 SettingsDictionary SettingsStore::persistentDomain() const {

@@ -1,11 +1,13 @@
 #pragma once
 
 #include "platform/Error.h"
+#include "platform/SerialQueue.h"
 
 #include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -23,11 +25,13 @@ using SettingsDictionary = std::map<std::string, SettingValue>;
 // memory only, never written, so that changing a default in a later version reaches every user who
 // never chose otherwise).
 //
-// Every change is written at once, atomically: the whole domain goes to a temporary file in the same
-// folder, which is flushed to disk and then renamed over the file, and the folder itself is flushed.
-// A crash at any moment leaves either the old file or the new one, never a mix. A file that cannot be
-// read or parsed is renamed aside ("<file>.corrupt-<UTC time>"), never deleted, so that a person can
-// still recover it, and the store starts empty.
+// Every change is written atomically, at once but off the caller's thread: the whole domain goes to a
+// temporary file in the same folder, which is flushed to disk and then renamed over the file, and the
+// folder itself is flushed. Setters only queue that write on the store's own writer thread, so that a
+// burst of remote changes never stalls the main thread on the disk; changes made while a write is
+// queued share it. A crash at any moment leaves either the old file or the new one, never a mix. A file that
+// cannot be read or parsed is renamed aside ("<file>.corrupt-<UTC time>"), never deleted, so that a person
+// can still recover it, and the store starts empty.
 //
 // Safe to use from any thread.
 class SettingsStore {
@@ -36,6 +40,8 @@ public:
     explicit SettingsStore(std::string identifier = ApplicationIdentifier);
     // The domain of `identifier` in `folder`, which need not exist yet.
     SettingsStore(std::string identifier, std::filesystem::path folder);
+    // Writes what is not written yet.
+    ~SettingsStore();
     SettingsStore(const SettingsStore&) = delete;
     SettingsStore& operator=(const SettingsStore&) = delete;
 
@@ -61,9 +67,9 @@ public:
     bool boolForKey(const std::string& key) const;
     std::optional<std::vector<std::string>> stringArrayForKey(const std::string& key) const;
 
-    // Stores a value and writes the domain. The value is kept in memory even when the write fails
-    // (the error says why), so the running program behaves the same and the next write carries it.
-    // Doubles that are not finite are refused: JSON has no way to write them.
+    // Stores a value and queues the domain's write. The value is kept in memory even when the write
+    // fails (the log and flush() say why), so the running program behaves the same and the next write
+    // carries it. Doubles that are not finite are refused: JSON has no way to write them.
     Result<void> setObject(SettingValue value, const std::string& key);
     Result<void> setString(const std::string& value, const std::string& key);
     Result<void> setInteger(int64_t value, const std::string& key);
@@ -71,8 +77,11 @@ public:
     Result<void> setBool(bool value, const std::string& key);
     Result<void> setStringArray(const std::vector<std::string>& value, const std::string& key);
 
-    // Removes the stored value (the registered default shows again) and writes the domain.
+    // Removes the stored value (the registered default shows again) and queues the domain's write.
     Result<void> removeObjectForKey(const std::string& key);
+
+    // Waits until every change made so far is on disk; answers how the last write went.
+    Result<void> flush();
 
     // What is stored for this application, without the registered defaults.
     SettingsDictionary persistentDomain() const;
@@ -82,13 +91,18 @@ public:
     // cannot be read.
     std::optional<SettingsDictionary> persistentDomainForName(const std::string& identifier) const;
 
-    // For tests that interrupt a write: called with the temporary file once it is complete and
-    // flushed, just before it is renamed over the settings file.
+    // For tests that interrupt or hold a write: called on the writer thread with the temporary file once
+    // it is complete and flushed, just before it is renamed over the settings file.
     void setBeforeRenameHook(std::function<void(const std::filesystem::path& temporary)> hook);
 
 private:
     void load();
-    Result<void> write();
+    // With _lock held.
+    void queueWrite();
+    // On the writer thread.
+    void writeQueued();
+    Result<void> write(const SettingsDictionary& values,
+                       const std::function<void(const std::filesystem::path&)>& beforeRename) const;
     std::optional<SettingValue> lookup(const std::string& key) const;
 
     const std::string _identifier;
@@ -100,6 +114,10 @@ private:
     // Set when an unreadable file could not be moved aside: writing would destroy it, so we don't.
     bool _writeBlocked = false;
     std::function<void(const std::filesystem::path&)> _beforeRename;
+    bool _writeQueued = false;
+    Result<void> _lastWrite;
+    // Made on the first change: a store that is only read needs no thread.
+    std::unique_ptr<SerialQueue> _writer;
 };
 
 } // namespace quorva

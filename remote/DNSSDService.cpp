@@ -120,7 +120,8 @@ DNSSDService::DNSSDService(std::string name, std::string type, uint16_t port, Ca
         _state->report(false, std::string("the Avahi daemon cannot be reached: ") + avahi_strerror(error));
         return;
     }
-    avahi_threaded_poll_start(_state->poll);
+    if (avahi_threaded_poll_start(_state->poll) < 0)
+        _state->report(false, "Avahi could not start its event thread");
 }
 
 DNSSDService::~DNSSDService() {

@@ -23,7 +23,8 @@ public:
     };
 
     // Starts the publication of `name` of `type` ("_oscjson._tcp") on `port` in the default domain.
-    // A daemon that cannot be reached is reported through didNotPublish before this returns.
+    // A daemon that cannot be reached, or an Avahi thread that cannot start, is reported through
+    // didNotPublish before this returns.
     DNSSDService(std::string name, std::string type, uint16_t port, Callbacks callbacks);
     ~DNSSDService(); // withdraws the service; no callback comes after it
     DNSSDService(const DNSSDService&) = delete;

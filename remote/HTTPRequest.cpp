@@ -1,16 +1,12 @@
 #include "remote/HTTPRequest.h"
 
-#include "remote/UTF8.h"
+#include "platform/UTF8.h"
 
 #include <optional>
 #include <vector>
 
 namespace quorva {
 namespace {
-
-bool IsUTF8(std::string_view text) {
-    return IsValidUTF8(reinterpret_cast<const uint8_t*>(text.data()), text.size());
-}
 
 std::string FromLatin1(std::string_view bytes) {
     std::string text;
@@ -53,7 +49,7 @@ std::optional<std::string> PercentDecoded(std::string_view text) {
         decoded.push_back(char(high * 16 + low));
         i += 2;
     }
-    if (!IsUTF8(decoded))
+    if (!IsValidUTF8(decoded))
         return std::nullopt;
     return decoded;
 }
@@ -75,7 +71,7 @@ std::vector<std::string_view> SplitAtBlanks(std::string_view line) {
 
 HTTPRequest HTTPRequest::Parse(std::string_view head) {
     HTTPRequest request;
-    std::string text = IsUTF8(head) ? std::string(head) : FromLatin1(head);
+    std::string text = IsValidUTF8(head) ? std::string(head) : FromLatin1(head);
     std::string_view line = text;
     if (size_t end = line.find("\r\n"); end != std::string_view::npos)
         line = line.substr(0, end);
@@ -121,6 +117,8 @@ std::string_view HTTPReason(int64_t status) {
         return "Not Found";
     case 405:
         return "Method Not Allowed";
+    case 503:
+        return "Service Unavailable";
     default:
         return "Error";
     }

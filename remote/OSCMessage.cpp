@@ -1,6 +1,6 @@
 #include "remote/OSCMessage.h"
 
-#include "remote/UTF8.h"
+#include "platform/UTF8.h"
 
 #include <array>
 #include <bit>
@@ -46,10 +46,11 @@ std::optional<std::string> ReadString(const uint8_t* bytes, size_t length, size_
     size_t occupied = (count & ~size_t(3)) + 4;
     if (occupied > remaining)
         return std::nullopt;
-    if (!IsValidUTF8(start, count))
+    std::string text(reinterpret_cast<const char*>(start), count);
+    if (!IsValidUTF8(text))
         return std::nullopt;
     position += occupied;
-    return std::string(reinterpret_cast<const char*>(start), count);
+    return text;
 }
 
 void AppendString(std::vector<uint8_t>& buffer, const std::string& text) {

@@ -5,20 +5,15 @@
 #include "platform/Semaphore.h"
 #include "platform/SerialQueue.h"
 #include "remote/DNSSDService.h"
-#include "remote/HTTPRequest.h"
-#include "remote/ReadSource.h"
+#include "remote/HTTPListener.h"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
 #include <exception>
-#include <fcntl.h>
 #include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <pthread.h>
 #include <sys/socket.h>
-#include <thread>
 #include <unistd.h>
 
 namespace quorva {
@@ -27,11 +22,6 @@ namespace {
 constexpr int64_t PortsTried = 16;
 constexpr int Backlog = 16;
 constexpr double ValueTimeout = 1.0;
-constexpr int SocketTimeoutSeconds = 5;
-// Beyond this many requests being served at once, new connections are closed unanswered: a client that
-// opens connections without end must not make the server run out of threads.
-constexpr int MostConnections = 64;
-constexpr size_t ChunkSize = 2048;
 
 constexpr const char* ServiceType = "_oscjson._tcp";
 constexpr const char* DefaultHostName = "Torvane";
@@ -98,14 +88,15 @@ bool OSCQueryServer::startOnPort(int64_t port) {
             Log("OSCQuery: ", "could not bind a TCP port starting at " + std::to_string(port));
             return;
         }
-        ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
-        _listenFD = fd;
         _httpPort = bound;
-        std::weak_ptr<OSCQueryServer> weak = weak_from_this();
-        _acceptSource = std::make_unique<ReadSource>(fd, _stateQueue, [weak] {
-            if (auto self = weak.lock())
-                self->acceptPendingConnections();
-        });
+        // Weakly held: the server owns the listener, whose request threads may finish after the server.
+        _listener = std::make_unique<HTTPListener>(
+            fd, HTTPListener::Limits{},
+            [weak = weak_from_this()](const std::string& path, const std::string& query) {
+                if (auto self = weak.lock())
+                    return self->responseForPath(path, query);
+                return std::pair<int64_t, std::string>{503, ""}; // the server is going away
+            });
         _running = true;
         listening = true;
     });
@@ -118,17 +109,11 @@ bool OSCQueryServer::startOnPort(int64_t port) {
 }
 
 void OSCQueryServer::stop() {
-    std::unique_ptr<ReadSource> source;
     _stateQueue->sync([&] {
-        if (_acceptSource) {
-            _acceptSource->cancel([fd = _listenFD] { ::close(fd); });
-            source = std::move(_acceptSource);
-        }
-        _listenFD = -1;
+        _listener.reset();
         _httpPort = 0;
         _running = false;
     });
-    source.reset();
     std::unique_ptr<DNSSDService> service;
     {
         std::lock_guard guard(_lock);
@@ -172,52 +157,7 @@ void OSCQueryServer::setOscPort(int64_t port) {
     _oscPort = port;
 }
 
-void OSCQueryServer::acceptPendingConnections() {
-    for (;;) {
-        int fd = ::accept4(_listenFD, nullptr, nullptr, SOCK_CLOEXEC); // blocking, unlike the listener
-        if (fd < 0)
-            return; // EAGAIN: none left
-        if (_connectionsInFlight.load() >= MostConnections) {
-            ::close(fd);
-            continue;
-        }
-        int on = 1;
-        ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-        // A client that sends nothing, or reads nothing, is given up after this long.
-        timeval timeout{SocketTimeoutSeconds, 0};
-        ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-        ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
-        ++_connectionsInFlight;
-        std::thread([self = shared_from_this(), fd] {
-            pthread_setname_np(pthread_self(), "oscquery.conn");
-            self->handleConnection(fd);
-            ::close(fd);
-            --self->_connectionsInFlight;
-        }).detach();
-    }
-}
-
 // --- Requests -----------------------------------------------------------------------------------------
-
-void OSCQueryServer::handleConnection(int fd) {
-    std::string buffer;
-    char chunk[ChunkSize];
-    while (!HTTPRequest::IsComplete(buffer)) {
-        size_t wanted = std::min(ChunkSize, HTTPRequest::LargestHead - buffer.size());
-        ssize_t n = ::recv(fd, chunk, wanted, 0);
-        if (n <= 0)
-            return; // closed, failed or silent for too long: no answer
-        buffer.append(chunk, size_t(n));
-    }
-    HTTPRequest request = HTTPRequest::Parse(buffer);
-    int64_t status = request.status;
-    std::string body;
-    if (status == 0)
-        std::tie(status, body) = responseForPath(request.path, request.query);
-    if (request.isHead)
-        body.clear();
-    sendStatus(status, body, fd);
-}
 
 std::pair<int64_t, std::string> OSCQueryServer::responseForPath(const std::string& path,
                                                                 const std::string& query) {
@@ -317,16 +257,6 @@ std::string OSCQueryServer::jsonDataForObject(const nlohmann::json& object) {
     }
 }
 
-void OSCQueryServer::sendStatus(int64_t status, const std::string& body, int fd) {
-    std::string response = HTTPResponse(status, body);
-    for (size_t sent = 0; sent < response.size();) {
-        ssize_t n = ::send(fd, response.data() + sent, response.size() - sent, MSG_NOSIGNAL);
-        if (n <= 0)
-            return;
-        sent += size_t(n);
-    }
-}
-
 // --- The namespace ------------------------------------------------------------------------------------
 
 void OSCQueryServer::registerOSCAddress(const std::string& address, const std::string& typeSpec,
@@ -394,8 +324,6 @@ void OSCQueryServer::publishBonjourWithName(const std::string& name, int64_t por
             std::swap(_netService, service);
     }
     service.reset(); // the one it replaced, or this one if a stop came in between
-    Log("OSCQuery ", "service published for Bonjour as " + Quoted(name) + " (" + ServiceType + ". port " +
-                         std::to_string(port) + ")");
 }
 
 void OSCQueryServer::netServiceDidPublish(uint64_t publication, const std::string& name, int64_t port) {
@@ -404,8 +332,10 @@ void OSCQueryServer::netServiceDidPublish(uint64_t publication, const std::strin
         if (publication != _publication)
             return;
     }
-    Log("OSCQuery: ", "Bonjour publication confirmed as " + Quoted(name) + " (" + ServiceType + ". port " +
-                          std::to_string(port) + ")");
+    // Said only now, not when asked for: until Avahi has established the service nobody can find it.
+    const std::string announced = Quoted(name) + " (" + ServiceType + ". port " + std::to_string(port) + ")";
+    Log("OSCQuery ", "service published for Bonjour as " + announced);
+    Log("OSCQuery: ", "Bonjour publication confirmed as " + announced);
 }
 
 void OSCQueryServer::netServiceDidNotPublish(uint64_t publication, const std::string& name, int64_t port,

@@ -14,7 +14,7 @@
 namespace quorva {
 
 class DNSSDService;
-class ReadSource;
+class HTTPListener;
 class SerialQueue;
 
 // A small HTTP/1.1 server that answers OSCQuery requests: the JSON tree of the OSC address space with
@@ -22,10 +22,11 @@ class SerialQueue;
 // to send OSC. It announces itself with DNS-SD as "_oscjson._tcp.".
 //
 // Threads: the tree and the listening state belong to a serial state queue
-// ("<application identifier>.oscquery.state"); each connection is served on a thread of its own, so a
-// slow client delays nobody else; values are read on the main thread, waited for at most a second, and
-// the DNS-SD outcome is handled there too. Registration is asynchronous: a request sees a new address
-// once its registration has run on the state queue.
+// ("<application identifier>.oscquery.state"); connections are read by the listener's thread and each
+// request is answered on a thread of its own (see HTTPListener), so a slow client delays nobody else;
+// values are read on the main thread, waited for at most a second, and the DNS-SD outcome is handled
+// there too. Registration is asynchronous: a request sees a new address once its registration has run
+// on the state queue.
 //
 // Whoever fills the tree (the parameter table) needs only the registration calls and a value provider
 // for each readable address.
@@ -65,33 +66,30 @@ public:
     void clearRegisteredAddresses();
 
     // Announces the server under its name ("Torvane OSCQuery" without one), from the main thread. After
-    // a collision the name is tried once more with the HTTP port added.
+    // a collision the name is tried once more with the HTTP port added. The log says "published" once
+    // Avahi has established the service, or why it is not announced.
     void publishBonjour();
     // On the main thread: announces `name` if the server still listens on `port`.
     void publishBonjourWithName(const std::string& name, int64_t port);
 
-    // The status and body that a GET of `path` with the query item `query` ("" for none) answers; the
-    // work of a connection without its socket. Waits up to a second for values on the main thread.
+    // The status and body that a GET of `path` with the query item `query` ("" for none) answers, on a
+    // request thread. Waits up to a second for values on the main thread.
     std::pair<int64_t, std::string> responseForPath(const std::string& path, const std::string& query);
     nlohmann::json hostInfoDictionary() const;
 
 private:
     OSCQueryServer();
 
-    void acceptPendingConnections(); // on the state queue
-    void handleConnection(int fd);   // on the connection's thread
     void fillValuesForJobs(nlohmann::json& json, const std::vector<OSCQueryValueJob>& jobs);
     void netServiceDidPublish(uint64_t publication, const std::string& name, int64_t port);
     void netServiceDidNotPublish(uint64_t publication, const std::string& name, int64_t port,
                                  bool isCollision, const std::string& message);
     static std::string jsonDataForObject(const nlohmann::json& object);
-    static void sendStatus(int64_t status, const std::string& body, int fd);
 
     // Owned by the state queue.
     std::unique_ptr<OSCQueryNode> _root;
     std::shared_ptr<SerialQueue> _stateQueue;
-    std::unique_ptr<ReadSource> _acceptSource;
-    int _listenFD = -1;
+    std::unique_ptr<HTTPListener> _listener;
     int64_t _httpPort = 0;
     bool _running = false;
 
@@ -103,7 +101,6 @@ private:
     uint64_t _publication = 0; // which announcement the DNS-SD outcomes posted to the main thread are about
 
     std::atomic<int64_t> _bonjourRenameAttempts{0};
-    std::atomic<int> _connectionsInFlight{0};
 };
 
 } // namespace quorva

@@ -62,12 +62,6 @@ using Weak = std::weak_ptr<RecorderController>;
 using Arguments = std::vector<OSCArgument>;
 using Refusal = std::optional<std::string>;
 
-std::string Lowered(std::string text) {
-    for (char& c : text)
-        c = char(std::tolower(static_cast<unsigned char>(c)));
-    return text;
-}
-
 std::string Joined(const std::vector<std::string>& names, const char* separator) {
     std::string joined;
     for (const std::string& name : names)
@@ -148,54 +142,53 @@ struct Builder {
             });
     }
 
-    // A number setting; the controller applies its own limits, MAX is advice to clients.
-    void number(std::string address, std::string type, std::string summary, int64_t maximum,
-                std::function<double(const RecorderController&)> read,
-                std::function<void(RecorderController&, double)> write) {
+    // A number setting. The controller keeps it within its range, which MAX only advises clients of.
+    void number(std::string address, std::string type, std::string summary, Setting setting) {
         add(
             std::move(address), type, std::move(summary),
-            [maximum](RecorderController&) { return MinMax(maximum); },
-            [read, type](RecorderController& c) {
-                double value = read(c);
+            [setting](RecorderController&) { return MinMax(int64_t(RecorderSettings::maximumOf(setting))); },
+            [setting, type](RecorderController& c) {
+                double value = c.settings().number(setting);
                 return type == "i" ? json::array({int64_t(value)}) : json::array({value});
             },
-            [write](RecorderController& c, const Arguments& arguments) -> Refusal {
+            [setting](RecorderController& c, const Arguments& arguments) -> Refusal {
                 auto value = NumberFrom(arguments);
                 if (!value)
                     return "expects a number";
-                write(c, *value);
+                c.setNumber(setting, *value);
                 return std::nullopt;
             });
     }
 
-    void text(std::string address, std::string summary,
-              std::function<std::string(const RecorderController&)> read,
-              std::function<void(RecorderController&, std::string)> write) {
+    void text(std::string address, std::string summary, Setting setting) {
         add(
             std::move(address), "s", std::move(summary), {},
-            [read](RecorderController& c) { return json::array({read(c)}); },
-            [write](RecorderController& c, const Arguments& arguments) -> Refusal {
+            [setting](RecorderController& c) { return json::array({c.settings().text(setting)}); },
+            [setting](RecorderController& c, const Arguments& arguments) -> Refusal {
                 auto value = StringFrom(arguments);
                 if (!value)
                     return "expects a string";
-                write(c, std::move(*value));
+                c.setText(setting, *value);
                 return std::nullopt;
             });
     }
 
-    // One name of a fixed list, matched ignoring case.
-    void choice(std::string address, std::string summary, const std::vector<std::string>& names,
-                std::function<std::string(const RecorderController&)> read,
-                std::function<void(RecorderController&, const std::string&)> write) {
+    // One name of the vocabulary `Enum`, matched ignoring case and stored in its own spelling.
+    template <class Enum>
+    void choice(std::string address, std::string summary, Setting setting) {
         add(
-            std::move(address), "s", std::move(summary), [names](RecorderController&) { return Vals(names); },
-            [read](RecorderController& c) { return json::array({read(c)}); },
-            [names, write](RecorderController& c, const Arguments& arguments) -> Refusal {
+            std::move(address), "s", std::move(summary),
+            [](RecorderController&) { return Vals(Names<Enum>()); },
+            [setting](RecorderController& c) { return json::array({c.settings().text(setting)}); },
+            [setting](RecorderController& c, const Arguments& arguments) -> Refusal {
                 auto value = StringFrom(arguments);
-                std::string lowered = Lowered(value.value_or(""));
-                if (!value || std::find(names.begin(), names.end(), lowered) == names.end())
-                    return "“" + value.value_or("") + "” is not one of " + Joined(names, ", ");
-                write(c, lowered);
+                auto named = value ? ValueNamed<Enum>(*value) : std::nullopt;
+                if (!named) {
+                    // What was sent is quoted as it reads, a number as well as a text.
+                    std::string sent = arguments.empty() ? "" : DescriptionOfArgument(arguments.front());
+                    return "“" + sent + "” is not one of " + Joined(Names<Enum>(), ", ");
+                }
+                c.setText(setting, NameOf(*named));
                 return std::nullopt;
             });
     }
@@ -267,22 +260,17 @@ std::vector<RecorderParameter> MakeRecorderParameters(const std::shared_ptr<Reco
     b.command("/stop", "Stops recording and finishes the movies",
               [](C& c) { c.stopWithCompletionHandler({}); });
 
-    b.choice(
-        "/codec", "The codec of the movies. prores4444 keeps transparency.",
-        MovieRecorderSettings::codecNames(), [](const C& c) { return c.codec(); },
-        [](C& c, const std::string& name) { c.setCodec(name); });
-    b.choice(
+    b.choice<Codec>("/codec", "The codec of the movies. prores4444 keeps transparency.", Setting::Codec);
+    b.choice<TakeOutput>(
         "/output",
-        "What a recording writes: separate (a movie for each source), assembled (one movie of the sources "
-        "together), or both",
-        OutputNames(), [](const C& c) { return c.output(); },
-        [](C& c, const std::string& name) { c.setOutput(name); });
-    b.choice(
+        "What a recording writes: separate (a movie for each source), assembled (one movie of "
+        "the sources together), or both",
+        Setting::Output);
+    b.choice<LayoutKind>(
         "/layout",
-        "How the sources are assembled, in their order: row (side by side), column (stacked), grid (a "
-        "mosaic), focus (the first large, the others beside it)",
-        Layout::kindNames(), [](const C& c) { return c.layout(); },
-        [](C& c, const std::string& name) { c.setLayout(name); });
+        "How the sources are assembled, in their order: row (side by side), column (stacked), "
+        "grid (a mosaic), focus (the first large, the others beside it)",
+        Setting::Layout);
     b.add(
         "/sound", "s",
         "What sound is recorded: the title of one of the sources chosen (or part of it) for the assembled "
@@ -318,9 +306,7 @@ std::vector<RecorderParameter> MakeRecorderParameters(const std::shared_ptr<Reco
             c.setPerformance(*value != 0);
             return std::nullopt;
         });
-    b.number(
-        "/gap", "i", "Pixels between the sources in the assembled picture", 1000,
-        [](const C& c) { return double(c.gap()); }, [](C& c, double v) { c.setGap(int64_t(v)); });
+    b.number("/gap", "i", "Pixels between the sources in the assembled picture", Setting::Gap);
 
     auto assembledSide = [](bool width) {
         return [width](C& c) {
@@ -345,40 +331,30 @@ std::vector<RecorderParameter> MakeRecorderParameters(const std::shared_ptr<Reco
              "Pictures lost because the encoder of the assembled movie could not keep up",
              [](C& c) { return json::array({c.assembledDropped()}); });
 
-    b.number(
-        "/width", "i",
-        "Width the assembled picture is fitted into, in pixels. 0 (or a height of 0) for the size the "
-        "sources "
-        "need. A source's own movie is the size of the source.",
-        16384, [](const C& c) { return double(c.width()); }, [](C& c, double v) { c.setWidth(int64_t(v)); });
-    b.number(
-        "/height", "i",
-        "Height the assembled picture is fitted into, in pixels. 0 (or a width of 0) for the size the "
-        "sources "
-        "need. A source's own movie is the size of the source.",
-        16384, [](const C& c) { return double(c.height()); },
-        [](C& c, double v) { c.setHeight(int64_t(v)); });
-    b.number(
-        "/fps", "f", "The most frames the movies have each second. 0 keeps every frame of the sources.", 240,
-        [](const C& c) { return c.fps(); }, [](C& c, double v) { c.setFps(v); });
-    b.number(
-        "/bitrate", "f", "Megabits per second for h264 and hevc. 0 chooses from the size and frame rate.",
-        1000, [](const C& c) { return c.bitrate(); }, [](C& c, double v) { c.setBitrate(v); });
+    b.number("/width", "i",
+             "Width the assembled picture is fitted into, in pixels. 0 (or a height of 0) for the size the "
+             "sources need. A source's own movie is the size of the source.",
+             Setting::Width);
+    b.number("/height", "i",
+             "Height the assembled picture is fitted into, in pixels. 0 (or a width of 0) for the size the "
+             "sources need. A source's own movie is the size of the source.",
+             Setting::Height);
+    b.number("/fps", "f", "The most frames the movies have each second. 0 keeps every frame of the sources.",
+             Setting::FPS);
+    b.number("/bitrate", "f",
+             "Megabits per second for h264 and hevc. 0 chooses from the size and frame rate.",
+             Setting::Bitrate);
+    b.text("/folder", "The folder movies are written to", Setting::Folder);
     b.text(
-        "/folder", "The folder movies are written to", [](const C& c) { return c.folder(); },
-        [](C& c, std::string v) { c.setFolder(std::move(v)); });
-    auto name = [](const C& c) { return c.name(); };
-    auto setName = [](C& c, std::string v) { c.setName(std::move(v)); };
-    b.text("/name",
-           "The name of the recording, without extension: the assembled movie's. Empty for the app's name "
-           "and the "
-           "date. A source's own movie adds its source's title, unless it is the only movie.",
-           name, setName);
+        "/name",
+        "The name of the recording, without extension: the assembled movie's. Empty for the app's name and "
+        "the date. A source's own movie adds its source's title, unless it is the only movie.",
+        Setting::Name);
     b.text(
         "/setSaveFileName",
         "The name of the recording (a .mov suffix is stripped): the same as /name. Empty for the app's name "
         "and the date.",
-        name, setName);
+        Setting::Name);
 
     b.status("/status/version", "s",
              "The version of QuorvaRecorder, as 0.9; dev when it is not run from its application",

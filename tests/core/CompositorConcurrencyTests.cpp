@@ -14,8 +14,9 @@ using testing::Pixel;
 using CompositorConcurrency = testing::EachEngineTest;
 
 TEST_P(CompositorConcurrency, FourThreadsComposeAtOnceAndEachGetsItsOwnPicture) {
-    auto compositor = Compositor::make(engine);
-    ASSERT_TRUE(compositor);
+    auto made = Compositor::make(engine);
+    ASSERT_TRUE(made) << made.error().message();
+    const std::shared_ptr<Compositor> compositor = made.value();
 
     constexpr int Threads = 4, Compositions = 25;
     std::vector<std::shared_ptr<Picture>> sources;
@@ -28,7 +29,8 @@ TEST_P(CompositorConcurrency, FourThreadsComposeAtOnceAndEachGetsItsOwnPicture) 
     for (int t = 0; t < Threads; ++t) {
         threads.emplace_back([&, t] {
             // Every thread its own size, and all of them share every source (on the GPU, at once).
-            Layout layout(0, {{160, 90}, {16, 9}, {16, 9}, {16, 9}}, 2, {double(320 + 16 * t), 90});
+            Layout layout(LayoutKind::Row, {{160, 90}, {16, 9}, {16, 9}, {16, 9}}, 2,
+                          {double(320 + 16 * t), 90});
             std::vector<std::shared_ptr<Picture>> pictures = {sources[t], sources[0], sources[1], sources[2]};
             const Rect first = layout.frames()[0];
             const uint32_t x = uint32_t(first.x + first.width / 2), y = uint32_t(first.y + first.height / 2);

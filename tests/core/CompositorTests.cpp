@@ -19,7 +19,7 @@ constexpr Pixel Black{0, 0, 0, 255};
 constexpr Pixel Clear{0, 0, 0, 0};
 constexpr Pixel Red{0, 0, 255, 255};
 constexpr Pixel Green{0, 255, 0, 255};
-constexpr int64_t Row = 0;
+constexpr LayoutKind Row = LayoutKind::Row;
 
 // One rectangle the size of the picture.
 Layout Single(double width, double height) {
@@ -33,8 +33,9 @@ protected:
         EachEngineTest::SetUp();
         if (HasFatalFailure())
             return;
-        compositor = Compositor::make(engine);
-        ASSERT_TRUE(compositor);
+        auto made = Compositor::make(engine);
+        ASSERT_TRUE(made) << made.error().message();
+        compositor = made.value();
     }
 
     std::shared_ptr<Picture> solid(uint32_t width, uint32_t height, Pixel pixel) {

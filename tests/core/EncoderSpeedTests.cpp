@@ -16,7 +16,8 @@ namespace {
 namespace fs = std::filesystem;
 using json = nlohmann::json;
 
-constexpr int64_t H264 = 0, HEVC = 1, ProRes422 = 2, ProRes4444 = 3;
+constexpr Codec H264 = Codec::H264, HEVC = Codec::HEVC, ProRes422 = Codec::ProRes422,
+                ProRes4444 = Codec::ProRes4444;
 
 // Speeds that make the choice easy to follow: each preset half as fast as the one before, from 100
 // pixels a second of one processor.
@@ -159,10 +160,7 @@ TEST_F(EncoderSpeedTest, ChoosesFromTheRememberedSpeedsOverThisMachinesProcessor
     EXPECT_EQ(choice.preset, "faster");
     EXPECT_TRUE(choice.keepsUp);
     EXPECT_FALSE(speed->presetFor(H264, Covered(200, processors)).keepsUp);
-    // An unknown codec is written as H.264, so it is chosen for as one.
-    EXPECT_EQ(speed->presetFor(7, Covered(50, processors)).preset, "superfast");
-
-    for (int64_t proRes : {ProRes422, ProRes4444}) {
+    for (Codec proRes : {ProRes422, ProRes4444}) {
         choice = speed->presetFor(proRes, 1e12);
         EXPECT_EQ(choice.preset, "");
         EXPECT_TRUE(choice.keepsUp);

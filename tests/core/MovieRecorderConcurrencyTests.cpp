@@ -13,7 +13,8 @@ using testing::MovieRecorderTest;
 // written ones, each on the grid.
 TEST_F(MovieRecorderTest, FramesSoundAndCountersFromSeveralThreadsAtOnce) {
     constexpr double T0 = 500;
-    ASSERT_TRUE(recorder->startWritingToURL(folder / "busy.mov", Settings(0, 160, 120, 30, true), T0));
+    ASSERT_TRUE(
+        recorder->startWritingToURL(folder / "busy.mov", Settings(Codec::H264, 160, 120, 30, true), T0));
     auto picture = testing::MakeSolidPicture(*engine, 200, 100, {10, 200, 30, 255});
     std::atomic<bool> running{true};
     std::thread reader([&] {

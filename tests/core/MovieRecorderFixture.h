@@ -5,17 +5,16 @@
 
 #include "core/MovieRecorder.h"
 #include "platform/HeadlessEventLoop.h"
+#include "tests/core/Limits.h"
 #include "tests/core/MovieReading.h"
 #include "tests/platform/PictureTesting.h"
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <optional>
 #include <string>
-#include <thread>
 
 namespace quorva::testing {
 
@@ -28,8 +27,9 @@ protected:
         EventLoop::setMainLoop(loop);
         engine = Engine(engineName());
         ASSERT_TRUE(engine);
-        recorder = MovieRecorder::make(engine);
-        ASSERT_TRUE(recorder);
+        Result<std::shared_ptr<MovieRecorder>> made = MovieRecorder::make(engine);
+        ASSERT_TRUE(made);
+        recorder = made.value();
     }
     void TearDown() override {
         recorder.reset();
@@ -38,7 +38,7 @@ protected:
         std::filesystem::remove_all(folder);
     }
 
-    static MovieRecorderSettings Settings(int64_t codec, int64_t width, int64_t height, double rate,
+    static MovieRecorderSettings Settings(Codec codec, int64_t width, int64_t height, double rate,
                                           bool sound) {
         MovieRecorderSettings settings;
         settings.setCodec(codec);
@@ -52,11 +52,13 @@ protected:
     // The engine that the recorder converts its pictures with.
     virtual std::string engineName() const { return "processor"; }
 
-    // Hands a frame in as a source would, after waiting for room, so that none is dropped.
-    void Append(const std::shared_ptr<Picture>& picture, double time, bool flipped = false) {
-        while (recorder->framesPending() >= MovieRecorder::MaximumFramesInFlight)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    // Hands a frame in as a source would, after waiting for room, so that none is dropped; false when no
+    // room came.
+    [[nodiscard]] bool Append(const std::shared_ptr<Picture>& picture, double time, bool flipped = false) {
+        if (!WaitFor([&] { return recorder->framesPending() < MovieRecorder::MaximumFramesInFlight; }))
+            return false;
         recorder->appendPicture(picture, flipped, time);
+        return true;
     }
 
     // Finishes and answers what the completion handler got on the main queue.

@@ -1,26 +1,29 @@
+#include "core/Layout.h"
 #include "core/MovieRecorderSettings.h"
+#include "core/TakeNaming.h"
 
 #include <gtest/gtest.h>
-
-#include <limits>
 
 namespace quorva {
 namespace {
 
-TEST(MovieRecorderSettings, CodecNamesMatchWholeAfterLowerCasingAndOutOfRangeReadsAsH264) {
+using Strings = std::vector<std::string>;
+
+// Each vocabulary's table, in the order its numbers keep; one of them for the matching they share.
+TEST(Names, EachTableIsInItsOrderAndANameMatchesWholeAfterLowerCasing) {
+    EXPECT_EQ(Names<Codec>(), (Strings{"h264", "hevc", "prores422", "prores4444"}));
+    EXPECT_EQ(Names<TakeOutput>(), (Strings{"separate", "assembled", "both"}));
+    EXPECT_EQ(Names<LayoutKind>(), (Strings{"row", "column", "grid", "focus"}));
+    EXPECT_EQ(NameOf(LayoutKind::Grid), "grid");
+
     struct Case {
         std::string_view name;
-        int64_t codec; // -1: no match, and the codec stays as it was
+        std::optional<Codec> codec;
     };
-    for (Case c : {Case{"H264", 0}, Case{"HEVC", 1}, Case{"PRORES422", 2}, Case{"ProRes4444", 3},
-                   Case{"prores", -1}, Case{"", -1}, Case{" h264", -1}, Case{"h264 ", -1}, Case{"h26", -1},
-                   Case{"prores44444", -1}, Case{"h.264", -1}}) {
-        int64_t codec = -1;
-        EXPECT_EQ(MovieRecorderSettings::getCodec(codec, c.name), c.codec != -1) << '"' << c.name << '"';
-        EXPECT_EQ(codec, c.codec) << '"' << c.name << '"';
-    }
-    for (int64_t codec : {int64_t(-1), int64_t(4), std::numeric_limits<int64_t>::max()})
-        EXPECT_EQ(MovieRecorderSettings::nameForCodec(codec), "h264") << codec;
+    for (Case c : {Case{"H264", Codec::H264}, Case{"HEVC", Codec::HEVC}, Case{"PRORES422", Codec::ProRes422},
+                   Case{"ProRes4444", Codec::ProRes4444}, Case{"prores", {}}, Case{"", {}}, Case{" h264", {}},
+                   Case{"h264 ", {}}, Case{"prores44444", {}}, Case{std::string_view("h264\0", 5), {}}})
+        EXPECT_EQ(ValueNamed<Codec>(c.name), c.codec) << '"' << c.name << '"';
 }
 
 } // namespace

@@ -6,6 +6,7 @@
 #include <array>
 #include <fstream>
 #include <mutex>
+#include <random>
 #include <string>
 #include <sys/mount.h>
 #include <tuple>
@@ -21,12 +22,13 @@ using testing::MovieRecorderTest;
 using testing::Pixel;
 using testing::ReadMovie;
 
-constexpr int64_t H264 = 0, HEVC = 1, ProRes422 = 2, ProRes4444 = 3;
+constexpr Codec H264 = Codec::H264, HEVC = Codec::HEVC, ProRes422 = Codec::ProRes422,
+                ProRes4444 = Codec::ProRes4444;
 constexpr double T0 = 1000; // host time of the first frame
 
 // Each codec with each engine: the engine converts into the codec's pixel format.
 class MovieRecorderCodecs : public MovieRecorderTest,
-                            public ::testing::WithParamInterface<std::tuple<int64_t, std::string>> {
+                            public ::testing::WithParamInterface<std::tuple<Codec, std::string>> {
 protected:
     std::string engineName() const override { return std::get<1>(GetParam()); }
 };
@@ -36,7 +38,7 @@ protected:
 // and BT.709 colour, puts every frame on its slot of the 1/60000 grid in order, and its sound lasts as
 // long as its pictures.
 TEST_P(MovieRecorderCodecs, RecordsFramesAndSoundThatDecodeBack) {
-    const int64_t codec = std::get<0>(GetParam());
+    const Codec codec = std::get<0>(GetParam());
     // Decoders may give more bits than were written (ProRes 4444 decodes to 12), never other planes.
     struct Expected {
         const char *encoder, *tag;
@@ -61,7 +63,7 @@ TEST_P(MovieRecorderCodecs, RecordsFramesAndSoundThatDecodeBack) {
     auto picture = MakeSolidPicture(*engine, 321, 241, {40, 160, 200, 255});
     ToneGenerator tone;
     for (int i = 0, block = 0; i < 30; ++i) {
-        Append(picture, T0 + i / 30.0 + (i % 3) * 0.004);
+        ASSERT_TRUE(Append(picture, T0 + i / 30.0 + (i % 3) * 0.004));
         for (; block < (i + 1) * 10 / 3; ++block)
             recorder->appendSound(tone.nextSound(480), T0 + (block + 1) * 0.01);
     }
@@ -117,9 +119,9 @@ TEST_P(MovieRecorderCodecs, RecordsFramesAndSoundThatDecodeBack) {
     EXPECT_NEAR(recorder->soundWritten(), 1.0, 1.0 / 30);
 }
 
-std::string CodecAndEngineName(const ::testing::TestParamInfo<std::tuple<int64_t, std::string>>& info) {
+std::string CodecAndEngineName(const ::testing::TestParamInfo<std::tuple<Codec, std::string>>& info) {
     static const char* const Names[] = {"H264", "HEVC", "ProRes422", "ProRes4444"};
-    return Names[std::get<0>(info.param)] + ("_" + std::get<1>(info.param));
+    return Names[size_t(std::get<0>(info.param))] + ("_" + std::get<1>(info.param));
 }
 
 INSTANTIATE_TEST_SUITE_P(EachCodecAndEngine, MovieRecorderCodecs,
@@ -135,8 +137,8 @@ TEST_P(MovieRecorderEngineTest, FitsAPictureInsideTheMovieAndFlipsIt) {
     auto picture = MakePicture(*engine, 320, 120, [](uint32_t, uint32_t y) {
         return y < 60 ? Pixel{0, 0, 255, 255} : Pixel{255, 0, 0, 255};
     });
-    Append(picture, T0);
-    Append(picture, T0 + 0.1, true);
+    ASSERT_TRUE(Append(picture, T0));
+    ASSERT_TRUE(Append(picture, T0 + 0.1, true));
     EXPECT_FALSE(Finish(T0 + 0.2));
     Movie movie = ReadMovie(folder / "fit.mov");
     ASSERT_EQ(movie.pictures.size(), 2u);
@@ -165,7 +167,7 @@ TEST_F(MovieRecorderTest, SoundStartsWithTheSilenceBeforeItAndIsConvertedTo48kHz
     for (int i = 0; i < 441; ++i)
         samples.insert(samples.end(), 2, 0.5f * std::sin(2 * float(M_PI) * 1000 * float(i) / 44100));
     for (int i = 0, block = 0; i < 90; ++i) {
-        Append(picture, T0 + i / 30.0);
+        ASSERT_TRUE(Append(picture, T0 + i / 30.0));
         for (; block < 150 && 1.5 + 0.01 * (block + 1) <= (i + 1) / 30.0 + 1e-9; ++block)
             recorder->appendSound(SourceSound::soundWithInterleavedStereoSamples(samples.data(), 441, 44100),
                                   T0 + 1.5 + 0.01 * (block + 1));
@@ -212,6 +214,61 @@ TEST_F(MovieRecorderTest, RefusesWhatCannotBeRecorded) {
     EXPECT_DOUBLE_EQ(recorder->soundLeftOut(), 3.0);
     EXPECT_EQ(Finish(T0 + 2)->message(), "No frame was received, so no movie was written");
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 2); // taken.mov, locked
+}
+
+// Sound at a rate that the converter cannot take never reaches the track: it counts as left out.
+TEST_F(MovieRecorderTest, SoundThatCannotBeConvertedCountsAsLeftOut) {
+    ASSERT_TRUE(recorder->startWritingToURL(folder / "slow.mov", Settings(H264, 160, 120, 30, true), T0));
+    const float frame[2] = {0.5f, 0.5f};
+    // One frame at 0.4 Hz: 2.5 s of sound, which no converter takes.
+    recorder->appendSound(SourceSound::soundWithInterleavedStereoSamples(frame, 1, 0.4), T0 + 3);
+    EXPECT_EQ(Finish(T0 + 3)->message(), "No frame was received, so no movie was written");
+    EXPECT_DOUBLE_EQ(recorder->soundLeftOut(), 2.5);
+}
+
+// A disk that fills up half-way (here a limit on the file's size) fails the movie. The file keeps the
+// fragments that reached it whole, and the counts then say what it holds: the pictures that did not
+// reach it count as dropped.
+TEST_F(MovieRecorderTest, AfterAFullDiskTheCountsSayWhatTheFileHolds) {
+    std::mt19937 random(11);
+    auto noise = MakePicture(*engine, 320, 240, [&](uint32_t, uint32_t) {
+        return Pixel{uint8_t(random()), uint8_t(random()), uint8_t(random()), 255};
+    });
+    std::optional<Error> failure;
+    recorder->setFailureHandler([&](const Error& error) { failure = error; });
+    ASSERT_TRUE(
+        recorder->startWritingToURL(folder / "full.mov", Settings(ProRes422, 320, 240, 10, true), T0));
+    {
+        // The first fragment (a second of pictures) fits; the next (ten more) does not.
+        testing::FileSizeLimit limit(4 << 20);
+        ToneGenerator tone;
+        for (int i = 0; i < 150 && recorder->isRecording(); ++i) {
+            ASSERT_TRUE(Append(noise, T0 + i / 10.0));
+            recorder->appendSound(tone.nextSound(4800), T0 + (i + 1) / 10.0);
+        }
+        ASSERT_TRUE(loop->runUntil([&] { return failure.has_value(); }, 60));
+    }
+    EXPECT_EQ(failure->message(), "The movie could not be written: File too large");
+    const Movie movie = ReadMovie(folder / "full.mov");
+    EXPECT_GE(movie.times.size(), 5u);
+    EXPECT_LE(movie.times.size(), 10u);
+    EXPECT_EQ(recorder->framesWritten(), movie.times.size());
+    EXPECT_GE(recorder->framesWritten() + recorder->framesDropped(), 111u); // up to the one at 11 s
+    EXPECT_DOUBLE_EQ(recorder->soundWritten(), double(movie.soundFrames) / 48000);
+}
+
+// The recorder's queue is labelled after the application and its work, and its thread after its work.
+TEST_F(MovieRecorderTest, ItsQueueThreadIsNamedAfterItsWork) {
+    // The thread names itself as it begins.
+    EXPECT_TRUE(testing::WaitFor(
+        [] {
+            std::string name;
+            for (const auto& task : std::filesystem::directory_iterator("/proc/self/task"))
+                if (std::getline(std::ifstream(task.path() / "comm"), name) && name == "movie-recorder")
+                    return true;
+            return false;
+        },
+        10));
 }
 
 INSTANTIATE_TEST_SUITE_P(EachEngine, MovieRecorderEngineTest, testing::EngineNames, testing::EngineTestName);

@@ -20,26 +20,27 @@
 
 namespace quorva {
 
-// Puts the controller in the states that only a recording reaches.
+// Puts the controller in the states that only a recording reaches, and refreshes it at a given time.
 struct RecorderControllerProbe {
     static void setState(RecorderController& controller, RecorderState state) { controller.setState(state); }
     static void refreshAt(RecorderController& controller, double now) { controller.refreshAtTime(now); }
-    // Answers whether the picture made the monitor compose.
-    static bool receivedFrame(RecorderController& controller, const std::shared_ptr<RecorderPlace>& place,
-                              double time) {
-        place->receivedFrame(nullptr, false, time);
-        controller.placeReceivedFrame(place, time);
-        std::lock_guard lock(controller._composeLock);
-        return controller._lastComposeTime == time;
-    }
-    static auto soundRouting(RecorderController& controller, int64_t output) {
-        return controller.soundRouting(output, controller.sound() == RecorderComputerSound);
-    }
 };
 
 namespace {
 
 namespace fs = std::filesystem;
+
+// Waits, a millisecond at a time, for what other threads do; false once a minute has gone by, so that a
+// fault fails the test rather than hanging it.
+bool Eventually(const std::function<bool()>& done) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
 
 struct FakeSource final : FrameSource {
     explicit FakeSource(std::string title) : name(std::move(title)) {}
@@ -126,8 +127,7 @@ protected:
         for (const auto& place : recorder.places())
             std::dynamic_pointer_cast<FakeSource>(place->source())
                 ->frames(testing::MakeSolidPicture(*recorder.engine(), 64, 36, {0, 0, 255, 255}));
-        while (recorder.take()->framesPending() > 0)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        ASSERT_TRUE(Eventually([&] { return recorder.take()->framesPending() == 0; }));
     }
     static std::vector<std::string> Titles(const RecorderController& controller) {
         std::vector<std::string> titles;
@@ -202,14 +202,16 @@ TEST_F(RecorderControllerTest, LoadingChecksNamesAndClampsOnlyTheGap) {
 
 TEST_F(RecorderControllerTest, FirstRunGivesTheDefaultsThenSettersClampPersistAndIgnoreWhatIsNotInTheirList) {
     directory->titles = {"Camera A"};
-    auto recorder = controller();
+    auto defaults = store();
+    auto recorder = controller(defaults);
     EXPECT_EQ((std::vector<std::string>{recorder->codec(), recorder->output(), recorder->layout(),
                                         recorder->sound(), recorder->name(), recorder->folder(),
                                         recorder->stateName()}),
               (std::vector<std::string>{"h264", "separate", "row", "", "",
                                         std::string(getenv("HOME")) + "/Films", "idle"}));
-    EXPECT_EQ(
-        recorder->width() + recorder->height() + recorder->gap() + recorder->fps() + recorder->bitrate(), 0);
+    EXPECT_EQ((std::vector<double>{double(recorder->width()), double(recorder->height()),
+                                   double(recorder->gap()), recorder->fps(), recorder->bitrate()}),
+              std::vector<double>(5, 0));
     ASSERT_TRUE(recorder->addSourceMatching("Camera A"));
     int notices = 0;
     recorder->addObserver([&] { ++notices; });
@@ -234,6 +236,7 @@ TEST_F(RecorderControllerTest, FirstRunGivesTheDefaultsThenSettersClampPersistAn
     EXPECT_EQ(notices, 0);
 
     // What a later run reads back is what the setters kept.
+    ASSERT_TRUE(defaults->flush());
     auto again = controller();
     EXPECT_EQ((std::vector<double>{double(again->width()), double(again->height()), again->bitrate(),
                                    double(again->gap())}),
@@ -241,6 +244,15 @@ TEST_F(RecorderControllerTest, FirstRunGivesTheDefaultsThenSettersClampPersistAn
     EXPECT_EQ(
         (std::vector<std::string>{again->folder(), again->output(), again->layout(), again->sound()}),
         (std::vector<std::string>{std::string(getenv("HOME")) + "/Takes", "both", "focus", "Camera A"}));
+
+    // Whole-number settings too are kept within their range before anything is converted.
+    for (auto [setting, number, kept] : {std::tuple{Setting::Width, 1e19, 16384},
+                                         {Setting::Height, -1e19, 0},
+                                         {Setting::Gap, std::nan(""), 0},
+                                         {Setting::Gap, 999.9, 999}}) {
+        recorder->setNumber(setting, number);
+        EXPECT_EQ(recorder->settings().integer(setting), kept) << number;
+    }
 
     recorder->setSound("COMPUTER");
     EXPECT_EQ(recorder->sound(), "computer");
@@ -260,7 +272,7 @@ TEST_F(RecorderControllerTest, MatchingPrefersExactTitlesThenContainingOnesAndKe
     EXPECT_EQ(recorder->titleMatching("CAMÉRA S"), "Caméra Sud");
     EXPECT_EQ(recorder->titleMatching("stag"), "Stage");
     EXPECT_EQ(recorder->titleMatching(""), std::nullopt);
-    EXPECT_EQ(recorder->error(), "/source expects the title of a source");
+    EXPECT_EQ(recorder->error(), "Give the title of a source, or part of it");
     EXPECT_EQ(recorder->titleMatching("Desk"), std::nullopt);
     EXPECT_EQ(recorder->error(), "There is no source called \u201CDesk\u201D");
     EXPECT_TRUE(recorder->setSourceMatching("stag", 1));
@@ -269,7 +281,8 @@ TEST_F(RecorderControllerTest, MatchingPrefersExactTitlesThenContainingOnesAndKe
 
 TEST_F(RecorderControllerTest, PlacesAreAddedReplacedMovedAndRemovedUpToEightAndOnlyWhileIdle) {
     directory->titles = {"S1", "S2", "S3", "S4", "S5", "S6", "S7", "S8", "S9"};
-    auto recorder = controller();
+    auto defaults = store();
+    auto recorder = controller(defaults);
     ASSERT_TRUE(recorder->addSourceMatching("S1"));
     ASSERT_TRUE(recorder->addSourceMatching("S2"));
     EXPECT_TRUE(recorder->setSourceMatching("S5", 5)); // past the end: appended as place 3
@@ -300,6 +313,7 @@ TEST_F(RecorderControllerTest, PlacesAreAddedReplacedMovedAndRemovedUpToEightAnd
         EXPECT_EQ(recorder->error(), "There is no source in that place");
     }
     recorder->removeSourceAtPlace(8);
+    ASSERT_TRUE(defaults->flush());
     EXPECT_EQ(store()->stringArrayForKey("RecorderSources"), Titles(*recorder));
 
     // While recording or finishing nothing changes, and every attempt says why.
@@ -314,6 +328,8 @@ TEST_F(RecorderControllerTest, PlacesAreAddedReplacedMovedAndRemovedUpToEightAnd
         EXPECT_EQ(recorder->error(), "The sources cannot be changed while recording");
         EXPECT_EQ(recorder->errorCount(), errors + 4);
         EXPECT_EQ(recorder->places(), before);
+        EXPECT_EQ(recorder->displayIsLimited(), recorder->performance());
+        recorder->setPerformance(!recorder->performance());
     }
 }
 
@@ -399,57 +415,82 @@ TEST_F(RecorderControllerTest, StopsOnceCallingEveryHandlerInOrderAndOnlyWhenNoM
     EXPECT_EQ(controller->recordingError(), "C: Gone");
 }
 
-TEST_F(RecorderControllerTest, RoutesSoundOnlyFromPlacesThatCanHaveIt) {
-    directory->titles = {"P1", "N2", "U3"};
-    auto recorder = controller();
-    for (auto title : {"P1", "N2", "U3"})
-        ASSERT_TRUE(recorder->addSourceMatching(title));
-    recorder->places()[0]->setKind(SourceKindPipeWire); // a desktop stream, without sound
-    recorder->places()[2]->setKindKnown(false);         // not connected yet
-    const std::tuple<const char*, int64_t, std::set<size_t>, size_t> cases[] = {
-        {"computer", TakeOutputSeparate, {1}, NoIndex},
-        {"computer", TakeOutputBoth, {1, 2}, NoIndex},
-        {"P1", TakeOutputAssembled, {1, 2}, NoIndex},
-        {"U3", TakeOutputBoth, {1, 2}, 2},
+TEST(TakePlanningTest, RoutesSoundOnlyFromPlacesThatCanHaveIt) {
+    // A desktop stream, without sound; a network source; one of a kind not known yet (not connected).
+    Places places;
+    for (auto [title, kind, known] : {std::tuple{"P1", SourceKindPipeWire, true},
+                                      {"N2", SourceKindNDI, true},
+                                      {"U3", SourceKindNDI, false}}) {
+        places.push_back(std::make_shared<RecorderPlace>(title));
+        places.back()->setKind(kind);
+        places.back()->setKindKnown(known);
+    }
+    const std::tuple<const char*, TakeOutput, std::set<size_t>, size_t> cases[] = {
+        {"computer", TakeOutput::Separate, {1}, NoIndex},
+        {"computer", TakeOutput::Both, {1, 2}, NoIndex},
+        {"P1", TakeOutput::Assembled, {1, 2}, NoIndex},
+        {"U3", TakeOutput::Both, {1, 2}, 2},
     };
     for (const auto& [sound, output, sources, assembled] : cases) {
-        recorder->setSound(sound);
-        EXPECT_EQ(RecorderControllerProbe::soundRouting(*recorder, output), std::pair(sources, assembled))
-            << sound << " " << output;
+        const SoundRouting routing = RouteSound(places, output, sound);
+        EXPECT_EQ(std::pair(routing.sources, routing.assembledIndex), std::pair(sources, assembled))
+            << sound << " " << NameOf(output);
     }
 }
 
-TEST_F(RecorderControllerTest, TheClockPassesOnAfterASecondAndPerformanceHoldsTheMonitorToTenPictures) {
-    directory->titles = {"A", "B"};
-    auto recorder = controller();
-    ASSERT_TRUE(recorder->addSourceMatching("A") && recorder->addSourceMatching("B"));
-    auto a = recorder->places()[0], b = recorder->places()[1];
+// Without an engine nothing is drawn, but every composition is scheduled as with one.
+TEST(CompositionSchedulerTest, TheClockPassesOnAfterASecondAndALimitedDisplayHoldsTheMonitorToTenPictures) {
+    CompositionScheduler scheduler(nullptr, Take::make(nullptr));
+    auto a = std::make_shared<RecorderPlace>("A"), b = std::make_shared<RecorderPlace>("B");
+    scheduler.arrangementChanged({.places = {a, b}});
+    // Answers whether the picture made the monitor compose.
+    auto receive = [&](const std::shared_ptr<RecorderPlace>& place, double time) {
+        place->receivedFrame(nullptr, false, time);
+        scheduler.placeReceivedFrame(place, time);
+        return scheduler.lastComposeTime() == time;
+    };
     const double t = MediaClock::now() + 100; // after every composition so far
-    RecorderControllerProbe::receivedFrame(*recorder, a, t);
-    RecorderControllerProbe::receivedFrame(*recorder, b, t + 0.5);
-    EXPECT_EQ(recorder->clockPlace(), a);
-    RecorderControllerProbe::receivedFrame(*recorder, b, t + 1.01);
-    EXPECT_EQ(recorder->clockPlace(), b);
+    receive(a, t);
+    receive(b, t + 0.5);
+    EXPECT_EQ(scheduler.clockPlace(), a);
+    receive(b, t + 1.01);
+    EXPECT_EQ(scheduler.clockPlace(), b);
 
     // A second of pictures 1/128 s apart.
-    for (auto [state, pictures] : {std::pair{RecorderState::Idle, 128},
-                                   {RecorderState::Recording, 10},
-                                   {RecorderState::Finishing, 10}}) {
-        RecorderControllerProbe::setState(*recorder, state);
-        recorder->setPerformance(true);
+    for (auto [limited, pictures] : {std::pair{false, 128}, {true, 10}}) {
+        scheduler.displayLimitChanged(limited);
         int composed = 0;
         for (int i = 0; i < 128; ++i)
-            composed +=
-                RecorderControllerProbe::receivedFrame(*recorder, b, t + 10 + 10 * int(state) + i / 128.0);
-        EXPECT_EQ(composed, pictures) << recorder->stateName();
+            composed += receive(b, t + 10 + 10 * limited + i / 128.0);
+        EXPECT_EQ(composed, pictures) << limited;
     }
-    RecorderControllerProbe::setState(*recorder, RecorderState::Idle);
-    recorder->removeSourceAtPlace(2);
-    EXPECT_EQ(recorder->clockPlace(), nullptr);
+    scheduler.arrangementChanged({.places = {a}});
+    EXPECT_EQ(scheduler.clockPlace(), nullptr);
 
+    constexpr LayoutKind Row = LayoutKind::Row;
     const std::vector<Size> three(3, Size{1920, 1080}), one{{4000, 1000}};
-    EXPECT_EQ(MonitorLayout(Layout(0, three, 0, {}), 0, three, 0).size(), (Size{4096, 768}));
-    EXPECT_EQ(MonitorLayout(Layout(0, one, 0, {}), 0, one, 0).size(), (Size{4000, 1000}));
+    EXPECT_EQ(MonitorLayout(Layout(Row, three, 0, {}), Row, three, 0).size(), (Size{4096, 768}));
+    EXPECT_EQ(MonitorLayout(Layout(Row, one, 0, {}), Row, one, 0).size(), (Size{4000, 1000}));
+}
+
+// The setter answers at once; the monitor picture follows once the engine has drawn it.
+TEST_F(RecorderControllerTest, TheMonitorFollowsAChangeOfItsSizeOnceDrawn) {
+    directory->titles = {"A"};
+    auto controller = recorder(directory);
+    ASSERT_TRUE(controller->addSourceMatching("A"));
+    Deliver(*controller);
+    auto shown = [&](uint32_t width, uint32_t height) {
+        return loop->runUntil(
+            [&] {
+                auto picture = controller->assembledFrame();
+                return picture && picture->width() == width && picture->height() == height;
+            },
+            60);
+    };
+    EXPECT_TRUE(shown(64, 36));
+    controller->setWidth(640);
+    controller->setHeight(480);
+    EXPECT_TRUE(shown(640, 480));
 }
 
 // What the movies of a real take hold is read back by the command line's tests.
@@ -458,7 +499,7 @@ TEST_F(RecorderControllerTest, ATakeIsNamedAfterTheLocalTimeAtWhichItBegan) {
     ASSERT_TRUE(controller->addSourceMatching("720p30"));
     controller->setOutput("assembled");
     ASSERT_TRUE(controller->start()) << controller->error();
-    loop->runUntil([&] { return controller->assembledFrames() >= 1; }, 60);
+    ASSERT_TRUE(loop->runUntil([&] { return controller->assembledFrames() >= 1; }, 60));
     controller->stopWithCompletionHandler({});
     ASSERT_TRUE(Idle(*controller));
     EXPECT_EQ(controller->recordingError(), "");

@@ -15,20 +15,6 @@ namespace {
 namespace fs = std::filesystem;
 using Names = std::vector<std::string>;
 
-TEST(TakeNaming, OutputNamesMatchWholeInAnyCase) {
-    EXPECT_EQ(OutputNames(), (Names{"separate", "assembled", "both"}));
-    EXPECT_EQ(NameForOutput(-1), "separate");
-    EXPECT_EQ(NameForOutput(3), "separate");
-    int64_t output = 7;
-    EXPECT_TRUE(GetOutput(output, "Assembled"));
-    EXPECT_EQ(output, TakeOutputAssembled);
-    for (const char* refused : {"", "sep", " both", "both "}) {
-        output = 7;
-        EXPECT_FALSE(GetOutput(output, refused)) << refused;
-        EXPECT_EQ(output, 7) << refused;
-    }
-}
-
 // "a, b" as {"a", "b"}.
 Names List(const std::string& text) {
     Names names;
@@ -43,10 +29,11 @@ Names List(const std::string& text) {
 // Each case in an empty folder holding only `existing` ("@name": a link to nowhere), which naming must
 // leave exactly as it was. The movies named: the separate ones, then " + " and the assembled one.
 TEST(TakeNaming, EveryMovieOfATakeSharesTheFirstNumberAtWhichNoneOfThemCollides) {
-    constexpr int64_t Separate = TakeOutputSeparate, Assembled = TakeOutputAssembled, Both = TakeOutputBoth;
+    constexpr TakeOutput Separate = TakeOutput::Separate, Assembled = TakeOutput::Assembled,
+                         Both = TakeOutput::Both;
     struct Case {
         std::string existing, name, titles;
-        int64_t output;
+        TakeOutput output;
         std::string named;
     };
     std::string upToEleven = "Take.mov";

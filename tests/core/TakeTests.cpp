@@ -2,6 +2,8 @@
 
 #include "core/SourceSound.h"
 #include "platform/HeadlessEventLoop.h"
+#include "platform/Log.h"
+#include "tests/core/Limits.h"
 #include "tests/core/MovieReading.h"
 #include "tests/platform/PictureTesting.h"
 
@@ -12,7 +14,6 @@
 #include <random>
 #include <set>
 #include <sys/mount.h>
-#include <thread>
 #include <tuple>
 
 namespace quorva {
@@ -51,6 +52,14 @@ protected:
         fs::remove_all(_folder);
     }
 
+    // One movie per source, named "Show", in the test's folder.
+    TakePlan Plan(std::vector<std::string> titles, double time = 0) const {
+        return {.titles = std::move(titles),
+                .name = "Show",
+                .folder = _folder,
+                .settings = _settings,
+                .time = time};
+    }
     // Finishes the take and answers what its completion said ("" for success).
     std::string Finish(double time) {
         std::optional<std::string> answer;
@@ -59,10 +68,10 @@ protected:
         EXPECT_TRUE(_loop->runUntil([&] { return answer.has_value(); }, 120));
         return answer.value_or("no answer");
     }
-    // Lets the movies catch up, so that the test decides which frames exist rather than the encoders.
-    void Settle() {
-        while (_take->framesPending() > 0)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    // Lets the movies catch up, so that the test decides which frames exist rather than the encoders;
+    // false when they did not.
+    [[nodiscard]] bool Settle() {
+        return testing::WaitFor([&] { return _take->framesPending() == 0; });
     }
     std::set<std::string> FolderContents() {
         std::set<std::string> names;
@@ -80,30 +89,65 @@ protected:
     bool _mounted = false;
 };
 
+// An engine that cannot convert pictures for an encoder, as a GPU whose conversion pass will not build.
+class EngineWithoutConversion final : public PictureEngine {
+public:
+    static Error Refusal() { return Error("test", 1, "The frame conversion pass could not be made"); }
+
+    std::string name() const override { return "none"; }
+    bool isProcessor() const override { return true; }
+    uint32_t maximumPictureSize() const override { return 0; }
+    Result<std::shared_ptr<Picture>> adopt(const std::shared_ptr<MemoryPicture>&) override {
+        return Refusal();
+    }
+    Result<std::vector<uint8_t>> readPixels(const std::shared_ptr<Picture>&, uint32_t, uint32_t, uint32_t,
+                                            uint32_t) override {
+        return Refusal();
+    }
+    Result<std::unique_ptr<FrameConverter>> makeFrameConverter() override { return Refusal(); }
+    Result<std::shared_ptr<PictureCompositor>> makeCompositor() override { return Refusal(); }
+};
+
 TEST_F(TakeTest, RefusesToStartWithoutWhatATakeNeeds) {
-    _settings.setCodec(1); // HEVC, which no encoder here takes at 2 × 2
-    const std::tuple<std::vector<std::string>, int64_t, Size, fs::path, std::string> cases[] = {
-        {{}, TakeOutputSeparate, {}, _folder, "No source is selected"},
-        {{"Cam"}, TakeOutputSeparate, {}, "/nowhere", "The folder “/nowhere” does not exist"},
-        {{"Cam"}, TakeOutputAssembled, {1, 1080}, _folder, "The assembled picture has no size"},
+    _settings.setCodec(Codec::HEVC); // which no encoder here takes at 2 × 2
+    const std::tuple<std::vector<std::string>, TakeOutput, Size, fs::path, std::string> cases[] = {
+        {{}, TakeOutput::Separate, {}, _folder, "No source is selected"},
+        {{"Cam"}, TakeOutput::Separate, {}, "/nowhere", "The folder “/nowhere” does not exist"},
+        {{"Cam"}, TakeOutput::Assembled, {1, 1080}, _folder, "The assembled picture has no size"},
         {{"Cam"},
-         TakeOutputBoth,
+         TakeOutput::Both,
          {16385, 100},
          _folder,
          "An assembled picture of 16385 × 100 is too large to be written. Choose a smaller size for the "
          "assembled movie"},
     };
     for (const auto& [titles, output, assembled, folder, message] : cases) {
-        Result<> started =
-            _take->startWithSourceTitles(titles, {}, output, assembled, "Show", folder, _settings, 0);
+        TakePlan plan = Plan(titles);
+        plan.output = output;
+        plan.assembledSize = assembled;
+        plan.folder = folder;
+        Result<> started = _take->start(plan);
         EXPECT_EQ(started ? TakeError("") : started.error(), TakeError(message));
     }
     EXPECT_EQ(Finish(0), "There is no recording in progress");
 
+    // Movies that cannot be made: the take says why, and the journal says it once.
+    std::vector<std::string> lines;
+    SetLogSink([&](const std::string& line) { lines.push_back(line); });
+    Result<> refused = Take::make(std::make_shared<EngineWithoutConversion>())->start(Plan({"Cam"}));
+    SetLogSink({});
+    EXPECT_EQ(refused ? TakeError("") : refused.error(),
+              TakeError("Movies cannot be written on this computer: " +
+                        EngineWithoutConversion::Refusal().message()));
+    EXPECT_EQ(lines, std::vector<std::string>{"MovieRecorder: could not be created: " +
+                                              EngineWithoutConversion::Refusal().message()});
+
     // A size the codec refuses is known once its encoder has tried, on the recorder's queue: the take
     // has started, and the assembled movie fails with what the user can do about it.
-    ASSERT_TRUE(_take->startWithSourceTitles({"Cam"}, {}, TakeOutputAssembled, {2, 2}, "Show", _folder,
-                                             _settings, 0));
+    TakePlan tiny = Plan({"Cam"});
+    tiny.output = TakeOutput::Assembled;
+    tiny.assembledSize = {2, 2};
+    ASSERT_TRUE(_take->start(tiny));
     ASSERT_TRUE(_loop->runUntil([&] { return !_failures.empty(); }, 60));
     EXPECT_EQ(_failures,
               std::vector<std::string>{std::to_string(NoIndex) +
@@ -125,8 +169,16 @@ TEST_P(TakeOnEachEngine, NumbersAWholeTakePastExistingFilesAndNeverOverwritesOne
     std::ofstream(_folder / "Show 2 — Cam.mov") << "two";
 
     // Desk's size is not known yet: its movie takes its first picture's.
-    ASSERT_TRUE(_take->startWithSourceTitles({"Cam", "Desk"}, {Size{320, 240}}, TakeOutputBoth, {640, 240},
-                                             {1}, 0, "Show", _folder, _settings, 100));
+    ASSERT_TRUE(_take->start({.titles = {"Cam", "Desk"},
+                              .sizes = {Size{320, 240}},
+                              .output = TakeOutput::Both,
+                              .assembledSize = {640, 240},
+                              .soundSources = {1},
+                              .assembledSoundIndex = 0,
+                              .name = "Show",
+                              .folder = _folder,
+                              .settings = _settings,
+                              .time = 100}));
     const std::vector<std::shared_ptr<TakeMovie>> movies = _take->movies();
     ASSERT_EQ(movies.size(), 2u);
     EXPECT_EQ(movies[0]->url(), _folder / "Show 3 — Cam.mov");
@@ -135,8 +187,7 @@ TEST_P(TakeOnEachEngine, NumbersAWholeTakePastExistingFilesAndNeverOverwritesOne
     EXPECT_EQ(std::vector<bool>(
                   {movies[0]->hasSound(), movies[1]->hasSound(), _take->assembledMovie()->hasSound()}),
               std::vector<bool>({false, true, true}));
-    EXPECT_EQ(_take->startWithSourceTitles({"Cam"}, {}, "Show", _folder, _settings, 100).error().message(),
-              "A recording is already in progress");
+    EXPECT_EQ(_take->start(Plan({"Cam"}, 100)).error().message(), "A recording is already in progress");
 
     auto picture = MakeSolidPicture(*_engine, 320, 240, {40, 80, 120, 255});
     for (int i = 0; i < 5; ++i) {
@@ -146,11 +197,11 @@ TEST_P(TakeOnEachEngine, NumbersAWholeTakePastExistingFilesAndNeverOverwritesOne
         if (_take->wantsAssembledFrameAtTime(time))
             _take->appendAssembledPicture(picture, time);
         _take->appendSound(SourceSound::silenceOfFrameCount(1600, 48000), 0, time);
-        Settle();
+        ASSERT_TRUE(Settle());
     }
     std::optional<Error> finished;
     _take->finishAtTime(100.2, [&](std::optional<Error> error) { finished = error.value_or(TakeError("")); });
-    EXPECT_EQ(_take->startWithSourceTitles({"Cam"}, {}, "Show", _folder, _settings, 100).error().message(),
+    EXPECT_EQ(_take->start(Plan({"Cam"}, 100)).error().message(),
               "The previous movies are still being finished");
     ASSERT_TRUE(_loop->runUntil([&] { return finished.has_value(); }, 120));
     EXPECT_EQ(finished->message(), "");
@@ -163,8 +214,11 @@ TEST_P(TakeOnEachEngine, NumbersAWholeTakePastExistingFilesAndNeverOverwritesOne
     EXPECT_EQ(movies[1]->soundWritten(), 0);
 
     // The computer's sound fills in for every source without its own; a take without pictures leaves no file.
-    ASSERT_TRUE(_take->startWithSourceTitles({"Cam", "Desk", "Stage"}, {Size{320, 240}}, TakeOutputSeparate,
-                                             {}, {1}, NoIndex, true, "Show", _folder, _settings, 200));
+    TakePlan computer = Plan({"Cam", "Desk", "Stage"}, 200);
+    computer.sizes = {Size{320, 240}};
+    computer.soundSources = {1};
+    computer.computerSound = true;
+    ASSERT_TRUE(_take->start(computer));
     for (const auto& movie : _take->movies())
         EXPECT_TRUE(movie->hasSound()) << movie->url();
     EXPECT_EQ(Finish(201), "No frame was received, so no movie was written");
@@ -175,16 +229,40 @@ TEST_P(TakeOnEachEngine, NumbersAWholeTakePastExistingFilesAndNeverOverwritesOne
 
 INSTANTIATE_TEST_SUITE_P(EachEngine, TakeOnEachEngine, testing::EngineNames, testing::EngineTestName);
 
+// A movie whose pictures never reach its file, as the disk fills up (here a limit on the file's size)
+// when the movie is finished, failed, and says why.
+TEST_F(TakeTest, AMovieLostToAFullDiskAtItsFinishFailed) {
+    TakePlan plan = Plan({"Cam"});
+    plan.sizes = {Size{320, 240}};
+    plan.name = "Short";
+    ASSERT_TRUE(_take->start(plan));
+    auto picture = MakeSolidPicture(*_engine, 320, 240, {90, 90, 90, 255});
+    for (int i = 0; i < 3; ++i) {
+        _take->appendPicture(picture, false, 0, i / 30.0);
+        ASSERT_TRUE(Settle());
+    }
+    {
+        testing::FileSizeLimit limit(1024);
+        Finish(0.1);
+    }
+    const std::shared_ptr<TakeMovie> movie = _take->movies()[0];
+    EXPECT_EQ(movie->error(), TakeError("The movie could not be finished: File too large"));
+    EXPECT_EQ(movie->framesWritten(), 0u);
+    EXPECT_TRUE(FolderContents().empty());
+}
+
 // Stage's movie is made on the folder's own disk as the take starts (its size is known); the folder
 // then fills with a small disk, on which Noise's movie is made at its first picture and soon runs out.
 TEST_F(TakeTest, AMovieWhoseDiskFillsUpFailsAloneWhileTheOthersGoOn) {
-    _settings.setCodec(2); // ProRes: every picture of noise costs hundreds of kilobytes
+    _settings.setCodec(Codec::ProRes422); // ProRes: every picture of noise costs hundreds of kilobytes
     _settings.setFramesPerSecond(2);
-    ASSERT_TRUE(_take->startWithSourceTitles({"Stage", "Noise"}, {Size{320, 240}}, TakeOutputSeparate, {},
-                                             {0}, NoIndex, "Full", _folder, _settings, 0));
+    TakePlan plan = Plan({"Stage", "Noise"});
+    plan.sizes = {Size{320, 240}};
+    plan.soundSources = {0};
+    plan.name = "Full";
+    ASSERT_TRUE(_take->start(plan));
     // Stage's file is made on the recorder's queue, before the small disk goes over the folder.
-    for (int wait = 0; wait < 60000 && _take->movies()[0]->recorder()->outputSize().width == 0; ++wait)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    ASSERT_TRUE(testing::WaitFor([&] { return _take->movies()[0]->recorder()->outputSize().width != 0; }));
     _mounted = mount("quorva-test", _folder.c_str(), "tmpfs", 0, "size=1m") == 0;
     if (!_mounted) {
         Finish(0);
@@ -195,12 +273,12 @@ TEST_F(TakeTest, AMovieWhoseDiskFillsUpFailsAloneWhileTheOthersGoOn) {
         return testing::Pixel{uint8_t(random()), uint8_t(random()), uint8_t(random()), 255};
     });
     auto picture = MakeSolidPicture(*_engine, 320, 240, {200, 100, 50, 255});
-    // Past the first 10-second fragment, which is when the movie first goes to its disk.
+    // Noise's first fragment, due when its pictures reach one second, is too large for the small disk.
     for (int i = 0; i < 30; ++i) {
         _take->appendPicture(picture, false, 0, i * 0.5);
         _take->appendPicture(noise, false, 1, i * 0.5);
         _take->appendSound(SourceSound::silenceOfFrameCount(24000, 48000), 0, i * 0.5);
-        Settle();
+        ASSERT_TRUE(Settle());
     }
     ASSERT_TRUE(_loop->runUntil([&] { return !_failures.empty(); }, 60));
     const std::string full = "The movie could not be written: No space left on device";

@@ -59,8 +59,8 @@ TEST_F(AvahiTest, TheServiceIsFoundAndASecondOfTheSameNameIsRenamedWithItsPort) 
     second->setServerName("QuorvaTest");
     ASSERT_TRUE(first->startOnPort(39231));
     std::string port = std::to_string(first->httpPort());
-    ASSERT_TRUE(log.waitFor(
-        "OSCQuery: Bonjour publication confirmed as \"QuorvaTest\" (_oscjson._tcp. port " + port + ")"))
+    ASSERT_TRUE(log.waitFor("OSCQuery service published for Bonjour as \"QuorvaTest\" (_oscjson._tcp. port " +
+                            port + ")"))
         << log.all() << daemonLog();
 
     ASSERT_TRUE(second->startOnPort(first->httpPort()));
@@ -68,7 +68,7 @@ TEST_F(AvahiTest, TheServiceIsFoundAndASecondOfTheSameNameIsRenamedWithItsPort) 
     EXPECT_TRUE(log.waitFor("OSCQuery: nom Bonjour « QuorvaTest » déjà pris sur cette machine — nouvelle "
                             "tentative sous « " +
                             renamed + " »"));
-    EXPECT_TRUE(log.waitFor("OSCQuery: Bonjour publication confirmed as \"" + renamed +
+    EXPECT_TRUE(log.waitFor("OSCQuery service published for Bonjour as \"" + renamed +
                             "\" (_oscjson._tcp. port " + std::to_string(second->httpPort()) + ")"));
 
     std::string found = Shell("timeout 20 avahi-browse -rtp _oscjson._tcp");

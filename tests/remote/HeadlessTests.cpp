@@ -53,7 +53,8 @@ TEST_F(HeadlessTest, MessagesAndBundlesChangeSettingsOrSetTheErrorAfterAPortSear
     json info = json::parse(Curl(r.queryPort, "/?HOST_INFO").body);
     EXPECT_EQ(info["OSC_PORT"], r.oscPort);
     EXPECT_EQ(info["NAME"], "QuorvaRecorder");
-    EXPECT_EQ(r.value("/status/error"), 0); // a status text that is not set reads 0
+    EXPECT_EQ(r.value("/status/error"), 0);       // a status text that is not set reads 0
+    EXPECT_EQ(r.value("/status/version"), "dev"); // not a release build
 
     struct Case {
         const char* message;
@@ -62,6 +63,8 @@ TEST_F(HeadlessTest, MessagesAndBundlesChangeSettingsOrSetTheErrorAfterAPortSear
     } cases[] = {
         {"/gap s 12", "/gap", 12},
         {"/gap s 12px", "/status/error", "/gap expects a number"},
+        {"/gap f 1e19", "/gap", 1000},
+        {"/codec i 3", "/status/error", "/codec “3” is not one of h264, hevc, prores422, prores4444"},
         {"/record", "/status/error", "/record expects 1 to start or 0 to stop"},
         {"/layout s mosaic", "/status/error", "/layout “mosaic” is not one of row, column, grid, focus"},
         {"/layout s Grid", "/layout", "grid"},
@@ -83,12 +86,14 @@ TEST_F(HeadlessTest, MessagesAndBundlesChangeSettingsOrSetTheErrorAfterAPortSear
     EXPECT_EQ(r.value("/gap", 41), 41);
     EXPECT_EQ(r.value("/width"), 640);
 
-    // Without a daemon to announce it the recorder still serves, and its log says why.
+    // Without a daemon to announce it the recorder still serves, and its log says why, never that it is
+    // published.
     const std::string unannounced =
         "OSCQuery: Bonjour publication failed: the Avahi daemon cannot be reached";
     for (int i = 0; i < 100 && r.log().find(unannounced) == std::string::npos; ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_NE(r.log().find(unannounced), std::string::npos) << r.log();
+    EXPECT_EQ(r.log().find("published for Bonjour"), std::string::npos) << r.log();
 }
 
 TEST_F(HeadlessTest, OSCQueryAnswersAttributesAndStatusesAndTheWholeTreeToANodeClient) {

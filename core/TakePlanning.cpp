@@ -1,0 +1,121 @@
+#include "core/TakePlanning.h"
+
+#include "core/SourceDescription.h"
+
+#include <algorithm>
+#include <cmath>
+#include <ctime>
+#include <thread>
+
+namespace quorva {
+
+namespace {
+
+// Whether places of this kind may bring sound: network and test sources do, desktop video streams
+// (PipeWire, and any kind this program does not know) never do.
+bool KindCarriesSound(int64_t kind) {
+    return kind == SourceKindNDI || kind == SourceKindPattern;
+}
+
+// "QuorvaRecorder 2025-03-03 21.05.09", in local time. The numeric conversions of strftime ignore the
+// user's locale, so the digits and the 24-hour clock are the same everywhere.
+std::string TakeNameAt(std::time_t time) {
+    std::tm parts{};
+    localtime_r(&time, &parts);
+    char stamp[64];
+    std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H.%M.%S", &parts);
+    return std::string("QuorvaRecorder ") + stamp;
+}
+
+// The pixels a second that the take's encoders must keep up with: the movies of the sources of `sizes`
+// at `rates`, and the assembled one (when its size is not 0) at `clockRate`.
+double PixelsPerSecond(const SourceSizes& sizes, const std::vector<double>& rates, Size assembledSize,
+                       double clockRate) {
+    // A source that does not say its rate may send as many as a display shows; one whose size is not
+    // known yet is taken to be 1080p, the common case.
+    const auto pixelsOf = [](std::optional<Size> size, double rate) {
+        const Size known = size.value_or(Size{1920, 1080});
+        return known.width * known.height * (rate > 0 ? rate : 60);
+    };
+    double pixels = assembledSize.width > 0 ? pixelsOf(assembledSize, clockRate) : 0;
+    for (size_t i = 0; i < sizes.size() && i < rates.size(); ++i)
+        pixels += pixelsOf(sizes[i], rates[i]);
+    return pixels;
+}
+
+} // namespace
+
+SoundRouting RouteSound(const Places& places, TakeOutput output, std::string_view sound) {
+    const bool computerSound = sound == RecorderComputerSound;
+    SoundRouting routing;
+    for (size_t i = 0; i < places.size(); ++i) {
+        const RecorderPlace& place = *places[i];
+        const bool carries = place.kindKnown() && KindCarriesSound(place.kind());
+        if (computerSound && output == TakeOutput::Separate ? carries : !place.kindKnown() || carries)
+            routing.sources.insert(i);
+    }
+    if (!computerSound && !sound.empty()) {
+        for (size_t i = 0; i < places.size(); ++i) {
+            if (places[i]->title() == sound) {
+                if (routing.sources.count(i))
+                    routing.assembledIndex = i;
+                break;
+            }
+        }
+    }
+    return routing;
+}
+
+PlannedTake PlanTake(const RecorderSettings& settings, const Places& places,
+                     const std::shared_ptr<RecorderPlace>& clockPlace, EncoderSpeed* encoderSpeed) {
+    PlannedTake planned;
+    TakePlan& plan = planned.plan;
+    for (const auto& place : places)
+        plan.titles.push_back(place->title());
+    plan.sizes = SizesOfPlaces(places);
+    plan.output = settings.output();
+    const int64_t gap = settings.integer(Setting::Gap);
+    if (plan.output != TakeOutput::Separate) {
+        planned.layout = std::make_shared<const Layout>(settings.layoutKind(), LayoutSizes(plan.sizes), gap,
+                                                        settings.fittingSize());
+        plan.assembledSize = planned.layout->size();
+    }
+    const std::string& sound = settings.text(Setting::Sound);
+    const SoundRouting routing = RouteSound(places, plan.output, sound);
+    plan.soundSources = routing.sources;
+    plan.assembledSoundIndex = routing.assembledIndex;
+    plan.computerSound = sound == RecorderComputerSound;
+    const std::string& name = settings.text(Setting::Name);
+    plan.name = name.empty() ? TakeNameAt(std::time(nullptr)) : name;
+    plan.folder = settings.text(Setting::Folder);
+
+    const double fps = settings.number(Setting::FPS);
+    const auto rateOf = [fps](const std::shared_ptr<RecorderPlace>& place) {
+        const auto source = place ? place->source() : nullptr;
+        const double rate = source ? source->framesPerSecond() : 0;
+        return fps > 0 ? std::min(rate, fps) : rate;
+    };
+    for (const auto& place : places)
+        planned.rates.push_back(rateOf(place));
+    planned.clockRate = rateOf(clockPlace);
+
+    MovieRecorderSettings& movie = plan.settings;
+    movie.setCodec(settings.codec());
+    movie.setFramesPerSecond(fps);
+    movie.setMegabitsPerSecond(settings.number(Setting::Bitrate));
+    const bool separate = plan.output != TakeOutput::Assembled;
+    if (encoderSpeed)
+        planned.preset = encoderSpeed->presetFor(
+            movie.codec(), PixelsPerSecond(separate ? plan.sizes : SourceSizes(), planned.rates,
+                                           plan.assembledSize, planned.clockRate));
+    movie.setEncoderPreset(planned.preset.preset);
+    // The take's encoders run side by side: each gets its share of the processors. More threads than
+    // that cost memory (a picture each) and time spent waiting on one another, and left the encoders
+    // further behind at the start of a take here.
+    const size_t movieCount = (separate ? places.size() : 0) + (planned.layout ? 1 : 0);
+    movie.setEncoderThreads(
+        std::max<int64_t>(1, std::lround(double(std::thread::hardware_concurrency()) / double(movieCount))));
+    return planned;
+}
+
+} // namespace quorva

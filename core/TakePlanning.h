@@ -1,0 +1,53 @@
+#pragma once
+
+#include "core/EncoderSpeed.h"
+#include "core/Layout.h"
+#include "core/NoIndex.h"
+#include "core/RecorderPlace.h"
+#include "core/RecorderSettings.h"
+#include "core/Take.h"
+
+#include <memory>
+#include <set>
+#include <string_view>
+#include <vector>
+
+namespace quorva {
+
+// What the settings make of a take of the places. Main thread only: the places' kinds are read here.
+
+// The sound choice that stands for the computer's own sound.
+inline constexpr const char* RecorderComputerSound = "computer";
+
+// Which places' sound a take records.
+struct SoundRouting {
+    std::set<size_t> sources;        // places whose own movie records their sound
+    size_t assembledIndex = NoIndex; // the place whose sound the assembled movie records
+};
+
+// The routing for `output` and the sound choice `sound` ("", "computer" or a place's title). Desktop
+// video streams never bring sound. With the computer's sound in every separate movie, only places
+// whose sources bring sound of their own record it; otherwise so does a place whose kind is not known
+// yet, which may still turn out to have sound.
+SoundRouting RouteSound(const Places& places, TakeOutput output, std::string_view sound);
+
+// A take of the places as the settings describe it, and what the recorder keeps of its start.
+struct PlannedTake {
+    TakePlan plan;
+    std::shared_ptr<const Layout> layout; // of the assembled movie; nothing without one
+    // Pictures a second that each place's movie, and the assembled movie, are due: the source's
+    // announced rate (the clock place's for the assembled movie) capped by the frame rate setting; 0
+    // when the source does not say.
+    std::vector<double> rates;
+    double clockRate = 0;
+    // The slowest encoder preset that keeps up with every picture of the take.
+    PresetChoice preset;
+};
+
+// Plans a take of `places`, its encoders' preset chosen with `encoderSpeed` (none: the writers' own
+// choice), which may first measure this machine for a second or two: the plan's time is the caller's
+// to set, once it starts the take. An empty name gives "QuorvaRecorder" and the local date and time.
+PlannedTake PlanTake(const RecorderSettings& settings, const Places& places,
+                     const std::shared_ptr<RecorderPlace>& clockPlace, EncoderSpeed* encoderSpeed);
+
+} // namespace quorva
