@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <optional>
 #include <poll.h>
 #include <pthread.h>
 #include <string_view>
@@ -112,7 +113,9 @@ bool Read(const std::shared_ptr<HTTPListener::State>& state, Waiting& connection
 }
 
 // Accepts every pending connection, closing the oldest waiting ones that a newcomer is one too many for.
-void Accept(const HTTPListener::State& state, std::vector<Waiting>& waiting) {
+// Answers true when connections are pending that no descriptor is left for: listening then pauses, or
+// poll() would report them again at once and the thread would spin.
+bool Accept(const HTTPListener::State& state, std::vector<Waiting>& waiting) {
     for (;;) {
         sockaddr_in from{};
         socklen_t length = sizeof from;
@@ -121,7 +124,12 @@ void Accept(const HTTPListener::State& state, std::vector<Waiting>& waiting) {
         if (fd < 0) {
             if (errno == EINTR || errno == ECONNABORTED)
                 continue;
-            return; // EAGAIN: none left
+            if ((errno == EMFILE || errno == ENFILE) && !waiting.empty()) {
+                ::close(waiting.front().fd); // the slowest waiting client gives way to the newcomer
+                waiting.erase(waiting.begin());
+                continue;
+            }
+            return errno != EAGAIN && errno != EWOULDBLOCK;
         }
         int on = 1;
         ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
@@ -144,15 +152,21 @@ void Listen(const std::shared_ptr<HTTPListener::State>& state) {
     pthread_setname_np(pthread_self(), "http.listener");
     std::vector<Waiting> waiting; // in order of arrival, and so of deadline
     std::vector<pollfd> fds;
+    Clock::time_point acceptAgain; // while later than now, listening pauses
     for (;;) {
-        fds.assign(1, {state->listenFD, POLLIN, 0});
+        bool accepting = Clock::now() >= acceptAgain;
+        fds.assign(1, {state->listenFD, short(accepting ? POLLIN : 0), 0});
         for (const Waiting& connection : waiting)
             fds.push_back({connection.fd, POLLIN, 0});
-        int timeout = -1;
+        std::optional<Clock::time_point> wake;
         if (!waiting.empty())
+            wake = waiting.front().deadline;
+        if (!accepting)
+            wake = std::min(wake.value_or(acceptAgain), acceptAgain);
+        int timeout = -1;
+        if (wake)
             timeout = int(std::max<int64_t>(
-                0, std::chrono::ceil<std::chrono::milliseconds>(waiting.front().deadline - Clock::now())
-                       .count()));
+                0, std::chrono::ceil<std::chrono::milliseconds>(*wake - Clock::now()).count()));
         if (::poll(fds.data(), fds.size(), timeout) < 0 && errno != EINTR) {
             Log("HTTPListener: ", std::string("poll() failed: ") + std::strerror(errno));
             break;
@@ -174,7 +188,8 @@ void Listen(const std::shared_ptr<HTTPListener::State>& state) {
             ++kept;
         }
         waiting.erase(waiting.begin() + ptrdiff_t(kept), waiting.end());
-        Accept(*state, waiting);
+        if (accepting && Accept(*state, waiting))
+            acceptAgain = After(0.1);
     }
     for (const Waiting& connection : waiting)
         ::close(connection.fd);
