@@ -234,6 +234,7 @@ void MainLoopStallsWhileSettingsChange(benchmark::State& state) {
         const std::vector<std::string> layouts = {"row", "column", "grid", "focus"};
         int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
         sockaddr_in to = Loopback(r.network->oscPort());
+        std::string lastName;
         for (int i = 0; i < Changes; ++i) {
             std::string packet;
             switch (i % 6) {
@@ -253,15 +254,15 @@ void MainLoopStallsWhileSettingsChange(benchmark::State& state) {
                 packet = OSCPacket("/layout", layouts[size_t(i / 6) % layouts.size()]);
                 break;
             default:
-                packet = OSCPacket("/name", "Take " + std::to_string(i));
+                lastName = "Take " + std::to_string(i);
+                packet = OSCPacket("/name", lastName);
                 break;
             }
             ::sendto(fd, packet.data(), packet.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
             std::this_thread::sleep_for(std::chrono::microseconds(2000));
         }
         ::close(fd);
-        // The last change is applied once the main loop has caught up with the datagrams.
-        std::string lastName = "Take " + std::to_string(Changes - 1);
+        // The main loop has caught up with the datagrams once the last name sent is applied.
         for (auto deadline = Clock::now() + std::chrono::seconds(30); Clock::now() < deadline;) {
             std::string name;
             r.onMain([&] { name = r.controller->name(); });
