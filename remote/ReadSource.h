@@ -8,7 +8,7 @@
 namespace quorva {
 
 // Watches one socket for data to read and runs an event handler on a queue each time there is some:
-// the socket servers' way to do their reading on their own serial queue without a thread blocked in
+// the OSC receiver's way to do its reading on its own serial queue without a thread blocked in
 // read() there. A thread of the source's own sleeps in poll(); once the socket is readable it posts
 // the handler and waits for that run to return before it looks again, so the handler, which drains
 // the socket, never runs twice at once nor is posted again for data it is already reading.
