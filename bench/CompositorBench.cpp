@@ -42,8 +42,8 @@ void ComposeEightSourcesIntoA4KGrid(benchmark::State& state) {
 
     for (auto _ : state) {
         std::promise<void> drawn;
-        auto target = compositor->compose(layout, sources, flipped, false,
-                                          [&](const std::shared_ptr<Picture>&) { drawn.set_value(); });
+        auto target = compositor.value()->compose(
+            layout, sources, flipped, false, [&](const std::shared_ptr<Picture>&) { drawn.set_value(); });
         if (!target) {
             state.SkipWithError("a composition was refused");
             return;

@@ -192,7 +192,7 @@ Figures RecordTake(int count) {
 // The options that match what the movie writer asks of libx264 and the AAC encoder.
 std::string EncoderOptions(int64_t width, int64_t height, const std::string& preset) {
     return "-c:v libx264 -preset " + preset + " -b:v " +
-           std::to_string(MovieBitRate(0, width, height, Rate, 0)) + " -g " +
+           std::to_string(MovieBitRate(Codec::H264, width, height, Rate, 0)) + " -g " +
            std::to_string(int(std::ceil(2 * Rate))) +
            " -bf 0 -pix_fmt yuv420p -color_primaries bt709 -color_trc bt709 -colorspace bt709 -color_range tv"
            " -c:a aac -aac_coder fast -b:a 256k -ar 48000 -ac 2 -frag_duration 10000000 -movflags "
@@ -203,7 +203,7 @@ std::string EncoderOptions(int64_t width, int64_t height, const std::string& pre
 Figures FFmpegTake(int count, const std::string& preset) {
     Figures figures;
     std::vector<Size> sizes(size_t(count), Size{double(Width), double(Height)});
-    const Layout grid(2, sizes, 0, Size{0, 0});
+    const Layout grid(LayoutKind::Grid, sizes, 0, Size{0, 0});
     const std::filesystem::path folder = Folder / ("ffmpeg-" + std::to_string(count));
     std::filesystem::create_directories(folder);
     const std::string seconds = std::to_string(Seconds);
@@ -312,7 +312,7 @@ int main(int argc, char** argv) {
     }
     quorva::Engine = quorva::SetUpBenchmark(argc, argv);
     quorva::Speed = quorva::EncoderSpeed::make(std::make_shared<quorva::SettingsStore>());
-    quorva::Speed->speeds(0);
+    quorva::Speed->speeds(quorva::Codec::H264);
     quorva::ScratchFolder folder;
     quorva::Folder = folder.path();
     benchmark::AddCustomContext("seconds_per_take", std::to_string(quorva::Seconds));
