@@ -1,5 +1,6 @@
 #include "bench/BenchSetup.h"
 
+#include "platform/ProcessMemory.h"
 #include "platform/gpu/GpuDevice.h"
 
 #include <benchmark/benchmark.h>
@@ -13,6 +14,8 @@
 namespace quorva {
 
 std::shared_ptr<PictureEngine> SetUpBenchmark(int& argc, char** argv) {
+    // As the program does; the ffmpeg runs compared with it inherit the same memory.
+    TuneProcessMemory();
     const char* runtime = std::getenv("XDG_RUNTIME_DIR");
     if (!runtime || !*runtime) {
         std::string folder = "/tmp/quorva-runtime-" + std::to_string(getuid());

@@ -3,7 +3,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <sys/mman.h>
 
 namespace quorva {
 
@@ -12,15 +11,11 @@ void MemoryPicture::Free::operator()(uint8_t* bytes) const {
 }
 
 uint8_t* AllocatePictureMemory(size_t size) {
-    constexpr size_t HugePage = size_t(2) << 20;
     if (size == 0)
         return nullptr;
-    const size_t alignment = size >= HugePage ? HugePage : MemoryPicture::Alignment;
-    const size_t rounded = (size + alignment - 1) / alignment * alignment;
-    auto* bytes = static_cast<uint8_t*>(std::aligned_alloc(alignment, rounded));
-    if (bytes && alignment == HugePage)
-        (void)madvise(bytes, rounded, MADV_HUGEPAGE);
-    return bytes;
+    const size_t rounded =
+        (size + MemoryPicture::Alignment - 1) / MemoryPicture::Alignment * MemoryPicture::Alignment;
+    return static_cast<uint8_t*>(std::aligned_alloc(MemoryPicture::Alignment, rounded));
 }
 
 Result<std::shared_ptr<MemoryPicture>> MemoryPicture::make(uint32_t width, uint32_t height) {

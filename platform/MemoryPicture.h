@@ -10,9 +10,7 @@
 
 namespace quorva {
 
-// Memory for pictures, at least `size` bytes (0: none), released with std::free. Large blocks lie on
-// 2 MB boundaries and ask for huge pages: a picture's first use then faults a few times rather than
-// thousands, which matters most in a virtual machine, where each fault is a trip to the hypervisor.
+// Memory for pictures, at least `size` bytes (0: none), released with std::free.
 uint8_t* AllocatePictureMemory(size_t size);
 
 // A picture in the processor's memory: rows of BGRA pixels, each starting on a 64-byte boundary (what
