@@ -114,6 +114,8 @@ Result<> Take::start(const TakePlan& plan) {
         movieSettings.setWidth(int64_t(assembledSize.width));
         movieSettings.setHeight(int64_t(assembledSize.height));
         movieSettings.setRecordsSound(computerSound || assembledSoundIndex != NoIndex);
+        if (plan.assembledEncoderThreads > 0)
+            movieSettings.setEncoderThreads(plan.assembledEncoderThreads);
         assembledMovie = std::make_shared<TakeMovie>(movieSettings.recordsSound(), std::string(),
                                                      *urls.assembled, _assembledRecorder);
         if (computerSound)
@@ -132,6 +134,8 @@ Result<> Take::start(const TakePlan& plan) {
         const bool ownSound = plan.soundSources.count(i) > 0;
         const bool hearsComputer = computerSound && output == TakeOutput::Separate && !ownSound;
         movieSettings.setRecordsSound(ownSound || hearsComputer);
+        if (i < plan.encoderThreads.size() && plan.encoderThreads[i] > 0)
+            movieSettings.setEncoderThreads(plan.encoderThreads[i]);
         auto movie = std::make_shared<TakeMovie>(movieSettings.recordsSound(), titles[i], urls.separate[i],
                                                  _recorders[i]);
         if (Result<> begun = startMovie(movie, i, movieSettings, plan.time); !begun) {

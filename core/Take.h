@@ -80,6 +80,10 @@ struct TakePlan {
     std::filesystem::path folder{};
     // The codec, frame rate and bit rate that all the movies share; their sizes come from the above.
     MovieRecorderSettings settings{};
+    // Encoder threads of each source's movie, parallel to the titles, and of the assembled movie; a
+    // movie without a number here (or 0) keeps the settings' own.
+    std::vector<int64_t> encoderThreads{};
+    int64_t assembledEncoderThreads = 0;
     double time = 0; // every movie's time origin, on the media clock
 };
 

@@ -27,20 +27,12 @@ std::string TakeNameAt(std::time_t time) {
     return std::string("QuorvaRecorder ") + stamp;
 }
 
-// The pixels a second that the take's encoders must keep up with: the movies of the sources of `sizes`
-// at `rates`, and the assembled one (when its size is not 0) at `clockRate`.
-double PixelsPerSecond(const SourceSizes& sizes, const std::vector<double>& rates, Size assembledSize,
-                       double clockRate) {
-    // A source that does not say its rate may send as many as a display shows; one whose size is not
-    // known yet is taken to be 1080p, the common case.
-    const auto pixelsOf = [](std::optional<Size> size, double rate) {
-        const Size known = size.value_or(Size{1920, 1080});
-        return known.width * known.height * (rate > 0 ? rate : 60);
-    };
-    double pixels = assembledSize.width > 0 ? pixelsOf(assembledSize, clockRate) : 0;
-    for (size_t i = 0; i < sizes.size() && i < rates.size(); ++i)
-        pixels += pixelsOf(sizes[i], rates[i]);
-    return pixels;
+// The pixels a second that one movie's encoder must keep up with. A source that does not say its rate
+// may send as many as a display shows; one whose size is not known yet is taken to be 1080p, the common
+// case.
+double PixelsPerSecond(std::optional<Size> size, double rate) {
+    const Size known = size.value_or(Size{1920, 1080});
+    return known.width * known.height * (rate > 0 ? rate : 60);
 }
 
 } // namespace
@@ -104,17 +96,32 @@ PlannedTake PlanTake(const RecorderSettings& settings, const Places& places,
     movie.setFramesPerSecond(fps);
     movie.setMegabitsPerSecond(settings.number(Setting::Bitrate));
     const bool separate = plan.output != TakeOutput::Assembled;
+    std::vector<double> pixels;
+    if (separate) {
+        for (size_t i = 0; i < places.size(); ++i)
+            pixels.push_back(PixelsPerSecond(plan.sizes[i], planned.rates[i]));
+    }
+    const double assembledPixels =
+        planned.layout ? PixelsPerSecond(plan.assembledSize, planned.clockRate) : 0;
+    double total = assembledPixels;
+    for (double p : pixels)
+        total += p;
     if (encoderSpeed)
-        planned.preset = encoderSpeed->presetFor(
-            movie.codec(), PixelsPerSecond(separate ? plan.sizes : SourceSizes(), planned.rates,
-                                           plan.assembledSize, planned.clockRate));
+        planned.preset = encoderSpeed->presetFor(movie.codec(), total);
     movie.setEncoderPreset(planned.preset.preset);
-    // The take's encoders run side by side: each gets its share of the processors. More threads than
-    // that cost memory (a picture each) and time spent waiting on one another, and left the encoders
-    // further behind at the start of a take here.
-    const size_t movieCount = (separate ? places.size() : 0) + (planned.layout ? 1 : 0);
-    movie.setEncoderThreads(
-        std::max<int64_t>(1, std::lround(double(std::thread::hardware_concurrency()) / double(movieCount))));
+    // The take's encoders run side by side: each gets the share of the processors that its pixels are
+    // of the take's, rounded up. More threads than that cost memory (a picture each) and time spent
+    // waiting on one another, and fewer leave a large assembled movie to one processor that cannot
+    // keep up with it alone while the small movies' encoders idle.
+    const double processors = std::max(1u, std::thread::hardware_concurrency());
+    const auto threadsFor = [&](double moviePixels) {
+        // Less than a millionth over a whole processor is rounding, not a reason for another thread.
+        return std::max<int64_t>(1, int64_t(std::ceil(processors * moviePixels / total - 1e-6)));
+    };
+    for (double p : pixels)
+        plan.encoderThreads.push_back(threadsFor(p));
+    if (planned.layout)
+        plan.assembledEncoderThreads = threadsFor(assembledPixels);
     return planned;
 }
 

@@ -2,9 +2,8 @@
 # quorvarecorder's command line end to end: a take of the three test patterns, separate and assembled,
 # read back with ffprobe; a second identical take beside the first; a take ended by SIGINT; and the
 # mistakes a user makes. Usage: record_command_line.sh PATH_TO_QUORVARECORDER [--real-time]
-# With --real-time (an optimised build on a machine that keeps up with the three patterns) every picture
-# due must be written; a sanitised build, or a machine of two cores, is only held to what it wrote being
-# sound.
+# With --real-time (an optimised build) every picture due must be written, give or take four; a
+# sanitised build is only held to what it wrote being sound.
 set -uo pipefail
 recorder=$1
 realTime=${2:-}
@@ -49,7 +48,9 @@ while IFS=$'\t' read -r movie listed due _; do
     [ "$frames" -le $((5 * rate + 4)) ] || fail "$movie has $frames frames, more than $((5 * rate))"
     if [ "$realTime" = --real-time ]; then
         [ "$frames" -ge $((5 * rate - 4)) ] || fail "$movie has $frames frames, not $((5 * rate))"
-        awk -v g="$gap" -v r=$rate 'BEGIN { exit !(g < 1.5 / r) }' || fail "$movie leaves out pictures: a gap of $gap s"
+        # The four pictures that the count may miss (the start of a take is its busiest moment) may be
+        # missing together, and no more.
+        awk -v g="$gap" -v r=$rate 'BEGIN { exit !(g < 5.5 / r) }' || fail "$movie leaves out pictures: a gap of $gap s"
         awk -v s="$span" 'BEGIN { exit !(s > 4.8) }' || fail "$movie spans $span s, not 5"
     fi
 done <"$work/first.out"
