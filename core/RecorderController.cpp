@@ -388,9 +388,12 @@ bool RecorderController::start() {
         _dueRates.emplace_back(assembled, planned.clockRate);
     _encoderPreset = planned.preset.preset;
     if (!planned.preset.keepsUp) {
-        const std::string warning = "The encoders cannot keep up with these movies on this computer, even at "
-                                    "their fastest: frames will be dropped. Record fewer or smaller sources, "
-                                    "a lower frame rate, or ProRes";
+        // The speeds were measured on grainy pictures, as a camera's are; cleaner ones encode faster, so
+        // this is a warning of what may happen rather than a promise of drops.
+        const std::string warning =
+            "The encoders may not keep up with these movies on this computer, even at "
+            "their fastest: frames may be dropped. Record fewer or smaller sources, "
+            "a lower frame rate, or ProRes";
         Log("RecorderController: ", warning);
         setError(warning);
     }
