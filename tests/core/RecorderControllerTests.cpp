@@ -4,6 +4,7 @@
 #include "platform/HeadlessEventLoop.h"
 #include "platform/MediaClock.h"
 #include "sources/TestPatternDirectory.h"
+#include "tests/core/Limits.h"
 #include "tests/platform/PictureTesting.h"
 
 #include <gtest/gtest.h>
@@ -29,18 +30,6 @@ struct RecorderControllerProbe {
 namespace {
 
 namespace fs = std::filesystem;
-
-// Waits, a millisecond at a time, for what other threads do; false once a minute has gone by, so that a
-// fault fails the test rather than hanging it.
-bool Eventually(const std::function<bool()>& done) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
 
 struct FakeSource final : FrameSource {
     explicit FakeSource(std::string title) : name(std::move(title)) {}
@@ -128,7 +117,7 @@ protected:
         for (const auto& place : recorder.places())
             std::dynamic_pointer_cast<FakeSource>(place->source())
                 ->frames(testing::MakeSolidPicture(*recorder.engine(), 64, 36, {0, 0, 255, 255}));
-        ASSERT_TRUE(Eventually([&] { return recorder.take()->framesPending() == 0; }));
+        ASSERT_TRUE(testing::WaitFor([&] { return recorder.take()->framesPending() == 0; }));
     }
     static std::vector<std::string> Titles(const RecorderController& controller) {
         std::vector<std::string> titles;
