@@ -36,7 +36,7 @@ struct FakeSource final : FrameSource {
     std::string title() const override { return name; }
     bool flipped() const override { return false; }
     int64_t kind() const override { return SourceKindNDI; }
-    double framesPerSecond() const override { return rate; }
+    double framesPerSecond() const override { return 0; }
     FrameHandler frameHandler() const override { return frames; }
     void setFrameHandler(FrameHandler handler) override { frames = std::move(handler); }
     SoundHandler soundHandler() const override { return nullptr; }
@@ -45,7 +45,6 @@ struct FakeSource final : FrameSource {
     bool isAlive() const override { return !stopped; }
     void stop() override { stopped = true; }
     std::string name;
-    double rate = 0;
     FrameHandler frames;
     bool stopped = false;
 };
@@ -426,39 +425,6 @@ TEST(TakePlanningTest, RoutesSoundOnlyFromPlacesThatCanHaveIt) {
         EXPECT_EQ(std::pair(routing.sources, routing.assembledIndex), std::pair(sources, assembled))
             << sound << " " << NameOf(output);
     }
-}
-
-// The processors go to each movie by its share of the take's pixels, rounded up: the 3840 × 2160 grid of
-// three patterns at 60 pictures a second is 70 % of the work, more than one processor encodes alone.
-TEST_F(RecorderControllerTest, EncoderThreadsFollowEachMoviesShareOfThePixels) {
-    struct SizedPicture final : Picture {
-        uint32_t w, h;
-        SizedPicture(uint32_t w, uint32_t h) : w(w), h(h) {}
-        uint32_t width() const override { return w; }
-        uint32_t height() const override { return h; }
-    };
-    RecorderSettings settings(store());
-    settings.setText(Setting::Output, "both");
-    settings.setText(Setting::Layout, "grid");
-    Places places;
-    for (auto [w, h, rate] : {std::tuple{1920u, 1080u, 60.0}, {1280u, 720u, 30.0}, {1920u, 1080u, 30.0}}) {
-        auto source = std::make_shared<FakeSource>("S");
-        source->rate = rate;
-        places.push_back(std::make_shared<RecorderPlace>("S"));
-        places.back()->setSource(source);
-        places.back()->receivedFrame(std::make_shared<SizedPicture>(w, h), false, 0);
-    }
-    const PlannedTake planned = PlanTake(settings, places, places[0], nullptr);
-    ASSERT_EQ(planned.plan.assembledSize, (Size{3840, 2160}));
-    const double processors = std::thread::hardware_concurrency();
-    const std::vector<int64_t>& threads = planned.plan.encoderThreads;
-    ASSERT_EQ(threads.size(), 3u);
-    EXPECT_GE(double(planned.plan.assembledEncoderThreads), std::min(2.0, 0.7 * processors));
-    for (int64_t n : threads)
-        EXPECT_GE(n, 1);
-    EXPECT_GE(threads[0], threads[1]); // 1080p60 against 720p30
-    EXPECT_LE(double(planned.plan.assembledEncoderThreads + threads[0] + threads[1] + threads[2]),
-              processors + 4);
 }
 
 // Without an engine nothing is drawn, but every composition is scheduled as with one.
