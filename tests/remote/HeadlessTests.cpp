@@ -163,8 +163,15 @@ TEST_F(HeadlessTest, GarbageSilenceAndAFloodAreSurvivedAndTheNextMessageStillWor
 
     for (int i = 0; i < 1000; ++i, send(gap))
         gap[14] = char(i >> 8), gap[15] = char(i);
-    r.send("/gap i 7");
-    EXPECT_EQ(r.value("/gap", 7), 7);
+    // A flood can fill the socket's buffer, and the kernel then drops any sender's datagrams: the
+    // message after it is sent again until the recorder has it.
+    nlohmann::json gapRead;
+    for (int i = 0; i < 100 && gapRead != 7;
+         ++i, std::this_thread::sleep_for(std::chrono::milliseconds(100))) {
+        r.send("/gap i 7");
+        gapRead = r.value("/gap");
+    }
+    EXPECT_EQ(gapRead, 7);
     EXPECT_EQ(Curl(r.queryPort, "/gap?TYPE").body, R"({"TYPE":"i"})");
     ::close(silent);
     ::close(udp);
