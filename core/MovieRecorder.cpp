@@ -677,21 +677,22 @@ void MovieRecorder::writeLastSound() {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
     }
+}
+
+// Whatever sound has not reached the file by now never will: it counts as left out, whether the movie
+// ended, failed or never had a frame.
+void MovieRecorder::forgetSound() {
     double remaining = 0;
     for (const PlacedSound& placed : _placedSound)
         if (auto* sound = std::get_if<std::shared_ptr<SourceSound>>(&placed))
             remaining += (*sound)->duration();
-    std::lock_guard guard(_lock);
-    _soundLeftOut += remaining + _soundWaiting;
-}
-
-void MovieRecorder::forgetSound() {
     _soundTimeline.reset();
     swr_free(&_resampler);
     _soundRate = 0;
     _placedSound.clear();
     _soundPosition = 0;
     std::lock_guard guard(_lock);
+    _soundLeftOut += remaining + _soundWaiting;
     _waitingSound.clear();
     _soundWaiting = 0;
     _soundBehindGap = false;
