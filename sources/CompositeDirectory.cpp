@@ -1,0 +1,67 @@
+#include "sources/CompositeDirectory.h"
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+namespace quorva {
+
+CompositeDirectory::CompositeDirectory(std::vector<std::shared_ptr<SourceDirectory>> members)
+    : _members(std::move(members)) {}
+
+std::vector<SourceDescription> CompositeDirectory::availableSources() {
+    std::vector<SourceDescription> sources;
+    for (const auto& member : _members) {
+        auto offered = member->availableSources();
+        sources.insert(sources.end(), std::make_move_iterator(offered.begin()),
+                       std::make_move_iterator(offered.end()));
+    }
+    return sources;
+}
+
+std::shared_ptr<FrameSource>
+CompositeDirectory::connectToSourceWithTitle(const std::string& title,
+                                             const std::shared_ptr<PictureEngine>& engine) {
+    for (const auto& member : _members) {
+        // A member is asked only for a title it lists at this moment, so it never tries a connection
+        // that belongs to another member.
+        auto offered = member->availableSources();
+        bool lists = std::any_of(offered.begin(), offered.end(),
+                                 [&](const SourceDescription& source) { return source.title() == title; });
+        if (!lists)
+            continue;
+        if (auto source = member->connectToSourceWithTitle(title, engine))
+            return source;
+    }
+    return nullptr;
+}
+
+SourceDirectory::ChangeHandler CompositeDirectory::changeHandler() const {
+    std::lock_guard guard(_lock);
+    return _changeHandler;
+}
+
+void CompositeDirectory::setChangeHandler(ChangeHandler handler) {
+    bool empty = !handler;
+    {
+        std::lock_guard guard(_lock);
+        _changeHandler = std::move(handler);
+    }
+    for (const auto& member : _members) {
+        if (empty) {
+            member->setChangeHandler(nullptr);
+            continue;
+        }
+        // The member's callback looks up the handler when it fires, so a later replacement here needs no
+        // trip through the members, and a union that is gone leaves the callback doing nothing.
+        member->setChangeHandler([weak = weak_from_this()] {
+            auto self = weak.lock();
+            if (!self)
+                return;
+            if (auto current = self->changeHandler())
+                current();
+        });
+    }
+}
+
+} // namespace quorva

@@ -1,0 +1,130 @@
+#include "sources/CompositeDirectory.h"
+
+#include <gtest/gtest.h>
+
+namespace quorva {
+namespace {
+
+// A source that only carries its title, so the test can tell which member connected it.
+class StubSource final : public FrameSource {
+public:
+    explicit StubSource(std::string title) : _title(std::move(title)) {}
+    std::string title() const override { return _title; }
+    bool flipped() const override { return false; }
+    int64_t kind() const override { return SourceKindPattern; }
+    double framesPerSecond() const override { return 0; }
+    FrameHandler frameHandler() const override { return {}; }
+    void setFrameHandler(FrameHandler) override {}
+    SoundHandler soundHandler() const override { return {}; }
+    void setSoundHandler(SoundHandler) override {}
+    bool hasSound() const override { return false; }
+    bool isAlive() const override { return true; }
+    void stop() override {}
+
+private:
+    std::string _title;
+};
+
+// A member whose list the test sets; it counts connection attempts and fails them when told to.
+class StubDirectory final : public SourceDirectory {
+public:
+    StubDirectory(std::string name, std::vector<std::string> titles)
+        : name(std::move(name)), titles(std::move(titles)) {}
+
+    std::vector<SourceDescription> availableSources() override {
+        std::vector<SourceDescription> sources;
+        for (const auto& title : titles)
+            sources.emplace_back(title, name, SourceKindPattern);
+        return sources;
+    }
+    std::shared_ptr<FrameSource> connectToSourceWithTitle(const std::string& title,
+                                                          const std::shared_ptr<PictureEngine>&) override {
+        ++connects;
+        return failing ? nullptr : std::make_shared<StubSource>(name + ":" + title);
+    }
+    ChangeHandler changeHandler() const override { return handler; }
+    void setChangeHandler(ChangeHandler newHandler) override { handler = std::move(newHandler); }
+
+    std::string name;
+    std::vector<std::string> titles;
+    bool failing = false;
+    int connects = 0;
+    ChangeHandler handler;
+};
+
+std::shared_ptr<CompositeDirectory> Union(const std::shared_ptr<StubDirectory>& first,
+                                          const std::shared_ptr<StubDirectory>& second) {
+    return std::make_shared<CompositeDirectory>(std::vector<std::shared_ptr<SourceDirectory>>{first, second});
+}
+
+// A title offered twice is listed twice and connected by the first member that can.
+TEST(CompositeDirectoryTest, ListsEveryMemberAndConnectsByPrecedence) {
+    auto first = std::make_shared<StubDirectory>("first", std::vector<std::string>{"A"});
+    auto second = std::make_shared<StubDirectory>("second", std::vector<std::string>{"B", "A"});
+    auto directory = Union(first, second);
+
+    auto sources = directory->availableSources();
+    ASSERT_EQ(sources.size(), 3u);
+    EXPECT_EQ(sources[0].title() + sources[0].detail(), "Afirst");
+    EXPECT_EQ(sources[1].title(), "B");
+    EXPECT_EQ(sources[2].title() + sources[2].detail(), "Asecond");
+
+    auto source = directory->connectToSourceWithTitle("A", nullptr);
+    ASSERT_TRUE(source);
+    EXPECT_EQ(source->title(), "first:A");
+    EXPECT_EQ(second->connects, 0);
+
+    first->failing = true;
+    source = directory->connectToSourceWithTitle("A", nullptr);
+    ASSERT_TRUE(source);
+    EXPECT_EQ(source->title(), "second:A");
+    EXPECT_EQ(first->connects, 2);
+}
+
+// Only a member that lists the title is asked to connect, and the lists are read at each call.
+TEST(CompositeDirectoryTest, AsksNoMemberForATitleNoneLists) {
+    auto first = std::make_shared<StubDirectory>("first", std::vector<std::string>{"A"});
+    auto second = std::make_shared<StubDirectory>("second", std::vector<std::string>{"B"});
+    auto directory = Union(first, second);
+
+    EXPECT_EQ(directory->connectToSourceWithTitle("a", nullptr), nullptr);
+    EXPECT_EQ(directory->connectToSourceWithTitle("C", nullptr), nullptr);
+    EXPECT_EQ(first->connects + second->connects, 0);
+
+    second->titles.push_back("C");
+    auto source = directory->connectToSourceWithTitle("C", nullptr);
+    ASSERT_TRUE(source);
+    EXPECT_EQ(source->title(), "second:C");
+    EXPECT_EQ(first->connects, 0);
+}
+
+// A member's notification reaches whatever handler the union has now, and nothing once the union is gone.
+TEST(CompositeDirectoryTest, MemberNotificationsFollowTheUnionsHandler) {
+    auto first = std::make_shared<StubDirectory>("first", std::vector<std::string>{});
+    auto second = std::make_shared<StubDirectory>("second", std::vector<std::string>{});
+    auto directory = Union(first, second);
+    EXPECT_FALSE(first->handler);
+
+    int early = 0, late = 0;
+    directory->setChangeHandler([&] { ++early; });
+    auto notify = second->handler;
+    ASSERT_TRUE(first->handler && notify);
+    notify();
+    EXPECT_EQ(early, 1);
+    directory->setChangeHandler([&] { ++late; });
+    notify();
+    EXPECT_EQ(early, 1);
+    EXPECT_EQ(late, 1);
+
+    directory->setChangeHandler(nullptr);
+    EXPECT_FALSE(first->handler);
+    EXPECT_FALSE(second->handler);
+
+    directory->setChangeHandler([&] { ++late; });
+    directory.reset();
+    first->handler();
+    EXPECT_EQ(late, 1);
+}
+
+} // namespace
+} // namespace quorva
