@@ -7,6 +7,8 @@
 #include "core/TakeNaming.h"
 #include "platform/Log.h"
 #include "platform/gpu/GpuDevice.h"
+#include "sources/CompositeDirectory.h"
+#include "sources/PipeWireDirectory.h"
 #include "sources/TestPatternDirectory.h"
 
 #include <charconv>
@@ -197,7 +199,9 @@ Result<RecordOptions> ParseRecordOptions(const std::vector<std::string>& argumen
 }
 
 std::shared_ptr<SourceDirectory> MakeSourceDirectory() {
-    return std::make_shared<TestPatternDirectory>();
+    // In order of precedence: a program's pictures win over a test pattern of the same title.
+    return std::make_shared<CompositeDirectory>(std::vector<std::shared_ptr<SourceDirectory>>{
+        std::make_shared<PipeWireDirectory>(), std::make_shared<TestPatternDirectory>()});
 }
 
 Result<std::shared_ptr<PictureEngine>> MakePictureEngine() {

@@ -2,6 +2,7 @@
 
 #include "platform/HeadlessEventLoop.h"
 #include "platform/Log.h"
+#include "tests/Processes.h"
 
 #include <nlohmann/json.hpp>
 
@@ -13,17 +14,13 @@
 #include <memory>
 #include <mutex>
 #include <netinet/in.h>
-#include <spawn.h>
 #include <sstream>
 #include <string>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 #include <utility>
 #include <vector>
-
-extern char** environ;
 
 namespace quorva::testing {
 
@@ -71,18 +68,6 @@ struct LogLines {
         return text;
     }
 };
-
-// Standard output of a shell command.
-inline std::string Shell(const std::string& command) {
-    std::string out;
-    if (FILE* pipe = ::popen(command.c_str(), "r")) {
-        char buffer[4096];
-        for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
-            out.append(buffer, n);
-        ::pclose(pipe);
-    }
-    return out;
-}
 
 // 127.0.0.1:port, for connecting and sending to.
 inline sockaddr_in Loopback(int port) {
@@ -139,22 +124,6 @@ inline std::string StatusLine(int port, const std::string& request) {
         answer.append(buffer, size_t(n));
     ::close(fd);
     return answer.substr(0, answer.find("\r\n"));
-}
-
-// A shell command in a process of its own (0 when it could not start). Through posix_spawn, since the
-// tests have threads of their own.
-inline pid_t Spawn(const std::string& command) {
-    pid_t pid = 0;
-    const char* argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
-    return posix_spawn(&pid, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ) == 0 ? pid : 0;
-}
-
-// SIGTERM, then the exit status: -1 when there was no process or it did not exit by itself.
-inline int End(pid_t pid) {
-    int status = 0;
-    if (pid <= 0 || ::kill(pid, SIGTERM) != 0 || ::waitpid(pid, &status, 0) != pid)
-        return -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 // `quorvarecorder --headless` in a process of its own, with its settings in `dir` and its stderr in

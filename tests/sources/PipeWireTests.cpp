@@ -1,0 +1,174 @@
+// Run inside a PipeWire session of their own (with_pipewire.sh), against publishers they start and end.
+#include "sources/PipeWireDirectory.h"
+
+#include "platform/Log.h"
+#include "tests/Processes.h"
+#include "tests/core/Limits.h"
+#include "tests/platform/PictureTesting.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <mutex>
+
+namespace quorva {
+namespace {
+
+using testing::WaitFor;
+
+// gst-launch-1.0 publishing a "Video/Source" node of `pattern` at 96 × 64 in `format`, 30 times a second,
+// until it is ended. SMPTE's bars tell which way up a picture arrives: white and blue at either end of
+// the top, darker colours under the white one.
+struct Publisher {
+    Publisher(const std::string& name, const std::string& format, const std::string& pattern = "smpte") {
+        pid = testing::Spawn("exec gst-launch-1.0 -q videotestsrc pattern=" + pattern +
+                             " ! video/x-raw,width=96,height=64,framerate=30/1 ! videoconvert ! video/x-raw,format=" +
+                             format +
+                             " ! pipewiresink mode=provide stream-properties=\"props,media.class=Video/Source,"
+                             "node.description=" +
+                             name + ",application.name=Mixer\" >/dev/null 2>&1");
+    }
+    ~Publisher() { testing::End(pid); }
+    pid_t pid;
+};
+
+class PipeWireTest : public ::testing::Test {
+protected:
+    std::shared_ptr<PictureEngine> engine = testing::Engine("processor");
+    PipeWireDirectory directory;
+
+    size_t listed(const std::string& title) {
+        auto sources = directory.availableSources();
+        return size_t(std::count_if(sources.begin(), sources.end(),
+                                    [&](const SourceDescription& source) { return source.title() == title; }));
+    }
+};
+
+// The latest picture a source handed over, and how many it has.
+struct Received {
+    explicit Received(FrameSource& source) {
+        source.setFrameHandler([this](const std::shared_ptr<Picture>& picture) {
+            std::lock_guard guard(lock);
+            latest = picture;
+            ++count;
+        });
+    }
+    std::shared_ptr<Picture> picture() {
+        std::lock_guard guard(lock);
+        return latest;
+    }
+    std::mutex lock;
+    std::shared_ptr<Picture> latest;
+    std::atomic<int> count = 0;
+};
+
+TEST(PipeWireTitles, TheNameThenTheApplicationOrWhicheverThereIs) {
+    EXPECT_EQ(PipeWireDirectory::title("Main", "Mixer"), "Main - Mixer");
+    EXPECT_EQ(PipeWireDirectory::title("Main", ""), "Main");
+    EXPECT_EQ(PipeWireDirectory::title("", "Mixer"), "Mixer");
+    EXPECT_EQ(PipeWireDirectory::title("", ""), "Untitled Server");
+}
+
+// A publisher is listed while it runs, under its title, with its application as the detail; the change
+// handler hears it come and go, and a source connected to it dies with it.
+TEST_F(PipeWireTest, PublishersAreListedWhileTheyRunAndTheirSourcesDieWithThem) {
+    std::atomic<int> changes = 0;
+    directory.setChangeHandler([&] { ++changes; });
+    auto publisher = std::make_unique<Publisher>("Main", "BGRx");
+    ASSERT_TRUE(WaitFor([&] { return listed("Main - Mixer") == 1; }, 20));
+    EXPECT_GE(changes, 1);
+    const SourceDescription description = directory.availableSources().front();
+    EXPECT_EQ(description.detail(), "Mixer");
+    EXPECT_EQ(description.kind(), SourceKindPipeWire);
+
+    auto source = directory.connectToSourceWithTitle("Main - Mixer", engine);
+    ASSERT_NE(source, nullptr);
+    EXPECT_TRUE(source->isAlive());
+    const int before = changes;
+    publisher.reset();
+    EXPECT_TRUE(WaitFor([&] { return listed("Main - Mixer") == 0 && !source->isAlive(); }, 20));
+    EXPECT_GT(changes, before);
+    EXPECT_EQ(directory.connectToSourceWithTitle("Main - Mixer", engine), nullptr);
+}
+
+// Without a daemon nothing is listed, and the reason is logged once.
+TEST(PipeWireWithoutDaemon, ListsNothingAndSaysWhyOnce) {
+    const std::string saved = std::getenv("PIPEWIRE_RUNTIME_DIR") ? std::getenv("PIPEWIRE_RUNTIME_DIR") : "";
+    const auto empty = std::filesystem::path(::testing::TempDir()) / "no-pipewire";
+    std::filesystem::create_directories(empty);
+    setenv("PIPEWIRE_RUNTIME_DIR", empty.c_str(), 1);
+    std::vector<std::string> lines;
+    SetLogSink([&](const std::string& line) { lines.push_back(line); });
+    {
+        PipeWireDirectory directory;
+        EXPECT_TRUE(directory.availableSources().empty());
+        EXPECT_TRUE(directory.availableSources().empty());
+    }
+    SetLogSink({});
+    setenv("PIPEWIRE_RUNTIME_DIR", saved.c_str(), 1);
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                            [](const std::string& line) { return line.starts_with("PipeWire: no PipeWire"); }),
+              1);
+}
+
+// Every layout a publisher may choose arrives upright, at its size, in the colours published (YUV within
+// what its rounding and the chroma's sharing between neighbours allow).
+TEST_F(PipeWireTest, EachPublishedLayoutArrivesUprightInItsColours) {
+    for (const std::string format : {"BGRA", "BGRx", "RGBA", "RGBx", "YUY2", "I420", "NV12"}) {
+        SCOPED_TRACE(format);
+        Publisher publisher("Layout" + format, format);
+        ASSERT_TRUE(WaitFor([&] { return listed("Layout" + format + " - Mixer") == 1; }, 20));
+        auto source = directory.connectToSourceWithTitle("Layout" + format + " - Mixer", engine);
+        ASSERT_NE(source, nullptr);
+        EXPECT_FALSE(source->flipped());
+        EXPECT_DOUBLE_EQ(source->framesPerSecond(), 30);
+        Received received(*source);
+        ASSERT_TRUE(WaitFor([&] { return received.count > 0; }, 20));
+        auto picture = received.picture();
+        ASSERT_EQ(picture->width(), 96u);
+        ASSERT_EQ(picture->height(), 64u);
+        // YUV within what its rounding and the chroma's sharing between neighbours allow.
+        const int tolerance = format.starts_with("RGB") || format.starts_with("BGR") ? 0 : 6;
+        const testing::Pixels pixels = testing::ReadPixels(*engine, picture);
+        auto near = [&](uint32_t x, uint32_t y, testing::Pixel expected) {
+            const testing::Pixel pixel = pixels.at(x, y);
+            const bool near = std::abs(pixel.r - expected.r) <= tolerance &&
+                              std::abs(pixel.g - expected.g) <= tolerance &&
+                              std::abs(pixel.b - expected.b) <= tolerance && pixel.a == 255;
+            if (!near)
+                ADD_FAILURE() << ::testing::PrintToString(pixel) << " at " << x << ", " << y;
+        };
+        near(4, 4, {255, 255, 255, 255});
+        near(90, 4, {255, 0, 0, 255});
+        EXPECT_LT(pixels.at(4, 60).r, 128);
+    }
+}
+
+// Of two publishers under one title, the first that can be linked wins: here the first publishes grey
+// pictures, which no stream of the recorder takes. Once stopped, a source hands over nothing more.
+TEST_F(PipeWireTest, OfEqualTitlesTheFirstThatCanBeLinkedWinsAndStopEndsItsPictures) {
+    Publisher grey("Twin", "GRAY8");
+    ASSERT_TRUE(WaitFor([&] { return listed("Twin - Mixer") == 1; }, 20));
+    Publisher green("Twin", "BGRx", "green");
+    ASSERT_TRUE(WaitFor([&] { return listed("Twin - Mixer") == 2; }, 20));
+    auto source = directory.connectToSourceWithTitle("Twin - Mixer", engine);
+    ASSERT_NE(source, nullptr);
+    EXPECT_EQ(source->title(), "Twin - Mixer");
+    EXPECT_FALSE(source->hasSound());
+    Received received(*source);
+    ASSERT_TRUE(WaitFor([&] { return received.count > 0; }, 20));
+    EXPECT_EQ(testing::ReadPixels(*engine, received.picture(), 0, 0, 1, 1).at(0, 0),
+              (testing::Pixel{0, 255, 0, 255}));
+
+    source->stop();
+    EXPECT_FALSE(source->isAlive());
+    const int count = received.count;
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ(received.count, count);
+}
+
+} // namespace
+} // namespace quorva
