@@ -141,10 +141,10 @@ struct PipeWireSource::State {
         params[0] = static_cast<const spa_pod*>(spa_pod_builder_add_object(
             &builder, SPA_TYPE_OBJECT_ParamBuffers, SPA_PARAM_Buffers, SPA_PARAM_BUFFERS_dataType,
             SPA_POD_CHOICE_FLAGS_Int((1 << SPA_DATA_MemPtr) | (1 << SPA_DATA_MemFd))));
-        params[1] = static_cast<const spa_pod*>(spa_pod_builder_add_object(
-            &builder, SPA_TYPE_OBJECT_ParamMeta, SPA_PARAM_Meta, SPA_PARAM_META_type,
-            SPA_POD_Id(SPA_META_VideoTransform), SPA_PARAM_META_size,
-            SPA_POD_Int(sizeof(spa_meta_videotransform))));
+        params[1] = static_cast<const spa_pod*>(
+            spa_pod_builder_add_object(&builder, SPA_TYPE_OBJECT_ParamMeta, SPA_PARAM_Meta,
+                                       SPA_PARAM_META_type, SPA_POD_Id(SPA_META_VideoTransform),
+                                       SPA_PARAM_META_size, SPA_POD_Int(sizeof(spa_meta_videotransform))));
         pw_stream_update_params(stream, params, 2);
     }
 
@@ -181,8 +181,8 @@ struct PipeWireSource::State {
             unreadableLogged = true;
             return;
         }
-        const auto* transform = static_cast<const spa_meta_videotransform*>(spa_buffer_find_meta_data(
-            &buffer, SPA_META_VideoTransform, sizeof(spa_meta_videotransform)));
+        const auto* transform = static_cast<const spa_meta_videotransform*>(
+            spa_buffer_find_meta_data(&buffer, SPA_META_VideoTransform, sizeof(spa_meta_videotransform)));
         const bool flipped = transform && transform->transform == SPA_META_TRANSFORMATION_Flipped180;
         Result<std::shared_ptr<MemoryPicture>> picture = pool.take(width, height, MemoryPicture::make);
         if (!picture) {
@@ -250,8 +250,9 @@ struct PipeWireSource::State {
 };
 
 Result<std::shared_ptr<PipeWireSource>>
-PipeWireSource::connect(const std::shared_ptr<PipeWireConnection>& connection, const PipeWireConnection::Node& node,
-                        const std::string& title, const std::shared_ptr<PictureEngine>& engine) {
+PipeWireSource::connect(const std::shared_ptr<PipeWireConnection>& connection,
+                        const PipeWireConnection::Node& node, const std::string& title,
+                        const std::shared_ptr<PictureEngine>& engine) {
     auto state = std::make_shared<State>();
     state->connection = connection.get();
     state->engine = engine;

@@ -19,10 +19,9 @@ class PipeWireSource final : public FrameSource {
 public:
     // Links a stream to `node` and waits until PipeWire has linked it and agreed a format: fails when the
     // node cannot be linked, which is how a node that is listed but cannot be reached is told apart.
-    static Result<std::shared_ptr<PipeWireSource>> connect(const std::shared_ptr<PipeWireConnection>& connection,
-                                                           const PipeWireConnection::Node& node,
-                                                           const std::string& title,
-                                                           const std::shared_ptr<PictureEngine>& engine);
+    static Result<std::shared_ptr<PipeWireSource>>
+    connect(const std::shared_ptr<PipeWireConnection>& connection, const PipeWireConnection::Node& node,
+            const std::string& title, const std::shared_ptr<PictureEngine>& engine);
     ~PipeWireSource() override;
     PipeWireSource(const PipeWireSource&) = delete;
     PipeWireSource& operator=(const PipeWireSource&) = delete;

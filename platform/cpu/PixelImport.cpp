@@ -17,7 +17,8 @@ int PlaneCount(PixelLayout layout) {
     }
 }
 
-void ImportPixels(PixelLayout layout, const PixelPlanes& planes, bool bt709, bool flipped, MemoryPicture& to) {
+void ImportPixels(PixelLayout layout, const PixelPlanes& planes, bool bt709, bool flipped,
+                  MemoryPicture& to) {
     const int width = int(to.width());
     // libyuv reads a picture of negative height from its last row up.
     const int height = flipped ? -int(to.height()) : int(to.height());

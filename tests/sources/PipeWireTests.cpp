@@ -24,12 +24,12 @@ using testing::WaitFor;
 // the top, darker colours under the white one.
 struct Publisher {
     Publisher(const std::string& name, const std::string& format, const std::string& pattern = "smpte") {
-        pid = testing::Spawn("exec gst-launch-1.0 -q videotestsrc pattern=" + pattern +
-                             " ! video/x-raw,width=96,height=64,framerate=30/1 ! videoconvert ! video/x-raw,format=" +
-                             format +
-                             " ! pipewiresink mode=provide stream-properties=\"props,media.class=Video/Source,"
-                             "node.description=" +
-                             name + ",application.name=Mixer\" >/dev/null 2>&1");
+        pid = testing::Spawn(
+            "exec gst-launch-1.0 -q videotestsrc pattern=" + pattern +
+            " ! video/x-raw,width=96,height=64,framerate=30/1 ! videoconvert ! video/x-raw,format=" + format +
+            " ! pipewiresink mode=provide stream-properties=\"props,media.class=Video/Source,"
+            "node.description=" +
+            name + ",application.name=Mixer\" >/dev/null 2>&1");
     }
     ~Publisher() { testing::End(pid); }
     pid_t pid;
@@ -42,8 +42,9 @@ protected:
 
     size_t listed(const std::string& title) {
         auto sources = directory.availableSources();
-        return size_t(std::count_if(sources.begin(), sources.end(),
-                                    [&](const SourceDescription& source) { return source.title() == title; }));
+        return size_t(std::count_if(sources.begin(), sources.end(), [&](const SourceDescription& source) {
+            return source.title() == title;
+        }));
     }
 };
 
@@ -109,9 +110,10 @@ TEST(PipeWireWithoutDaemon, ListsNothingAndSaysWhyOnce) {
     }
     SetLogSink({});
     setenv("PIPEWIRE_RUNTIME_DIR", saved.c_str(), 1);
-    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
-                            [](const std::string& line) { return line.starts_with("PipeWire: no PipeWire"); }),
-              1);
+    EXPECT_EQ(
+        std::count_if(lines.begin(), lines.end(),
+                      [](const std::string& line) { return line.starts_with("PipeWire: no PipeWire"); }),
+        1);
 }
 
 // Every layout a publisher may choose arrives upright, at its size, in the colours published (YUV within
