@@ -40,12 +40,13 @@ double CpuSeconds(clockid_t clock) {
 
 // gst-launch-1.0 publishing "Bench" until it is ended.
 pid_t Publish(const std::string& layout) {
-    const std::string command =
-        "exec gst-launch-1.0 -q videotestsrc pattern=smpte ! video/x-raw,width=1920,height=1080,framerate=30/1"
-        " ! videoconvert ! video/x-raw,format=" +
-        layout +
-        " ! pipewiresink mode=provide stream-properties=\"props,media.class=Video/Source,node.description=Bench\""
-        " >/dev/null 2>&1";
+    const std::string command = "exec gst-launch-1.0 -q videotestsrc pattern=smpte ! "
+                                "video/x-raw,width=1920,height=1080,framerate=30/1"
+                                " ! videoconvert ! video/x-raw,format=" +
+                                layout +
+                                " ! pipewiresink mode=provide "
+                                "stream-properties=\"props,media.class=Video/Source,node.description=Bench\""
+                                " >/dev/null 2>&1";
     const char* argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
     pid_t pid = 0;
     return posix_spawn(&pid, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ) == 0 ? pid : 0;
@@ -128,7 +129,11 @@ void ReceiveA1080pPicture(benchmark::State& state) {
     state.counters["published"] = Seconds * 30;
     state.SetLabel(layout + " on " + Engine->name());
 }
-BENCHMARK(ReceiveA1080pPicture)->DenseRange(0, 2)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(ReceiveA1080pPicture)
+    ->DenseRange(0, 2)
+    ->Iterations(1)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
 
 } // namespace
 } // namespace quorva
