@@ -19,8 +19,9 @@ namespace quorva {
 namespace {
 
 const char* const LogPrefix = "PipeWire: ";
-// How long PipeWire may take to link a new stream and agree its format.
-constexpr double LinkTimeout = 2;
+// How long PipeWire may take to link a new stream and agree its format (WirePlumber links in tens of
+// milliseconds): the controller connects on the main thread, which a node that never links holds this long.
+constexpr double LinkTimeout = 1;
 // Pictures kept for reuse: the one being converted, the one a place shows, and those a take still encodes.
 constexpr size_t KeptPictures = 4;
 

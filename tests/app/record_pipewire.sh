@@ -17,11 +17,15 @@ fail() {
 }
 publisher=0
 publish() { # WIDTH HEIGHT PATTERN: StageCam, 30 pictures a second
-    gst-launch-1.0 -q videotestsrc pattern="$3" ! "video/x-raw,width=$1,height=$2,framerate=30/1" ! videoconvert \
+    gst-launch-1.0 videotestsrc pattern="$3" ! "video/x-raw,width=$1,height=$2,framerate=30/1" ! videoconvert \
         ! video/x-raw,format=BGRx ! pipewiresink mode=provide \
-        stream-properties="props,media.class=Video/Source,node.description=StageCam" >/dev/null 2>&1 &
+        stream-properties="props,media.class=Video/Source,node.description=StageCam" >"$work/publisher.log" 2>&1 &
     publisher=$!
-    for _ in $(seq 100); do "$recorder" sources 2>/dev/null | grep -q '^StageCam' && return; sleep 0.1; done
+    # Listed, and waiting for a stream: GStreamer's pipewiresink may never send to one linked earlier.
+    for _ in $(seq 100); do
+        grep -q PREROLLING "$work/publisher.log" && "$recorder" sources 2>/dev/null | grep -q '^StageCam' && return
+        sleep 0.1
+    done
     fail "the publisher was not listed"
 }
 trap 'kill $publisher 2>/dev/null; rm -rf "$work"' EXIT

@@ -23,15 +23,25 @@ using testing::WaitFor;
 // until it is ended. SMPTE's bars tell which way up a picture arrives: white and blue at either end of
 // the top, darker colours under the white one.
 struct Publisher {
-    Publisher(const std::string& name, const std::string& format, const std::string& pattern = "smpte") {
+    Publisher(const std::string& name, const std::string& format, const std::string& pattern = "smpte")
+        : log(std::filesystem::path(::testing::TempDir()) / ("publisher-" + name + format + ".log")) {
         pid = testing::Spawn(
-            "exec gst-launch-1.0 -q videotestsrc pattern=" + pattern +
+            "exec gst-launch-1.0 videotestsrc pattern=" + pattern +
             " ! video/x-raw,width=96,height=64,framerate=30/1 ! videoconvert ! video/x-raw,format=" + format +
             " ! pipewiresink mode=provide stream-properties=\"props,media.class=Video/Source,"
             "node.description=" +
-            name + ",application.name=Mixer\" >/dev/null 2>&1");
+            name + ",application.name=Mixer\" >'" + log.string() + "' 2>&1");
     }
-    ~Publisher() { testing::End(pid); }
+    ~Publisher() {
+        testing::End(pid);
+        std::filesystem::remove(log);
+    }
+    // Whether its pipeline waits for a stream to link: GStreamer's pipewiresink of PipeWire 0.3.65 may
+    // never send a picture to a stream linked to it before then.
+    bool waiting() const {
+        return testing::Shell("cat '" + log.string() + "'").find("PREROLLING") != std::string::npos;
+    }
+    std::filesystem::path log;
     pid_t pid;
 };
 
@@ -79,7 +89,7 @@ TEST_F(PipeWireTest, PublishersAreListedWhileTheyRunAndTheirSourcesDieWithThem) 
     std::atomic<int> changes = 0;
     directory.setChangeHandler([&] { ++changes; });
     auto publisher = std::make_unique<Publisher>("Main", "BGRx");
-    ASSERT_TRUE(WaitFor([&] { return listed("Main - Mixer") == 1; }, 20));
+    ASSERT_TRUE(WaitFor([&] { return listed("Main - Mixer") == 1 && publisher->waiting(); }, 20));
     EXPECT_GE(changes, 1);
     const SourceDescription description = directory.availableSources().front();
     EXPECT_EQ(description.detail(), "Mixer");
@@ -122,7 +132,8 @@ TEST_F(PipeWireTest, EachPublishedLayoutArrivesUprightInItsColours) {
     for (const std::string format : {"BGRA", "BGRx", "RGBA", "RGBx", "YUY2", "I420", "NV12"}) {
         SCOPED_TRACE(format);
         Publisher publisher("Layout" + format, format);
-        ASSERT_TRUE(WaitFor([&] { return listed("Layout" + format + " - Mixer") == 1; }, 20));
+        ASSERT_TRUE(
+            WaitFor([&] { return listed("Layout" + format + " - Mixer") == 1 && publisher.waiting(); }, 20));
         auto source = directory.connectToSourceWithTitle("Layout" + format + " - Mixer", engine);
         ASSERT_NE(source, nullptr);
         EXPECT_FALSE(source->flipped());
@@ -155,7 +166,7 @@ TEST_F(PipeWireTest, OfEqualTitlesTheFirstThatCanBeLinkedWinsAndStopEndsItsPictu
     Publisher grey("Twin", "GRAY8");
     ASSERT_TRUE(WaitFor([&] { return listed("Twin - Mixer") == 1; }, 20));
     Publisher green("Twin", "BGRx", "green");
-    ASSERT_TRUE(WaitFor([&] { return listed("Twin - Mixer") == 2; }, 20));
+    ASSERT_TRUE(WaitFor([&] { return listed("Twin - Mixer") == 2 && green.waiting(); }, 20));
     auto source = directory.connectToSourceWithTitle("Twin - Mixer", engine);
     ASSERT_NE(source, nullptr);
     EXPECT_EQ(source->title(), "Twin - Mixer");
