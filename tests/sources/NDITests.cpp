@@ -1,0 +1,338 @@
+// NDI against the fake runtime (tests/fakes), which this program links, so that its senders are scripted
+// here, and which the library under test opens as it would open libndi.so.6.
+#include "sources/NDIDirectory.h"
+#include "sources/NDISource.h"
+
+#include "platform/Log.h"
+#include "platform/MediaClock.h"
+#include "tests/core/Limits.h"
+#include "tests/fakes/FakeNDI.h"
+#include "tests/platform/PictureTesting.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+
+namespace quorva {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::WaitFor;
+
+// Threads of this process named `name`.
+int ThreadsNamed(const std::string& name) {
+    int count = 0;
+    for (const auto& task : fs::directory_iterator("/proc/self/task")) {
+        std::string comm;
+        std::getline(std::ifstream(task.path() / "comm"), comm);
+        count += comm == name;
+    }
+    return count;
+}
+
+std::vector<std::string> Titles(SourceDirectory& directory) {
+    std::vector<std::string> titles;
+    for (const SourceDescription& source : directory.availableSources())
+        titles.push_back(source.title());
+    return titles;
+}
+
+TEST(NDILibraryTest, LooksWhereTheEnvironmentSaysElseBesideTheProgramAndInTheLibraryFolders) {
+    EXPECT_EQ(NDILibrary::candidatePaths(
+                  {{"QUORVA_NDI_LIBRARY", "/opt/ndi/libndi.so.6"}, {"NDI_RUNTIME_DIR_V6", "/opt/runtime"}},
+                  "/opt/quorva"),
+              std::vector<std::string>{"/opt/ndi/libndi.so.6"});
+    // Empty variables count as unset: no relative "libndi.so.6" is ever tried.
+    auto standard =
+        NDILibrary::candidatePaths({{"QUORVA_NDI_LIBRARY", ""}, {"NDI_RUNTIME_DIR_V6", ""}}, "/opt/quorva");
+    ASSERT_GE(standard.size(), 3u);
+    EXPECT_EQ(standard[0], "/opt/quorva/libndi.so.6");
+    EXPECT_EQ(standard[1], "/usr/local/lib/libndi.so.6");
+    EXPECT_EQ(standard.back(), "/usr/lib/libndi.so.6");
+    auto withRuntime = NDILibrary::candidatePaths({{"NDI_RUNTIME_DIR_V6", "/opt/runtime"}}, "/opt/quorva");
+    ASSERT_EQ(withRuntime.size(), standard.size() + 1);
+    EXPECT_EQ(withRuntime[1], "/opt/runtime/libndi.so.6");
+}
+
+// Real files in folders of their own: missing, not a library, a library without the entry point, the
+// fake runtime.
+TEST(NDILibraryTest, ChoosesTheFirstUsableFileElseSaysWhyTheFirstOneFoundCannotBeUsed) {
+    const fs::path root = fs::path(::testing::TempDir()) / ("ndi-" + std::to_string(::getpid()));
+    auto place = [&](const std::string& folder, const fs::path* from) {
+        fs::create_directories(root / folder);
+        const fs::path path = root / folder / "libndi.so.6";
+        if (from)
+            fs::copy_file(*from, path, fs::copy_options::overwrite_existing);
+        return path.string();
+    };
+    const fs::path fake = QUORVA_FAKE_NDI, noEntry = QUORVA_NO_ENTRY_LIBRARY;
+    const std::string missing = place("missing", nullptr), good = place("good", &fake),
+                      empty = place("noentry", &noEntry);
+    const std::string text = place("text", nullptr);
+    std::ofstream(text) << "not a library\n";
+
+    auto none = NDILibrary::chooseFrom({missing});
+    EXPECT_FALSE(none->isAvailable());
+    EXPECT_EQ(none->reason(), "libndi.so.6 was not found in " + missing);
+    EXPECT_EQ(NDILibrary::chooseFrom({missing, "/nowhere/libndi.so.6"})->reason(),
+              "libndi.so.6 was not found in " + missing + ", /nowhere/libndi.so.6");
+
+    auto chosen = NDILibrary::chooseFrom({missing, text, empty, good});
+    ASSERT_TRUE(chosen->isAvailable()) << chosen->reason();
+    EXPECT_EQ(chosen->path(), good);
+    EXPECT_EQ(chosen->version(), "NDI SDK LINUX fake 6.0");
+    EXPECT_EQ(chosen->reason(), "");
+    EXPECT_NE(chosen->functions(), nullptr);
+
+    auto notLibrary = NDILibrary::chooseFrom({text, empty});
+    EXPECT_FALSE(notLibrary->isAvailable());
+    EXPECT_TRUE(notLibrary->reason().starts_with(text + " is not an NDI library (")) << notLibrary->reason();
+    EXPECT_EQ(notLibrary->functions(), nullptr);
+    EXPECT_EQ(NDILibrary::chooseFrom({empty, text})->reason(), empty + " is not an NDI library");
+    EXPECT_EQ(NDILibrary::makeWithPath("")->reason(), "libndi.so.6 was not found");
+    EXPECT_EQ(NDILibrary::makeWithPath(missing)->reason(), "libndi.so.6 was not found at " + missing);
+
+    // A processor the runtime does not run on, or a runtime that does not start.
+    for (const char* variable : {"FAKE_NDI_UNSUPPORTED_CPU", "FAKE_NDI_INITIALIZE_FAILS"}) {
+        setenv(variable, "1", 1);
+        auto refused = NDILibrary::makeWithPath(good);
+        unsetenv(variable);
+        EXPECT_FALSE(refused->isAvailable()) << variable;
+        EXPECT_EQ(refused->reason(), "this computer cannot run NDI") << variable;
+        EXPECT_EQ(refused->version(), "") << variable;
+    }
+    fs::remove_all(root);
+}
+
+TEST(NDIDirectoryTest, WithoutTheRuntimeListsNothingConnectsToNothingAndStartsNoThread) {
+    FakeNDISender sender;
+    sender.name = "HOST (Camera)";
+    const int id = FakeNDI_AddSender(&sender);
+    {
+        NDIDirectory directory(NDILibrary::makeWithReason("libndi.so.6 was not found"));
+        EXPECT_TRUE(directory.availableSources().empty());
+        EXPECT_EQ(directory.connectToSourceWithTitle("HOST (Camera)", testing::Engine("processor")), nullptr);
+        EXPECT_EQ(ThreadsNamed("NDIFinder"), 0);
+        EXPECT_EQ(FakeNDI_FinderCount(), 0);
+    }
+    FakeNDI_RemoveSender(id);
+}
+
+class NDITest : public ::testing::Test {
+protected:
+    void SetUp() override { FakeNDI_Reset(); }
+    void TearDown() override { FakeNDI_Reset(); }
+
+    int add(const FakeNDISender& sender) { return FakeNDI_AddSender(&sender); }
+    // A sender of 30 BGRX pictures a second, 8 × 8, without sound.
+    static FakeNDISender Sender(const char* name) {
+        FakeNDISender sender;
+        sender.name = name;
+        sender.fourcc = FakeNDIFourCC("BGRX");
+        sender.width = sender.height = 8;
+        return sender;
+    }
+    std::shared_ptr<FrameSource> connect(NDIDirectory& directory, const std::string& title,
+                                         const std::string& engine = "processor") {
+        if (!WaitFor([&] {
+                auto titles = Titles(directory);
+                return std::find(titles.begin(), titles.end(), title) != titles.end();
+            }))
+            return nullptr;
+        return directory.connectToSourceWithTitle(title, testing::Engine(engine));
+    }
+
+    std::shared_ptr<const NDILibrary> library = NDILibrary::makeWithPath(QUORVA_FAKE_NDI);
+};
+
+TEST_F(NDITest, ListsSendersInTheRuntimesOrderAndCallsTheHandlerWhenNamesOrTheirOrderChange) {
+    ASSERT_TRUE(library->isAvailable()) << library->reason();
+    {
+        NDIDirectory directory(library);
+        std::atomic<int> changes = 0;
+        directory.setChangeHandler([&] { ++changes; });
+        add(Sender("HOST (A)"));
+        add(Sender("HOST (\xff B)")); // not UTF-8
+        const int c = add(Sender("HOST (C)"));
+        ASSERT_TRUE(WaitFor([&] {
+            return Titles(directory) == std::vector<std::string>{"HOST (A)", "HOST (C)"};
+        }));
+        for (const SourceDescription& source : directory.availableSources()) {
+            EXPECT_EQ(source.detail(), "NDI");
+            EXPECT_EQ(source.kind(), SourceKindNDI);
+        }
+        EXPECT_EQ(ThreadsNamed("NDIFinder"), 1);
+
+        const int before = changes;
+        FakeNDI_MoveSenderFirst(c);
+        ASSERT_TRUE(WaitFor([&] {
+            return Titles(directory) == std::vector<std::string>{"HOST (C)", "HOST (A)"};
+        }));
+        EXPECT_TRUE(WaitFor([&] { return changes > before; }));
+
+        // A title listed a moment ago whose sender has gone connects to nothing.
+        FakeNDI_RemoveSender(c);
+        ASSERT_TRUE(WaitFor([&] { return Titles(directory) == std::vector<std::string>{"HOST (A)"}; }));
+        EXPECT_EQ(directory.connectToSourceWithTitle("HOST (C)", testing::Engine("processor")), nullptr);
+    }
+    EXPECT_EQ(FakeNDI_FinderCount(), 0);
+    EXPECT_EQ(ThreadsNamed("NDIFinder"), 0);
+}
+
+class NDIPictureTest : public NDITest, public ::testing::WithParamInterface<std::string> {};
+
+// BGRX's fourth byte means nothing (the fake sends 0): its pictures arrive opaque. BGRA keeps its alpha.
+// Rows padded past their pixels are read as rows. On the processor the picture handed over is the copy
+// itself, with no trip through the GPU.
+TEST_P(NDIPictureTest, BGRXArrivesOpaqueAndBGRAKeepsItsAlphaWhateverTheRowPadding) {
+    NDIDirectory directory(library);
+    FakeNDISender opaque = Sender("HOST (X)"), clear = Sender("HOST (Y)");
+    opaque.width = 6, opaque.height = 4, opaque.stride = 32, opaque.colour = 0x00112233;
+    clear.fourcc = FakeNDIFourCC("BGRA"), clear.width = 5, clear.height = 3, clear.colour = 0x80445566;
+    clear.frameRateN = 60000, clear.frameRateD = 1001;
+    add(opaque);
+    add(clear);
+    for (auto [title, pixel, rate] :
+         {std::tuple{"HOST (X)", testing::Pixel{0x33, 0x22, 0x11, 255}, 30.0},
+          std::tuple{"HOST (Y)", testing::Pixel{0x66, 0x55, 0x44, 0x80}, 60000 / 1001.0}}) {
+        SCOPED_TRACE(title);
+        auto source = connect(directory, title, GetParam());
+        ASSERT_NE(source, nullptr);
+        std::mutex lock;
+        std::shared_ptr<Picture> received;
+        source->setFrameHandler([&](const std::shared_ptr<Picture>& picture) {
+            std::lock_guard guard(lock);
+            received = picture;
+        });
+        ASSERT_TRUE(WaitFor([&] {
+            std::lock_guard guard(lock);
+            return received != nullptr;
+        }));
+        source->stop();
+        EXPECT_EQ(source->kind(), SourceKindNDI);
+        EXPECT_DOUBLE_EQ(source->framesPerSecond(), rate);
+        const auto& engine = testing::Engine(GetParam());
+        EXPECT_EQ(engine->isProcessor(), std::dynamic_pointer_cast<MemoryPicture>(received) != nullptr);
+        const testing::Pixels pixels = testing::ReadPixels(*engine, received);
+        for (uint32_t y = 0; y < received->height(); ++y) {
+            for (uint32_t x = 0; x < received->width(); ++x)
+                ASSERT_EQ(pixels.at(x, y), pixel) << x << ", " << y;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(EachEngine, NDIPictureTest, testing::EngineNames, testing::EngineTestName);
+
+TEST_F(NDITest, WhatItCannotTakeIsDroppedAndLoggedOncePerSourceWhileTheSourceStaysAlive) {
+    std::mutex lock;
+    std::vector<std::string> lines;
+    SetLogSink([&](const std::string& line) {
+        std::lock_guard guard(lock);
+        lines.push_back(line);
+    });
+    FakeNDISender uyvy = Sender("HOST (U)"), wide = Sender("HOST (W)"), odd = Sender("HOST (O)");
+    uyvy.fourcc = FakeNDIFourCC("UYVY");
+    uyvy.soundFourcc = FakeNDIFourCC("FLTi");
+    wide.fourcc = FakeNDIFourCC("BGRA"), wide.width = 16385, wide.height = 1;
+    odd.width = 3, odd.height = 2, odd.stride = 14;
+    add(uyvy);
+    add(wide);
+    add(odd);
+    NDIDirectory directory(library);
+    const std::vector<std::string> expected = {
+        "NDISource: HOST (U) sends pictures as UYVY, which are dropped",
+        "NDISource: HOST (U) sends sound as FLTi, which is left out",
+        "NDISource: HOST (W) sends pictures of 16385 × 1 with rows of 65540 bytes, which are dropped",
+        "NDISource: HOST (O) sends pictures of 3 × 2 with rows of 14 bytes, which are dropped"};
+    std::atomic<int> delivered = 0;
+    std::vector<std::shared_ptr<FrameSource>> sources;
+    for (const char* title : {"HOST (U)", "HOST (W)", "HOST (O)"}) {
+        sources.push_back(connect(directory, title));
+        ASSERT_NE(sources.back(), nullptr);
+        sources.back()->setFrameHandler([&](const std::shared_ptr<Picture>&) { ++delivered; });
+        sources.back()->setSoundHandler([&](const std::shared_ptr<SourceSound>&) { ++delivered; });
+    }
+    // Long enough for several pictures and blocks of each.
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    EXPECT_TRUE(sources[0]->isAlive());
+    EXPECT_FALSE(sources[0]->hasSound());
+    sources.clear();
+    SetLogSink({});
+    EXPECT_EQ(delivered, 0);
+    for (const std::string& line : expected)
+        EXPECT_EQ(std::count(lines.begin(), lines.end(), line), 1) << line;
+    EXPECT_EQ(lines.size(), expected.size());
+}
+
+// Planar float sound becomes stereo blocks at the sender's rate, one channel on both sides. A source
+// counts as sending sound until three seconds after its last block, and as alive for three seconds after
+// it was made, then only while its sender counts the connection.
+TEST_F(NDITest, SoundBecomesStereoBlocksAndTheThreeSecondRulesHold) {
+    FakeNDISender sender = Sender("HOST (S)");
+    sender.fourcc = 0;
+    sender.soundFourcc = FakeNDIFourCC("FLTp");
+    sender.sampleRate = 44100, sender.channelCount = 1, sender.toneLevel = 0.25f;
+    const int id = add(sender);
+    NDIDirectory directory(library);
+    auto source = connect(directory, "HOST (S)");
+    ASSERT_NE(source, nullptr);
+    const double made = MediaClock::now();
+    std::mutex lock;
+    std::vector<std::shared_ptr<SourceSound>> blocks;
+    double last = 0;
+    source->setSoundHandler([&](const std::shared_ptr<SourceSound>& sound) {
+        std::lock_guard guard(lock);
+        blocks.push_back(sound);
+        last = MediaClock::now();
+    });
+    ASSERT_TRUE(WaitFor([&] { return source->hasSound(); }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    FakeNDI_RemoveSender(id);
+    EXPECT_TRUE(source->isAlive());
+    EXPECT_TRUE(WaitFor([&] { return !source->isAlive(); }, 10));
+    EXPECT_GE(MediaClock::now() - made, NDISource::ConnectionGrace - 0.1); // made a moment before `made`
+    EXPECT_TRUE(WaitFor([&] { return !source->hasSound(); }, 10));
+    std::lock_guard guard(lock);
+    EXPECT_GE(MediaClock::now() - last, NDISource::SoundInterval - 0.1);
+    ASSERT_FALSE(blocks.empty());
+    float peak = 0;
+    for (const auto& block : blocks) {
+        EXPECT_EQ(block->sampleRate(), 44100);
+        EXPECT_EQ(block->frameCount(), 441u);
+        for (uint64_t i = 0; i < block->frameCount(); ++i) {
+            ASSERT_EQ(block->samples()[2 * i], block->samples()[2 * i + 1]);
+            peak = std::max(peak, block->samples()[2 * i]);
+        }
+    }
+    EXPECT_NEAR(peak, 0.25f, 0.01f);
+}
+
+TEST_F(NDITest, StopLetsGoOfTheReceiverAndFromAHandlerReturnsAtOnce) {
+    const int id = add(Sender("HOST (A)"));
+    NDIDirectory directory(library);
+    auto outside = connect(directory, "HOST (A)"), inside = connect(directory, "HOST (A)");
+    ASSERT_NE(outside, nullptr);
+    ASSERT_NE(inside, nullptr);
+    EXPECT_EQ(FakeNDI_ReceiverCount(id), 2);
+
+    outside->stop();
+    EXPECT_EQ(FakeNDI_ReceiverCount(id), 1);
+    EXPECT_FALSE(outside->isAlive());
+    outside->setFrameHandler([](const std::shared_ptr<Picture>&) {});
+    EXPECT_EQ(outside->frameHandler(), nullptr);
+
+    std::atomic<int> calls = 0;
+    inside->setFrameHandler([&, source = inside.get()](const std::shared_ptr<Picture>&) {
+        ++calls;
+        source->stop();
+    });
+    ASSERT_TRUE(WaitFor([&] { return FakeNDI_ReceiverCount(id) == 0; }));
+    EXPECT_EQ(calls, 1);
+}
+
+} // namespace
+} // namespace quorva
