@@ -32,6 +32,7 @@ struct Movie {
     AVColorSpace matrix = AVCOL_SPC_UNSPECIFIED;
     AVColorRange range = AVCOL_RANGE_UNSPECIFIED;
     std::vector<int64_t> times; // of the decoded pictures, in the video stream's time base
+    double timeBase = 0;        // seconds
     int keyFrames = 0;
     int reordered = 0;        // picture packets whose decoding and presentation times differ
     double videoDuration = 0; // seconds, from the stream
@@ -44,21 +45,27 @@ struct Movie {
     // The loudest left sample of each 10 ms from time 0 on, and the first few pictures as decoded.
     std::vector<float> soundPeaks;
     std::vector<std::shared_ptr<AVFrame>> pictures;
+    // Every left sample from time 0 on, and of every picture the luma at each point asked for.
+    std::vector<float> left;
+    std::vector<std::vector<int>> lumas;
 };
 
 // The loudest left sample of each 480 frames of `frame` (float planes, as AAC decodes; other formats read
 // as silence), whose first `skip` frames come before time 0.
-inline void MeasurePeaks(const AVFrame* frame, int skip, int64_t& counted, std::vector<float>& peaks) {
+inline void MeasurePeaks(const AVFrame* frame, int skip, int64_t& counted, Movie& movie) {
     for (int i = std::max(0, skip); i < frame->nb_samples; ++i, ++counted) {
         float v = frame->format == AV_SAMPLE_FMT_FLTP ? reinterpret_cast<const float*>(frame->data[0])[i] : 0;
         if (counted % 480 == 0)
-            peaks.push_back(0);
-        peaks.back() = std::max(peaks.back(), std::fabs(v));
+            movie.soundPeaks.push_back(0);
+        movie.soundPeaks.back() = std::max(movie.soundPeaks.back(), std::fabs(v));
+        movie.left.push_back(v);
     }
 }
 
-// Decodes every picture and every sound frame of the file, as a player would.
-inline Movie ReadMovie(const std::filesystem::path& path) {
+// Decodes every picture and every sound frame of the file, as a player would; `points` (x, y) are where
+// each picture's luma is read (8-bit formats).
+inline Movie ReadMovie(const std::filesystem::path& path,
+                       const std::vector<std::pair<int, int>>& points = {}) {
     Movie movie;
     AVFormatContext* input = nullptr;
     if (avformat_open_input(&input, path.c_str(), nullptr, nullptr) < 0)
@@ -90,6 +97,7 @@ inline Movie ReadMovie(const std::filesystem::path& path) {
             movie.matrix = p->color_space;
             movie.range = p->color_range;
             movie.videoDuration = duration;
+            movie.timeBase = av_q2d(stream->time_base);
         } else if (p->codec_type == AVMEDIA_TYPE_AUDIO) {
             movie.audioCodec = p->codec_id;
             movie.sampleRate = p->sample_rate;
@@ -108,11 +116,14 @@ inline Movie ReadMovie(const std::filesystem::path& path) {
                 if (movie.pictures.size() < 4)
                     movie.pictures.emplace_back(av_frame_clone(frame), AVFrameRelease());
                 movie.times.push_back(frame->best_effort_timestamp);
+                std::vector<int>& lumas = movie.lumas.emplace_back();
+                for (auto [x, y] : points)
+                    lumas.push_back(frame->data[0][y * frame->linesize[0] + x]);
                 movie.keyFrames += frame->key_frame ? 1 : 0;
             } else {
                 // The AAC encoder's priming comes out before time 0; a player skips it.
                 const int64_t first = frame->best_effort_timestamp;
-                MeasurePeaks(frame, int(-std::min<int64_t>(first, 0)), peaksCounted, movie.soundPeaks);
+                MeasurePeaks(frame, int(-std::min<int64_t>(first, 0)), peaksCounted, movie);
                 movie.soundFrames +=
                     first < 0 ? std::max<int64_t>(0, frame->nb_samples + first) : frame->nb_samples;
             }
