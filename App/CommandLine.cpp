@@ -4,10 +4,12 @@
 #include "App/Version.h"
 #include "core/Layout.h"
 #include "core/MovieRecorderSettings.h"
+#include "core/RecorderController.h"
 #include "core/TakeNaming.h"
 #include "platform/Log.h"
 #include "platform/gpu/GpuDevice.h"
 #include "sources/CompositeDirectory.h"
+#include "sources/NDIDirectory.h"
 #include "sources/PipeWireDirectory.h"
 #include "sources/TestPatternDirectory.h"
 
@@ -199,9 +201,20 @@ Result<RecordOptions> ParseRecordOptions(const std::vector<std::string>& argumen
 }
 
 std::shared_ptr<SourceDirectory> MakeSourceDirectory() {
-    // In order of precedence: a program's pictures win over a test pattern of the same title.
+    // In order of precedence: a program's pictures on this computer win over an NDI source of the same
+    // title, and both over a test pattern.
     return std::make_shared<CompositeDirectory>(std::vector<std::shared_ptr<SourceDirectory>>{
-        std::make_shared<PipeWireDirectory>(), std::make_shared<TestPatternDirectory>()});
+        std::make_shared<PipeWireDirectory>(), std::make_shared<NDIDirectory>(NDILibrary::sharedLibrary()),
+        std::make_shared<TestPatternDirectory>()});
+}
+
+void TellNdiAvailability(RecorderController& controller) {
+    auto ndi = NDILibrary::sharedLibrary();
+    if (ndi->isAvailable())
+        Log("NDI: ", "NDI " + ndi->version() + " from " + ndi->path().value_or(""));
+    else
+        Log("NDI: ", ndi->reason());
+    controller.setNdiAvailable(ndi->isAvailable(), ndi->reason());
 }
 
 Result<std::shared_ptr<PictureEngine>> MakePictureEngine() {

@@ -11,6 +11,8 @@
 
 namespace quorva {
 
+class RecorderController;
+
 // Exit statuses, in the conventions of Linux tools. A take ended early by a signal exits with 128 plus
 // the signal's number (130 for SIGINT, 143 for SIGTERM), as a shell reports a program that a signal
 // ended, although its movies are finished and kept.
@@ -35,6 +37,8 @@ Result<RecordOptions> ParseRecordOptions(const std::vector<std::string>& argumen
 
 // The sources this program can record, in the order in which they are matched.
 std::shared_ptr<SourceDirectory> MakeSourceDirectory();
+// Tells the controller whether NDI is available and why not, and logs it.
+void TellNdiAvailability(RecorderController& controller);
 
 // Where the pictures are drawn: the Vulkan device's engine, or the processor's where that device is a
 // processor itself (the device is then let go of). "QuorvaRecorder needs Vulkan: …" without a device;

@@ -69,6 +69,7 @@ int RunHeadless(const std::vector<std::string>& arguments) {
     }
     auto controller = RecorderController::make(engine.value(), MakeSourceDirectory(), nullptr,
                                                std::make_shared<SettingsStore>());
+    TellNdiAvailability(*controller);
     auto network = RecorderNetwork::make(controller, QUORVA_VERSION);
     // A network that cannot start leaves a recorder that nobody can reach; say why, and go on as the
     // window would, since the ports may be retried.

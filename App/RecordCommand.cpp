@@ -239,6 +239,7 @@ int Record(const RecordOptions& options, HeadlessEventLoop& loop) {
     auto controller =
         RecorderController::make(engine.value(), MakeSourceDirectory(), nullptr, settings.value()->store(),
                                  EncoderSpeed::make(std::make_shared<SettingsStore>()));
+    TellNdiAvailability(*controller);
     ApplySettings(*controller, options);
     // Nobody watches the monitor picture here: composing it as little as the recorder allows leaves the
     // GPU and the processor to the movies.

@@ -1,9 +1,12 @@
 // quorvarecorder sources: what can be recorded now, so that a user knows what --source may name.
 #include "App/CommandLine.h"
 #include "core/RecorderController.h"
+#include "sources/NDILibrary.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
+#include <thread>
 #include <unistd.h>
 
 namespace quorva {
@@ -15,7 +18,8 @@ constexpr const char* Usage =
     "\n"
     "Lists the sources that can be recorded now, one a line: the title (what\n"
     "--source matches, whole or in part, in any case), the kind and a description.\n"
-    "On a terminal the columns are aligned; otherwise they are separated by tabs.\n";
+    "On a terminal the columns are aligned; otherwise they are separated by tabs.\n"
+    "Without the NDI runtime, a line on standard error says why NDI sources are missing.\n";
 
 // Columns count characters, not bytes: titles and descriptions hold "×" and accents.
 size_t Characters(const std::string& text) {
@@ -34,6 +38,12 @@ int RunSourcesCommand(const std::vector<std::string>& arguments) {
         return ExitUsage;
     }
     auto directory = MakeSourceDirectory();
+    auto ndi = NDILibrary::sharedLibrary();
+    if (ndi->isAvailable())
+        // NDI senders on the network answer the finder within about a second.
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+    else
+        std::fprintf(stderr, "NDI is off: %s\n", ndi->reason().c_str());
     auto sources = RecorderController::sourcesOf(*directory);
     const bool aligned = ::isatty(STDOUT_FILENO);
     size_t titleWidth = 0, kindWidth = 0;

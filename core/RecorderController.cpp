@@ -162,8 +162,9 @@ void RecorderController::setNumber(Setting setting, double number) {
     changed();
 }
 
-void RecorderController::setNdiAvailable(bool available) {
+void RecorderController::setNdiAvailable(bool available, std::string reason) {
     _ndiAvailable = available;
+    _ndiReason = std::move(reason);
     changed();
 }
 

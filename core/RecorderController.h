@@ -116,8 +116,10 @@ public:
     void setSound(std::string_view sound) { setText(Setting::Sound, sound); }
     bool performance() const { return _settings.flag(Setting::Performance); }
     void setPerformance(bool performance) { setNumber(Setting::Performance, performance ? 1 : 0); }
-    bool ndiAvailable() const { return _ndiAvailable; } // not persisted
-    void setNdiAvailable(bool available);
+    // Whether the NDI runtime could be loaded and, when it could not, why, in one line; not persisted.
+    bool ndiAvailable() const { return _ndiAvailable; }
+    const std::string& ndiReason() const { return _ndiReason; }
+    void setNdiAvailable(bool available, std::string reason);
 
     // State and errors.
     RecorderState state() const { return _state; }
@@ -243,6 +245,7 @@ private:
 
     RecorderSettings _settings;
     bool _ndiAvailable = false;
+    std::string _ndiReason;
     Places _places;
     std::vector<SourceDescription> _availableSources;
     RecorderState _state = RecorderState::Idle;

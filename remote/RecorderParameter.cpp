@@ -398,6 +398,8 @@ std::vector<RecorderParameter> MakeRecorderParameters(const std::shared_ptr<Reco
                  }
                  return json::array({Joined(titles, "\n")});
              });
+    b.status("/status/ndi/reason", "s", "Why NDI is not available, in one line. Empty when it is.",
+             [](C& c) { return StatusText(c.ndiReason()); });
 
     for (size_t n = 1; n <= RecorderMaximumPlaces; ++n) {
         b.placeStatus(n, "online", "i", "1 if the source is delivering frames",

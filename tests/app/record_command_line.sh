@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # quorvarecorder's command line end to end: a take of the three test patterns, separate and assembled,
-# read back with ffprobe; a second identical take beside the first; a take ended by SIGINT; and the
-# mistakes a user makes. Usage: record_command_line.sh PATH_TO_QUORVARECORDER [--real-time]
+# read back with ffprobe; a second identical take beside the first; a take ended by SIGINT; the list of
+# sources without the NDI runtime; and the mistakes a user makes. Usage: record_command_line.sh PATH_TO_QUORVARECORDER [--real-time]
 # With --real-time (an optimised build) every picture due must be written, give or take four; a
 # sanitised build is only held to what it wrote being sound.
 set -uo pipefail
@@ -80,6 +80,16 @@ status=$?
 [ $status -eq 130 ] || fail "a take ended by SIGINT exited with $status, not 130"
 frames=$(probe "$work/movies/Interrupted.mov" v:0 nb_read_packets 2>/dev/null)
 [ "${frames:-0}" -gt 0 ] && grep -q "Interrupted.mov" "$work/int.out" || fail "the interrupted take kept no movie"
+
+# Without the NDI runtime the other sources are still listed, and one line says why NDI's are not.
+QUORVA_NDI_LIBRARY=$work/none/libndi.so.6 "$recorder" sources >"$work/sources.out" 2>"$work/sources.err" ||
+    fail "quorvarecorder sources exited with $?"
+[ "$(cut -f1 "$work/sources.out")" = "Test Pattern 1080p60
+Test Pattern 720p30
+Test Pattern Alpha 1080p30" ] || fail "quorvarecorder sources listed: $(cat "$work/sources.out")"
+[ "$(grep -c '^NDI' "$work/sources.err")" -eq 1 ] &&
+    grep -qxF "NDI is off: libndi.so.6 was not found in $work/none/libndi.so.6" "$work/sources.err" ||
+    fail "quorvarecorder sources said '$(cat "$work/sources.err")' of NDI"
 
 # Mistakes: the status, and what the message says.
 while IFS='|' read -r expected message arguments; do

@@ -33,6 +33,7 @@ struct HeadlessTest : ::testing::Test {
 
     static void SetUpTestSuite() {
         setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1); // no announcement here
+        setenv("QUORVA_NDI_LIBRARY", "/nonexistent/libndi.so.6", 1);    // nor NDI
         takenUDP = BoundSocket(SOCK_DGRAM);
         takenTCP = BoundSocket(SOCK_STREAM);
         recorder = new HeadlessRecorder(Folder("suite"), PortOf(takenUDP), PortOf(takenTCP));
@@ -55,6 +56,8 @@ TEST_F(HeadlessTest, MessagesAndBundlesChangeSettingsOrSetTheErrorAfterAPortSear
     EXPECT_EQ(info["NAME"], "QuorvaRecorder");
     EXPECT_EQ(r.value("/status/error"), 0);       // a status text that is not set reads 0
     EXPECT_EQ(r.value("/status/version"), "dev"); // not a release build
+    EXPECT_EQ(r.value("/status/ndi"), 0);
+    EXPECT_EQ(r.value("/status/ndi/reason"), "libndi.so.6 was not found in /nonexistent/libndi.so.6");
 
     struct Case {
         const char* message;
@@ -134,7 +137,7 @@ TEST_F(HeadlessTest, OSCQueryAnswersAttributesAndStatusesAndTheWholeTreeToANodeC
               std::to_string(r.queryPort));
     json walked = json::parse(walk, nullptr, false);
     ASSERT_TRUE(walked.is_object()) << walk;
-    EXPECT_EQ(walked["methods"], 123);
+    EXPECT_EQ(walked["methods"], 124);
     EXPECT_EQ(walked["oscPort"], r.oscPort);
     EXPECT_EQ(walked["gap"]["access"], 3);
     EXPECT_EQ(walked["sources"], 9); // "/source" and "/source/1" to "/source/8", each offering the patterns
