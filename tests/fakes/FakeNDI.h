@@ -17,8 +17,8 @@ extern "C" {
 
 // A FourCC as NDI packs it: 'B' | 'G' << 8 | 'R' << 16 | 'A' << 24.
 constexpr int FakeNDIFourCC(const char (&text)[5]) {
-    return int(uint32_t(uint8_t(text[0])) | uint32_t(uint8_t(text[1])) << 8 | uint32_t(uint8_t(text[2])) << 16 |
-               uint32_t(uint8_t(text[3])) << 24);
+    return int(uint32_t(uint8_t(text[0])) | uint32_t(uint8_t(text[1])) << 8 |
+               uint32_t(uint8_t(text[2])) << 16 | uint32_t(uint8_t(text[3])) << 24);
 }
 
 struct FakeNDISender {
