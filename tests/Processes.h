@@ -5,6 +5,8 @@
 
 #include <csignal>
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
 #include <spawn.h>
 #include <string>
 #include <sys/wait.h>
@@ -40,6 +42,17 @@ inline int End(pid_t pid) {
     if (pid <= 0 || ::kill(pid, SIGTERM) != 0 || ::waitpid(pid, &status, 0) != pid)
         return -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Threads of this process named `name`.
+inline int ThreadsNamed(const std::string& name) {
+    int count = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string comm;
+        std::getline(std::ifstream(task.path() / "comm"), comm);
+        count += comm == name;
+    }
+    return count;
 }
 
 } // namespace quorva::testing

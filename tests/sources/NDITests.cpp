@@ -5,6 +5,7 @@
 
 #include "platform/Log.h"
 #include "platform/MediaClock.h"
+#include "tests/Processes.h"
 #include "tests/core/Limits.h"
 #include "tests/fakes/FakeNDI.h"
 #include "tests/platform/PictureTesting.h"
@@ -21,18 +22,8 @@ namespace quorva {
 namespace {
 
 namespace fs = std::filesystem;
+using testing::ThreadsNamed;
 using testing::WaitFor;
-
-// Threads of this process named `name`.
-int ThreadsNamed(const std::string& name) {
-    int count = 0;
-    for (const auto& task : fs::directory_iterator("/proc/self/task")) {
-        std::string comm;
-        std::getline(std::ifstream(task.path() / "comm"), comm);
-        count += comm == name;
-    }
-    return count;
-}
 
 std::vector<std::string> Titles(SourceDirectory& directory) {
     std::vector<std::string> titles;
