@@ -8,6 +8,7 @@
 #include "platform/SettingsStore.h"
 #include "remote/NetworkPorts.h"
 #include "remote/RecorderNetwork.h"
+#include "sources/ComputerSound.h"
 
 #include <csignal>
 #include <cstdio>
@@ -67,8 +68,9 @@ int RunHeadless(const std::vector<std::string>& arguments) {
         EventLoop::setMainLoop(nullptr);
         return ExitFailure;
     }
-    auto controller = RecorderController::make(engine.value(), MakeSourceDirectory(), nullptr,
-                                               std::make_shared<SettingsStore>());
+    auto controller =
+        RecorderController::make(engine.value(), MakeSourceDirectory(), std::make_shared<ComputerSound>(),
+                                 std::make_shared<SettingsStore>());
     TellNdiAvailability(*controller);
     auto network = RecorderNetwork::make(controller, QUORVA_VERSION);
     // A network that cannot start leaves a recorder that nobody can reach; say why, and go on as the

@@ -8,6 +8,7 @@
 #include "platform/MediaClock.h"
 #include "platform/SettingsStore.h"
 #include "platform/UserFolders.h"
+#include "sources/ComputerSound.h"
 
 #include <algorithm>
 #include <atomic>
@@ -233,12 +234,11 @@ int Record(const RecordOptions& options, HeadlessEventLoop& loop) {
     auto settings = TakeSettings::make();
     if (!settings)
         return Fail(settings.error().message());
-    // No capture of the computer's own sound exists on this system yet.
     // The take's settings are its own and go with it; how fast this machine encodes is the machine's,
     // measured once and kept with the user's settings.
-    auto controller =
-        RecorderController::make(engine.value(), MakeSourceDirectory(), nullptr, settings.value()->store(),
-                                 EncoderSpeed::make(std::make_shared<SettingsStore>()));
+    auto controller = RecorderController::make(engine.value(), MakeSourceDirectory(),
+                                               std::make_shared<ComputerSound>(), settings.value()->store(),
+                                               EncoderSpeed::make(std::make_shared<SettingsStore>()));
     TellNdiAvailability(*controller);
     ApplySettings(*controller, options);
     // Nobody watches the monitor picture here: composing it as little as the recorder allows leaves the
@@ -253,8 +253,6 @@ int Record(const RecordOptions& options, HeadlessEventLoop& loop) {
         auto choice = controller->soundChoiceMatching(*options.sound);
         if (!choice)
             return Fail("No source being recorded is called \u201C" + *options.sound + "\u201D");
-        if (*choice == RecorderComputerSound)
-            return Fail("The computer's own sound cannot be recorded on this system yet");
         sound = *choice;
     }
     controller->setSound(sound);

@@ -363,14 +363,23 @@ bool RecorderController::start() {
 
     PlannedTake planned = PlanTake(_settings, _places, clockPlace(), _encoderSpeed.get());
     TakePlan& plan = planned.plan;
+    // A take whose sound cannot be captured still records its pictures, and says why its sound is silent.
+    // The capture takes a moment to be linked: it begins before the take, so that the take's first moments
+    // are heard.
+    std::string soundFailure;
+    if (plan.computerSound) {
+        Result<> capturing = _computerSound ? _computerSound->start()
+                                            : Result<>(Error(ApplicationIdentifier, -1, "no capture here"));
+        if (!capturing)
+            soundFailure = "The computer's sound is not recorded: " + capturing.error().message();
+    }
     plan.time = MediaClock::now();
     if (Result<> started = _take->start(plan); !started) {
+        if (_computerSound)
+            _computerSound->stop();
         const std::string& message = started.error().message();
         return failWithError(message.empty() ? "The recording could not start" : message);
     }
-
-    if (plan.computerSound && _computerSound)
-        (void)_computerSound->start();
     const auto movies = _take->movies();
     for (size_t i = 0; i < _places.size(); ++i) {
         const bool hasMovie = i < movies.size();
@@ -397,6 +406,10 @@ bool RecorderController::start() {
             "a lower frame rate, or ProRes";
         Log("RecorderController: ", warning);
         setError(warning);
+    }
+    if (!soundFailure.empty()) {
+        Log("RecorderController: ", soundFailure);
+        setError(soundFailure);
     }
     _activity = SystemActivity::begin("Recording");
     _state = RecorderState::Recording;

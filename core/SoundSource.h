@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/SourceSound.h"
+#include "platform/Error.h"
 
 #include <functional>
 #include <memory>
@@ -14,8 +15,8 @@ public:
 
     virtual ~SoundSource() = default;
 
-    // Begins capture; false when it cannot begin.
-    virtual bool start() = 0;
+    // Begins capture; refused, with the reason, when it cannot begin.
+    virtual Result<> start() = 0;
     virtual void stop() = 0;
 
     // Called with each captured block. Stored as a copy.

@@ -1,0 +1,57 @@
+#pragma once
+
+#include "core/SoundSource.h"
+#include "platform/Error.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+
+struct pw_stream;
+struct pw_thread_loop;
+
+namespace quorva {
+
+// What the computer itself plays: a PipeWire capture stream of the default output's monitor, so every
+// program's sound is heard as it goes to the speakers (which keep playing it), at the graph's rate, on a
+// thread of its own. Silence before the first sound heard is skipped; from the first sound on every block
+// is delivered, silent or not, so that the sound stays continuous.
+class ComputerSound final : public SoundSource {
+public:
+    ComputerSound();
+    ~ComputerSound() override;
+    ComputerSound(const ComputerSound&) = delete;
+    ComputerSound& operator=(const ComputerSound&) = delete;
+
+    // Succeeds at once when already capturing. Fails, with nothing left behind, when there is no PipeWire
+    // daemon or no sound output to listen to.
+    Result<> start() override;
+    // No handler is called once it has returned; harmless when not capturing.
+    void stop() override;
+    SoundHandler soundHandler() const override;
+    void setSoundHandler(SoundHandler handler) override;
+
+    // `frames` interleaved frames of `channels` 32-bit floats as a block of stereo sound: one channel is
+    // doubled, channels past the second are dropped. Nothing when the samples cannot be sound, or when
+    // `ignoreIfSilent` and the kept channels are all exactly 0.
+    static std::shared_ptr<SourceSound> soundFromSamples(const float* samples, size_t frames,
+                                                         uint32_t channels, double sampleRate,
+                                                         bool ignoreIfSilent);
+
+    struct Capture;
+
+private:
+    // Called on the capture's thread.
+    void deliver(const float* samples, size_t frames, uint32_t channels, double sampleRate);
+
+    mutable std::mutex _lock; // guards what follows
+    SoundHandler _soundHandler;
+    bool _active = false;
+    bool _heardSound = false;
+
+    // The start's and stop's alone.
+    std::unique_ptr<Capture> _capture;
+};
+
+} // namespace quorva

@@ -1,0 +1,130 @@
+// Run inside a PipeWire session of their own (with_pipewire.sh), which has no sound output until a test
+// makes one.
+#include "sources/ComputerSound.h"
+
+#include "tests/Processes.h"
+#include "tests/core/Limits.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <mutex>
+
+namespace quorva {
+namespace {
+
+using testing::ThreadsNamed;
+using testing::WaitFor;
+
+TEST(ComputerSoundTest, KeepsTwoChannelsDoublesOneAndSkipsSilenceOnlyWhenAsked) {
+    const float six[] = {1, 2, 3, 4, 5, 6, -1, -2, -3, -4, -5, -6};
+    auto first = ComputerSound::soundFromSamples(six, 2, 6, 44100, true);
+    ASSERT_NE(first, nullptr);
+    EXPECT_EQ(first->sampleRate(), 44100);
+    EXPECT_EQ(std::vector<float>(first->samples(), first->samples() + 4), (std::vector<float>{1, 2, -1, -2}));
+
+    const float mono[] = {0, 0.5f, -0.5f};
+    auto doubled = ComputerSound::soundFromSamples(mono, 3, 1, 48000, true);
+    ASSERT_NE(doubled, nullptr);
+    EXPECT_EQ(std::vector<float>(doubled->samples(), doubled->samples() + 6),
+              (std::vector<float>{0, 0, 0.5f, 0.5f, -0.5f, -0.5f}));
+
+    // Silence in the channels kept is skipped only while nothing has been heard; a sound in a dropped
+    // channel is not heard.
+    const float quiet[] = {0, 0, 0.7f, 0, 0, 0.7f};
+    EXPECT_EQ(ComputerSound::soundFromSamples(quiet, 2, 3, 48000, true), nullptr);
+    EXPECT_NE(ComputerSound::soundFromSamples(quiet, 2, 3, 48000, false), nullptr);
+
+    EXPECT_EQ(ComputerSound::soundFromSamples(mono, 3, 0, 48000, false), nullptr);
+    EXPECT_EQ(ComputerSound::soundFromSamples(mono, 0, 1, 48000, false), nullptr);
+    EXPECT_EQ(ComputerSound::soundFromSamples(mono, 3, 1, 0, false), nullptr);
+    EXPECT_EQ(ComputerSound::soundFromSamples(nullptr, 3, 1, 48000, false), nullptr);
+}
+
+TEST(ComputerSoundTest, WithoutADaemonAStartSaysWhyAndLeavesNothingBehind) {
+    const std::string saved = std::getenv("PIPEWIRE_RUNTIME_DIR");
+    const auto empty = std::filesystem::path(::testing::TempDir()) / "no-pipewire";
+    std::filesystem::create_directories(empty);
+    setenv("PIPEWIRE_RUNTIME_DIR", empty.c_str(), 1);
+    ComputerSound sound;
+    Result<> started = sound.start();
+    setenv("PIPEWIRE_RUNTIME_DIR", saved.c_str(), 1);
+    ASSERT_FALSE(started);
+    EXPECT_TRUE(started.error().message().starts_with("no PipeWire daemon to connect to ("))
+        << started.error().message();
+    EXPECT_EQ(ThreadsNamed("computer-sound"), 0);
+    sound.stop();
+}
+
+// What the capture hands over: how many blocks, and how many of them silent.
+struct Heard {
+    explicit Heard(ComputerSound& sound) {
+        sound.setSoundHandler([this](const std::shared_ptr<SourceSound>& block) {
+            bool silent = true;
+            for (uint64_t i = 0; i < 2 * block->frameCount(); ++i)
+                silent = silent && block->samples()[i] == 0;
+            std::lock_guard guard(lock);
+            if (blocks == 0)
+                firstSilent = silent;
+            ++blocks;
+            silentBlocks += silent;
+        });
+    }
+    int count() {
+        std::lock_guard guard(lock);
+        return blocks;
+    }
+    std::mutex lock;
+    int blocks = 0, silentBlocks = 0;
+    bool firstSilent = false;
+};
+
+// Plays into the default output until ended: a sine, or silence.
+pid_t Play(const char* wave) {
+    return testing::Spawn(std::string("exec gst-launch-1.0 -q audiotestsrc wave=") + wave +
+                          " ! audio/x-raw,format=F32LE,rate=48000,channels=2 ! pipewiresink >/dev/null 2>&1");
+}
+
+TEST(ComputerSoundTest, HearsTheDefaultOutputFromItsFirstSoundOnUntilStopped) {
+    ComputerSound sound;
+    Heard heard(sound);
+    Result<> unheard = sound.start();
+    ASSERT_FALSE(unheard);
+    EXPECT_TRUE(unheard.error().message().starts_with("no sound output to listen to"))
+        << unheard.error().message();
+
+    testing::Shell(
+        "pw-cli create-node adapter '{ factory.name=support.null-audio-sink node.name=quorva-speakers "
+        "media.class=Audio/Sink object.linger=true audio.position=[FL FR] }' >/dev/null");
+    const pid_t silence = Play("silence");
+    ASSERT_TRUE(WaitFor([&] { return sound.start().ok(); }, 10));
+    EXPECT_TRUE(sound.start()); // already capturing: no second stream
+    EXPECT_EQ(ThreadsNamed("computer-sound"), 1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    EXPECT_EQ(heard.count(), 0); // silence before the first sound
+
+    const pid_t tone = Play("sine");
+    ASSERT_TRUE(WaitFor([&] { return heard.count() > 10; }, 10));
+    testing::End(tone);
+    // From the first sound on, silence is delivered too.
+    EXPECT_TRUE(WaitFor(
+        [&] {
+            std::lock_guard guard(heard.lock);
+            return heard.silentBlocks > 5;
+        },
+        10));
+
+    sound.stop();
+    const int stopped = heard.count();
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(heard.count(), stopped);
+    EXPECT_FALSE(heard.firstSilent);
+    EXPECT_EQ(ThreadsNamed("computer-sound"), 0);
+    sound.stop();
+    testing::End(silence);
+}
+
+} // namespace
+} // namespace quorva
