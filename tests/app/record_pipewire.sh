@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # quorvarecorder recording another program's pictures through PipeWire, run inside a session of its own
 # (tests/sources/with_pipewire.sh): the publisher is listed, a take of it has its size and the pictures it
-# published, in their colours; and a publisher that leaves mid-take and returns at another size is
-# recorded on, fitted into the movie's size. Usage: record_pipewire.sh PATH_TO_QUORVARECORDER [--real-time]
+# published, in their colours; a publisher that leaves mid-take and returns at another size is recorded
+# on, fitted into the movie's size; and the computer's sound (a tone played into a null sink) is recorded
+# in step with the pictures, or its absence said. Usage: record_pipewire.sh PATH_TO_QUORVARECORDER [--real-time]
 # With --real-time (an optimised build) every picture published must be written, give or take four.
 set -u
 recorder=$1
@@ -76,6 +77,56 @@ size=$(ffprobe -v error -select_streams v:0 -show_entries stream=width,height -o
 [ "$size" = 640,360 ] || fail "the movie of a publisher that returned is $size, not 640 × 360"
 near "$(pixel "$movie" 320 180)" "0 255 0" || fail "the returned publisher shows $(pixel "$movie" 320 180), not green"
 near "$(pixel "$movie" 20 180)" "0 0 0" || fail "beside the square is $(pixel "$movie" 20 180), not black"
+
+# The computer's sound. Without an output to listen to, a take records its pictures and says why its sound
+# is silent.
+"$recorder" record --source 720 --sound computer --output assembled --duration 2 --name Unheard \
+    --folder "$work/movies" >"$work/unheard.out" 2>"$work/unheard.err" ||
+    fail "the take without an output exited with $?: $(cat "$work/unheard.err")"
+grep -qF "The computer's sound is not recorded: no sound output to listen to" "$work/unheard.err" ||
+    fail "the take without an output said: $(cat "$work/unheard.err")"
+
+# A null sink becomes the default output, and a 440 Hz tone plays into it at half of full scale.
+pw-cli create-node adapter '{ factory.name=support.null-audio-sink node.name=quorva-speakers
+    node.description=Speakers media.class=Audio/Sink object.linger=true audio.position=[FL FR] }' >/dev/null
+for _ in $(seq 50); do wpctl status | grep -q '\*.*Speakers' && break; sleep 0.1; done
+gst-launch-1.0 -q audiotestsrc freq=440 volume=0.5 ! audio/x-raw,format=F32LE,rate=48000,channels=2 \
+    ! pipewiresink >/dev/null 2>&1 &
+tone=$!
+trap 'kill $publisher $tone 2>/dev/null; rm -rf "$work"' EXIT
+sleep 1
+sound() { # MOVIE: the frequency and peak of its left channel from 0.5 s to 3.5 s, and when it is first loud
+    ffmpeg -v error -i "$1" -map 0:a -af "pan=mono|c0=c0" -f f32le - | od -An -f -v -w4 | awk '
+        { x = $1 + 0; n++; if (!loud && (x > 0.2 || x < -0.2)) loud = n / 48000 }
+        n > 24000 && n <= 168000 { if (x > peak) peak = x; if (n > 24001 && (x < 0) != (last < 0)) c++; last = x }
+        END { printf "%.1f %.3f %.4f\n", c / 2 / 3, peak, loud }'
+}
+# FREQUENCY PEAK FIRST MOVIE: the movie's sound is the tone (within 2 % and 10 %), and it begins with the
+# first picture, within one picture (1/30 s).
+heard() {
+    read -r frequency peak first < <(sound "$4")
+    start=$(ffprobe -v error -select_streams v:0 -show_entries stream=start_time -of csv=p=0 "$4")
+    awk -v f="$frequency" -v p="$peak" -v e="$1" -v l="$2" 'BEGIN {
+        exit !(f > e * 0.98 && f < e * 1.02 && (l == 0 || (p > l * 0.9 && p < l * 1.1))) }' ||
+        fail "$4 sounds at $frequency Hz with a peak of $peak, not $1 Hz at ${2/0/its level}"
+    [ "$3" = first ] || return 0
+    awk -v a="$first" -v v="${start:-9}" 'BEGIN { exit !(a - v < 1 / 30 && v - a < 1 / 30) }' ||
+        fail "$4's sound begins at $first s, its pictures at $start s"
+}
+"$recorder" record --source 720 --sound computer --output assembled --duration 4 --name Heard \
+    --folder "$work/movies" >"$work/heard.out" 2>"$work/heard.err" ||
+    fail "the take of the computer's sound exited with $?: $(cat "$work/heard.err")"
+heard 440 0.5 first "$work/movies/Heard.mov"
+
+# Separate movies: another program's pictures take the computer's sound, a test pattern keeps its own.
+kill $publisher
+wait $publisher 2>/dev/null
+publish 640 360 smpte
+"$recorder" record --source StageCam --source 720 --sound computer --output separate --duration 4 \
+    --name Apart --folder "$work/movies" >"$work/apart.out" 2>"$work/apart.err" ||
+    fail "the separate take exited with $?: $(cat "$work/apart.err")"
+heard 440 0.5 first "$work/movies/Apart — StageCam - gst-launch-1.0.mov"
+heard 1000 0 - "$work/movies/Apart — Test Pattern 720p30.mov"
 
 [ $failures -eq 0 ] || exit 1
 echo "PipeWire recording: all checks passed"
