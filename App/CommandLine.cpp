@@ -211,9 +211,9 @@ std::shared_ptr<SourceDirectory> MakeSourceDirectory() {
 void TellNdiAvailability(RecorderController& controller) {
     auto ndi = NDILibrary::sharedLibrary();
     if (ndi->isAvailable())
-        Log("NDI: ", "NDI " + ndi->version() + " from " + ndi->path().value_or(""));
+        Log("QuorvaRecorder: ", "NDI is on: " + ndi->version() + " (" + ndi->path().value_or("") + ")");
     else
-        Log("NDI: ", ndi->reason());
+        Log("QuorvaRecorder: ", "NDI is off: " + ndi->reason());
     controller.setNdiAvailable(ndi->isAvailable(), ndi->reason());
 }
 
