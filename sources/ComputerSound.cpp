@@ -1,5 +1,6 @@
 #include "sources/ComputerSound.h"
 
+#include "platform/Log.h"
 #include "platform/MediaClock.h"
 
 #include <pipewire/pipewire.h>
@@ -33,6 +34,7 @@ struct ComputerSound::Capture {
         if (!loop)
             return;
         pw_thread_loop_lock(loop);
+        capturing = false; // a stop is no loss
         if (stream)
             pw_stream_destroy(stream);
         pw_thread_loop_unlock(loop);
@@ -46,6 +48,7 @@ struct ComputerSound::Capture {
     // On the loop's thread, or under its lock.
     pw_stream_state state = PW_STREAM_STATE_UNCONNECTED;
     std::string failure;
+    bool capturing = false; // once the start has succeeded
     uint32_t channels = 0;
     double rate = 0;
 
@@ -58,6 +61,11 @@ struct ComputerSound::Capture {
         self->state = state;
         if (state == PW_STREAM_STATE_ERROR)
             self->failure = error ? error : "the stream failed";
+        // Lost mid-take (the daemon or the output went away): the take goes on without sound, and the log
+        // says from when.
+        if (self->capturing && (state == PW_STREAM_STATE_ERROR || state == PW_STREAM_STATE_UNCONNECTED))
+            Log("ComputerSound: ", "the capture of the computer's sound ended" +
+                                       (error ? std::string(": ") + error : std::string()));
         pw_thread_loop_signal(self->loop, false);
     }
 
@@ -146,6 +154,7 @@ Result<> ComputerSound::start() {
         if (failure.empty() && !capture->linked())
             failure = "no sound output to listen to" +
                       (capture->failure.empty() ? std::string() : " (" + capture->failure + ")");
+        capture->capturing = failure.empty();
         pw_thread_loop_unlock(capture->loop);
         if (!failure.empty())
             return SoundError(failure);
