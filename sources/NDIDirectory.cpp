@@ -1,5 +1,6 @@
 #include "sources/NDIDirectory.h"
 
+#include "platform/JoinThread.h"
 #include "platform/Log.h"
 #include "platform/UTF8.h"
 #include "sources/NDISource.h"
@@ -151,13 +152,7 @@ void NDIFinder::stop() {
         _state->names.clear();
         _state->urls.clear();
     }
-    if (!_thread.joinable())
-        return;
-    // The thread ends within one wait; from the handler it cannot wait for itself.
-    if (_thread.get_id() == std::this_thread::get_id())
-        _thread.detach();
-    else
-        _thread.join();
+    JoinUnlessSelf(_thread); // within one wait
 }
 
 NDIDirectory::NDIDirectory(std::shared_ptr<const NDILibrary> library)

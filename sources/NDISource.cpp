@@ -1,6 +1,7 @@
 #include "sources/NDISource.h"
 
 #include "core/SourceDescription.h"
+#include "platform/JoinThread.h"
 #include "platform/Log.h"
 #include "platform/MediaClock.h"
 #include "platform/MemoryPicture.h"
@@ -270,13 +271,7 @@ void NDISource::stop() {
         std::lock_guard guard(_state->lock);
         _state->stopping = true;
     }
-    if (!_thread.joinable())
-        return;
-    // From a handler the thread cannot wait for itself: it ends once the handler has returned.
-    if (_thread.get_id() == std::this_thread::get_id())
-        _thread.detach();
-    else
-        _thread.join();
+    JoinUnlessSelf(_thread); // the receiver goes as the thread ends
 }
 
 } // namespace quorva

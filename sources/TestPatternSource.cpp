@@ -1,6 +1,7 @@
 #include "sources/TestPatternSource.h"
 
 #include "core/SourceDescription.h"
+#include "platform/JoinThread.h"
 #include "platform/Log.h"
 #include "platform/MediaClock.h"
 #include "sources/TestPattern.h"
@@ -96,13 +97,7 @@ void TestPatternSource::stop() {
         _state->stopping = true;
         _state->stopped.notify_all();
     }
-    if (!_thread.joinable())
-        return;
-    // From a handler the thread cannot wait for itself: it ends on its own once the handler returns.
-    if (_thread.get_id() == std::this_thread::get_id())
-        _thread.detach();
-    else
-        _thread.join();
+    JoinUnlessSelf(_thread);
 }
 
 void TestPatternSource::run(const std::shared_ptr<State>& state) {
