@@ -40,6 +40,19 @@ std::shared_ptr<PictureEngine> SetUpBenchmark(int& argc, char** argv) {
     return engine.value();
 }
 
+std::shared_ptr<PictureEngine> BenchEngine;
+std::filesystem::path BenchFolder;
+
+int RunBenchmarks(int argc, char** argv) {
+    BenchEngine = SetUpBenchmark(argc, argv);
+    ScratchFolder folder;
+    BenchFolder = folder.path();
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    BenchEngine.reset();
+    return 0;
+}
+
 ScratchFolder::ScratchFolder() {
     std::string pattern = (std::filesystem::temp_directory_path() / "quorva-bench-XXXXXX").string();
     if (!mkdtemp(pattern.data())) {

@@ -28,4 +28,11 @@ private:
     std::filesystem::path _path;
 };
 
+// The engine and the scratch folder of the benchmarks that record, set by RunBenchmarks.
+extern std::shared_ptr<PictureEngine> BenchEngine;
+extern std::filesystem::path BenchFolder;
+
+// The whole main of such a benchmark: SetUpBenchmark, a ScratchFolder, then every benchmark registered.
+int RunBenchmarks(int argc, char** argv);
+
 } // namespace quorva

@@ -25,9 +25,6 @@ constexpr uint32_t Width = 1920, Height = 1080;
 constexpr int Distinct = 16; // pictures drawn once and handed in over and over
 constexpr int Frames = 180;  // three seconds at 60 frames a second
 
-std::shared_ptr<PictureEngine> Engine;
-std::filesystem::path Folder;
-
 struct Pictures {
     std::vector<std::shared_ptr<Picture>> pictures;
     std::vector<std::vector<uint8_t>> bytes; // the same pictures as BGRA, for ffmpeg
@@ -40,7 +37,7 @@ const Pictures& TestPictures() {
         for (int i = 0; i < Distinct; ++i) {
             auto drawn = pattern->drawFrame(uint64_t(i)).value();
             made.bytes.push_back(drawn->readPixels(0, 0, Width, Height).value());
-            made.pictures.push_back(Engine->adopt(drawn).value());
+            made.pictures.push_back(BenchEngine->adopt(drawn).value());
         }
         return made;
     }();
@@ -67,7 +64,7 @@ std::string EncoderOptions(int64_t codec) {
 // Seconds ffmpeg takes to turn the pictures, piped in as raw BGRA, into a fragmented movie.
 double FFmpegSeconds(int64_t codec) {
     const Pictures& pictures = TestPictures();
-    const std::filesystem::path output = Folder / ("ffmpeg-" + std::to_string(codec) + ".mov");
+    const std::filesystem::path output = BenchFolder / ("ffmpeg-" + std::to_string(codec) + ".mov");
     std::filesystem::remove(output);
     const std::string command =
         "ffmpeg -loglevel error -f rawvideo -pix_fmt bgra -s 1920x1080 -r 60 -i pipe:0 " +
@@ -90,8 +87,8 @@ double RecorderSeconds(int64_t codec, uint64_t& dropped) {
     const Pictures& pictures = TestPictures();
     auto loop = std::make_shared<HeadlessEventLoop>();
     EventLoop::setMainLoop(loop);
-    Result<std::shared_ptr<MovieRecorder>> made = MovieRecorder::make(Engine);
-    const std::filesystem::path output = Folder / ("recorder-" + std::to_string(codec) + ".mov");
+    Result<std::shared_ptr<MovieRecorder>> made = MovieRecorder::make(BenchEngine);
+    const std::filesystem::path output = BenchFolder / ("recorder-" + std::to_string(codec) + ".mov");
     std::filesystem::remove(output);
     MovieRecorderSettings settings;
     settings.setCodec(Codec(codec));
@@ -143,10 +140,10 @@ BENCHMARK(RecordAt1080p)->DenseRange(0, 3)->Iterations(1)->UseManualTime()->Unit
 // One 1080p picture converted into memory in the pixel format of codec state.range(0).
 void ConvertA1080pPicture(benchmark::State& state) {
     const Pictures& pictures = TestPictures();
-    auto converter = Engine->makeFrameConverter().value();
+    auto converter = BenchEngine->makeFrameConverter().value();
     const int64_t codec = state.range(0);
     auto writer =
-        MovieWriter::make(Folder / "convert.mov", {Codec(codec), Width, Height, 60, 0, false}).value();
+        MovieWriter::make(BenchFolder / "convert.mov", {Codec(codec), Width, Height, 60, 0, false}).value();
     const FrameFormat format = writer->frameFormat();
     int i = 0;
     for (auto _ : state) {
@@ -159,7 +156,7 @@ void ConvertA1080pPicture(benchmark::State& state) {
         converted.get_future().wait();
     }
     writer->cancel();
-    state.SetLabel(NameOf(Codec(codec)) + " on " + Engine->name());
+    state.SetLabel(NameOf(Codec(codec)) + " on " + BenchEngine->name());
 }
 BENCHMARK(ConvertA1080pPicture)->DenseRange(0, 3)->Unit(benchmark::kMillisecond)->UseRealTime();
 
@@ -167,10 +164,5 @@ BENCHMARK(ConvertA1080pPicture)->DenseRange(0, 3)->Unit(benchmark::kMillisecond)
 } // namespace quorva
 
 int main(int argc, char** argv) {
-    quorva::Engine = quorva::SetUpBenchmark(argc, argv);
-    quorva::ScratchFolder folder;
-    quorva::Folder = folder.path();
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return quorva::RunBenchmarks(argc, argv);
 }

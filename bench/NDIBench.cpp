@@ -18,9 +18,6 @@ namespace {
 constexpr double Seconds = 5;
 const char* const Layouts[] = {"BGRX", "BGRA"};
 
-std::shared_ptr<PictureEngine> Engine;
-std::filesystem::path Folder;
-
 void ReceiveA1080p60Picture(benchmark::State& state) {
     const char* layout = Layouts[state.range(0)];
     FakeNDISender sender;
@@ -32,17 +29,18 @@ void ReceiveA1080p60Picture(benchmark::State& state) {
     NDIDirectory directory(NDILibrary::makeWithPath(QUORVA_FAKE_NDI));
     std::shared_ptr<FrameSource> source;
     for (int i = 0; i < 100 && !source; ++i) {
-        source = directory.connectToSourceWithTitle(sender.name, Engine);
+        source = directory.connectToSourceWithTitle(sender.name, BenchEngine);
         if (!source)
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
     if (source)
-        MeasureSourceToEncoder(state, *source, Engine, Folder / (std::string("ndi-") + layout + ".mov"), 1920,
-                               1080, 60, Seconds);
+        MeasureSourceToEncoder(state, *source, BenchEngine,
+                               BenchFolder / (std::string("ndi-") + layout + ".mov"), 1920, 1080, 60,
+                               Seconds);
     else
         state.SkipWithError("the fake runtime's sender could not be received");
     FakeNDI_RemoveSender(id);
-    state.SetLabel(std::string(layout) + " on " + Engine->name());
+    state.SetLabel(std::string(layout) + " on " + BenchEngine->name());
 }
 BENCHMARK(ReceiveA1080p60Picture)
     ->DenseRange(0, 1)
@@ -54,10 +52,5 @@ BENCHMARK(ReceiveA1080p60Picture)
 } // namespace quorva
 
 int main(int argc, char** argv) {
-    quorva::Engine = quorva::SetUpBenchmark(argc, argv);
-    quorva::ScratchFolder folder;
-    quorva::Folder = folder.path();
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return quorva::RunBenchmarks(argc, argv);
 }

@@ -22,9 +22,6 @@ namespace {
 constexpr double Seconds = 5;
 const char* const Layouts[] = {"BGRx", "I420", "NV12"};
 
-std::shared_ptr<PictureEngine> Engine;
-std::filesystem::path Folder;
-
 // gst-launch-1.0 publishing "Bench" until it is ended.
 pid_t Publish(const std::string& layout) {
     const std::string command = "exec gst-launch-1.0 -q videotestsrc pattern=smpte ! "
@@ -45,7 +42,7 @@ void ReceiveA1080pPicture(benchmark::State& state) {
     PipeWireDirectory directory;
     std::shared_ptr<FrameSource> source;
     for (int i = 0; i < 200 && !source; ++i) {
-        source = directory.connectToSourceWithTitle("Bench - gst-launch-1.0", Engine);
+        source = directory.connectToSourceWithTitle("Bench - gst-launch-1.0", BenchEngine);
         if (!source)
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
@@ -55,11 +52,11 @@ void ReceiveA1080pPicture(benchmark::State& state) {
         state.SkipWithError("no PipeWire publisher (run inside tests/sources/with_pipewire.sh)");
         return;
     }
-    MeasureSourceToEncoder(state, *source, Engine, Folder / ("pipewire-" + layout + ".mov"), 1920, 1080, 30,
-                           Seconds);
+    MeasureSourceToEncoder(state, *source, BenchEngine, BenchFolder / ("pipewire-" + layout + ".mov"), 1920,
+                           1080, 30, Seconds);
     kill(publisher, SIGTERM);
     waitpid(publisher, nullptr, 0);
-    state.SetLabel(layout + " on " + Engine->name());
+    state.SetLabel(layout + " on " + BenchEngine->name());
 }
 BENCHMARK(ReceiveA1080pPicture)
     ->DenseRange(0, 2)
@@ -71,10 +68,5 @@ BENCHMARK(ReceiveA1080pPicture)
 } // namespace quorva
 
 int main(int argc, char** argv) {
-    quorva::Engine = quorva::SetUpBenchmark(argc, argv);
-    quorva::ScratchFolder folder;
-    quorva::Folder = folder.path();
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return quorva::RunBenchmarks(argc, argv);
 }
