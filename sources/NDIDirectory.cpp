@@ -5,7 +5,6 @@
 #include "platform/UTF8.h"
 #include "sources/NDISource.h"
 
-#include <condition_variable>
 #include <pthread.h>
 
 namespace quorva {
