@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -56,6 +57,12 @@ struct AudioFrameV3 {
     const char* metadata = nullptr;
     int64_t timestamp = 0;
 };
+
+// The layouts are the runtime's, fixed by its binary interface on 64-bit Linux.
+static_assert(sizeof(void*) != 8 || (sizeof(FindCreate) == 24 && sizeof(RecvCreateV3) == 40 &&
+                                     offsetof(RecvCreateV3, receiverName) == 32 &&
+                                     sizeof(VideoFrameV2) == 72 && offsetof(VideoFrameV2, data) == 40 &&
+                                     sizeof(AudioFrameV3) == 64 && offsetof(AudioFrameV3, data) == 32));
 
 enum FrameType : int { FrameNone = 0, FrameVideo = 1, FrameAudio = 2 };
 
