@@ -52,9 +52,8 @@ struct ComputerSound::Capture {
     uint32_t channels = 0;
     double rate = 0;
 
-    bool linked() const {
-        return rate > 0 && (state == PW_STREAM_STATE_PAUSED || state == PW_STREAM_STATE_STREAMING);
-    }
+    // Streaming, not merely linked: a take that begins once this is true hears its very first moments.
+    bool linked() const { return rate > 0 && state == PW_STREAM_STATE_STREAMING; }
 
     static void stateChanged(void* data, pw_stream_state, pw_stream_state state, const char* error) {
         auto* self = static_cast<Capture*>(data);

@@ -106,6 +106,9 @@ sound() { # MOVIE: the frequency and peak of its left channel from 0.5 s to 3.5 
 heard() {
     read -r frequency peak first < <(sound "$4")
     start=$(ffprobe -v error -select_streams v:0 -show_entries stream=start_time -of csv=p=0 "$4")
+    # The decoded sound begins at its stream's start, before 0 by the AAC encoder's priming.
+    first=$(awk -v f="$first" -v s="$(ffprobe -v error -select_streams a:0 -show_entries stream=start_time \
+        -of csv=p=0 "$4")" 'BEGIN { printf "%.4f", f + s }')
     awk -v f="$frequency" -v p="$peak" -v e="$1" -v l="$2" 'BEGIN {
         exit !(f > e * 0.98 && f < e * 1.02 && (l == 0 || (p > l * 0.9 && p < l * 1.1))) }' ||
         fail "$4 sounds at $frequency Hz with a peak of $peak, not $1 Hz at ${2/0/its level}"
