@@ -22,10 +22,8 @@ constexpr int FakeNDIFourCC(const char (&text)[5]) {
 }
 
 struct FakeNDISender {
-    // The name as the finder reports it, byte for byte (it need not be UTF-8), and the address (may be
-    // null). Both are copied.
+    // The name as the finder reports it, byte for byte (it need not be UTF-8), copied; it has no address.
     const char* name = nullptr;
-    const char* url = nullptr;
 
     // Pictures: `fourcc` 0 sends none. Every pixel of a picture is `colour` (B | G << 8 | R << 16 | A << 24,
     // as BGRA lies in memory; BGRX sends 0 as its fourth byte, UYVY sends mid grey), rows `stride` bytes
@@ -36,10 +34,9 @@ struct FakeNDISender {
     int frameRateN = 30, frameRateD = 1;
 
     // Sound: `soundFourcc` 0 sends none. Planar float samples at `sampleRate`, each of `channelCount`
-    // channels a sine of `toneFrequency` Hz whose peak is `toneLevel`, each channel `channelPadding` bytes
-    // past the end of the one before it.
+    // channels a sine of `toneFrequency` Hz whose peak is `toneLevel`.
     int soundFourcc = 0;
-    int sampleRate = 48000, channelCount = 2, channelPadding = 0;
+    int sampleRate = 48000, channelCount = 2;
     double toneFrequency = 1000;
     float toneLevel = 0.5f;
 
