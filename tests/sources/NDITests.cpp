@@ -66,23 +66,19 @@ TEST(NDILibraryTest, ChoosesTheFirstUsableFileElseSaysWhyTheFirstOneFoundCannotB
     const std::string text = place("text", nullptr);
     std::ofstream(text) << "not a library\n";
 
-    auto none = NDILibrary::chooseFrom({missing});
+    auto none = NDILibrary::chooseFrom({missing, "/nowhere/libndi.so.6"});
     EXPECT_FALSE(none->isAvailable());
-    EXPECT_EQ(none->reason(), "libndi.so.6 was not found in " + missing);
-    EXPECT_EQ(NDILibrary::chooseFrom({missing, "/nowhere/libndi.so.6"})->reason(),
-              "libndi.so.6 was not found in " + missing + ", /nowhere/libndi.so.6");
+    EXPECT_EQ(none->reason(), "libndi.so.6 was not found in " + missing + ", /nowhere/libndi.so.6");
 
     auto chosen = NDILibrary::chooseFrom({missing, text, empty, good});
     ASSERT_TRUE(chosen->isAvailable()) << chosen->reason();
     EXPECT_EQ(chosen->path(), good);
     EXPECT_EQ(chosen->version(), "NDI SDK LINUX fake 6.0");
     EXPECT_EQ(chosen->reason(), "");
-    EXPECT_NE(chosen->functions(), nullptr);
 
     auto notLibrary = NDILibrary::chooseFrom({text, empty});
     EXPECT_FALSE(notLibrary->isAvailable());
     EXPECT_TRUE(notLibrary->reason().starts_with(text + " is not an NDI library (")) << notLibrary->reason();
-    EXPECT_EQ(notLibrary->functions(), nullptr);
     EXPECT_EQ(NDILibrary::chooseFrom({empty, text})->reason(), empty + " is not an NDI library");
     EXPECT_EQ(NDILibrary::makeWithPath("")->reason(), "libndi.so.6 was not found");
     EXPECT_EQ(NDILibrary::makeWithPath(missing)->reason(), "libndi.so.6 was not found at " + missing);
@@ -94,23 +90,15 @@ TEST(NDILibraryTest, ChoosesTheFirstUsableFileElseSaysWhyTheFirstOneFoundCannotB
         unsetenv(variable);
         EXPECT_FALSE(refused->isAvailable()) << variable;
         EXPECT_EQ(refused->reason(), "this computer cannot run NDI") << variable;
-        EXPECT_EQ(refused->version(), "") << variable;
     }
     fs::remove_all(root);
 }
 
 TEST(NDIDirectoryTest, WithoutTheRuntimeListsNothingConnectsToNothingAndStartsNoThread) {
-    FakeNDISender sender;
-    sender.name = "HOST (Camera)";
-    const int id = FakeNDI_AddSender(&sender);
-    {
-        NDIDirectory directory(NDILibrary::makeWithReason("libndi.so.6 was not found"));
-        EXPECT_TRUE(directory.availableSources().empty());
-        EXPECT_EQ(directory.connectToSourceWithTitle("HOST (Camera)", testing::Engine("processor")), nullptr);
-        EXPECT_EQ(ThreadsNamed("NDIFinder"), 0);
-        EXPECT_EQ(FakeNDI_FinderCount(), 0);
-    }
-    FakeNDI_RemoveSender(id);
+    NDIDirectory directory(NDILibrary::makeWithReason("libndi.so.6 was not found"));
+    EXPECT_TRUE(directory.availableSources().empty());
+    EXPECT_EQ(directory.connectToSourceWithTitle("HOST (Camera)", testing::Engine("processor")), nullptr);
+    EXPECT_EQ(ThreadsNamed("NDIFinder"), 0);
 }
 
 class NDITest : public ::testing::Test {
@@ -204,7 +192,6 @@ TEST_P(NDIPictureTest, BGRXArrivesOpaqueAndBGRAKeepsItsAlphaWhateverTheRowPaddin
             return received != nullptr;
         }));
         source->stop();
-        EXPECT_EQ(source->kind(), SourceKindNDI);
         EXPECT_DOUBLE_EQ(source->framesPerSecond(), rate);
         const auto& engine = testing::Engine(GetParam());
         EXPECT_EQ(engine->isProcessor(), std::dynamic_pointer_cast<MemoryPicture>(received) != nullptr);
@@ -259,27 +246,20 @@ TEST_F(NDITest, WhatItCannotTakeIsDroppedAndLoggedOncePerSourceWhileTheSourceSta
     EXPECT_EQ(lines.size(), expected.size());
 }
 
-// Planar float sound becomes stereo blocks at the sender's rate, one channel on both sides. A source
-// counts as sending sound until three seconds after its last block, and as alive for three seconds after
-// it was made, then only while its sender counts the connection.
-TEST_F(NDITest, SoundBecomesStereoBlocksAndTheThreeSecondRulesHold) {
+// A source counts as sending sound until three seconds after its last block, and as alive for three
+// seconds after it was made, then only while its sender counts the connection. (What the sound holds is
+// measured on a take's decoded movies.)
+TEST_F(NDITest, SoundAndLifeFollowTheirThreeSecondRules) {
     FakeNDISender sender = Sender("HOST (S)");
     sender.fourcc = 0;
     sender.soundFourcc = FakeNDIFourCC("FLTp");
-    sender.sampleRate = 44100, sender.channelCount = 1, sender.toneLevel = 0.25f;
     const int id = add(sender);
     NDIDirectory directory(library);
     auto source = connect(directory, "HOST (S)");
     ASSERT_NE(source, nullptr);
     const double made = MediaClock::now();
-    std::mutex lock;
-    std::vector<std::shared_ptr<SourceSound>> blocks;
-    double last = 0;
-    source->setSoundHandler([&](const std::shared_ptr<SourceSound>& sound) {
-        std::lock_guard guard(lock);
-        blocks.push_back(sound);
-        last = MediaClock::now();
-    });
+    std::atomic<double> last = 0;
+    source->setSoundHandler([&](const std::shared_ptr<SourceSound>&) { last = MediaClock::now(); });
     ASSERT_TRUE(WaitFor([&] { return source->hasSound(); }));
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     FakeNDI_RemoveSender(id);
@@ -287,19 +267,7 @@ TEST_F(NDITest, SoundBecomesStereoBlocksAndTheThreeSecondRulesHold) {
     EXPECT_TRUE(WaitFor([&] { return !source->isAlive(); }, 10));
     EXPECT_GE(MediaClock::now() - made, NDISource::ConnectionGrace - 0.1); // made a moment before `made`
     EXPECT_TRUE(WaitFor([&] { return !source->hasSound(); }, 10));
-    std::lock_guard guard(lock);
     EXPECT_GE(MediaClock::now() - last, NDISource::SoundInterval - 0.1);
-    ASSERT_FALSE(blocks.empty());
-    float peak = 0;
-    for (const auto& block : blocks) {
-        EXPECT_EQ(block->sampleRate(), 44100);
-        EXPECT_EQ(block->frameCount(), 441u);
-        for (uint64_t i = 0; i < block->frameCount(); ++i) {
-            ASSERT_EQ(block->samples()[2 * i], block->samples()[2 * i + 1]);
-            peak = std::max(peak, block->samples()[2 * i]);
-        }
-    }
-    EXPECT_NEAR(peak, 0.25f, 0.01f);
 }
 
 TEST_F(NDITest, StopLetsGoOfTheReceiverAndFromAHandlerReturnsAtOnce) {
