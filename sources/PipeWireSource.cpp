@@ -11,6 +11,7 @@
 #include <spa/buffer/meta.h>
 #include <spa/param/video/format-utils.h>
 
+#include <algorithm>
 #include <mutex>
 #include <optional>
 
@@ -136,11 +137,17 @@ struct PipeWireSource::State {
             rate = fraction.denom ? double(fraction.num) / fraction.denom : 0;
         }
         // Pictures in memory that this process can map, and the publisher's word on which way up they are.
+        // The size is what any of the layouts needs with its rows padded, for publishers that state none
+        // before their first picture: GStreamer's pipewiresink of PipeWire 0.3.65 then crashes on buffers
+        // of no size. A publisher that states its own size keeps it.
+        const int32_t size =
+            int32_t(std::min<uint64_t>(4ull * RoundUp(width, 2) * RoundUp(height, 2), INT32_MAX));
         uint8_t bytes[256];
         spa_pod_builder builder = SPA_POD_BUILDER_INIT(bytes, sizeof bytes);
         const spa_pod* params[2];
         params[0] = static_cast<const spa_pod*>(spa_pod_builder_add_object(
-            &builder, SPA_TYPE_OBJECT_ParamBuffers, SPA_PARAM_Buffers, SPA_PARAM_BUFFERS_dataType,
+            &builder, SPA_TYPE_OBJECT_ParamBuffers, SPA_PARAM_Buffers, SPA_PARAM_BUFFERS_size,
+            SPA_POD_CHOICE_RANGE_Int(size, 1, INT32_MAX), SPA_PARAM_BUFFERS_dataType,
             SPA_POD_CHOICE_FLAGS_Int((1 << SPA_DATA_MemPtr) | (1 << SPA_DATA_MemFd))));
         params[1] = static_cast<const spa_pod*>(
             spa_pod_builder_add_object(&builder, SPA_TYPE_OBJECT_ParamMeta, SPA_PARAM_Meta,
