@@ -90,6 +90,7 @@ TEST(CommandQueue, HoldsWhatItsBuffersUseUntilDoneAndClosingWaitsForCommittedWor
     EXPECT_FALSE(lateCalled);
 
     // A handler may let go of the last hold on its queue, which then goes away on its own thread.
+    const long holds = testing::SharedDevice().use_count();
     queue = MakeQueue();
     std::promise<void> done;
     auto buffer = Clear(*queue, MakeSolidTexture(8, 8, {}), {0, 0, 0, 1});
@@ -101,6 +102,10 @@ TEST(CommandQueue, HoldsWhatItsBuffersUseUntilDoneAndClosingWaitsForCommittedWor
     buffer.reset();
     queue.reset();
     EXPECT_EQ(done.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    // That thread then lets go of the device: the process must not end under it, or the Vulkan loader's
+    // own teardown at exit races with it.
+    for (int waited = 0; waited < 3000 && testing::SharedDevice().use_count() > holds; ++waited)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
 }
 
 TEST(CommandQueue, ThreadsRecordAndCommitAtOnce) {
