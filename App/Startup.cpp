@@ -1,0 +1,69 @@
+#include "App/Startup.h"
+#include "App/CommandLine.h"
+#include "App/SettingsMigration.h"
+#include "App/Version.h"
+
+#include "core/RecorderController.h"
+#include "platform/EventLoop.h"
+#include "platform/Log.h"
+#include "platform/SettingsStore.h"
+#include "remote/NetworkPorts.h"
+#include "remote/RecorderNetwork.h"
+#include "sources/ComputerSound.h"
+#include "sources/NDILibrary.h"
+
+#include <pthread.h>
+#include <thread>
+
+namespace quorva {
+
+Result<RunningRecorder> StartRecorder(const char* logPrefix) {
+    auto engine = MakePictureEngine();
+    if (!engine)
+        return engine.error();
+    RunningRecorder recorder;
+    recorder.defaults = std::make_shared<SettingsStore>();
+    SettingsMigration::migrate(SettingsMigration::EarlierIdentifier, ApplicationIdentifier,
+                               *recorder.defaults);
+    NDILibrary::sharedLibrary();
+    recorder.controller = RecorderController::make(engine.value(), MakeSourceDirectory(),
+                                                   std::make_shared<ComputerSound>(), recorder.defaults);
+    TellNdiAvailability(*recorder.controller);
+    recorder.network = RecorderNetwork::make(recorder.controller, QUORVA_VERSION);
+    if (!recorder.network->startNetworkWithOSCPort(
+            PortFromEnvironment(OSCPortVariable, DefaultOSCPort),
+            PortFromEnvironment(OSCQueryPortVariable, DefaultOSCQueryPort), "QuorvaRecorder"))
+        Log(logPrefix, recorder.controller->error());
+    return recorder;
+}
+
+sigset_t BlockTerminationSignals() {
+    sigset_t terminationSignals;
+    sigemptyset(&terminationSignals);
+    sigaddset(&terminationSignals, SIGTERM);
+    sigaddset(&terminationSignals, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &terminationSignals, nullptr);
+    return terminationSignals;
+}
+
+void WatchTerminationSignals(sigset_t terminationSignals, std::function<void()> handler) {
+    std::thread([terminationSignals, handler = std::move(handler)] {
+        for (;;) {
+            int signal = 0;
+            if (::sigwait(&terminationSignals, &signal) != 0)
+                return;
+            EventLoop::postToMain(handler);
+        }
+    }).detach();
+}
+
+void QuitAfterTheTake(RecorderController& controller, std::function<void()> quit) {
+    if (controller.state() == RecorderState::Idle) {
+        quit();
+        return;
+    }
+    Log("QuorvaRecorder: ", "finishing the recording before quitting");
+    controller.stopWithCompletionHandler(std::move(quit));
+}
+
+} // namespace quorva
