@@ -4,6 +4,7 @@
 #include "platform/gpu/Texture.h"
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <cstdlib>
 
@@ -66,10 +67,20 @@ bool IsUsable(const vk::raii::PhysicalDevice& device) {
     });
 }
 
-vk::raii::Device MakeDevice(const vk::raii::PhysicalDevice& physicalDevice, uint32_t queueFamily) {
+bool OffersSwapChains(const vk::raii::PhysicalDevice& device) {
+    auto extensions = device.enumerateDeviceExtensionProperties();
+    return std::any_of(extensions.begin(), extensions.end(), [](const vk::ExtensionProperties& extension) {
+        return std::string_view(extension.extensionName.data()) == VK_KHR_SWAPCHAIN_EXTENSION_NAME;
+    });
+}
+
+vk::raii::Device MakeDevice(const vk::raii::PhysicalDevice& physicalDevice, uint32_t queueFamily,
+                            bool swapChains) {
     float priority = 1.0f;
     vk::DeviceQueueCreateInfo queueInfo({}, queueFamily, 1, &priority);
-    const char* extensions[] = {VK_KHR_PUSH_DESCRIPTOR_EXTENSION_NAME};
+    std::vector<const char*> extensions = {VK_KHR_PUSH_DESCRIPTOR_EXTENSION_NAME};
+    if (swapChains)
+        extensions.push_back(VK_KHR_SWAPCHAIN_EXTENSION_NAME);
     vk::StructureChain<vk::DeviceCreateInfo, vk::PhysicalDeviceVulkan12Features,
                        vk::PhysicalDeviceVulkan13Features>
         chain;
@@ -105,22 +116,47 @@ vk::raii::Sampler MakeLinearSampler(const vk::raii::Device& device) {
 struct VulkanInstance {
     vk::raii::Context context;
     vk::raii::Instance instance;
+    bool surfaces; // whether windows' surfaces can be made with it
 };
 
-Result<const vk::raii::Instance*> SharedInstance() {
+// The surface extensions for the window systems that the loader knows, for the monitor's window. A
+// machine without them (a server, a test run without a display) still draws and records.
+std::vector<const char*> SurfaceExtensions(const vk::raii::Context& context) {
+    static constexpr const char* WindowSystems[] = {"VK_KHR_xcb_surface", "VK_KHR_xlib_surface",
+                                                    "VK_KHR_wayland_surface"};
+    auto offered = context.enumerateInstanceExtensionProperties();
+    auto isOffered = [&](std::string_view name) {
+        return std::any_of(offered.begin(), offered.end(), [&](const vk::ExtensionProperties& extension) {
+            return std::string_view(extension.extensionName.data()) == name;
+        });
+    };
+    std::vector<const char*> extensions;
+    if (!isOffered(VK_KHR_SURFACE_EXTENSION_NAME))
+        return extensions;
+    for (const char* name : WindowSystems) {
+        if (isOffered(name))
+            extensions.push_back(name);
+    }
+    if (!extensions.empty())
+        extensions.push_back(VK_KHR_SURFACE_EXTENSION_NAME);
+    return extensions;
+}
+
+Result<const VulkanInstance*> SharedInstance() {
     static const Result<VulkanInstance*> shared = []() -> Result<VulkanInstance*> {
         try {
             vk::raii::Context context;
             vk::ApplicationInfo application("QuorvaRecorder", 1, "QuorvaRecorder", 1, VK_API_VERSION_1_3);
-            vk::raii::Instance instance(context, vk::InstanceCreateInfo({}, &application));
-            return new VulkanInstance{std::move(context), std::move(instance)};
+            std::vector<const char*> extensions = SurfaceExtensions(context);
+            vk::raii::Instance instance(context, vk::InstanceCreateInfo({}, &application, {}, extensions));
+            return new VulkanInstance{std::move(context), std::move(instance), !extensions.empty()};
         } catch (const std::exception& exception) {
             return GpuError(std::string("Vulkan could not be started: ") + exception.what());
         }
     }();
     if (!shared)
         return shared.error();
-    return &shared.value()->instance;
+    return shared.value();
 }
 
 vk::raii::CommandBuffer MakeCommandBuffer(const vk::raii::Device& device, const vk::raii::CommandPool& pool) {
@@ -149,11 +185,11 @@ std::optional<size_t> ChooseGpu(const std::vector<GpuCandidate>& candidates, std
 }
 
 Result<std::shared_ptr<GpuDevice>> GpuDevice::make() {
-    Result<const vk::raii::Instance*> instance = SharedInstance();
+    Result<const VulkanInstance*> instance = SharedInstance();
     if (!instance)
         return instance.error();
     try {
-        vk::raii::PhysicalDevices physicalDevices(*instance.value());
+        vk::raii::PhysicalDevices physicalDevices(instance.value()->instance);
         std::vector<GpuCandidate> candidates;
         for (const auto& physicalDevice : physicalDevices) {
             auto properties = physicalDevice.getProperties();
@@ -174,8 +210,9 @@ Result<std::shared_ptr<GpuDevice>> GpuDevice::make() {
         }
         vk::raii::PhysicalDevice physicalDevice = std::move(physicalDevices[*chosen]);
         uint32_t family = *GraphicsQueueFamily(physicalDevice);
-        auto device =
-            std::shared_ptr<GpuDevice>(new GpuDevice(*instance.value(), std::move(physicalDevice), family));
+        const bool presents = instance.value()->surfaces && OffersSwapChains(physicalDevice);
+        auto device = std::shared_ptr<GpuDevice>(
+            new GpuDevice(instance.value()->instance, std::move(physicalDevice), family, presents));
         Log("GPU: ", "using " + device->name());
         return device;
     } catch (const std::exception& exception) {
@@ -184,13 +221,13 @@ Result<std::shared_ptr<GpuDevice>> GpuDevice::make() {
 }
 
 GpuDevice::GpuDevice(const vk::raii::Instance& instance, vk::raii::PhysicalDevice physicalDevice,
-                     uint32_t queueFamily)
+                     uint32_t queueFamily, bool presents)
     : _instance(instance), _physicalDevice(std::move(physicalDevice)), _queueFamily(queueFamily),
-      _name(_physicalDevice.getProperties().deviceName.data()),
+      _presents(presents), _name(_physicalDevice.getProperties().deviceName.data()),
       _type(_physicalDevice.getProperties().deviceType),
       _maximumTextureSize(_physicalDevice.getProperties().limits.maxImageDimension2D),
       _memoryProperties(_physicalDevice.getMemoryProperties()),
-      _device(MakeDevice(_physicalDevice, queueFamily)), _queue(_device, queueFamily, 0),
+      _device(MakeDevice(_physicalDevice, queueFamily, presents)), _queue(_device, queueFamily, 0),
       _timeline(MakeTimeline(_device)), _linearSampler(MakeLinearSampler(_device)),
       _executePool(_device,
                    vk::CommandPoolCreateInfo(vk::CommandPoolCreateFlagBits::eTransient, queueFamily)),
@@ -220,17 +257,50 @@ Result<std::shared_ptr<Texture>> GpuDevice::makeTexture(uint32_t width, uint32_t
 }
 
 Result<uint64_t> GpuDevice::submit(vk::CommandBuffer commands) {
+    return submit(commands, {}, {});
+}
+
+Result<uint64_t> GpuDevice::submit(vk::CommandBuffer commands, std::optional<vk::SemaphoreSubmitInfo> wait,
+                                   std::optional<vk::SemaphoreSubmitInfo> signal) {
     std::lock_guard lock(_queueLock);
     uint64_t value = _submitted + 1;
     vk::CommandBufferSubmitInfo commandInfo(commands);
-    vk::SemaphoreSubmitInfo signal(*_timeline, value, vk::PipelineStageFlagBits2::eAllCommands);
+    std::array<vk::SemaphoreSubmitInfo, 2> signals = {
+        vk::SemaphoreSubmitInfo(*_timeline, value, vk::PipelineStageFlagBits2::eAllCommands)};
+    if (signal)
+        signals[1] = *signal;
+    vk::SubmitInfo2 info({}, {}, commandInfo, {});
+    info.setSignalSemaphoreInfoCount(signal ? 2 : 1).setPSignalSemaphoreInfos(signals.data());
+    if (wait)
+        info.setWaitSemaphoreInfos(*wait);
     try {
-        _queue.submit2(vk::SubmitInfo2({}, {}, commandInfo, signal));
+        _queue.submit2(info);
     } catch (const std::exception& exception) {
         return GpuError(std::string("The GPU refused the commands: ") + exception.what());
     }
     _submitted = value;
     return value;
+}
+
+Result<vk::Result> GpuDevice::present(const vk::PresentInfoKHR& info) {
+    std::lock_guard lock(_queueLock);
+    try {
+        return _queue.presentKHR(info);
+    } catch (const vk::OutOfDateKHRError&) {
+        return vk::Result::eErrorOutOfDateKHR;
+    } catch (const std::exception& exception) {
+        return GpuError(std::string("The picture could not be presented: ") + exception.what());
+    }
+}
+
+Result<void> GpuDevice::waitUntilIdle() {
+    std::lock_guard lock(_queueLock);
+    try {
+        _queue.waitIdle();
+    } catch (const std::exception& exception) {
+        return GpuError(std::string("The GPU failed: ") + exception.what());
+    }
+    return {};
 }
 
 Result<void> GpuDevice::waitUntilCompleted(uint64_t value) const {

@@ -53,7 +53,11 @@ public:
     // A new picture of that size; its contents are undefined until it is drawn into or replaced.
     Result<std::shared_ptr<Texture>> makeTexture(uint32_t width, uint32_t height);
 
-    // For the rest of the GPU layer (and, later, the preview's swap chain).
+    // Whether the monitor can present to windows with this device: the loader offered a window system's
+    // surfaces and the device swap chains.
+    bool presents() const { return _presents; }
+
+    // For the rest of the GPU layer and the monitor's swap chain.
     const vk::raii::Instance& instance() const { return _instance; }
     const vk::raii::PhysicalDevice& physicalDevice() const { return _physicalDevice; }
     const vk::raii::Device& device() const { return _device; }
@@ -64,6 +68,16 @@ public:
     // Submits recorded commands; answers the timeline value that marks their completion. The queue
     // needs external synchronisation, which this provides.
     Result<uint64_t> submit(vk::CommandBuffer commands);
+    // The same, also waiting for `wait` before `commands` run (a swap chain image's acquisition) and
+    // signalling `signal` once they have (for its presentation).
+    Result<uint64_t> submit(vk::CommandBuffer commands, std::optional<vk::SemaphoreSubmitInfo> wait,
+                            std::optional<vk::SemaphoreSubmitInfo> signal);
+    // Presents on the device's queue; answers success, suboptimal or out of date (the swap chain must
+    // then be made again), or the failure.
+    Result<vk::Result> present(const vk::PresentInfoKHR& info);
+    // Blocks until the queue has finished everything, presentations included: only then may a swap
+    // chain go.
+    Result<void> waitUntilIdle();
     // Blocks until the submission that answered `value` has completed on the GPU.
     Result<void> waitUntilCompleted(uint64_t value) const;
     // Records commands with `record`, submits them and waits until they have completed: for the
@@ -72,11 +86,12 @@ public:
 
 private:
     GpuDevice(const vk::raii::Instance& instance, vk::raii::PhysicalDevice physicalDevice,
-              uint32_t queueFamily);
+              uint32_t queueFamily, bool presents);
 
     const vk::raii::Instance& _instance; // the process's, which outlives every device
     vk::raii::PhysicalDevice _physicalDevice;
     uint32_t _queueFamily;
+    bool _presents;
     std::string _name;
     vk::PhysicalDeviceType _type;
     uint32_t _maximumTextureSize;

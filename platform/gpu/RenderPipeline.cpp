@@ -1,7 +1,5 @@
 #include "platform/gpu/RenderPipeline.h"
 
-#include "platform/gpu/Texture.h"
-
 #include <shaderc/shaderc.hpp>
 
 #include <map>
@@ -148,7 +146,7 @@ Result<std::shared_ptr<RenderPipeline>> RenderPipeline::make(std::shared_ptr<Gpu
         vk::PipelineColorBlendStateCreateInfo blending({}, false, vk::LogicOp::eCopy, blend);
         vk::DynamicState dynamicStates[] = {vk::DynamicState::eViewport, vk::DynamicState::eScissor};
         vk::PipelineDynamicStateCreateInfo dynamic({}, dynamicStates);
-        vk::Format format = Texture::Format;
+        vk::Format format = description.targetFormat;
         vk::StructureChain<vk::GraphicsPipelineCreateInfo, vk::PipelineRenderingCreateInfo> chain;
         chain.get<vk::PipelineRenderingCreateInfo>().setColorAttachmentFormats(format);
         chain.get<vk::GraphicsPipelineCreateInfo>()

@@ -2,6 +2,7 @@
 
 #include "platform/Error.h"
 #include "platform/gpu/GpuDevice.h"
+#include "platform/gpu/Texture.h"
 
 #include <cstdint>
 #include <memory>
@@ -30,9 +31,11 @@ struct RenderPipelineDescription {
     std::string_view fragmentEntry;
     uint32_t constantsSize = 0;
     bool samplesTexture = false;
+    // What it draws into: textures, or a window's swap chain images.
+    vk::Format targetFormat = Texture::Format;
 };
 
-// A render pipeline compiled at run time: triangle strips drawn into one texture, no blending (what is
+// A render pipeline compiled at run time: triangle strips drawn into one image, no blending (what is
 // drawn replaces what was there). Immutable, and usable from any thread.
 class RenderPipeline {
 public:

@@ -1,0 +1,64 @@
+#pragma once
+
+#include <QTimer>
+#include <QWidget>
+
+#include <array>
+#include <functional>
+#include <memory>
+#include <vector>
+
+namespace quorva {
+
+class Picture;
+class PictureEngine;
+
+// The picture to show now, and whether it is stored bottom-up; asked on every redraw, never kept.
+struct PreviewFrame {
+    std::shared_ptr<Picture> picture;
+    bool flipped = false;
+};
+using PreviewProvider = std::function<PreviewFrame()>;
+
+// Half the width and height, in the view's normalised coordinates (-1 to 1), of a picture fitted inside
+// the view without distortion and centred: bars fill the rest.
+struct PreviewExtent {
+    double x = 0, y = 0;
+};
+PreviewExtent FittedExtent(double pictureWidth, double pictureHeight, double viewWidth, double viewHeight);
+
+// The quad of a fitted picture as a four-vertex triangle strip, each vertex (x, y, u, v) with y up: a
+// flipped picture is turned the right way up by swapping the v coordinates.
+std::array<float, 16> PreviewVertices(PreviewExtent extent, bool flipped);
+
+// The rate when not limited: the fastest screen's, never below 60.
+double FullPreviewRate(const std::vector<double>& screenRates);
+
+// The monitor: the provider's picture letterboxed on black, redrawn at the full rate, or at
+// RecorderLimitedDisplayRate while limited. An empty frame shows black, still redrawn every time.
+class PreviewView : public QWidget {
+public:
+    // Draws with the engine's own means: Vulkan into a window surface on the GPU, the processor's
+    // pictures straight from memory otherwise.
+    static PreviewView* make(const std::shared_ptr<PictureEngine>& engine, PreviewProvider provider,
+                             bool limited, QWidget* parent = nullptr);
+
+    // Changes the rate without making the view again.
+    void setLimited(bool limited);
+    bool isLimited() const { return _limited; }
+    double rate() const;
+
+protected:
+    PreviewView(PreviewProvider provider, bool limited, QWidget* parent);
+    // Called at the view's rate.
+    virtual void redraw() = 0;
+    PreviewFrame frame() const { return _provider(); }
+
+private:
+    const PreviewProvider _provider;
+    const double _fullRate;
+    bool _limited;
+    QTimer _timer;
+};
+
+} // namespace quorva

@@ -1,0 +1,103 @@
+// The monitor's geometry and rates, and its drawing of the processor's pictures.
+#include "App/Preview.h"
+
+#include "core/CompositionScheduler.h"
+#include "platform/MemoryPicture.h"
+#include "platform/PictureEngine.h"
+#include "tests/platform/PictureTesting.h"
+
+#include <QApplication>
+#include <QImage>
+
+#include <gtest/gtest.h>
+
+namespace quorva {
+namespace {
+
+TEST(PreviewGeometry, FitsWithoutDistortionAndFlipsBySwappingTheTextureRows) {
+    // A 16:9 picture in a square view fills the width, with bars above and below.
+    const PreviewExtent wide = FittedExtent(1920, 1080, 500, 500);
+    EXPECT_DOUBLE_EQ(wide.x, 1);
+    EXPECT_DOUBLE_EQ(wide.y, 0.5625);
+    // A tall one in a wide view fills the height.
+    const PreviewExtent tall = FittedExtent(100, 400, 800, 200);
+    EXPECT_DOUBLE_EQ(tall.x, 0.0625);
+    EXPECT_DOUBLE_EQ(tall.y, 1);
+    EXPECT_DOUBLE_EQ(FittedExtent(1920, 1080, 0, 500).x, 0);
+
+    const auto upright = PreviewVertices(wide, false), flipped = PreviewVertices(wide, true);
+    for (int vertex = 0; vertex < 4; ++vertex) {
+        EXPECT_EQ(upright[vertex * 4], flipped[vertex * 4]);         // x
+        EXPECT_EQ(upright[vertex * 4 + 1], flipped[vertex * 4 + 1]); // y
+        EXPECT_EQ(upright[vertex * 4 + 3], 1 - flipped[vertex * 4 + 3]);
+    }
+    // The first vertex is the bottom left corner, which shows the picture's last row when upright.
+    EXPECT_EQ(upright[1], -0.5625f);
+    EXPECT_EQ(upright[3], 1.0f);
+}
+
+TEST(PreviewGeometry, TheFullRateIsTheFastestScreensAndNeverBelowSixty) {
+    EXPECT_EQ(FullPreviewRate({}), 60);
+    EXPECT_EQ(FullPreviewRate({50, 59.9}), 60);
+    EXPECT_EQ(FullPreviewRate({60, 144, 120}), 144);
+}
+
+class ProcessorPreviewTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        static int argc = 1;
+        static char name[] = "window_tests";
+        static char* argv[] = {name, nullptr};
+        if (!QApplication::instance())
+            new QApplication(argc, argv);
+    }
+    std::shared_ptr<PictureEngine> engine = testing::Engine("processor");
+};
+
+// What the view draws, read from the widget itself.
+QImage Drawn(PreviewView& view) {
+    view.resize(400, 400);
+    return view.grab().toImage();
+}
+
+TEST_F(ProcessorPreviewTest, LetterboxesThePictureOnBlackAndShowsBlackWithout) {
+    auto picture = MemoryPicture::make(1920, 1080).value();
+    for (uint32_t y = 0; y < 1080; ++y)
+        for (uint32_t x = 0; x < 1920; ++x) {
+            uint8_t* pixel = picture->row(y) + 4 * x;
+            const bool left = x < 960;
+            pixel[0] = left ? 0 : 255, pixel[1] = 0, pixel[2] = left ? 255 : 0, pixel[3] = 0; // alpha ignored
+        }
+    std::shared_ptr<Picture> shown = picture;
+    std::unique_ptr<PreviewView> view(PreviewView::make(
+        engine,
+        [&] {
+            return PreviewFrame{shown, false};
+        },
+        false));
+    QImage image = Drawn(*view);
+    EXPECT_EQ(image.pixelColor(200, 20), QColor(Qt::black));  // the bar above
+    EXPECT_EQ(image.pixelColor(200, 380), QColor(Qt::black)); // and below
+    // Within what the scaling's filter rounds.
+    EXPECT_GE(image.pixelColor(50, 200).red(), 250);
+    EXPECT_EQ(image.pixelColor(50, 200).blue(), 0);
+    EXPECT_GE(image.pixelColor(350, 200).blue(), 250);
+    EXPECT_EQ(image.pixelColor(350, 200).red(), 0);
+
+    shown = nullptr;
+    image = Drawn(*view);
+    EXPECT_EQ(image.pixelColor(200, 200), QColor(Qt::black));
+}
+
+TEST_F(ProcessorPreviewTest, ChangesItsRateWhenLimitedWithoutBeingMadeAgain) {
+    std::unique_ptr<PreviewView> view(PreviewView::make(
+        engine, [] { return PreviewFrame{}; }, true));
+    EXPECT_EQ(view->rate(), RecorderLimitedDisplayRate);
+    view->setLimited(false);
+    EXPECT_GE(view->rate(), 60);
+    view->setLimited(true);
+    EXPECT_EQ(view->rate(), RecorderLimitedDisplayRate);
+}
+
+} // namespace
+} // namespace quorva

@@ -1,0 +1,206 @@
+// The monitor drawn with Vulkan into a real window of an X display (Xvfb), read back from the screen as
+// a user would see it.
+
+#include "App/Preview.h"
+#include "platform/Log.h"
+#include "platform/MemoryPicture.h"
+#include "platform/PictureEngine.h"
+#include "platform/gpu/GpuDevice.h"
+#include "platform/gpu/GpuPictureEngine.h"
+
+#include <QApplication>
+#include <QElapsedTimer>
+#include <QImage>
+#include <QPixmap>
+#include <QScreen>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <functional>
+#include <memory>
+#include <string>
+#include <sys/stat.h>
+#include <vector>
+
+namespace quorva {
+namespace {
+
+constexpr QRgb Black = qRgb(0, 0, 0);
+constexpr QRgb Red = qRgb(255, 0, 0);
+constexpr QRgb Blue = qRgb(0, 0, 255);
+constexpr QRgb Green = qRgb(0, 255, 0);
+constexpr QRgb White = qRgb(255, 255, 255);
+
+// A point of the view, in its own coordinates, and the colour it must show there.
+struct Expected {
+    int x, y;
+    QRgb colour;
+};
+
+bool Near(QRgb a, QRgb b) {
+    auto near = [](int p, int q) { return std::abs(p - q) <= 8; };
+    return near(qRed(a), qRed(b)) && near(qGreen(a), qGreen(b)) && near(qBlue(a), qBlue(b));
+}
+
+std::string Describe(QRgb colour) {
+    return "(r " + std::to_string(qRed(colour)) + ", g " + std::to_string(qGreen(colour)) + ", b " +
+           std::to_string(qBlue(colour)) + ")";
+}
+
+class VulkanPreviewTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        // The GPU engine even on lavapipe, which the program would otherwise leave to the processor.
+        setenv("QUORVA_PICTURES", "vulkan", 1);
+        // The Vulkan loader complains without a private runtime folder.
+        if (const char* runtime = std::getenv("XDG_RUNTIME_DIR"); !runtime || !*runtime) {
+            std::string folder = "/tmp/quorva-test-runtime-" + std::to_string(getuid());
+            mkdir(folder.c_str(), 0700);
+            setenv("XDG_RUNTIME_DIR", folder.c_str(), 1);
+        }
+        static int argc = 1;
+        static char name[] = "vulkan_preview_tests";
+        static char* argv[] = {name, nullptr};
+        application = new QApplication(argc, argv);
+        SetLogSink([](const std::string& line) { logged.push_back(line); });
+        Result<std::shared_ptr<GpuDevice>> device = GpuDevice::make();
+        ASSERT_TRUE(device) << device.error().message();
+        Result<std::shared_ptr<PictureEngine>> made = PictureEngine::make(device.value());
+        ASSERT_TRUE(made) << made.error().message();
+        engine = made.value();
+        ASSERT_TRUE(std::dynamic_pointer_cast<GpuPictureEngine>(engine)) << engine->name();
+    }
+
+    static void TearDownTestSuite() {
+        engine.reset();
+        SetLogSink(nullptr);
+        delete application;
+        application = nullptr;
+    }
+
+    void SetUp() override {
+        if (!engine)
+            GTEST_SKIP() << "no GPU engine";
+        logged.clear();
+    }
+
+    void TearDown() override {
+        delete view;
+        view = nullptr;
+    }
+
+    // A 1920 × 1080 picture of the engine, its colour at each pixel given by `colourAt`.
+    static std::shared_ptr<Picture> MakePicture(const std::function<QRgb(uint32_t x, uint32_t y)>& colourAt) {
+        Result<std::shared_ptr<MemoryPicture>> memory = MemoryPicture::make(1920, 1080);
+        if (!memory)
+            return nullptr;
+        for (uint32_t y = 0; y < 1080; ++y) {
+            auto* row = reinterpret_cast<uint32_t*>(memory.value()->row(y));
+            for (uint32_t x = 0; x < 1920; ++x)
+                row[x] = colourAt(x, y) | 0xff000000u; // BGRA in memory: 0xAARRGGBB as a word
+        }
+        Result<std::shared_ptr<Picture>> adopted = engine->adopt(memory.value());
+        EXPECT_TRUE(adopted) << adopted.error().message();
+        return adopted ? adopted.value() : nullptr;
+    }
+
+    void show(int width, int height) {
+        view = PreviewView::make(
+            engine, [this] { return shown; }, false);
+        view->resize(width, height);
+        view->show();
+    }
+
+    // Waits (up to 20 seconds: lavapipe under the sanitizers is slow) until the screen shows every
+    // expected colour, then checks them, with the log of the view when they are wrong.
+    void expectScreen(const std::vector<Expected>& expected) {
+        QImage image;
+        auto matches = [&] {
+            for (const Expected& e : expected) {
+                if (!Near(pixel(image, e.x, e.y), e.colour))
+                    return false;
+            }
+            return true;
+        };
+        QElapsedTimer waited;
+        waited.start();
+        do {
+            QApplication::processEvents(QEventLoop::AllEvents, 50);
+            image = view->screen()->grabWindow(view->winId()).toImage().convertToFormat(QImage::Format_RGB32);
+        } while (!matches() && waited.elapsed() < 20000);
+        std::string log;
+        for (const std::string& line : logged)
+            log += line + "\n";
+        for (const Expected& e : expected)
+            EXPECT_TRUE(Near(pixel(image, e.x, e.y), e.colour))
+                << "at (" << e.x << ", " << e.y << ") the screen shows " << Describe(pixel(image, e.x, e.y))
+                << ", not " << Describe(e.colour) << "\n"
+                << log;
+    }
+
+    // The view gave up on nothing.
+    static void expectNothingLogged() {
+        for (const std::string& line : logged)
+            EXPECT_EQ(line.find("monitor"), std::string::npos) << line;
+    }
+
+    // The screen's pixel at a point of the view (the grab is in device pixels).
+    QRgb pixel(const QImage& image, int x, int y) const {
+        if (image.isNull() || view->width() == 0)
+            return qRgb(1, 2, 3);
+        const double scale = double(image.width()) / view->width();
+        const QPoint at(int(x * scale), int(y * scale));
+        return image.valid(at) ? image.pixel(at) : qRgb(1, 2, 3);
+    }
+
+    static inline QApplication* application = nullptr;
+    static inline std::shared_ptr<PictureEngine> engine;
+    static inline std::vector<std::string> logged;
+
+    PreviewFrame shown;
+    PreviewView* view = nullptr;
+};
+
+TEST_F(VulkanPreviewTest, LetterboxesThePictureAndFollowsTheViewsSize) {
+    shown.picture = MakePicture([](uint32_t x, uint32_t) { return x < 960 ? Red : Blue; });
+    ASSERT_TRUE(shown.picture);
+    // In a square of 400 the picture is 400 × 225, with bars of 87.5 above and below.
+    show(400, 400);
+    expectScreen({{200, 20, Black},
+                  {200, 84, Black},
+                  {100, 91, Red},
+                  {300, 91, Blue},
+                  {100, 309, Red},
+                  {300, 309, Blue},
+                  {200, 316, Black},
+                  {200, 380, Black}});
+    // Made wide, the view puts the bars at the sides: 533 × 300, from 33.3 to 566.7. The swap chain is
+    // made again for the new size, or the picture stays where it was.
+    view->resize(600, 300);
+    expectScreen({{10, 150, Black},
+                  {30, 150, Black},
+                  {37, 5, Red},
+                  {37, 295, Red},
+                  {563, 5, Blue},
+                  {563, 295, Blue},
+                  {570, 150, Black},
+                  {590, 150, Black}});
+    expectNothingLogged();
+}
+
+TEST_F(VulkanPreviewTest, TurnsAFlippedPictureTheRightWayUpAndShowsBlackWithoutOne) {
+    // Stored bottom-up: the first rows, green, are the bottom of the picture.
+    shown.picture = MakePicture([](uint32_t, uint32_t y) { return y < 540 ? Green : White; });
+    shown.flipped = true;
+    ASSERT_TRUE(shown.picture);
+    show(400, 400);
+    expectScreen({{200, 40, Black}, {200, 110, White}, {200, 290, Green}, {200, 360, Black}});
+    // What the view showed before must not linger.
+    shown = {};
+    expectScreen({{200, 110, Black}, {200, 290, Black}, {10, 200, Black}, {390, 200, Black}});
+    expectNothingLogged();
+}
+
+} // namespace
+} // namespace quorva
