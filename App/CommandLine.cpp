@@ -2,6 +2,7 @@
 
 #include "App/Headless.h"
 #include "App/Version.h"
+#include "App/Window.h"
 #include "core/Layout.h"
 #include "core/MovieRecorderSettings.h"
 #include "core/RecorderController.h"
@@ -23,10 +24,12 @@ namespace quorva {
 namespace {
 
 constexpr const char* Usage =
-    "Usage: quorvarecorder COMMAND [OPTIONS]\n"
+    "Usage: quorvarecorder [COMMAND [OPTIONS]]\n"
     "       quorvarecorder --help | --version\n"
     "\n"
     "QuorvaRecorder records up to eight live sources on one clock into QuickTime movies.\n"
+    "\n"
+    "Without a command it opens its window.\n"
     "\n"
     "Commands:\n"
     "  sources     list the sources that can be recorded now\n"
@@ -229,10 +232,8 @@ Result<std::shared_ptr<PictureEngine>> MakePictureEngine() {
 }
 
 int RunCommandLine(int argc, char** argv) {
-    if (argc < 2) {
-        std::fputs(Usage, stderr);
-        return ExitUsage;
-    }
+    if (argc < 2)
+        return RunWindow(argc, argv);
     std::string_view first = argv[1];
     if (first == "-h" || first == "--help" || first == "help") {
         std::fputs(Usage, stdout);

@@ -94,7 +94,8 @@ Test Pattern Alpha 1080p30" ] || fail "quorvarecorder sources listed: $(cat "$wo
 # Mistakes: the status, and what the message says.
 while IFS='|' read -r expected message arguments; do
     eval "set -- $arguments"
-    output=$("$recorder" "$@" 2>&1 >/dev/null)
+    # The window needs a display, which none of these has.
+    output=$(env -u DISPLAY -u WAYLAND_DISPLAY "$recorder" "$@" 2>&1 >/dev/null)
     status=$?
     [ $status -eq "$expected" ] || fail "quorvarecorder $arguments exited with $status, not $expected"
     grep -qF -- "$message" <<<"$output" || fail "quorvarecorder $arguments said '$output', not '$message'"
@@ -103,6 +104,7 @@ done <<'EOF'
 2|--duration|record --source 720
 2|--layout must be row, column, grid or focus, not 'mosaic'|record --source 720 --duration 1 --layout mosaic
 2|unknown command 'recrod'|recrod
+2|no display to open the window on; record without one with 'quorvarecorder --headless'|
 2|--duration must be more than 0 seconds|record --source 720 --duration 0
 2|--gap must be a whole number, not '4px'|record --source 720 --duration 1 --gap=4px
 1|There is no source called “Nothing Such”|record --source 'Nothing Such' --duration 1

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <QString>
+
+namespace quorva {
+
+class SettingsStore;
+
+// The window speaks English, the language it is written in, or French. The recorder's own messages stay
+// English whatever the choice: they are the texts that OSC reads too.
+class Language {
+public:
+    static constexpr const char* Key = "org.quorva.QuorvaRecorder.language";
+
+    // "en", "fr", or "" to follow the system's locale.
+    static QString chosen(const SettingsStore& defaults);
+    static void choose(const QString& code, SettingsStore& defaults);
+    // Installs the translation of `code` ("": the system's locale's) in place of the one installed
+    // before; widgets hear of it as a language change. Needs the application object.
+    static void use(const QString& code);
+};
+
+} // namespace quorva

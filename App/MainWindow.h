@@ -1,0 +1,101 @@
+#pragma once
+
+#include <QMainWindow>
+#include <QTimer>
+
+#include <memory>
+#include <vector>
+
+class QButtonGroup;
+class QCheckBox;
+class QComboBox;
+class QDoubleSpinBox;
+class QGroupBox;
+class QLabel;
+class QLineEdit;
+class QListWidget;
+class QMenu;
+class QPushButton;
+class QSpinBox;
+
+namespace quorva {
+
+class PreviewView;
+class RecorderController;
+class RecorderNetwork;
+class SettingsStore;
+
+// The window: the sources that can be recorded and the places that hold the chosen ones, an inspector
+// of every setting, the monitor, the take bar with the record button, the status bar and the menus. It
+// follows the controller's change notifications and changes the controller only through its setters,
+// so that the window, OSC and the command line always agree. Main thread only.
+class MainWindow final : public QMainWindow {
+    Q_OBJECT
+
+public:
+    // `defaults` keeps the language chosen here.
+    MainWindow(std::shared_ptr<RecorderController> controller, std::shared_ptr<RecorderNetwork> network,
+               std::shared_ptr<SettingsStore> defaults);
+    ~MainWindow() override;
+
+    // Shows the recorder's help: what it does and every OSC address with its description.
+    void showHelp();
+
+protected:
+    // Closing never cuts a take short: the movies are finished first, then the window closes.
+    void closeEvent(QCloseEvent* event) override;
+    void changeEvent(QEvent* event) override;
+
+private:
+    void buildMenus();
+    QWidget* buildSidebar();
+    QWidget* buildInspector();
+    QWidget* buildCentre();
+    void buildStatusBar();
+    // Every text the user reads, again when the language changes.
+    void retranslate();
+    // Shows what the controller holds now.
+    void controllerChanged();
+    void showSources();
+    void showPlaces();
+    void showSettings();
+    void showStatus();
+    void chooseFolder();
+    void chooseLanguage(const QString& code);
+    // The list moved the place at `from` to before `row`.
+    void placesReordered(int from, int row);
+
+    const std::shared_ptr<RecorderController> _controller;
+    const std::shared_ptr<RecorderNetwork> _network;
+    const std::shared_ptr<SettingsStore> _defaults;
+    uint64_t _observer = 0;
+    uint64_t _errorsSeen = 0;
+    QTimer _errorTimer;
+
+    QMenu *_fileMenu = nullptr, *_recordingMenu = nullptr, *_languageMenu = nullptr, *_helpMenu = nullptr;
+    QAction *_chooseFolderAction = nullptr, *_quitAction = nullptr, *_recordAction = nullptr,
+            *_performanceAction = nullptr, *_helpAction = nullptr, *_aboutAction = nullptr;
+    std::vector<QAction*> _languageActions;
+
+    QGroupBox *_sourcesBox = nullptr, *_placesBox = nullptr, *_inspectorBox = nullptr;
+    QListWidget *_available = nullptr, *_places = nullptr;
+    QPushButton *_addButton = nullptr, *_removeButton = nullptr;
+
+    std::vector<QLabel*> _inspectorLabels;
+    QComboBox *_codec = nullptr, *_output = nullptr, *_layout = nullptr, *_sound = nullptr;
+    QSpinBox *_width = nullptr, *_height = nullptr, *_gap = nullptr;
+    QDoubleSpinBox *_fps = nullptr, *_bitrate = nullptr;
+    QCheckBox* _performance = nullptr;
+    QLineEdit *_name = nullptr, *_folder = nullptr;
+    QPushButton* _folderButton = nullptr;
+
+    PreviewView* _monitor = nullptr;
+    QLabel* _take = nullptr;
+    QPushButton* _record = nullptr;
+    QButtonGroup* _layoutPicker = nullptr;
+
+    QLabel *_state = nullptr, *_elapsed = nullptr, *_frames = nullptr, *_file = nullptr, *_error = nullptr,
+           *_ndi = nullptr, *_ports = nullptr;
+};
+
+} // namespace quorva

@@ -1,0 +1,202 @@
+// The window as a user drives it, under an X server of its own (with_xvfb.sh): the real start-up, the
+// real controller and encoders, clicks on its widgets and screenshots of the screen.
+#include "App/Language.h"
+#include "App/MainWindow.h"
+#include "App/Preview.h"
+#include "App/QtEventLoop.h"
+#include "App/SettingsMigration.h"
+#include "App/Startup.h"
+
+#include "core/RecorderController.h"
+#include "platform/SettingsStore.h"
+#include "remote/RecorderNetwork.h"
+#include "tests/core/MovieReading.h"
+
+#include <QApplication>
+#include <QLineEdit>
+#include <QListWidget>
+#include <QMenuBar>
+#include <QPushButton>
+#include <QScreen>
+#include <QTest>
+#include <QToolButton>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+
+namespace quorva {
+namespace {
+
+namespace fs = std::filesystem;
+
+// Each test starts as a new user would: no settings, its own folders.
+class WindowTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        static int argc = 1;
+        static char name[] = "window_tests";
+        static char* argv[] = {name, nullptr};
+        static QApplication application(argc, argv);
+        static auto loop = std::make_shared<QtEventLoop>();
+        EventLoop::setMainLoop(loop);
+    }
+
+    void SetUp() override {
+        fs::create_directories(_home / "config");
+        fs::create_directories(_home / "movies");
+        setenv("XDG_CONFIG_HOME", (_home / "config").c_str(), 1);
+        setenv("HOME", _home.c_str(), 1);
+        auto started = StartRecorder("WindowTest: ");
+        ASSERT_TRUE(started) << started.error().message();
+        _recorder = std::move(started.value());
+        _window = std::make_unique<MainWindow>(_recorder.controller, _recorder.network, _recorder.defaults);
+        _window->show();
+        ASSERT_TRUE(QTest::qWaitForWindowExposed(_window.get()));
+    }
+
+    void TearDown() override {
+        _window.reset();
+        _recorder.network.reset();
+        _recorder.controller.reset();
+        Language::use("en");
+        fs::remove_all(_home);
+    }
+
+    template <class Widget>
+    Widget* find(const char* name) {
+        auto* widget = _window->findChild<Widget*>(name);
+        EXPECT_NE(widget, nullptr) << name;
+        return widget;
+    }
+
+    bool waitFor(const std::function<bool()>& condition, int seconds) {
+        for (int waited = 0; waited < seconds * 1000 && !condition(); waited += 20)
+            QTest::qWait(20);
+        return condition();
+    }
+
+    const fs::path _home = fs::path(::testing::TempDir()) / ("window-" + std::to_string(::getpid()));
+    RunningRecorder _recorder;
+    std::unique_ptr<MainWindow> _window;
+};
+
+// The screenshot's pixel in the monitor at a point of the assembled picture, as the monitor fits it.
+QColor MonitorPixel(const QImage& shot, const QWidget& monitor, const QWidget& window, Size picture, double x,
+                    double y) {
+    const PreviewExtent extent =
+        FittedExtent(picture.width, picture.height, monitor.width(), monitor.height());
+    const double shownWidth = extent.x * monitor.width(), shownHeight = extent.y * monitor.height();
+    const QPoint corner = monitor.mapTo(&window, QPoint(0, 0));
+    const double left = corner.x() + (monitor.width() - shownWidth) / 2;
+    const double top = corner.y() + (monitor.height() - shownHeight) / 2;
+    return shot.pixelColor(int(left + x / picture.width * shownWidth),
+                           int(top + y / picture.height * shownHeight));
+}
+
+bool Near(const QColor& colour, int red, int green, int blue) {
+    return std::abs(colour.red() - red) <= 16 && std::abs(colour.green() - green) <= 16 &&
+           std::abs(colour.blue() - blue) <= 16;
+}
+
+TEST_F(WindowTest, RecordsTwoTestPatternsWithTheRecordButtonAndShowsThemSideBySide) {
+    auto* available = find<QListWidget>("availableSources");
+    for (const char* title : {"Test Pattern 720p30", "Test Pattern Alpha 1080p30"}) {
+        const auto items = available->findItems(title, Qt::MatchStartsWith);
+        ASSERT_EQ(items.size(), 1) << title;
+        available->setCurrentItem(items.front());
+        QTest::mouseClick(find<QPushButton>("addSource"), Qt::LeftButton);
+    }
+    EXPECT_EQ(find<QListWidget>("places")->count(), 2);
+    auto* folder = find<QLineEdit>("folder");
+    folder->setFocus();
+    folder->selectAll();
+    QTest::keyClicks(folder, QString::fromStdString((_home / "movies").string()));
+    QTest::keyClick(folder, Qt::Key_Return);
+    EXPECT_EQ(_recorder.controller->folder(), (_home / "movies").string());
+    QTest::mouseClick(find<QToolButton>("layout-row"), Qt::LeftButton);
+    EXPECT_EQ(_recorder.controller->layout(), "row");
+
+    auto* record = find<QPushButton>("record");
+    QTest::mouseClick(record, Qt::LeftButton);
+    ASSERT_EQ(_recorder.controller->state(), RecorderState::Recording) << _recorder.controller->error();
+    // Both patterns in the monitor where the row puts them: grey at the left of each top row of bars,
+    // blue at its right.
+    const Layout layout = _recorder.controller->assembledLayout();
+    ASSERT_EQ(layout.frames().size(), 2u);
+    auto* monitor = find<QWidget>("monitor");
+    auto bothShown = [&] {
+        const QImage shot = _window->screen()->grabWindow(_window->winId()).toImage();
+        for (const Rect& frame : layout.frames()) {
+            const double y = frame.y + frame.height / 10;
+            if (!Near(MonitorPixel(shot, *monitor, *_window, layout.size(), frame.x + frame.width / 14, y),
+                      191, 191, 191) ||
+                !Near(
+                    MonitorPixel(shot, *monitor, *_window, layout.size(), frame.x + frame.width * 13 / 14, y),
+                    0, 0, 191))
+                return false;
+        }
+        return true;
+    };
+    EXPECT_TRUE(waitFor(bothShown, 10));
+
+    ASSERT_TRUE(waitFor([&] { return _recorder.controller->elapsed() >= 3; }, 30));
+    QTest::mouseClick(record, Qt::LeftButton);
+    ASSERT_TRUE(waitFor([&] { return _recorder.controller->state() == RecorderState::Idle; }, 60));
+    EXPECT_EQ(_recorder.controller->recordingError(), "");
+    const auto movies = _recorder.controller->moviesOfTheTake();
+    EXPECT_FALSE(movies.empty());
+    for (const auto& movie : movies) {
+        const testing::Movie read = testing::ReadMovie(movie->url());
+        EXPECT_FALSE(read.times.empty()) << movie->url();
+        EXPECT_NEAR(read.videoDuration, 3, 0.6) << movie->url();
+    }
+}
+
+TEST_F(WindowTest, SpeaksFrenchWhenChosenAndRemembersIt) {
+    auto* record = find<QPushButton>("record");
+    EXPECT_EQ(record->text(), "Record");
+    Language::choose("fr", *_recorder.defaults);
+    QCoreApplication::processEvents();
+    EXPECT_EQ(record->text(), "Enregistrer");
+    EXPECT_EQ(_window->menuBar()->actions().front()->text(), "&Fichier");
+    ASSERT_TRUE(_recorder.defaults->flush());
+    EXPECT_EQ(Language::chosen(SettingsStore(ApplicationIdentifier, _home / "config")), "fr");
+    Language::choose("en", *_recorder.defaults);
+    QCoreApplication::processEvents();
+    EXPECT_EQ(record->text(), "Record");
+}
+
+// A user of the earlier companion application finds the settings they chose there, once.
+TEST(SettingsMigration, CopiesTheSharedSettingsThatAreMissingOnce) {
+    const fs::path folder = fs::path(::testing::TempDir()) / ("migration-" + std::to_string(::getpid()));
+    fs::remove_all(folder);
+    {
+        SettingsStore earlier(SettingsMigration::EarlierIdentifier, folder);
+        ASSERT_TRUE(earlier.setString("prores422", "RecorderCodec"));
+        ASSERT_TRUE(earlier.setInteger(1280, "RecorderWidth"));
+        ASSERT_TRUE(earlier.setString("/shows", "RecorderFolder"));
+        ASSERT_TRUE(earlier.setString("assembled", "RecorderOutput"));
+        ASSERT_TRUE(earlier.flush());
+    }
+    {
+        SettingsStore store(ApplicationIdentifier, folder);
+        ASSERT_TRUE(store.setString("hevc", "RecorderCodec"));
+        SettingsMigration::migrate(SettingsMigration::EarlierIdentifier, ApplicationIdentifier, store);
+        EXPECT_EQ(store.stringForKey("RecorderCodec"), "hevc"); // its own value stays
+        EXPECT_EQ(store.integerForKey("RecorderWidth"), 1280);
+        EXPECT_EQ(store.stringForKey("RecorderFolder"), "/shows");
+        EXPECT_EQ(store.objectForKey("RecorderOutput"), std::nullopt); // never brought over
+        EXPECT_TRUE(store.boolForKey(SettingsMigration::MarkerKey));
+
+        // Once marked, nothing more comes over, even what is missing.
+        ASSERT_TRUE(store.removeObjectForKey("RecorderWidth"));
+        SettingsMigration::migrate(SettingsMigration::EarlierIdentifier, ApplicationIdentifier, store);
+        EXPECT_EQ(store.objectForKey("RecorderWidth"), std::nullopt);
+    }
+    fs::remove_all(folder);
+}
+
+} // namespace
+} // namespace quorva
