@@ -41,7 +41,8 @@ struct StallMeter {
     }
 };
 
-void RunFor(double seconds, const std::function<bool()>& done = [] { return false; }) {
+void RunFor(
+    double seconds, const std::function<bool()>& done = [] { return false; }) {
     const double end = MediaClock::now() + seconds;
     while (MediaClock::now() < end && !done())
         QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
@@ -87,17 +88,25 @@ int main(int argc, char** argv) {
         };
         RunFor(2);
         report("idle, monitor running");
-        record->click();
-        RunFor(1);
-        report("start and the first second");
-        RunFor(5);
-        report("recording, 5 s");
-        record->click();
-        RunFor(120, [&] { return controller.state() == RecorderState::Idle; });
-        report("stop until the movies are finished");
-        std::printf("take: %llu frames, %llu dropped, %s\n", (unsigned long long)controller.frames(),
-                    (unsigned long long)controller.dropped(),
-                    controller.recordingError().empty() ? "no error" : controller.recordingError().c_str());
+        // The first take on a new machine also measures how fast it encodes, once; the second is every
+        // later one.
+        for (const char* take : {"first take", "second take"}) {
+            std::printf("%s\n", take);
+            record->click();
+            RunFor(1);
+            report("  start and the first second");
+            RunFor(5);
+            report("  recording, 5 s");
+            record->click();
+            RunFor(120, [&] { return controller.state() == RecorderState::Idle; });
+            report("  stop until the movies are finished");
+            std::printf("  %llu frames, %llu dropped, %s\n", (unsigned long long)controller.frames(),
+                        (unsigned long long)controller.dropped(),
+                        controller.recordingError().empty() ? "no error"
+                                                            : controller.recordingError().c_str());
+            RunFor(1);
+            meter.restart();
+        }
     }
     recorder.network.reset();
     recorder.controller.reset();
