@@ -38,11 +38,7 @@ bool QtEventLoop::isCurrent() const {
 }
 
 TimerId QtEventLoop::scheduleTimer(double intervalSeconds, std::function<void()> tick) {
-    TimerId id;
-    {
-        std::lock_guard guard(_lock);
-        id = _nextTimer++;
-    }
+    const TimerId id = _nextTimer++;
     auto start = [this, id, intervalSeconds, tick = std::move(tick)]() mutable {
         auto* timer = new QTimer(&_context);
         timer->setTimerType(Qt::PreciseTimer);

@@ -4,8 +4,8 @@
 
 #include <QObject>
 
+#include <atomic>
 #include <map>
-#include <mutex>
 
 class QTimer;
 
@@ -29,8 +29,7 @@ public:
 private:
     // Lives in the main thread: queued calls to it run there, in the order posted.
     QObject _context;
-    std::mutex _lock;
-    TimerId _nextTimer = 1;
+    std::atomic<TimerId> _nextTimer = 1;
     std::map<TimerId, QTimer*> _timers; // main thread only; the context owns them
 };
 

@@ -25,6 +25,7 @@ Result<RunningRecorder> StartRecorder(const char* logPrefix) {
     recorder.defaults = std::make_shared<SettingsStore>();
     SettingsMigration::migrate(SettingsMigration::EarlierIdentifier, ApplicationIdentifier,
                                *recorder.defaults);
+    // The runtime is looked for here, before the directory and the controller that use it.
     NDILibrary::sharedLibrary();
     recorder.controller = RecorderController::make(engine.value(), MakeSourceDirectory(),
                                                    std::make_shared<ComputerSound>(), recorder.defaults);

@@ -23,32 +23,6 @@ namespace quorva {
 
 namespace {
 
-// The quad's four (x, y, u, v) vertices come as push constants, read by the vertex's index: nothing is
-// bound or uploaded per frame.
-constexpr const char* VertexSource = R"(#version 450
-layout(push_constant) uniform Constants {
-    vec4 vertices[4];
-} constants;
-layout(location = 0) out vec2 textureCoordinate;
-void main() {
-    vec4 vertex = constants.vertices[gl_VertexIndex];
-    gl_Position = vec4(vertex.xy, 0.0, 1.0);
-    textureCoordinate = vertex.zw;
-}
-)";
-
-// The monitor shows colour only: a picture's alpha (a source's transparency) must not let the window
-// system blend what lies behind into it.
-constexpr const char* FragmentSource = R"(#version 450
-layout(set = 0, binding = 0) uniform sampler2D picture;
-layout(location = 0) in vec2 textureCoordinate;
-layout(location = 0) out vec4 colour;
-void main() {
-    colour = vec4(texture(picture, textureCoordinate).rgb, 1.0);
-}
-)";
-
-constexpr uint32_t VerticesSize = sizeof(std::array<float, 16>);
 constexpr vk::ShaderStageFlags BothStages =
     vk::ShaderStageFlagBits::eVertex | vk::ShaderStageFlagBits::eFragment;
 constexpr vk::ImageSubresourceRange WholeImage(vk::ImageAspectFlagBits::eColor, 0, 1, 0, 1);
@@ -331,14 +305,18 @@ private:
         const vk::Extent2D extent = _chain->extent;
         commands.beginRendering(vk::RenderingInfo({}, vk::Rect2D({0, 0}, extent), 1, 0, colour));
         if (picture) {
-            const std::array<float, 16> vertices = PreviewVertices(
-                FittedExtent(picture->width(), picture->height(), extent.width, extent.height), flipped);
+            // Opaque: a picture's alpha (a source's transparency) must not let the window system blend
+            // what lies behind into the monitor.
+            const QuadConstants constants{
+                PreviewVertices(
+                    FittedExtent(picture->width(), picture->height(), extent.width, extent.height), flipped),
+                1};
             // A viewport of negative height turns y upwards, as the vertices have it.
             const auto width = float(extent.width), height = float(extent.height);
             commands.setViewport(0, vk::Viewport(0, height, width, -height, 0, 1));
             commands.setScissor(0, vk::Rect2D({0, 0}, extent));
             commands.bindPipeline(vk::PipelineBindPoint::eGraphics, _pipeline->pipeline());
-            commands.pushConstants<float>(_pipeline->layout(), BothStages, 0, vertices);
+            commands.pushConstants<QuadConstants>(_pipeline->layout(), BothStages, 0, constants);
             vk::DescriptorImageInfo image(nullptr, picture->view(), Texture::RestingLayout);
             vk::WriteDescriptorSet write(nullptr, 0, 0, vk::DescriptorType::eCombinedImageSampler, image);
             commands.pushDescriptorSetKHR(vk::PipelineBindPoint::eGraphics, _pipeline->layout(), 0, write);
@@ -389,9 +367,7 @@ private:
                 if (formats.empty())
                     return GpuError("the window offers no formats");
                 _format = ChooseFormat(formats);
-                Result<std::shared_ptr<RenderPipeline>> pipeline =
-                    RenderPipeline::make(_device, {VertexSource, "previewVertex", FragmentSource,
-                                                   "previewFragment", VerticesSize, true, _format.format});
+                Result<std::shared_ptr<RenderPipeline>> pipeline = MakeQuadPipeline(_device, _format.format);
                 if (!pipeline)
                     return pipeline.error();
                 _pipeline = std::move(pipeline.value());

@@ -17,13 +17,7 @@ constexpr size_t KeptUploads = 8;
 // one being drawn, and the latest one shown.
 constexpr size_t KeptTargets = 6;
 
-// Four vertices, each a clip-space position followed by a texture coordinate, then the floor under
-// the sampled alpha: 1 makes every drawn pixel opaque, 0 keeps the source's alpha.
-struct Constants {
-    std::array<float, 16> vertices;
-    float opaque;
-};
-constexpr uint32_t VerticesSize = sizeof(Constants::vertices);
+constexpr uint32_t VerticesSize = sizeof(QuadConstants::vertices);
 
 constexpr const char* VertexSource = R"(#version 450
 layout(push_constant) uniform Constants {
@@ -167,10 +161,14 @@ Result<std::vector<uint8_t>> GpuPictureEngine::readPixels(const std::shared_ptr<
     return texture->readPixels(x, y, width, height);
 }
 
+Result<std::shared_ptr<RenderPipeline>> MakeQuadPipeline(const std::shared_ptr<GpuDevice>& device,
+                                                         vk::Format target) {
+    return RenderPipeline::make(device, {VertexSource, "sourceVertex", FragmentSource, "sourceFragment",
+                                         uint32_t(sizeof(QuadConstants)), true, target});
+}
+
 Result<std::shared_ptr<PictureCompositor>> GpuPictureEngine::makeCompositor() {
-    Result<std::shared_ptr<RenderPipeline>> pipeline =
-        RenderPipeline::make(_device, {VertexSource, "sourceVertex", FragmentSource, "sourceFragment",
-                                       uint32_t(sizeof(Constants)), true});
+    Result<std::shared_ptr<RenderPipeline>> pipeline = MakeQuadPipeline(_device);
     if (!pipeline)
         return pipeline.error();
     return std::shared_ptr<PictureCompositor>(

@@ -4,12 +4,27 @@
 #include "platform/PicturePool.h"
 #include "platform/gpu/CommandQueue.h"
 #include "platform/gpu/GpuDevice.h"
+#include "platform/gpu/RenderPipeline.h"
 #include "platform/gpu/Texture.h"
 
+#include <array>
 #include <memory>
 #include <vector>
 
 namespace quorva {
+
+// What a quad pipeline reads: four vertices, each a clip-space position followed by a texture
+// coordinate, then the floor under the sampled alpha (1 makes every drawn pixel opaque, 0 keeps the
+// picture's alpha).
+struct QuadConstants {
+    std::array<float, 16> vertices;
+    float opaque;
+};
+
+// The pipeline that draws one picture as a quad of QuadConstants into images of `target`: the
+// compositor's into textures, the monitor's into a window's images.
+Result<std::shared_ptr<RenderPipeline>> MakeQuadPipeline(const std::shared_ptr<GpuDevice>& device,
+                                                         vk::Format target = Texture::Format);
 
 // The picture engine of a GPU: pictures are textures, conversions compute passes that leave the
 // encoder's pixel format in host-visible memory, compositions render passes. Pictures that arrive in
