@@ -1,40 +1,19 @@
-// The monitor's geometry and rates, and its drawing of the processor's pictures.
+// The monitor's rates, and its drawing of the processor's pictures (the Vulkan drawing, and with it
+// the letterbox's other cases and the flip, is VulkanPreviewTests').
 #include "App/Preview.h"
 
 #include "core/CompositionScheduler.h"
 #include "platform/MemoryPicture.h"
 #include "platform/PictureEngine.h"
+#include "tests/app/QtTesting.h"
 #include "tests/platform/PictureTesting.h"
 
-#include <QApplication>
 #include <QImage>
 
 #include <gtest/gtest.h>
 
 namespace quorva {
 namespace {
-
-TEST(PreviewGeometry, FitsWithoutDistortionAndFlipsBySwappingTheTextureRows) {
-    // A 16:9 picture in a square view fills the width, with bars above and below.
-    const PreviewExtent wide = FittedExtent(1920, 1080, 500, 500);
-    EXPECT_DOUBLE_EQ(wide.x, 1);
-    EXPECT_DOUBLE_EQ(wide.y, 0.5625);
-    // A tall one in a wide view fills the height.
-    const PreviewExtent tall = FittedExtent(100, 400, 800, 200);
-    EXPECT_DOUBLE_EQ(tall.x, 0.0625);
-    EXPECT_DOUBLE_EQ(tall.y, 1);
-    EXPECT_DOUBLE_EQ(FittedExtent(1920, 1080, 0, 500).x, 0);
-
-    const auto upright = PreviewVertices(wide, false), flipped = PreviewVertices(wide, true);
-    for (int vertex = 0; vertex < 4; ++vertex) {
-        EXPECT_EQ(upright[vertex * 4], flipped[vertex * 4]);         // x
-        EXPECT_EQ(upright[vertex * 4 + 1], flipped[vertex * 4 + 1]); // y
-        EXPECT_EQ(upright[vertex * 4 + 3], 1 - flipped[vertex * 4 + 3]);
-    }
-    // The first vertex is the bottom left corner, which shows the picture's last row when upright.
-    EXPECT_EQ(upright[1], -0.5625f);
-    EXPECT_EQ(upright[3], 1.0f);
-}
 
 TEST(PreviewGeometry, TheFullRateIsTheFastestScreensAndNeverBelowSixty) {
     EXPECT_EQ(FullPreviewRate({}), 60);
@@ -44,13 +23,7 @@ TEST(PreviewGeometry, TheFullRateIsTheFastestScreensAndNeverBelowSixty) {
 
 class ProcessorPreviewTest : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() {
-        static int argc = 1;
-        static char name[] = "window_tests";
-        static char* argv[] = {name, nullptr};
-        if (!QApplication::instance())
-            new QApplication(argc, argv);
-    }
+    static void SetUpTestSuite() { testing::Application(); }
     std::shared_ptr<PictureEngine> engine = testing::Engine("processor");
 };
 

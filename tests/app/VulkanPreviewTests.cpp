@@ -7,6 +7,7 @@
 #include "platform/PictureEngine.h"
 #include "platform/gpu/GpuDevice.h"
 #include "platform/gpu/GpuPictureEngine.h"
+#include "tests/app/QtTesting.h"
 
 #include <QApplication>
 #include <QElapsedTimer>
@@ -20,7 +21,6 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <sys/stat.h>
 #include <vector>
 
 namespace quorva {
@@ -53,16 +53,7 @@ protected:
     static void SetUpTestSuite() {
         // The GPU engine even on lavapipe, which the program would otherwise leave to the processor.
         setenv("QUORVA_PICTURES", "vulkan", 1);
-        // The Vulkan loader complains without a private runtime folder.
-        if (const char* runtime = std::getenv("XDG_RUNTIME_DIR"); !runtime || !*runtime) {
-            std::string folder = "/tmp/quorva-test-runtime-" + std::to_string(getuid());
-            mkdir(folder.c_str(), 0700);
-            setenv("XDG_RUNTIME_DIR", folder.c_str(), 1);
-        }
-        static int argc = 1;
-        static char name[] = "vulkan_preview_tests";
-        static char* argv[] = {name, nullptr};
-        application = new QApplication(argc, argv);
+        testing::Application();
         SetLogSink([](const std::string& line) { logged.push_back(line); });
         Result<std::shared_ptr<GpuDevice>> device = GpuDevice::make();
         ASSERT_TRUE(device) << device.error().message();
@@ -75,8 +66,6 @@ protected:
     static void TearDownTestSuite() {
         engine.reset();
         SetLogSink(nullptr);
-        delete application;
-        application = nullptr;
     }
 
     void SetUp() override {
@@ -154,7 +143,6 @@ protected:
         return image.valid(at) ? image.pixel(at) : qRgb(1, 2, 3);
     }
 
-    static inline QApplication* application = nullptr;
     static inline std::shared_ptr<PictureEngine> engine;
     static inline std::vector<std::string> logged;
 

@@ -10,9 +10,9 @@
 #include "core/RecorderController.h"
 #include "platform/SettingsStore.h"
 #include "remote/RecorderNetwork.h"
+#include "tests/app/QtTesting.h"
 #include "tests/core/MovieReading.h"
 
-#include <QApplication>
 #include <QLineEdit>
 #include <QListWidget>
 #include <QMenuBar>
@@ -35,10 +35,7 @@ namespace fs = std::filesystem;
 class WindowTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        static int argc = 1;
-        static char name[] = "window_tests";
-        static char* argv[] = {name, nullptr};
-        static QApplication application(argc, argv);
+        testing::Application();
         static auto loop = std::make_shared<QtEventLoop>();
         EventLoop::setMainLoop(loop);
     }
