@@ -6,7 +6,6 @@
 #include "App/Startup.h"
 
 #include "core/RecorderController.h"
-#include "platform/Log.h"
 #include "remote/RecorderNetwork.h"
 
 #include <QApplication>
