@@ -1,7 +1,7 @@
 #include "App/CommandLine.h"
 
 #include "App/Headless.h"
-#include "App/Version.h"
+#include "App/ReleaseIdentity.h"
 #include "App/Window.h"
 #include "core/Layout.h"
 #include "core/MovieRecorderSettings.h"
@@ -240,7 +240,7 @@ int RunCommandLine(int argc, char** argv) {
         return ExitSuccess;
     }
     if (first == "--version") {
-        std::printf("QuorvaRecorder %s\n", QUORVA_VERSION);
+        std::printf("QuorvaRecorder %.*s\n", int(ThisRelease().version.size()), ThisRelease().version.data());
         return ExitSuccess;
     }
     for (const Command& command : Commands) {

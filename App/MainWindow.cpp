@@ -1,8 +1,8 @@
 #include "App/MainWindow.h"
 #include "App/Language.h"
 #include "App/Preview.h"
+#include "App/ReleaseIdentity.h"
 #include "App/Startup.h"
-#include "App/Version.h"
 
 #include "core/Layout.h"
 #include "core/MovieRecorderSettings.h"
@@ -146,7 +146,8 @@ void MainWindow::buildMenus() {
             this, tr("About QuorvaRecorder"),
             tr("<h3>QuorvaRecorder %1</h3><p>Records up to eight live sources on one clock into "
                "QuickTime movies.</p>")
-                .arg(QUORVA_VERSION));
+                .arg(QString::fromUtf8(ThisRelease().version.data(),
+                                       qsizetype(ThisRelease().version.size()))));
     });
     _aboutAction->setMenuRole(QAction::AboutRole);
 }

@@ -1,7 +1,7 @@
 #include "App/Startup.h"
 #include "App/CommandLine.h"
+#include "App/ReleaseIdentity.h"
 #include "App/SettingsMigration.h"
-#include "App/Version.h"
 
 #include "core/RecorderController.h"
 #include "platform/EventLoop.h"
@@ -30,7 +30,7 @@ Result<RunningRecorder> StartRecorder(const char* logPrefix) {
     recorder.controller = RecorderController::make(engine.value(), MakeSourceDirectory(),
                                                    std::make_shared<ComputerSound>(), recorder.defaults);
     TellNdiAvailability(*recorder.controller);
-    recorder.network = RecorderNetwork::make(recorder.controller, QUORVA_VERSION);
+    recorder.network = RecorderNetwork::make(recorder.controller, std::string(ThisRelease().version));
     if (!recorder.network->startNetworkWithOSCPort(
             PortFromEnvironment(OSCPortVariable, DefaultOSCPort),
             PortFromEnvironment(OSCQueryPortVariable, DefaultOSCQueryPort), "QuorvaRecorder"))
