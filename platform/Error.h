@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <utility>
 #include <variant>
@@ -28,12 +29,14 @@ private:
     std::string _message;
 };
 
-// The one way an operation that can fail answers: a value, or the error that kept it from one.
-template <class T = void>
+// The one way an operation that can fail answers: a value, or the error that kept it from one. A module
+// whose failures need more than a sentence (the updater's, which are shown in two languages) names its
+// own error type.
+template <class T = void, class E = Error>
 class [[nodiscard]] Result {
 public:
     Result(T value) : _state(std::move(value)) {}
-    Result(Error error) : _state(std::move(error)) {}
+    Result(E error) : _state(std::move(error)) {}
 
     bool ok() const { return _state.index() == 0; }
     explicit operator bool() const { return ok(); }
@@ -41,25 +44,24 @@ public:
     T& value() & { return std::get<0>(_state); }
     const T& value() const& { return std::get<0>(_state); }
     T&& value() && { return std::get<0>(std::move(_state)); }
-    const Error& error() const { return std::get<1>(_state); }
+    const E& error() const { return std::get<1>(_state); }
 
 private:
-    std::variant<T, Error> _state;
+    std::variant<T, E> _state;
 };
 
-template <>
-class [[nodiscard]] Result<void> {
+template <class E>
+class [[nodiscard]] Result<void, E> {
 public:
     Result() = default;
-    Result(Error error) : _error(std::move(error)), _failed(true) {}
+    Result(E error) : _error(std::move(error)) {}
 
-    bool ok() const { return !_failed; }
+    bool ok() const { return !_error; }
     explicit operator bool() const { return ok(); }
-    const Error& error() const { return _error; }
+    const E& error() const { return *_error; }
 
 private:
-    Error _error{"", 0, ""};
-    bool _failed = false;
+    std::optional<E> _error;
 };
 
 } // namespace quorva
