@@ -34,6 +34,7 @@ constexpr const char* Usage =
     "Commands:\n"
     "  sources     list the sources that can be recorded now\n"
     "  record      record one take of chosen sources (quorvarecorder record --help)\n"
+    "  update      check for a newer release, and install it (quorvarecorder update --help)\n"
     "  --headless  record without a window, driven over OSC and OSCQuery, until SIGTERM or SIGINT\n"
     "              (a running take is finished first)\n"
     "\n"
@@ -50,6 +51,7 @@ struct Command {
 const Command Commands[] = {
     {"sources", RunSourcesCommand},
     {"record", RunRecordCommand},
+    {"update", RunUpdateCommand},
     {"--headless", RunHeadless},
 };
 

@@ -48,6 +48,7 @@ Result<std::shared_ptr<PictureEngine>> MakePictureEngine();
 // The subcommands; each takes the arguments after its name and answers the exit status.
 int RunSourcesCommand(const std::vector<std::string>& arguments);
 int RunRecordCommand(const std::vector<std::string>& arguments);
+int RunUpdateCommand(const std::vector<std::string>& arguments);
 
 // Reads the command line, runs what it names and answers the exit status. Messages for the user go to
 // standard error, prefixed with the program's name; results go to standard output.

@@ -93,7 +93,8 @@ UpdateResult<> Perform(const HTTPFetch& fetch, Sink& sink) {
     if (sink.tooLarge)
         return Failed(UpdateError::Kind::NetworkFailed, "the answer of " + fetch.url + " is too large");
     if (sink.writeError)
-        return Failed(UpdateError::Kind::StorageFailed, sink.fileName + ": " + std::strerror(sink.writeError));
+        return Failed(UpdateError::Kind::StorageFailed,
+                      sink.fileName + ": " + std::strerror(sink.writeError));
     if (code != CURLE_OK)
         return Failed(UpdateError::Kind::NetworkFailed, reason[0] ? reason : curl_easy_strerror(code));
     return {};

@@ -35,7 +35,8 @@ void QuorvaUpdater::setAutoCheckOnLaunch(bool on) {
 
 bool QuorvaUpdater::isBusy() const {
     using Kind = UpdateState::Kind;
-    return _state.kind == Kind::Checking || _state.kind == Kind::Downloading || _state.kind == Kind::Installing;
+    return _state.kind == Kind::Checking || _state.kind == Kind::Downloading ||
+           _state.kind == Kind::Installing;
 }
 
 void QuorvaUpdater::start(std::function<UpdateState(UpdateService&, const UpdateService::Report&)> step,
@@ -68,7 +69,8 @@ void QuorvaUpdater::checkForUpdates(bool silent, double now) {
     if (!silent)
         _sheetPresented = true;
     changed();
-    start([now](UpdateService& service, const UpdateService::Report& report) { return service.check(now, report); },
+    start([now](UpdateService& service,
+                const UpdateService::Report& report) { return service.check(now, report); },
           [this, silent](const UpdateState& state) {
               if (silent && state.kind == UpdateState::Kind::UpdateAvailable)
                   setUpdateSheetPresented(true);
@@ -81,13 +83,15 @@ void QuorvaUpdater::downloadAndInstall(const ReleaseInfo& release) {
     _state = UpdateState{UpdateState::Kind::Downloading, std::nullopt, std::nullopt};
     changed();
     const pid_t pid = ::getpid();
-    start([release, pid](UpdateService& service,
-                         const UpdateService::Report& report) { return service.install(release, pid, {}, report); },
-          [this](const UpdateState& state) {
-              // The replacement waits for this process: quit, finishing a take first if one runs.
-              if (state.kind == UpdateState::Kind::Installing && _terminateApp)
-                  _terminateApp();
-          });
+    start(
+        [release, pid](UpdateService& service, const UpdateService::Report& report) {
+            return service.install(release, pid, {}, report);
+        },
+        [this](const UpdateState& state) {
+            // The replacement waits for this process: quit, finishing a take first if one runs.
+            if (state.kind == UpdateState::Kind::Installing && _terminateApp)
+                _terminateApp();
+        });
 }
 
 } // namespace quorva

@@ -40,14 +40,15 @@ UpdateResult<ReleaseInfo> FromReleaseService(const json& release) {
     if (!ReadText(release, "tag_name", tag) || !tag || !ReadText(release, "body", body) ||
         !ReadText(release, "html_url", page))
         return Invalid;
-    ReleaseInfo info{NormalizeVersion(*tag), std::nullopt, {}, std::nullopt, body.value_or(""), body.value_or(""),
-                     page};
+    ReleaseInfo info{NormalizeVersion(*tag), std::nullopt,      {},  std::nullopt,
+                     body.value_or(""),      body.value_or(""), page};
     const auto assets = release.find("assets");
     if (assets != release.end() && !assets->is_array())
         return Invalid;
     for (const json& asset : assets != release.end() ? *assets : json::array()) {
         std::optional<std::string> name, url;
-        if (!asset.is_object() || !ReadText(asset, "name", name) || !ReadText(asset, "browser_download_url", url))
+        if (!asset.is_object() || !ReadText(asset, "name", name) ||
+            !ReadText(asset, "browser_download_url", url))
             return Invalid;
         if (name && url && Lower(*name).ends_with(".zip")) {
             if (!IsWebAddress(*url))
@@ -77,13 +78,9 @@ UpdateResult<ReleaseInfo> FromManifestEntry(const json& entry) {
         if (sha256->size() != 64 || !std::all_of(sha256->begin(), sha256->end(), ::isxdigit))
             return Invalid;
     }
-    return ReleaseInfo{NormalizeVersion(*version),
-                       build,
-                       *download,
-                       sha256,
-                       notesFR.value_or(notes.value_or("")),
-                       notesEN.value_or(notes.value_or("")),
-                       page};
+    return ReleaseInfo{
+        NormalizeVersion(*version),           build, *download, sha256, notesFR.value_or(notes.value_or("")),
+        notesEN.value_or(notes.value_or("")), page};
 }
 
 } // namespace

@@ -111,7 +111,8 @@ UpdateResult<> VerifyArchiveSignature(const fs::path& archive, std::string_view 
         return Failed(UpdateError::Kind::InvalidCodeSignature);
     const unsigned char* signer = signed_.data();
     if (!std::equal(trusted.begin(), trusted.end(), signer))
-        return Failed(UpdateError::Kind::TeamIdentifierMismatch, Fingerprint(signer), Fingerprint(trusted.data()));
+        return Failed(UpdateError::Kind::TeamIdentifierMismatch, Fingerprint(signer),
+                      Fingerprint(trusted.data()));
     auto mapped = MappedFile::open(archive);
     if (!mapped)
         return mapped.error();
@@ -125,14 +126,14 @@ UpdateResult<> ExtractZip(const fs::path& archive, const fs::path& folder) {
     std::error_code error;
     if (!fs::create_directories(folder, error) && error)
         return Failed(UpdateError::Kind::StorageFailed, folder.string() + ": " + error.message());
-    std::unique_ptr<struct archive, decltype(&archive_read_free)> reader(archive_read_new(), archive_read_free);
+    std::unique_ptr<struct archive, decltype(&archive_read_free)> reader(archive_read_new(),
+                                                                         archive_read_free);
     std::unique_ptr<struct archive, decltype(&archive_write_free)> writer(archive_write_disk_new(),
                                                                           archive_write_free);
     archive_read_support_format_zip(reader.get());
     archive_write_disk_set_options(writer.get(), ARCHIVE_EXTRACT_PERM | ARCHIVE_EXTRACT_TIME |
                                                      ARCHIVE_EXTRACT_SECURE_NODOTDOT |
-                                                     ARCHIVE_EXTRACT_SECURE_SYMLINKS |
-                                                     ARCHIVE_EXTRACT_SECURE_NOABSOLUTEPATHS);
+                                                     ARCHIVE_EXTRACT_SECURE_SYMLINKS);
     auto failed = [](struct archive* which) {
         const char* reason = archive_error_string(which);
         return Failed(UpdateError::Kind::ExtractionFailed, reason ? reason : "unknown error");
@@ -143,9 +144,12 @@ UpdateResult<> ExtractZip(const fs::path& archive, const fs::path& folder) {
     for (int status; (status = archive_read_next_header(reader.get(), &entry)) != ARCHIVE_EOF;) {
         if (status != ARCHIVE_OK)
             return failed(reader.get());
-        // Relative to the folder, so that the checks against ".." and absolute paths see the archive's own
-        // names.
+        // An install is files and folders. Links could point anywhere, and the folder's own path is
+        // absolute, so the archive's names are checked here before they are put under it.
         const std::string name = archive_entry_pathname(entry);
+        const auto type = archive_entry_filetype(entry);
+        if ((type != AE_IFREG && type != AE_IFDIR) || archive_entry_hardlink(entry))
+            return Failed(UpdateError::Kind::ExtractionFailed, "not a file or a folder: " + name);
         if (name.starts_with("/"))
             return Failed(UpdateError::Kind::ExtractionFailed, "absolute path " + name);
         archive_entry_set_pathname(entry, (folder / name).c_str());

@@ -23,7 +23,8 @@ std::string DescribeError(const UpdateError& error, UpdateLanguage language) {
         return fr ? "La mise à jour téléchargée a une signature de code invalide."
                   : "The downloaded update has an invalid code signature.";
     case UpdateError::Kind::TeamIdentifierMismatch:
-        return (fr ? "Clé de signature du code différente (attendue " : "Code signing key mismatch (expected ") +
+        return (fr ? "Clé de signature du code différente (attendue "
+                   : "Code signing key mismatch (expected ") +
                error.expected + (fr ? ", trouvée " : ", found ") + detail + ").";
     case UpdateError::Kind::InstallerLaunchFailed:
         return (fr ? "Impossible de lancer l’installation : " : "Failed to launch installer: ") + detail;

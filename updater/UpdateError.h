@@ -14,11 +14,11 @@ enum class UpdateLanguage { English, French };
 // parts rather than one English sentence.
 struct UpdateError {
     enum class Kind {
-        HTTPStatus,           // detail: the status code
+        HTTPStatus, // detail: the status code
         InvalidManifest,
         NoZipAsset,
         ChecksumMismatch,
-        ExtractionFailed,     // detail: what the archive library said
+        ExtractionFailed, // detail: what the archive library said
         AppBundleNotFound,
         InvalidCodeSignature,
         TeamIdentifierMismatch, // expected and detail (found): the two signing keys' fingerprints

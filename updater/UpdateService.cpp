@@ -47,13 +47,14 @@ UpdateResult<fs::path> MakeWorkFolder() {
         b = static_cast<unsigned char>(byte(random));
     bytes[6] = (bytes[6] & 0x0F) | 0x40; // version 4
     bytes[8] = (bytes[8] & 0x3F) | 0x80; // variant 1
-    std::snprintf(uuid, sizeof uuid, "%02X%02X%02X%02X-%02X%02X-%02X%02X-%02X%02X-%02X%02X%02X%02X%02X%02X", bytes[0],
-                  bytes[1], bytes[2], bytes[3], bytes[4], bytes[5], bytes[6], bytes[7], bytes[8], bytes[9], bytes[10],
-                  bytes[11], bytes[12], bytes[13], bytes[14], bytes[15]);
+    std::snprintf(uuid, sizeof uuid, "%02X%02X%02X%02X-%02X%02X-%02X%02X-%02X%02X-%02X%02X%02X%02X%02X%02X",
+                  bytes[0], bytes[1], bytes[2], bytes[3], bytes[4], bytes[5], bytes[6], bytes[7], bytes[8],
+                  bytes[9], bytes[10], bytes[11], bytes[12], bytes[13], bytes[14], bytes[15]);
     const fs::path folder = temporary / ("QuorvaUpdater-" + std::string(uuid));
     // Private: nobody else may swap the archive between its checks and its use.
     if (::mkdir(folder.c_str(), 0700) != 0)
-        return UpdateError{UpdateError::Kind::StorageFailed, folder.string() + ": " + std::strerror(errno), {}};
+        return UpdateError{
+            UpdateError::Kind::StorageFailed, folder.string() + ": " + std::strerror(errno), {}};
     return folder;
 }
 
@@ -138,7 +139,8 @@ UpdateState UpdateService::check(double now, const Report& report) {
 std::optional<UpdateError> UpdateService::replaceability() const {
     const fs::path& folder = _configuration.currentInstall;
     // Replacing the install means renaming it, so its parent folder must be writable too.
-    const bool writable = ::access(folder.c_str(), W_OK) == 0 && ::access(folder.parent_path().c_str(), W_OK) == 0;
+    const bool writable =
+        ::access(folder.c_str(), W_OK) == 0 && ::access(folder.parent_path().c_str(), W_OK) == 0;
     if (folder.string().starts_with("/usr/") || !writable)
         return UpdateError{UpdateError::Kind::PackageManaged, folder.string(), {}};
     if (!IsPortableInstall(folder))
@@ -167,7 +169,8 @@ UpdateState UpdateService::install(const ReleaseInfo& release, pid_t waitForPid,
         return fail(folder.error());
     work = folder.value();
     const fs::path archive = work / "update.zip";
-    const HTTPFetch download{release.downloadURL, {userAgent()}, _configuration.downloadTimeoutSeconds, &_cancelled};
+    const HTTPFetch download{
+        release.downloadURL, {userAgent()}, _configuration.downloadTimeoutSeconds, &_cancelled};
     if (auto done = download.download(archive); !done)
         return fail(done.error());
     if (release.sha256) {
@@ -178,7 +181,8 @@ UpdateState UpdateService::install(const ReleaseInfo& release, pid_t waitForPid,
             return fail(UpdateError{UpdateError::Kind::ChecksumMismatch, {}, {}});
     }
     // An archive published without a signature cannot be trusted, whatever else it passes.
-    const HTTPFetch signatureFetch{release.signatureURL(), {userAgent()}, _configuration.checkTimeoutSeconds, &_cancelled};
+    const HTTPFetch signatureFetch{
+        release.signatureURL(), {userAgent()}, _configuration.checkTimeoutSeconds, &_cancelled};
     auto signature = signatureFetch.text(SignatureLimit);
     if (!signature) {
         if (signature.error().kind == UpdateError::Kind::HTTPStatus && signature.error().detail == "404")
@@ -186,7 +190,8 @@ UpdateState UpdateService::install(const ReleaseInfo& release, pid_t waitForPid,
         return fail(signature.error());
     }
     report(State(UpdateState::Kind::Installing));
-    if (auto verified = VerifyArchiveSignature(archive, signature.value(), _configuration.publicKey); !verified)
+    if (auto verified = VerifyArchiveSignature(archive, signature.value(), _configuration.publicKey);
+        !verified)
         return fail(verified.error());
     const fs::path extracted = work / "extracted";
     if (auto done = ExtractZip(archive, extracted); !done)
@@ -194,8 +199,8 @@ UpdateState UpdateService::install(const ReleaseInfo& release, pid_t waitForPid,
     auto newInstall = FindInstallFolder(extracted);
     if (!newInstall)
         return fail(newInstall.error());
-    if (auto launched = SpawnDetachedReplacement(newInstall.value(), _configuration.currentInstall, work, waitForPid,
-                                                 relaunchArguments);
+    if (auto launched = SpawnDetachedReplacement(newInstall.value(), _configuration.currentInstall, work,
+                                                 waitForPid, relaunchArguments);
         !launched)
         return fail(launched.error());
     Log("Updater", "installing v" + release.version + " over " + _configuration.currentInstall.string() +
@@ -224,8 +229,9 @@ exec "$DEST/quorvarecorder" "$@"
         args.push_back(argument.data());
     args.push_back(nullptr);
 
-    std::vector<std::string> variables{"OLD_PID=" + std::to_string(waitForPid), "NEW_INSTALL=" + newInstall.string(),
-                                       "DEST=" + destination.string(), "WORK=" + workFolder.string()};
+    std::vector<std::string> variables{"OLD_PID=" + std::to_string(waitForPid),
+                                       "NEW_INSTALL=" + newInstall.string(), "DEST=" + destination.string(),
+                                       "WORK=" + workFolder.string()};
     for (char** variable = environ; *variable; ++variable) {
         const std::string_view entry = *variable;
         const std::string_view name = entry.substr(0, entry.find('='));
@@ -276,11 +282,13 @@ UpdateTexts TextsOf(const UpdateState& state, const std::string& currentVersion,
         break;
     case UpdateState::Kind::UpToDate:
         texts.headline = fr ? "QuorvaRecorder est à jour." : "QuorvaRecorder is up to date.";
-        texts.detail = (fr ? "Vous utilisez la dernière version (v" : "You are running the latest version (v") +
-                       currentVersion + ").";
+        texts.detail =
+            (fr ? "Vous utilisez la dernière version (v" : "You are running the latest version (v") +
+            currentVersion + ").";
         break;
     case UpdateState::Kind::UpdateAvailable:
-        texts.headline = (fr ? "Nouvelle version disponible : v" : "New version available: v") + state.release->version;
+        texts.headline =
+            (fr ? "Nouvelle version disponible : v" : "New version available: v") + state.release->version;
         texts.detail = state.release->localizedNotes(language);
         if (blocked)
             texts.detail += (texts.detail.empty() ? "" : "\n\n") + DescribeError(*blocked, language);

@@ -86,8 +86,8 @@ public:
     // and finds its install folder, then starts the detached replacement, which waits for `waitForPid`
     // to end, puts the new install in place of this one and starts it with `relaunchArguments`. Ends in
     // Installing once the replacement runs, else in Failed with this install left as it was.
-    UpdateState install(const ReleaseInfo& release, pid_t waitForPid, const std::vector<std::string>& relaunchArguments,
-                        const Report& report);
+    UpdateState install(const ReleaseInfo& release, pid_t waitForPid,
+                        const std::vector<std::string>& relaunchArguments, const Report& report);
 
     // Ends a transfer under way (from any thread): the step fails soon after.
     void cancel() { _cancelled = true; }
@@ -106,8 +106,9 @@ private:
 // download's) is removed once it is done. The old install is kept until the new one is in place, and
 // put back when that fails.
 UpdateResult<> SpawnDetachedReplacement(const std::filesystem::path& newInstall,
-                                        const std::filesystem::path& destination, const std::filesystem::path& workFolder,
-                                        pid_t waitForPid, const std::vector<std::string>& arguments);
+                                        const std::filesystem::path& destination,
+                                        const std::filesystem::path& workFolder, pid_t waitForPid,
+                                        const std::vector<std::string>& arguments);
 
 // The folder the running program lives in.
 std::filesystem::path RunningInstallFolder();

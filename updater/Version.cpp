@@ -23,8 +23,9 @@ std::vector<uint64_t> Numbers(std::string_view version) {
                 break;
             // A piece too long for 64 bits is as late as a version can be, not a wrapped-around one.
             const uint64_t digit = uint64_t(c - '0');
-            number = number > (std::numeric_limits<uint64_t>::max() - digit) / 10 ? std::numeric_limits<uint64_t>::max()
-                                                                                   : number * 10 + digit;
+            number = number > (std::numeric_limits<uint64_t>::max() - digit) / 10
+                         ? std::numeric_limits<uint64_t>::max()
+                         : number * 10 + digit;
         }
         numbers.push_back(number);
     }
@@ -44,8 +45,8 @@ std::string NormalizeVersion(std::string_view version) {
     return std::string(version);
 }
 
-bool IsNewerVersion(std::string_view candidate, std::optional<int64_t> candidateBuild, std::string_view current,
-                    std::optional<int64_t> currentBuild) {
+bool IsNewerVersion(std::string_view candidate, std::optional<int64_t> candidateBuild,
+                    std::string_view current, std::optional<int64_t> currentBuild) {
     const std::vector<uint64_t> a = Numbers(NormalizeVersion(candidate));
     const std::vector<uint64_t> b = Numbers(NormalizeVersion(current));
     for (size_t i = 0; i < std::max(a.size(), b.size()); ++i) {

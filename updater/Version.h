@@ -15,7 +15,7 @@ std::string NormalizeVersion(std::string_view version);
 // is 1.2), split at "."; each piece is the number its leading digits give (none: 0), and a missing
 // piece counts as 0, so "1.2" equals "1.2.0" and "1.10" is later than "1.9". With equal numbers the
 // candidate is later only when both builds are known and its build is greater.
-bool IsNewerVersion(std::string_view candidate, std::optional<int64_t> candidateBuild, std::string_view current,
-                    std::optional<int64_t> currentBuild);
+bool IsNewerVersion(std::string_view candidate, std::optional<int64_t> candidateBuild,
+                    std::string_view current, std::optional<int64_t> currentBuild);
 
 } // namespace quorva

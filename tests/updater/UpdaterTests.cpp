@@ -1,0 +1,338 @@
+// The update check against a release service on 127.0.0.1, and the install's checks, which must leave a
+// portable install whole whenever one fails.
+#include "platform/HeadlessEventLoop.h"
+#include "platform/SettingsStore.h"
+#include "tests/updater/ReleaseTesting.h"
+#include "updater/QuorvaUpdater.h"
+#include "updater/Version.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+namespace quorva {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::ReleaseServer;
+using testing::SigningKey;
+using Kind = UpdateState::Kind;
+
+TEST(UpdateVersions, CompareAsPeopleWriteThem) {
+    EXPECT_EQ(NormalizeVersion(" v1.2\n"), "1.2");
+    EXPECT_EQ(NormalizeVersion("V2"), "2");
+    EXPECT_EQ(NormalizeVersion("vv2"), "v2");
+    struct Case {
+        const char* candidate;
+        const char* current;
+        bool newer;
+    } cases[] = {
+        {"v1.2", "1.2.0", false},  {"1.2.0", "v1.2", false},  {"1.10", "1.9", true},   {"1.9", "1.10", false},
+        {"1.2-beta", "1.2", false}, {"1.3-beta", "1.2", true}, {"1..3", "1.3", false}, {"1.2.1", "1.2", true},
+        {"1.x", "1.0", false},     {"1.2rc3", "1.1", true},   {"2", "dev", true},     {"99999999999999999999999", "1", true},
+    };
+    for (const Case& c : cases)
+        EXPECT_EQ(IsNewerVersion(c.candidate, std::nullopt, c.current, std::nullopt), c.newer)
+            << c.candidate << " against " << c.current;
+    // Equal numbers: only a known, greater build is newer.
+    EXPECT_TRUE(IsNewerVersion("1.2", 8, "1.2.0", 7));
+    EXPECT_FALSE(IsNewerVersion("1.2", 8, "1.2", std::nullopt));
+    EXPECT_FALSE(IsNewerVersion("1.2", 7, "1.2", 7));
+    EXPECT_FALSE(IsNewerVersion("1.1", 9, "1.2", 1));
+}
+
+TEST(ReleaseDocuments, ReadTheReleaseServiceAndManifests) {
+    const std::string id = "org.quorva.QuorvaRecorder";
+    auto release = ParseRelease(R"({"tag_name": "v2.1.0", "body": "Faster.", "html_url": "https://x/r",
+        "assets": [{"name": "notes.txt", "browser_download_url": "https://x/notes.txt"},
+                   {"name": "QuorvaRecorder-2.1.0.ZIP", "browser_download_url": "https://x/a.zip"},
+                   {"name": "other.zip", "browser_download_url": "https://x/b.zip"}]})",
+                                id);
+    ASSERT_TRUE(release.ok());
+    EXPECT_EQ(release.value(), (ReleaseInfo{"2.1.0", std::nullopt, "https://x/a.zip", std::nullopt, "Faster.",
+                                            "Faster.", "https://x/r"}));
+    EXPECT_EQ(release.value().signatureURL(), "https://x/a.zip.sig");
+
+    const std::string entry = R"({"version": "3.0", "build": 12, "notes": "Both.", "notes_fr": "Français.",
+        "download_url": "http://x/c.zip", "sha256": ")" + std::string(64, 'A') + R"("})";
+    auto manifest = ParseRelease(entry, id);
+    ASSERT_TRUE(manifest.ok());
+    EXPECT_EQ(manifest.value(), (ReleaseInfo{"3.0", 12, "http://x/c.zip", std::string(64, 'a'), "Français.", "Both.",
+                                             std::nullopt}));
+    // A manifest of several programs: this one's entry.
+    auto keyed = ParseRelease(R"({"org.quorva.Other": {"version": "9"}, ")" + id + R"(": )" + entry + "}", id);
+    ASSERT_TRUE(keyed.ok());
+    EXPECT_EQ(keyed.value().version, "3.0");
+}
+
+TEST(ReleaseDocuments, RefuseWhatCannotBeTrusted) {
+    const char* documents[] = {
+        "not json",
+        R"([{"version": "1", "download_url": "https://x/a.zip"}])",
+        R"({"download_url": "https://x/a.zip"})",
+        R"({"version": 2, "download_url": "https://x/a.zip"})",
+        R"({"version": "2", "build": "12", "download_url": "https://x/a.zip"})",
+        R"({"version": "2", "download_url": "ftp://x/a.zip"})",
+        R"({"version": "2", "download_url": "https://x/a.zip", "sha256": "abc"})",
+        R"({"tag_name": "v2", "assets": {"name": "a.zip"}})",
+        R"({"tag_name": "v2", "assets": [{"name": "a.zip", "browser_download_url": "file:///etc/passwd"}]})",
+        R"({"org.quorva.Other": {"version": "2", "download_url": "https://x/a.zip"}})",
+    };
+    for (const char* document : documents) {
+        auto release = ParseRelease(document, "org.quorva.QuorvaRecorder");
+        ASSERT_FALSE(release.ok()) << document;
+        EXPECT_EQ(release.error().kind, UpdateError::Kind::InvalidManifest) << document;
+    }
+}
+
+// A program at version 1.0.0 whose settings live in a folder of the test's own.
+class UpdaterTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        folder = fs::temp_directory_path() / ("quorva-updater-test-" + std::to_string(::getpid()));
+        fs::remove_all(folder);
+        fs::create_directories(folder / "tmp");
+        defaults = std::make_unique<SettingsStore>("org.quorva.QuorvaRecorder", folder / "config");
+        configuration.repo = "quorva/QuorvaRecorder";
+        configuration.bundleIdentifier = "org.quorva.QuorvaRecorder";
+        configuration.currentVersion = "1.0.0";
+        configuration.currentInstall = folder / "Install" / "QuorvaRecorder";
+        configuration.publicKey = SigningKey::trusted().publicBase64();
+        configuration.environment = {{"QUORVA_UPDATE_URL", server.url("/manifest.json")}};
+        configuration.releaseServiceURL = server.url("");
+        configuration.checkTimeoutSeconds = 1;
+        configuration.downloadTimeoutSeconds = 1;
+    }
+    void TearDown() override {
+        defaults.reset();
+        fs::remove_all(folder);
+    }
+
+    UpdateService service() { return UpdateService(configuration, *defaults); }
+    // The states a check or an install went through.
+    std::vector<Kind> kinds;
+    UpdateService::Report record = [this](const UpdateState& state) { kinds.push_back(state.kind); };
+    std::string text(const UpdateState& state, UpdateLanguage language = UpdateLanguage::English) {
+        const UpdateTexts texts = TextsOf(state, configuration.currentVersion, language, std::nullopt);
+        return texts.headline + " | " + texts.detail;
+    }
+    std::string manifest(const std::string& version, const std::string& extra = "") {
+        return R"({"version": ")" + version + R"(", "notes": "New.", "download_url": ")" +
+               server.url("/QuorvaRecorder.zip") + "\"" + extra + "}";
+    }
+
+    fs::path folder;
+    ReleaseServer server;
+    std::unique_ptr<SettingsStore> defaults;
+    UpdaterConfiguration configuration;
+};
+
+TEST_F(UpdaterTest, ChecksTheManifestOrTheReleaseService) {
+    server.answer("/manifest.json", 200, manifest("v1.1"));
+    UpdateState found = service().check(1000, record);
+    EXPECT_EQ(kinds, (std::vector{Kind::Checking, Kind::UpdateAvailable}));
+    ASSERT_EQ(found.kind, Kind::UpdateAvailable);
+    EXPECT_EQ(text(found), "New version available: v1.1 | New.");
+    EXPECT_EQ(text(found, UpdateLanguage::French), "Nouvelle version disponible : v1.1 | New.");
+    EXPECT_EQ(defaults->doubleForKey("org.quorva.QuorvaRecorder.lastUpdateCheck"), 1000);
+    const std::string head = server.heads().at(0);
+    EXPECT_NE(head.find("GET /manifest.json "), std::string::npos) << head;
+    EXPECT_NE(head.find("Accept: application/vnd.github+json, application/json\r\n"), std::string::npos) << head;
+    EXPECT_NE(head.find("User-Agent: QuorvaRecorder/1.0.0\r\n"), std::string::npos) << head;
+    EXPECT_NE(head.find("Cache-Control: no-cache\r\n"), std::string::npos) << head;
+
+    server.answer("/manifest.json", 200, manifest("1.0"));
+    found = service().check(2000, record);
+    EXPECT_EQ(text(found), "QuorvaRecorder is up to date. | You are running the latest version (v1.0.0).");
+
+    // Without QUORVA_UPDATE_URL the settings name the manifest, and without them the release service
+    // answers for the repository.
+    configuration.environment.clear();
+    (void)defaults->setString(server.url("/custom.json"), "org.quorva.QuorvaRecorder.updateURL");
+    server.answer("/custom.json", 200, manifest("4.0"));
+    EXPECT_EQ(service().check(3000, record).release->version, "4.0");
+    (void)defaults->removeObjectForKey("org.quorva.QuorvaRecorder.updateURL");
+    server.answer("/repos/quorva/QuorvaRecorder/releases/latest", 200,
+                  R"({"tag_name": "v5.0", "assets": [{"name": "q.zip", "browser_download_url": "https://x/q.zip"}]})");
+    EXPECT_EQ(service().check(4000, record).release->version, "5.0");
+}
+
+TEST_F(UpdaterTest, FailedChecksSayWhy) {
+    server.answer("/manifest.json", 404, "Not Found");
+    EXPECT_EQ(text(service().check(0, record)), "Update check failed | Update server returned HTTP 404");
+    EXPECT_EQ(kinds.back(), Kind::Failed);
+
+    server.answer("/manifest.json", 200, R"({"tag_name": "v2", "assets": [{"name": "a.tar.gz",
+        "browser_download_url": "https://x/a.tar.gz"}]})");
+    EXPECT_EQ(text(service().check(0, record)), "Update check failed | No .zip archive found in release.");
+
+    server.answer("/manifest.json", 200, "<html>");
+    EXPECT_EQ(text(service().check(0, record)), "Update check failed | Invalid update manifest format.");
+
+    // A server that takes the request and never answers: the time-out ends the check.
+    server.hang("/manifest.json");
+    const UpdateState silent = service().check(0, record);
+    ASSERT_EQ(silent.kind, Kind::Failed);
+    EXPECT_EQ(silent.error->kind, UpdateError::Kind::NetworkFailed) << silent.error->detail;
+}
+
+TEST_F(UpdaterTest, ChecksAutomaticallyAtMostOnceADay) {
+    UpdateService updates = service();
+    EXPECT_TRUE(updates.shouldAutoCheck(100000, false)) << "never checked";
+    EXPECT_FALSE(updates.shouldAutoCheck(100000, true)) << "under tests";
+    (void)defaults->setDouble(100000, "org.quorva.QuorvaRecorder.lastUpdateCheck");
+    EXPECT_FALSE(updates.shouldAutoCheck(100000 + 86399, false));
+    EXPECT_TRUE(updates.shouldAutoCheck(100000 + 86400, false));
+    EXPECT_TRUE(updates.shouldAutoCheck(99999, false)) << "the clock went back";
+    updates.setAutoCheckOnLaunch(false);
+    EXPECT_FALSE(updates.shouldAutoCheck(100000 + 86400, false));
+
+    EXPECT_FALSE(updates.isRunningTestsOrHeadless(false));
+    EXPECT_TRUE(updates.isRunningTestsOrHeadless(true));
+    configuration.environment["QUORVA_DISABLE_UPDATE_CHECK"] = "1";
+    EXPECT_TRUE(service().isRunningTestsOrHeadless(false));
+    configuration.environment["QUORVA_DISABLE_UPDATE_CHECK"] = "0";
+    configuration.currentVersion = "dev";
+    EXPECT_TRUE(service().isRunningTestsOrHeadless(false)) << "a build that is no release";
+}
+
+// A portable install of a program that is a shell script, and releases made of it.
+class InstallTest : public UpdaterTest {
+protected:
+    void SetUp() override {
+        UpdaterTest::SetUp();
+        fs::create_directories(configuration.currentInstall);
+        std::ofstream(configuration.currentInstall / "quorvarecorder") << "#!/bin/sh\necho 1.0.0\n";
+        fs::permissions(configuration.currentInstall / "quorvarecorder", fs::perms(0755));
+        std::ofstream(configuration.currentInstall / "portable-install.txt") << "portable\n";
+        ::setenv("TMPDIR", (folder / "tmp").c_str(), 1);
+    }
+    void TearDown() override {
+        ::unsetenv("TMPDIR");
+        UpdaterTest::TearDown();
+    }
+    static std::string Release(std::vector<testing::ZipEntry> extra = {}) {
+        std::vector<testing::ZipEntry> entries{{"QuorvaRecorder/", "", 0},
+                                               {"QuorvaRecorder/quorvarecorder", "#!/bin/sh\necho 2.0.0\n", 0755},
+                                               {"QuorvaRecorder/portable-install.txt", "portable\n", 0644}};
+        entries.insert(entries.end(), extra.begin(), extra.end());
+        return testing::Zip(entries);
+    }
+    // Every file of the install and its content.
+    std::map<std::string, std::string> installed() {
+        std::map<std::string, std::string> files;
+        for (const auto& entry : fs::recursive_directory_iterator(configuration.currentInstall.parent_path()))
+            files[entry.path().string()] = entry.is_regular_file() ? testing::ReadFile(entry.path()) : "";
+        return files;
+    }
+    UpdateState install(const std::string& archive, std::optional<std::string> signature, bool withChecksum) {
+        server.answer("/QuorvaRecorder.zip", 200, archive);
+        if (signature)
+            server.answer("/QuorvaRecorder.zip.sig", 200, *signature);
+        server.answer("/manifest.json",
+                      200, manifest("2.0.0", withChecksum ? R"(, "sha256": ")" + testing::SHA256Hex(Release()) + "\"" : ""));
+        UpdateService updates = service();
+        const UpdateState found = updates.check(0, record);
+        EXPECT_EQ(found.kind, Kind::UpdateAvailable);
+        kinds.clear();
+        return updates.install(*found.release, ::getpid(), {}, record);
+    }
+};
+
+TEST_F(InstallTest, EveryFailedCheckLeavesTheInstallWhole) {
+    const auto before = installed();
+    const std::string good = Release();
+    const SigningKey trusted = SigningKey::trusted();
+    std::string tampered = good;
+    tampered[tampered.size() / 2] ^= 1;
+    const SigningKey other = SigningKey::other();
+    struct Case {
+        const char* what;
+        std::string archive;
+        std::optional<std::string> signature; // none: the release has no signature
+        bool withChecksum;
+        std::string text; // the whole text, or its start when it ends in ": "
+    } cases[] = {
+        {"tampered, with its checksum known", tampered, trusted.sign(tampered), true,
+         "SHA-256 checksum verification failed."},
+        {"tampered after signing", tampered, trusted.sign(good), false,
+         "The downloaded update has an invalid code signature."},
+        {"never signed", good, std::nullopt, true, "The downloaded update has an invalid code signature."},
+        {"signed by another key", good, other.sign(good), true,
+         "Code signing key mismatch (expected " + trusted.fingerprint() + ", found " + other.fingerprint() + ")."},
+        {"without an install", testing::Zip({{"QuorvaRecorder/quorvarecorder", "#!/bin/sh\n", 0755}}), {}, false,
+         "No application (portable install folder) found in the archive."},
+        {"not a zip", "PK\3\4 and nothing after", {}, false, "Archive extraction failed: "},
+        {"escaping its folder", Release({{"../../escaped", "x", 0644}}), {}, false, "Archive extraction failed: "},
+    };
+    for (Case& c : cases) {
+        if (c.what == std::string("never signed"))
+            server.answer("/QuorvaRecorder.zip.sig", 404, "Not Found");
+        else if (!c.signature)
+            c.signature = trusted.sign(c.archive);
+        const UpdateState state = install(c.archive, c.signature, c.withChecksum);
+        ASSERT_EQ(state.kind, Kind::Failed) << c.what;
+        const std::string said = DescribeError(*state.error, UpdateLanguage::English);
+        EXPECT_TRUE(c.text.ends_with(": ") ? said.starts_with(c.text) : said == c.text) << c.what << ": " << said;
+        EXPECT_EQ(kinds.back(), Kind::Failed) << c.what;
+        EXPECT_EQ(installed(), before) << c.what;
+        EXPECT_TRUE(fs::is_empty(folder / "tmp")) << c.what << ": the download was left behind";
+    }
+    EXPECT_FALSE(fs::exists(folder / "escaped"));
+}
+
+TEST_F(InstallTest, LeavesOtherInstallsAlone) {
+    server.answer("/manifest.json", 200, manifest("2.0.0"));
+    const ReleaseInfo release = *service().check(0, record).release;
+    configuration.currentInstall = "/usr/bin";
+    UpdateService packaged = service();
+    const UpdateTexts texts = TextsOf(UpdateState{Kind::UpdateAvailable, release, std::nullopt}, "1.0.0",
+                                      UpdateLanguage::English, packaged.replaceability());
+    EXPECT_EQ(texts.detail, "New.\n\nThis copy of QuorvaRecorder (/usr/bin) belongs to the package manager: update "
+                            "it there (sudo apt install --only-upgrade quorvarecorder).");
+    const size_t requests = server.heads().size();
+    EXPECT_EQ(packaged.install(release, ::getpid(), {}, record).error->kind, UpdateError::Kind::PackageManaged);
+
+    fs::remove(folder / "Install" / "QuorvaRecorder" / "portable-install.txt");
+    configuration.currentInstall = folder / "Install" / "QuorvaRecorder";
+    EXPECT_EQ(service().install(release, ::getpid(), {}, record).error->kind, UpdateError::Kind::NotPortable);
+    EXPECT_EQ(server.heads().size(), requests) << "nothing is downloaded for an install that cannot be replaced";
+}
+
+TEST_F(UpdaterTest, TheWindowsUpdaterShowsTheSheetForWhatTheUserAsked) {
+    auto loop = std::make_shared<HeadlessEventLoop>();
+    QuorvaUpdater updater(configuration, *defaults, *loop, [] {});
+    std::vector<Kind> seen;
+    updater.setObserver([&] { seen.push_back(updater.state().kind); });
+    // Runs the main loop until `done`, for twenty seconds at most.
+    auto runUntil = [&](std::function<bool()> done) {
+        int ticks = 0;
+        const TimerId timer = loop->scheduleTimer(0.01, [&] {
+            if (done() || ++ticks == 2000)
+                loop->stop();
+        });
+        loop->run();
+        loop->cancelTimer(timer);
+    };
+    server.answer("/manifest.json", 404, "");
+    updater.checkForUpdates(true, 0);
+    runUntil([&] { return updater.state().kind == Kind::Failed; });
+    EXPECT_FALSE(updater.isUpdateSheetPresented()) << "a failed check at launch stays quiet";
+
+    server.answer("/manifest.json", 200, manifest("2.0"));
+    updater.checkForUpdates(true, 0);
+    EXPECT_FALSE(updater.isUpdateSheetPresented());
+    runUntil([&] { return updater.isUpdateSheetPresented(); });
+    EXPECT_EQ(updater.state().kind, Kind::UpdateAvailable);
+
+    updater.setUpdateSheetPresented(false);
+    server.answer("/manifest.json", 404, "");
+    seen.clear();
+    updater.checkForUpdates(false, 0);
+    EXPECT_TRUE(updater.isUpdateSheetPresented()) << "a check the user asked for shows at once";
+    runUntil([&] { return updater.state().kind == Kind::Failed; });
+    EXPECT_EQ(seen, (std::vector{Kind::Checking, Kind::Checking, Kind::Failed}));
+}
+
+} // namespace
+} // namespace quorva
