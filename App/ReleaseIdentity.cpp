@@ -3,7 +3,8 @@
 namespace quorva {
 
 const ReleaseIdentity& ThisRelease() {
-    static constexpr ReleaseIdentity identity{QUORVA_VERSION, QUORVA_RELEASE_REPOSITORY, QUORVA_UPDATE_PUBLIC_KEY};
+    static constexpr ReleaseIdentity identity{QUORVA_VERSION, QUORVA_RELEASE_REPOSITORY,
+                                              QUORVA_UPDATE_PUBLIC_KEY};
     return identity;
 }
 
