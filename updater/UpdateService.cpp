@@ -203,8 +203,8 @@ UpdateState UpdateService::install(const ReleaseInfo& release, pid_t waitForPid,
                                                  waitForPid, relaunchArguments);
         !launched)
         return fail(launched.error());
-    Log("Updater", "installing v" + release.version + " over " + _configuration.currentInstall.string() +
-                       " once process " + std::to_string(waitForPid) + " has ended");
+    Log("Updater: ", "installing v" + release.version + " over " + _configuration.currentInstall.string() +
+                         " once process " + std::to_string(waitForPid) + " has ended");
     return State(UpdateState::Kind::Installing);
 }
 

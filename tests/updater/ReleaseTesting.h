@@ -48,7 +48,9 @@ public:
         ::close(_listener);
     }
 
-    std::string url(const std::string& path) const { return "http://127.0.0.1:" + std::to_string(_port) + path; }
+    std::string url(const std::string& path) const {
+        return "http://127.0.0.1:" + std::to_string(_port) + path;
+    }
     void answer(const std::string& path, int status, std::string body) {
         std::lock_guard guard(_lock);
         _routes[path] = {status, std::move(body)};
@@ -90,9 +92,10 @@ private:
                 _held.push_back(fd);
                 continue;
             }
-            const std::string answer = "HTTP/1.1 " + std::to_string(route.first) +
-                                       " X\r\nConnection: close\r\nContent-Length: " +
-                                       std::to_string(route.second.size()) + "\r\n\r\n" + route.second;
+            const std::string answer =
+                "HTTP/1.1 " + std::to_string(route.first) +
+                " X\r\nConnection: close\r\nContent-Length: " + std::to_string(route.second.size()) +
+                "\r\n\r\n" + route.second;
             for (size_t sent = 0; sent < answer.size();) {
                 const ssize_t n = ::send(fd, answer.data() + sent, answer.size() - sent, MSG_NOSIGNAL);
                 if (n <= 0)
@@ -139,7 +142,8 @@ struct SigningKey {
         unsigned char both[crypto_sign_PUBLICKEYBYTES + crypto_sign_BYTES];
         std::copy(std::begin(publicKey), std::end(publicKey), both);
         crypto_sign_detached(both + crypto_sign_PUBLICKEYBYTES, nullptr,
-                             reinterpret_cast<const unsigned char*>(archive.data()), archive.size(), secretKey);
+                             reinterpret_cast<const unsigned char*>(archive.data()), archive.size(),
+                             secretKey);
         return Base64(both, sizeof both) + "\n";
     }
     static std::string Base64(const unsigned char* bytes, size_t size) {

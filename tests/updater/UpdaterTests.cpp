@@ -27,9 +27,10 @@ TEST(UpdateVersions, CompareAsPeopleWriteThem) {
         const char* current;
         bool newer;
     } cases[] = {
-        {"v1.2", "1.2.0", false},  {"1.2.0", "v1.2", false},  {"1.10", "1.9", true},   {"1.9", "1.10", false},
-        {"1.2-beta", "1.2", false}, {"1.3-beta", "1.2", true}, {"1..3", "1.3", false}, {"1.2.1", "1.2", true},
-        {"1.x", "1.0", false},     {"1.2rc3", "1.1", true},   {"2", "dev", true},     {"99999999999999999999999", "1", true},
+        {"v1.2", "1.2.0", false}, {"1.2.0", "v1.2", false},   {"1.10", "1.9", true},
+        {"1.9", "1.10", false},   {"1.2-beta", "1.2", false}, {"1.3-beta", "1.2", true},
+        {"1..3", "1.3", false},   {"1.2.1", "1.2", true},     {"1.x", "1.0", false},
+        {"1.2rc3", "1.1", true},  {"2", "dev", true},         {"99999999999999999999999", "1", true},
     };
     for (const Case& c : cases)
         EXPECT_EQ(IsNewerVersion(c.candidate, std::nullopt, c.current, std::nullopt), c.newer)
@@ -54,13 +55,15 @@ TEST(ReleaseDocuments, ReadTheReleaseServiceAndManifests) {
     EXPECT_EQ(release.value().signatureURL(), "https://x/a.zip.sig");
 
     const std::string entry = R"({"version": "3.0", "build": 12, "notes": "Both.", "notes_fr": "Français.",
-        "download_url": "http://x/c.zip", "sha256": ")" + std::string(64, 'A') + R"("})";
+        "download_url": "http://x/c.zip", "sha256": ")" +
+                              std::string(64, 'A') + R"("})";
     auto manifest = ParseRelease(entry, id);
     ASSERT_TRUE(manifest.ok());
-    EXPECT_EQ(manifest.value(), (ReleaseInfo{"3.0", 12, "http://x/c.zip", std::string(64, 'a'), "Français.", "Both.",
-                                             std::nullopt}));
+    EXPECT_EQ(manifest.value(), (ReleaseInfo{"3.0", 12, "http://x/c.zip", std::string(64, 'a'), "Français.",
+                                             "Both.", std::nullopt}));
     // A manifest of several programs: this one's entry.
-    auto keyed = ParseRelease(R"({"org.quorva.Other": {"version": "9"}, ")" + id + R"(": )" + entry + "}", id);
+    auto keyed =
+        ParseRelease(R"({"org.quorva.Other": {"version": "9"}, ")" + id + R"(": )" + entry + "}", id);
     ASSERT_TRUE(keyed.ok());
     EXPECT_EQ(keyed.value().version, "3.0");
 }
@@ -137,7 +140,8 @@ TEST_F(UpdaterTest, ChecksTheManifestOrTheReleaseService) {
     EXPECT_EQ(defaults->doubleForKey("org.quorva.QuorvaRecorder.lastUpdateCheck"), 1000);
     const std::string head = server.heads().at(0);
     EXPECT_NE(head.find("GET /manifest.json "), std::string::npos) << head;
-    EXPECT_NE(head.find("Accept: application/vnd.github+json, application/json\r\n"), std::string::npos) << head;
+    EXPECT_NE(head.find("Accept: application/vnd.github+json, application/json\r\n"), std::string::npos)
+        << head;
     EXPECT_NE(head.find("User-Agent: QuorvaRecorder/1.0.0\r\n"), std::string::npos) << head;
     EXPECT_NE(head.find("Cache-Control: no-cache\r\n"), std::string::npos) << head;
 
@@ -152,8 +156,9 @@ TEST_F(UpdaterTest, ChecksTheManifestOrTheReleaseService) {
     server.answer("/custom.json", 200, manifest("4.0"));
     EXPECT_EQ(service().check(3000, record).release->version, "4.0");
     (void)defaults->removeObjectForKey("org.quorva.QuorvaRecorder.updateURL");
-    server.answer("/repos/quorva/QuorvaRecorder/releases/latest", 200,
-                  R"({"tag_name": "v5.0", "assets": [{"name": "q.zip", "browser_download_url": "https://x/q.zip"}]})");
+    server.answer(
+        "/repos/quorva/QuorvaRecorder/releases/latest", 200,
+        R"({"tag_name": "v5.0", "assets": [{"name": "q.zip", "browser_download_url": "https://x/q.zip"}]})");
     EXPECT_EQ(service().check(4000, record).release->version, "5.0");
 }
 
@@ -212,9 +217,10 @@ protected:
         UpdaterTest::TearDown();
     }
     static std::string Release(std::vector<testing::ZipEntry> extra = {}) {
-        std::vector<testing::ZipEntry> entries{{"QuorvaRecorder/", "", 0},
-                                               {"QuorvaRecorder/quorvarecorder", "#!/bin/sh\necho 2.0.0\n", 0755},
-                                               {"QuorvaRecorder/portable-install.txt", "portable\n", 0644}};
+        std::vector<testing::ZipEntry> entries{
+            {"QuorvaRecorder/", "", 0},
+            {"QuorvaRecorder/quorvarecorder", "#!/bin/sh\necho 2.0.0\n", 0755},
+            {"QuorvaRecorder/portable-install.txt", "portable\n", 0644}};
         entries.insert(entries.end(), extra.begin(), extra.end());
         return testing::Zip(entries);
     }
@@ -229,8 +235,9 @@ protected:
         server.answer("/QuorvaRecorder.zip", 200, archive);
         if (signature)
             server.answer("/QuorvaRecorder.zip.sig", 200, *signature);
-        server.answer("/manifest.json",
-                      200, manifest("2.0.0", withChecksum ? R"(, "sha256": ")" + testing::SHA256Hex(Release()) + "\"" : ""));
+        server.answer(
+            "/manifest.json", 200,
+            manifest("2.0.0", withChecksum ? R"(, "sha256": ")" + testing::SHA256Hex(Release()) + "\"" : ""));
         UpdateService updates = service();
         const UpdateState found = updates.check(0, record);
         EXPECT_EQ(found.kind, Kind::UpdateAvailable);
@@ -259,11 +266,19 @@ TEST_F(InstallTest, EveryFailedCheckLeavesTheInstallWhole) {
          "The downloaded update has an invalid code signature."},
         {"never signed", good, std::nullopt, true, "The downloaded update has an invalid code signature."},
         {"signed by another key", good, other.sign(good), true,
-         "Code signing key mismatch (expected " + trusted.fingerprint() + ", found " + other.fingerprint() + ")."},
-        {"without an install", testing::Zip({{"QuorvaRecorder/quorvarecorder", "#!/bin/sh\n", 0755}}), {}, false,
+         "Code signing key mismatch (expected " + trusted.fingerprint() + ", found " + other.fingerprint() +
+             ")."},
+        {"without an install",
+         testing::Zip({{"QuorvaRecorder/quorvarecorder", "#!/bin/sh\n", 0755}}),
+         {},
+         false,
          "No application (portable install folder) found in the archive."},
         {"not a zip", "PK\3\4 and nothing after", {}, false, "Archive extraction failed: "},
-        {"escaping its folder", Release({{"../../escaped", "x", 0644}}), {}, false, "Archive extraction failed: "},
+        {"escaping its folder",
+         Release({{"../../escaped", "x", 0644}}),
+         {},
+         false,
+         "Archive extraction failed: "},
     };
     for (Case& c : cases) {
         if (c.what == std::string("never signed"))
@@ -273,7 +288,8 @@ TEST_F(InstallTest, EveryFailedCheckLeavesTheInstallWhole) {
         const UpdateState state = install(c.archive, c.signature, c.withChecksum);
         ASSERT_EQ(state.kind, Kind::Failed) << c.what;
         const std::string said = DescribeError(*state.error, UpdateLanguage::English);
-        EXPECT_TRUE(c.text.ends_with(": ") ? said.starts_with(c.text) : said == c.text) << c.what << ": " << said;
+        EXPECT_TRUE(c.text.ends_with(": ") ? said.starts_with(c.text) : said == c.text)
+            << c.what << ": " << said;
         EXPECT_EQ(kinds.back(), Kind::Failed) << c.what;
         EXPECT_EQ(installed(), before) << c.what;
         EXPECT_TRUE(fs::is_empty(folder / "tmp")) << c.what << ": the download was left behind";
@@ -288,15 +304,18 @@ TEST_F(InstallTest, LeavesOtherInstallsAlone) {
     UpdateService packaged = service();
     const UpdateTexts texts = TextsOf(UpdateState{Kind::UpdateAvailable, release, std::nullopt}, "1.0.0",
                                       UpdateLanguage::English, packaged.replaceability());
-    EXPECT_EQ(texts.detail, "New.\n\nThis copy of QuorvaRecorder (/usr/bin) belongs to the package manager: update "
-                            "it there (sudo apt install --only-upgrade quorvarecorder).");
+    EXPECT_EQ(texts.detail,
+              "New.\n\nThis copy of QuorvaRecorder (/usr/bin) belongs to the package manager: update "
+              "it there (sudo apt install --only-upgrade quorvarecorder).");
     const size_t requests = server.heads().size();
-    EXPECT_EQ(packaged.install(release, ::getpid(), {}, record).error->kind, UpdateError::Kind::PackageManaged);
+    EXPECT_EQ(packaged.install(release, ::getpid(), {}, record).error->kind,
+              UpdateError::Kind::PackageManaged);
 
     fs::remove(folder / "Install" / "QuorvaRecorder" / "portable-install.txt");
     configuration.currentInstall = folder / "Install" / "QuorvaRecorder";
     EXPECT_EQ(service().install(release, ::getpid(), {}, record).error->kind, UpdateError::Kind::NotPortable);
-    EXPECT_EQ(server.heads().size(), requests) << "nothing is downloaded for an install that cannot be replaced";
+    EXPECT_EQ(server.heads().size(), requests)
+        << "nothing is downloaded for an install that cannot be replaced";
 }
 
 TEST_F(UpdaterTest, TheWindowsUpdaterShowsTheSheetForWhatTheUserAsked) {
