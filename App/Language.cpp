@@ -20,8 +20,17 @@ void Language::choose(const QString& code, SettingsStore& defaults) {
     use(code);
 }
 
+namespace {
+
+std::unique_ptr<QTranslator> installed;
+
+} // namespace
+
+bool Language::isFrench() {
+    return installed && installed->language().startsWith("fr");
+}
+
 void Language::use(const QString& code) {
-    static std::unique_ptr<QTranslator> installed;
     if (installed)
         QCoreApplication::removeTranslator(installed.get());
     installed = std::make_unique<QTranslator>();

@@ -18,6 +18,8 @@ public:
     // Installs the translation of `code` ("": the system's locale's) in place of the one installed
     // before; widgets hear of it as a language change. Needs the application object.
     static void use(const QString& code);
+    // Whether the texts installed by use() are French.
+    static bool isFrench();
 };
 
 } // namespace quorva

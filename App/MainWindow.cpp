@@ -3,6 +3,9 @@
 #include "App/Preview.h"
 #include "App/ReleaseIdentity.h"
 #include "App/Startup.h"
+#include "App/UpdateDialog.h"
+#include "App/Updates.h"
+#include "updater/QuorvaUpdater.h"
 
 #include "core/Layout.h"
 #include "core/MovieRecorderSettings.h"
@@ -86,8 +89,10 @@ QString Duration(double seconds) {
 } // namespace
 
 MainWindow::MainWindow(std::shared_ptr<RecorderController> controller,
-                       std::shared_ptr<RecorderNetwork> network, std::shared_ptr<SettingsStore> defaults)
-    : _controller(std::move(controller)), _network(std::move(network)), _defaults(std::move(defaults)) {
+                       std::shared_ptr<RecorderNetwork> network, std::shared_ptr<SettingsStore> defaults,
+                       std::shared_ptr<QuorvaUpdater> updater)
+    : _controller(std::move(controller)), _network(std::move(network)), _defaults(std::move(defaults)),
+      _updater(std::move(updater)) {
     buildMenus();
     auto* splitter = new QSplitter(this);
     splitter->addWidget(buildSidebar());
@@ -102,10 +107,13 @@ MainWindow::MainWindow(std::shared_ptr<RecorderController> controller,
     retranslate();
     controllerChanged();
     _observer = _controller->addObserver([this] { controllerChanged(); });
+    _updater->setObserver([this] { updaterChanged(); });
+    updaterChanged();
     resize(1280, 760);
 }
 
 MainWindow::~MainWindow() {
+    _updater->setObserver({});
     _controller->removeObserver(_observer);
 }
 
@@ -150,6 +158,26 @@ void MainWindow::buildMenus() {
                                        qsizetype(ThisRelease().version.size()))));
     });
     _aboutAction->setMenuRole(QAction::AboutRole);
+    _helpMenu->addSeparator();
+    _checkUpdatesAction = _helpMenu->addAction(
+        QString(), this, [this] { _updater->checkForUpdates(false, SecondsSince1970()); });
+    _autoCheckAction = _helpMenu->addAction(QString());
+    _autoCheckAction->setCheckable(true);
+    connect(_autoCheckAction, &QAction::triggered, this,
+            [this](bool on) { _updater->setAutoCheckOnLaunch(on); });
+}
+
+void MainWindow::updaterChanged() {
+    _checkUpdatesAction->setEnabled(!_updater->isBusy());
+    _autoCheckAction->setChecked(_updater->autoCheckOnLaunch());
+    if (_updater->isUpdateSheetPresented() && !_updateSheet) {
+        _updateSheet = new UpdateDialog(_updater, this);
+        _updateSheet->setAttribute(Qt::WA_DeleteOnClose);
+        connect(_updateSheet, &QObject::destroyed, this, [this] { _updateSheet = nullptr; });
+        _updateSheet->show();
+    }
+    if (_updateSheet)
+        _updateSheet->refresh();
 }
 
 QWidget* MainWindow::buildSidebar() {
@@ -336,6 +364,10 @@ void MainWindow::retranslate() {
     _helpMenu->setTitle(tr("&Help"));
     _helpAction->setText(tr("QuorvaRecorder &Help"));
     _aboutAction->setText(tr("&About QuorvaRecorder"));
+    _checkUpdatesAction->setText(tr("Check for Updates…"));
+    _autoCheckAction->setText(tr("Auto-check updates"));
+    if (_updateSheet)
+        _updateSheet->refresh();
 
     _sourcesBox->setTitle(tr("Sources"));
     _addButton->setText(tr("Add to the Places"));

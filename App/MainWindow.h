@@ -21,7 +21,9 @@ class QSpinBox;
 namespace quorva {
 
 class PreviewView;
+class QuorvaUpdater;
 class RecorderController;
+class UpdateDialog;
 class RecorderNetwork;
 class SettingsStore;
 
@@ -33,9 +35,9 @@ class MainWindow final : public QMainWindow {
     Q_OBJECT
 
 public:
-    // `defaults` keeps the language chosen here.
+    // `defaults` keeps the language chosen here; `updater` answers "Check for Updates…".
     MainWindow(std::shared_ptr<RecorderController> controller, std::shared_ptr<RecorderNetwork> network,
-               std::shared_ptr<SettingsStore> defaults);
+               std::shared_ptr<SettingsStore> defaults, std::shared_ptr<QuorvaUpdater> updater);
     ~MainWindow() override;
 
     // Shows the recorder's help: what it does and every OSC address with its description.
@@ -62,19 +64,24 @@ private:
     void showStatus();
     void chooseFolder();
     void chooseLanguage(const QString& code);
+    // Shows the updater's state: its menu items, and the update sheet while it is presented.
+    void updaterChanged();
     // The list moved the place at `from` to before `row`.
     void placesReordered(int from, int row);
 
     const std::shared_ptr<RecorderController> _controller;
     const std::shared_ptr<RecorderNetwork> _network;
     const std::shared_ptr<SettingsStore> _defaults;
+    const std::shared_ptr<QuorvaUpdater> _updater;
+    UpdateDialog* _updateSheet = nullptr;
     uint64_t _observer = 0;
     uint64_t _errorsSeen = 0;
     QTimer _errorTimer;
 
     QMenu *_fileMenu = nullptr, *_recordingMenu = nullptr, *_languageMenu = nullptr, *_helpMenu = nullptr;
     QAction *_chooseFolderAction = nullptr, *_quitAction = nullptr, *_recordAction = nullptr,
-            *_performanceAction = nullptr, *_helpAction = nullptr, *_aboutAction = nullptr;
+            *_performanceAction = nullptr, *_helpAction = nullptr, *_aboutAction = nullptr,
+            *_checkUpdatesAction = nullptr, *_autoCheckAction = nullptr;
     std::vector<QAction*> _languageActions;
 
     QGroupBox *_sourcesBox = nullptr, *_placesBox = nullptr, *_inspectorBox = nullptr;

@@ -43,7 +43,8 @@ int RunUpdateCommand(const std::vector<std::string>& arguments) {
             return ExitSuccess;
         }
         if (argument != "--install") {
-            std::fprintf(stderr, "quorvarecorder update: unexpected argument '%s'\n%s", argument.c_str(), Usage);
+            std::fprintf(stderr, "quorvarecorder update: unexpected argument '%s'\n%s", argument.c_str(),
+                         Usage);
             return ExitUsage;
         }
         install = true;

@@ -4,6 +4,8 @@
 #include "App/MainWindow.h"
 #include "App/QtEventLoop.h"
 #include "App/Startup.h"
+#include "App/Updates.h"
+#include "updater/QuorvaUpdater.h"
 
 #include "core/RecorderController.h"
 #include "remote/RecorderNetwork.h"
@@ -71,9 +73,20 @@ int RunWindow(int argc, char** argv) {
     RunningRecorder running = std::move(recorder.value());
     Language::use(Language::chosen(*running.defaults));
     {
-        MainWindow window(running.controller, running.network, running.defaults);
+        QPointer<MainWindow> shown;
+        // An install quits the program as the user would, finishing a take first, so that the
+        // replacement can begin.
+        auto updater =
+            std::make_shared<QuorvaUpdater>(ThisProgramsUpdates(), *running.defaults, *loop, [&shown] {
+                if (shown)
+                    shown->close();
+            });
+        MainWindow window(running.controller, running.network, running.defaults, updater);
+        shown = &window;
         window.show();
-        QPointer<MainWindow> shown = &window;
+        if (const double now = SecondsSince1970();
+            updater->service().shouldAutoCheck(now, updater->service().isRunningTestsOrHeadless(false)))
+            updater->checkForUpdates(true, now);
         WatchTerminationSignals(terminationSignals, [shown] {
             if (shown)
                 shown->close();

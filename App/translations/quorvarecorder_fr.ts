@@ -271,5 +271,20 @@
         <source>&lt;h2&gt;QuorvaRecorder&lt;/h2&gt;&lt;p&gt;QuorvaRecorder records up to eight live sources on one clock: pictures that other programs publish through PipeWire, NDI sources on the network and its own test patterns. Add sources to the places, choose the settings and press Record (or Space). A take writes one movie per source, one movie of all of them assembled, or both; nothing is ever overwritten.&lt;/p&gt;&lt;p&gt;Everything can be driven remotely: OSC messages over UDP on port %1, and OSCQuery over HTTP on port %2, with these addresses:&lt;/p&gt;</source>
         <translation>&lt;h2&gt;QuorvaRecorder&lt;/h2&gt;&lt;p&gt;QuorvaRecorder enregistre jusqu’à huit sources en direct sur une même horloge : les images que d’autres programmes publient par PipeWire, les sources NDI du réseau et ses propres mires. Ajoutez des sources aux emplacements, choisissez les réglages et appuyez sur Enregistrer (ou Espace). Une prise écrit un film par source, un film de toutes les sources assemblées, ou les deux ; rien n’est jamais écrasé.&lt;/p&gt;&lt;p&gt;Tout se pilote à distance : messages OSC en UDP sur le port %1, et OSCQuery en HTTP sur le port %2, avec ces adresses :&lt;/p&gt;</translation>
     </message>
+    <message>
+        <source>Check for Updates…</source>
+        <translation>Rechercher des mises à jour…</translation>
+    </message>
+    <message>
+        <source>Auto-check updates</source>
+        <translation>Rechercher les mises à jour automatiquement</translation>
+    </message>
+</context>
+<context>
+    <name>quorva::UpdateDialog</name>
+    <message>
+        <source>Close</source>
+        <translation>Fermer</translation>
+    </message>
 </context>
 </TS>

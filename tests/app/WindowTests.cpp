@@ -6,13 +6,17 @@
 #include "App/QtEventLoop.h"
 #include "App/SettingsMigration.h"
 #include "App/Startup.h"
+#include "App/Updates.h"
 
 #include "core/RecorderController.h"
 #include "platform/SettingsStore.h"
 #include "remote/RecorderNetwork.h"
 #include "tests/app/QtTesting.h"
 #include "tests/core/MovieReading.h"
+#include "tests/updater/ReleaseTesting.h"
+#include "updater/QuorvaUpdater.h"
 
+#include <QLabel>
 #include <QLineEdit>
 #include <QListWidget>
 #include <QMenuBar>
@@ -48,13 +52,19 @@ protected:
         auto started = StartRecorder("WindowTest: ");
         ASSERT_TRUE(started) << started.error().message();
         _recorder = std::move(started.value());
-        _window = std::make_unique<MainWindow>(_recorder.controller, _recorder.network, _recorder.defaults);
+        UpdaterConfiguration updates = ThisProgramsUpdates();
+        updates.environment["QUORVA_UPDATE_URL"] = _releases.url("/manifest.json");
+        _updater =
+            std::make_shared<QuorvaUpdater>(updates, *_recorder.defaults, *EventLoop::mainLoop(), [] {});
+        _window = std::make_unique<MainWindow>(_recorder.controller, _recorder.network, _recorder.defaults,
+                                               _updater);
         _window->show();
         ASSERT_TRUE(QTest::qWaitForWindowExposed(_window.get()));
     }
 
     void TearDown() override {
         _window.reset();
+        _updater.reset();
         _recorder.network.reset();
         _recorder.controller.reset();
         Language::use("en");
@@ -75,7 +85,9 @@ protected:
     }
 
     const fs::path _home = fs::path(::testing::TempDir()) / ("window-" + std::to_string(::getpid()));
+    testing::ReleaseServer _releases;
     RunningRecorder _recorder;
+    std::shared_ptr<QuorvaUpdater> _updater;
     std::unique_ptr<MainWindow> _window;
 };
 
@@ -163,6 +175,51 @@ TEST_F(WindowTest, SpeaksFrenchWhenChosenAndRemembersIt) {
     Language::choose("en", *_recorder.defaults);
     QCoreApplication::processEvents();
     EXPECT_EQ(record->text(), "Record");
+}
+
+TEST_F(WindowTest, ChecksForUpdatesFromItsMenu) {
+    _releases.answer("/manifest.json", 200,
+                     R"({"version": "9.0", "notes_en": "Faster.", "notes_fr": "Plus rapide.",
+                         "download_url": "https://example.invalid/q.zip"})");
+    QAction* check = nullptr;
+    QAction* automatic = nullptr;
+    for (QAction* action : _window->menuBar()->actions().back()->menu()->actions()) {
+        if (action->text() == "Check for Updates…")
+            check = action;
+        if (action->text() == "Auto-check updates")
+            automatic = action;
+    }
+    ASSERT_TRUE(check && automatic);
+    EXPECT_TRUE(automatic->isChecked()) << "on for a new user";
+    automatic->trigger();
+    EXPECT_FALSE(_updater->autoCheckOnLaunch());
+
+    check->trigger();
+    QWidget* sheet = nullptr;
+    ASSERT_TRUE(waitFor(
+        [&] {
+            sheet = _window->findChild<QWidget*>("updateSheet");
+            return sheet && sheet->isVisible() &&
+                   sheet->findChild<QLabel*>("updateHeadline")->text() == "New version available: v9.0";
+        },
+        20));
+    // The tests' program runs from its build folder, which it must never replace.
+    EXPECT_TRUE(sheet->findChild<QLabel*>("updateDetail")
+                    ->text()
+                    .startsWith("Faster.\n\nThis copy of QuorvaRecorder"));
+    auto* install = sheet->findChild<QPushButton*>("installUpdate");
+    EXPECT_TRUE(install->isVisible());
+    EXPECT_FALSE(install->isEnabled());
+
+    Language::choose("fr", *_recorder.defaults);
+    QCoreApplication::processEvents();
+    EXPECT_EQ(sheet->findChild<QLabel*>("updateHeadline")->text(), "Nouvelle version disponible : v9.0");
+    EXPECT_TRUE(sheet->findChild<QLabel*>("updateDetail")->text().startsWith("Plus rapide."));
+    Language::choose("en", *_recorder.defaults);
+
+    sheet->close();
+    QCoreApplication::processEvents();
+    EXPECT_FALSE(_updater->isUpdateSheetPresented());
 }
 
 // A user of the earlier companion application finds the settings they chose there, once.

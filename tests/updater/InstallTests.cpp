@@ -15,7 +15,8 @@ using testing::ReleaseServer;
 using testing::Shell;
 
 TEST(UpdateCommand, ReplacesAPortableInstallAndRelaunchesIt) {
-    const fs::path folder = fs::temp_directory_path() / ("quorva-update-command-" + std::to_string(::getpid()));
+    const fs::path folder =
+        fs::temp_directory_path() / ("quorva-update-command-" + std::to_string(::getpid()));
     fs::remove_all(folder);
     const fs::path install = folder / "Old" / "QuorvaRecorder";
     fs::create_directories(install);
@@ -25,20 +26,24 @@ TEST(UpdateCommand, ReplacesAPortableInstallAndRelaunchesIt) {
     std::ofstream(install / "portable-install.txt") << "portable\n";
 
     ReleaseServer server;
-    const std::string archive = testing::Zip({{"QuorvaRecorder/", "", 0},
-                                              {"QuorvaRecorder/quorvarecorder", testing::ReadFile(QUORVA_NEW_PROGRAM), 0755},
-                                              {"QuorvaRecorder/portable-install.txt", "portable\n", 0644}});
+    const std::string archive =
+        testing::Zip({{"QuorvaRecorder/", "", 0},
+                      {"QuorvaRecorder/quorvarecorder", testing::ReadFile(QUORVA_NEW_PROGRAM), 0755},
+                      {"QuorvaRecorder/portable-install.txt", "portable\n", 0644}});
     server.answer("/QuorvaRecorder.zip", 200, archive);
     server.answer("/QuorvaRecorder.zip.sig", 200, testing::SigningKey::trusted().sign(archive));
     server.answer("/manifest.json", 200,
                   R"({"version": "2.0.0", "notes": "Faster pictures.", "download_url": ")" +
-                      server.url("/QuorvaRecorder.zip") + R"(", "sha256": ")" + testing::SHA256Hex(archive) + "\"}");
+                      server.url("/QuorvaRecorder.zip") + R"(", "sha256": ")" + testing::SHA256Hex(archive) +
+                      "\"}");
 
-    const std::string run = "cd " + folder.string() + " && QUORVA_UPDATE_URL=" + server.url("/manifest.json") +
-                            " XDG_CONFIG_HOME=" + (folder / "config").string() + " TMPDIR=" +
-                            (folder / "tmp").string() + " " + (install / "quorvarecorder").string();
-    EXPECT_EQ(Shell(run + " update; echo exit $?"), "Checking for updates…\nNew version available: v2.0.0\nFaster "
-                                                    "pictures.\nInstall it with: quorvarecorder update --install\nexit 0\n");
+    const std::string run =
+        "cd " + folder.string() + " && QUORVA_UPDATE_URL=" + server.url("/manifest.json") +
+        " XDG_CONFIG_HOME=" + (folder / "config").string() + " TMPDIR=" + (folder / "tmp").string() + " " +
+        (install / "quorvarecorder").string();
+    EXPECT_EQ(Shell(run + " update; echo exit $?"),
+              "Checking for updates…\nNew version available: v2.0.0\nFaster "
+              "pictures.\nInstall it with: quorvarecorder update --install\nexit 0\n");
 
     // The relaunched program writes its version where the command's output goes.
     const fs::path output = folder / "output.txt";
