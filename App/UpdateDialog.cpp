@@ -48,8 +48,9 @@ UpdateDialog::UpdateDialog(std::shared_ptr<QuorvaUpdater> updater, QWidget* pare
 void UpdateDialog::refresh() {
     const UpdateState& state = _updater->state();
     const auto blocked = _updater->service().replaceability();
-    const UpdateTexts texts = TextsOf(state, _updater->service().configuration().currentVersion,
-                                      Language::isFrench() ? UpdateLanguage::French : UpdateLanguage::English, blocked);
+    const UpdateTexts texts =
+        TextsOf(state, _updater->service().configuration().currentVersion,
+                Language::isFrench() ? UpdateLanguage::French : UpdateLanguage::English, blocked);
     setWindowTitle(QString::fromStdString(texts.title));
     _version->setText(QString::fromStdString(texts.currentVersion));
     _headline->setText(QString::fromStdString(texts.headline));

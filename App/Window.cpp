@@ -85,7 +85,7 @@ int RunWindow(int argc, char** argv) {
         shown = &window;
         window.show();
         if (const double now = SecondsSince1970();
-            updater->service().shouldAutoCheck(now, updater->service().isRunningTestsOrHeadless(false)))
+            updater->service().shouldAutoCheck(now, updater->service().isRunningTestsOrHeadless()))
             updater->checkForUpdates(true, now);
         WatchTerminationSignals(terminationSignals, [shown] {
             if (shown)

@@ -13,7 +13,6 @@ QuorvaUpdater::QuorvaUpdater(UpdaterConfiguration configuration, SettingsStore& 
       _terminateApp(std::move(terminateApp)), _self(std::make_shared<QuorvaUpdater*>(this)) {}
 
 QuorvaUpdater::~QuorvaUpdater() {
-    *_self = nullptr;
     _service->cancel();
     JoinUnlessSelf(_thread);
 }

@@ -78,9 +78,9 @@ void UpdateService::setAutoCheckOnLaunch(bool on) {
     (void)_defaults.setBool(on, setting(AutoCheckKey));
 }
 
-bool UpdateService::isRunningTestsOrHeadless(bool headless) const {
+bool UpdateService::isRunningTestsOrHeadless() const {
     const auto disabled = _configuration.environment.find(DisableVariable);
-    return headless || (disabled != _configuration.environment.end() && disabled->second == "1") ||
+    return (disabled != _configuration.environment.end() && disabled->second == "1") ||
            _configuration.currentVersion == "dev";
 }
 
@@ -115,7 +115,6 @@ std::string UpdateService::userAgent() const {
 }
 
 UpdateState UpdateService::check(double now, const Report& report) {
-    _cancelled = false;
     report(State(UpdateState::Kind::Checking));
     (void)_defaults.setDouble(now, setting(LastCheckKey));
     const HTTPFetch fetch{customManifestURL().value_or(githubLatestReleaseURL()),
@@ -150,7 +149,6 @@ std::optional<UpdateError> UpdateService::replaceability() const {
 
 UpdateState UpdateService::install(const ReleaseInfo& release, pid_t waitForPid,
                                    const std::vector<std::string>& relaunchArguments, const Report& report) {
-    _cancelled = false;
     // Every failure leaves the running install as it was, and takes the download away with it.
     fs::path work;
     auto fail = [&](UpdateError error) {
@@ -214,11 +212,19 @@ UpdateResult<> SpawnDetachedReplacement(const fs::path& newInstall, const fs::pa
     // The old install is renamed aside, not removed, until the new one stands in its place, so that a
     // copy that fails half-way (a full disk) leaves a program to run.
     static constexpr const char* Script = R"(
+fail() {
+    echo "QuorvaRecorder: the update could not be put in place of $DEST ($1); it is left as it was" >&2
+    rm -rf "$DEST.new" "$WORK"
+    exit 1
+}
 while kill -0 "$OLD_PID" 2>/dev/null; do sleep 0.1; done
 rm -rf "$DEST.new" "$DEST.old"
-if ! cp -a "$NEW_INSTALL" "$DEST.new"; then rm -rf "$DEST.new"; exit 1; fi
-if ! mv "$DEST" "$DEST.old"; then rm -rf "$DEST.new"; exit 1; fi
-if ! mv "$DEST.new" "$DEST"; then mv "$DEST.old" "$DEST"; exit 1; fi
+cp -a "$NEW_INSTALL" "$DEST.new" || fail "copying the new version failed"
+mv "$DEST" "$DEST.old" || fail "moving the old version aside failed"
+if ! mv "$DEST.new" "$DEST"; then
+    mv "$DEST.old" "$DEST"
+    fail "moving the new version in failed"
+fi
 rm -rf "$DEST.old" "$WORK"
 exec "$DEST/quorvarecorder" "$@"
 )";

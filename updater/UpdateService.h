@@ -64,9 +64,9 @@ public:
 
     bool autoCheckOnLaunch() const;
     void setAutoCheckOnLaunch(bool on);
-    // No automatic check runs under tests, in a headless run or a build that is no release, or when
-    // QUORVA_DISABLE_UPDATE_CHECK is "1".
-    bool isRunningTestsOrHeadless(bool headless) const;
+    // No automatic check runs in a build that is no release (the tests' and a developer's) or when
+    // QUORVA_DISABLE_UPDATE_CHECK is "1"; headless runs make no updater at all.
+    bool isRunningTestsOrHeadless() const;
     // Whether the launch should check: never under tests or with the check off; not within a day of the
     // last check (a clock that went back does not count as within).
     bool shouldAutoCheck(double now, bool isTestEnvironment) const;
@@ -89,7 +89,7 @@ public:
     UpdateState install(const ReleaseInfo& release, pid_t waitForPid,
                         const std::vector<std::string>& relaunchArguments, const Report& report);
 
-    // Ends a transfer under way (from any thread): the step fails soon after.
+    // Ends the transfer under way and every later one (from any thread): the step fails soon after.
     void cancel() { _cancelled = true; }
 
 private:

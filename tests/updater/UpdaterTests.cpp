@@ -192,13 +192,12 @@ TEST_F(UpdaterTest, ChecksAutomaticallyAtMostOnceADay) {
     updates.setAutoCheckOnLaunch(false);
     EXPECT_FALSE(updates.shouldAutoCheck(100000 + 86400, false));
 
-    EXPECT_FALSE(updates.isRunningTestsOrHeadless(false));
-    EXPECT_TRUE(updates.isRunningTestsOrHeadless(true));
+    EXPECT_FALSE(updates.isRunningTestsOrHeadless());
     configuration.environment["QUORVA_DISABLE_UPDATE_CHECK"] = "1";
-    EXPECT_TRUE(service().isRunningTestsOrHeadless(false));
+    EXPECT_TRUE(service().isRunningTestsOrHeadless());
     configuration.environment["QUORVA_DISABLE_UPDATE_CHECK"] = "0";
     configuration.currentVersion = "dev";
-    EXPECT_TRUE(service().isRunningTestsOrHeadless(false)) << "a build that is no release";
+    EXPECT_TRUE(service().isRunningTestsOrHeadless()) << "a build that is no release";
 }
 
 // A portable install of a program that is a shell script, and releases made of it.
