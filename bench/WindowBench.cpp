@@ -5,6 +5,8 @@
 #include "App/MainWindow.h"
 #include "App/QtEventLoop.h"
 #include "App/Startup.h"
+#include "App/Updates.h"
+#include "updater/QuorvaUpdater.h"
 
 #include "core/RecorderController.h"
 #include "platform/MediaClock.h"
@@ -71,7 +73,9 @@ int main(int argc, char** argv) {
     controller.setOutput("both");
     controller.setFolder((home / "movies").string());
     {
-        MainWindow window(recorder.controller, recorder.network, recorder.defaults);
+        auto updater =
+            std::make_shared<QuorvaUpdater>(ThisProgramsUpdates(), *recorder.defaults, *loop, [] {});
+        MainWindow window(recorder.controller, recorder.network, recorder.defaults, updater);
         window.show();
         auto* record = window.findChild<QPushButton*>("record");
         StallMeter meter;
