@@ -112,11 +112,15 @@ bool Read(const std::shared_ptr<HTTPListener::State>& state, Waiting& connection
     return false;
 }
 
-// Accepts every pending connection, closing the oldest waiting ones that a newcomer is one too many for.
+// Accepts pending connections, closing the oldest waiting ones that a newcomer is one too many for.
 // Answers true when connections are pending that no descriptor is left for: listening then pauses, or
 // poll() would report them again at once and the thread would spin.
+//
+// A turn takes at most an eighth of the waiting room: a flood of connections would otherwise push out,
+// within one turn, a client accepted early in it whose whole head had arrived but was not read yet. The
+// rest are accepted on the next turns, after the heads that came in are read.
 bool Accept(const HTTPListener::State& state, std::vector<Waiting>& waiting) {
-    for (;;) {
+    for (size_t accepted = 0; accepted < std::max<size_t>(1, state.limits.waiting / 8); ++accepted) {
         sockaddr_in from{};
         socklen_t length = sizeof from;
         int fd = ::accept4(state.listenFD, reinterpret_cast<sockaddr*>(&from), &length,
@@ -146,6 +150,7 @@ bool Accept(const HTTPListener::State& state, std::vector<Waiting>& waiting) {
         }
         waiting.push_back({fd, from.sin_addr.s_addr, After(state.limits.deadline), {}});
     }
+    return false;
 }
 
 void Listen(const std::shared_ptr<HTTPListener::State>& state) {
