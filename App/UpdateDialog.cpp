@@ -31,6 +31,8 @@ UpdateDialog::UpdateDialog(std::shared_ptr<QuorvaUpdater> updater, QWidget* pare
     _close = new QPushButton(this);
     _install = new QPushButton(this);
     _install->setObjectName("installUpdate");
+    // Return installs: Close, though it has the focus first, never becomes the default.
+    _close->setAutoDefault(false);
     _install->setDefault(true);
     buttons->addWidget(_close);
     buttons->addWidget(_install);
@@ -60,6 +62,8 @@ void UpdateDialog::refresh() {
     _install->setEnabled(!blocked);
     _close->setText(tr("Close"));
     _close->setEnabled(!_updater->isBusy() || state.kind == UpdateState::Kind::Checking);
+    // Notes and errors differ in length: the sheet takes the size of what it shows now.
+    adjustSize();
 }
 
 } // namespace quorva

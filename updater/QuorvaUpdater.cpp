@@ -76,14 +76,14 @@ void QuorvaUpdater::checkForUpdates(bool silent, double now) {
           });
 }
 
-void QuorvaUpdater::downloadAndInstall(const ReleaseInfo& release) {
+void QuorvaUpdater::downloadAndInstall(ReleaseInfo release) {
     if (isBusy())
         return;
     _state = UpdateState{UpdateState::Kind::Downloading, std::nullopt, std::nullopt};
     changed();
     const pid_t pid = ::getpid();
     start(
-        [release, pid](UpdateService& service, const UpdateService::Report& report) {
+        [release = std::move(release), pid](UpdateService& service, const UpdateService::Report& report) {
             return service.install(release, pid, {}, report);
         },
         [this](const UpdateState& state) {

@@ -36,8 +36,9 @@ public:
     // Starts a check unless one or an install is under way. A silent one (at launch) shows the sheet
     // only when it finds an update; a failure or "up to date" then stays quiet.
     void checkForUpdates(bool silent, double now);
-    // Starts the install of `release`; the program quits once the replacement waits for it.
-    void downloadAndInstall(const ReleaseInfo& release);
+    // Starts the install of `release`; the program quits once the replacement waits for it. Taken by
+    // value: the release shown is often the state's own, which the install replaces at once.
+    void downloadAndInstall(ReleaseInfo release);
     bool isBusy() const;
 
 private:

@@ -317,9 +317,10 @@ TEST_F(InstallTest, LeavesOtherInstallsAlone) {
         << "nothing is downloaded for an install that cannot be replaced";
 }
 
-TEST_F(UpdaterTest, TheWindowsUpdaterShowsTheSheetForWhatTheUserAsked) {
+TEST_F(InstallTest, TheWindowsUpdaterShowsTheSheetForWhatTheUserAskedAndInstallsWhatItShows) {
     auto loop = std::make_shared<HeadlessEventLoop>();
-    QuorvaUpdater updater(configuration, *defaults, *loop, [] {});
+    bool terminated = false;
+    QuorvaUpdater updater(configuration, *defaults, *loop, [&] { terminated = true; });
     std::vector<Kind> seen;
     updater.setObserver([&] { seen.push_back(updater.state().kind); });
     // Runs the main loop until `done`, for twenty seconds at most.
@@ -350,6 +351,17 @@ TEST_F(UpdaterTest, TheWindowsUpdaterShowsTheSheetForWhatTheUserAsked) {
     EXPECT_TRUE(updater.isUpdateSheetPresented()) << "a check the user asked for shows at once";
     runUntil([&] { return updater.state().kind == Kind::Failed; });
     EXPECT_EQ(seen, (std::vector{Kind::Checking, Kind::Checking, Kind::Failed}));
+
+    // The sheet installs the release it shows; an archive that fails its checksum never quits the
+    // program.
+    server.answer("/manifest.json", 200, manifest("2.0", R"(, "sha256": ")" + std::string(64, '0') + "\""));
+    server.answer("/QuorvaRecorder.zip", 200, Release());
+    updater.checkForUpdates(false, 0);
+    runUntil([&] { return updater.state().kind == Kind::UpdateAvailable; });
+    updater.downloadAndInstall(*updater.state().release);
+    runUntil([&] { return updater.state().kind == Kind::Failed; });
+    EXPECT_EQ(updater.state().error->kind, UpdateError::Kind::ChecksumMismatch);
+    EXPECT_FALSE(terminated);
 }
 
 } // namespace
