@@ -7,20 +7,10 @@
 set -uo pipefail
 recorder=$1
 realTime=${2:-}
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
 # No saved settings come in, and the take must save none.
-export XDG_CONFIG_HOME=$work/config HOME=$work/home
-mkdir -p "$XDG_CONFIG_HOME" "$HOME" "$work/movies"
-if [ ! -w "${XDG_RUNTIME_DIR:-/nonexistent}" ]; then
-    export XDG_RUNTIME_DIR=$work/runtime
-    mkdir -m 700 "$XDG_RUNTIME_DIR"
-fi
-failures=0
-fail() {
-    echo "FAIL: $*" >&2
-    failures=$((failures + 1))
-}
+# shellcheck source=tests/script_testing.sh
+source "$(dirname "${BASH_SOURCE[0]}")/../script_testing.sh"
+mkdir "$work/movies"
 probe() { # FILE STREAM ENTRIES: one stream's entries, comma-separated
     ffprobe -v error -select_streams "$2" -count_packets -show_entries "stream=$3" -of csv=p=0 "$1"
 }

@@ -8,14 +8,9 @@
 set -u
 recorder=$1
 realTime=${2:-}
-work=$(mktemp -d)
-export XDG_CONFIG_HOME=$work/config HOME=$work/home
-mkdir -p "$XDG_CONFIG_HOME" "$HOME" "$work/movies"
-failures=0
-fail() {
-    echo "FAIL: $*" >&2
-    failures=$((failures + 1))
-}
+# shellcheck source=tests/script_testing.sh
+source "$(dirname "${BASH_SOURCE[0]}")/../script_testing.sh"
+mkdir "$work/movies"
 publisher=0
 publish() { # WIDTH HEIGHT PATTERN: StageCam, 30 pictures a second
     gst-launch-1.0 videotestsrc pattern="$3" ! "video/x-raw,width=$1,height=$2,framerate=30/1" ! videoconvert \
@@ -29,7 +24,7 @@ publish() { # WIDTH HEIGHT PATTERN: StageCam, 30 pictures a second
     done
     fail "the publisher was not listed"
 }
-trap 'kill $publisher 2>/dev/null; rm -rf "$work"' EXIT
+at_exit() { kill $publisher 2>/dev/null; }
 pixel() { # MOVIE X Y: the last picture's red, green and blue there
     ffmpeg -v error -sseof -0.3 -i "$1" -vf "crop=2:2:$2:$3" -frames:v 1 -f rawvideo -pix_fmt rgb24 - |
         head -c 3 | od -An -tu1
@@ -93,7 +88,7 @@ for _ in $(seq 50); do wpctl status | grep -q '\*.*Speakers' && break; sleep 0.1
 gst-launch-1.0 -q audiotestsrc freq=440 volume=0.5 ! audio/x-raw,format=F32LE,rate=48000,channels=2 \
     ! pipewiresink >/dev/null 2>&1 &
 tone=$!
-trap 'kill $publisher $tone 2>/dev/null; rm -rf "$work"' EXIT
+at_exit() { kill $publisher $tone 2>/dev/null; }
 sleep 1
 sound() { # MOVIE: the frequency and peak of its left channel from 0.5 s to 3.5 s, and when it is first loud
     ffmpeg -v error -i "$1" -map 0:a -af "pan=mono|c0=c0" -f f32le - | od -An -f -v -w4 | awk '

@@ -4,24 +4,15 @@
 # Usage: window_quit.sh PATH_TO_QUORVARECORDER
 set -uo pipefail
 recorder=$1
-work=$(mktemp -d)
-trap 'kill $pid 2>/dev/null; rm -rf "$work"' EXIT
-export XDG_CONFIG_HOME=$work/config HOME=$work/home
-mkdir -p "$XDG_CONFIG_HOME" "$HOME" "$work/movies"
-if [ ! -w "${XDG_RUNTIME_DIR:-/nonexistent}" ]; then
-    export XDG_RUNTIME_DIR=$work/runtime
-    mkdir -m 700 "$XDG_RUNTIME_DIR"
-fi
+# shellcheck source=tests/script_testing.sh
+source "$(dirname "${BASH_SOURCE[0]}")/../script_testing.sh"
+mkdir "$work/movies"
 cat >"$XDG_CONFIG_HOME/org.quorva.QuorvaRecorder.json" <<JSON
 {"RecorderSources": ["Test Pattern 720p30"], "RecorderFolder": "$work/movies", "RecorderName": "Signalled",
  "RecorderOutput": "separate"}
 JSON
-failures=0
-fail() {
-    echo "FAIL: $*" >&2
-    failures=$((failures + 1))
-}
 pid=0
+at_exit() { [ "$pid" -eq 0 ] || kill "$pid" 2>/dev/null; }
 # Starts the window; answers once its OSC port is known, in $osc.
 open_window() {
     "$recorder" >"$work/$1.log" 2>&1 &

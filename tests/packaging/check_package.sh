@@ -7,20 +7,15 @@ set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/../.."
 version=9.8.7
 base=http://127.0.0.1:1/x
-work=$(mktemp -d)
+# The programs run with no saved settings, and save none.
+# shellcheck source=tests/script_testing.sh
+source tests/script_testing.sh
 installed=
-cleanup() {
+at_exit() {
     if [ -n "$installed" ] && dpkg-query -W -f='${Status}' quorvarecorder 2>/dev/null | grep -q 'ok installed'; then
         DEBIAN_FRONTEND=noninteractive apt-get remove -y -qq quorvarecorder >/dev/null ||
             echo "FAIL: apt-get remove quorvarecorder failed: the package stays installed" >&2
     fi
-    rm -rf "$work"
-}
-trap cleanup EXIT
-failures=0
-fail() {
-    echo "FAIL: $*" >&2
-    failures=$((failures + 1))
 }
 stop() {
     echo "FAIL: $*" >&2
@@ -73,13 +68,6 @@ jq -e --arg name "$zipName" --arg url "$base/$zipName" --argjson size "$(stat -c
     '.assets | any(.name == $name and .browser_download_url == $url and .size == $size)' "$release" >/dev/null ||
     fail "release.json lists no asset $zipName of $(stat -c %s "$zip") bytes at $base/$zipName"
 
-# The programs run with no saved settings, and save none.
-export XDG_CONFIG_HOME=$work/config HOME=$work/home
-mkdir -p "$XDG_CONFIG_HOME" "$HOME"
-if [ ! -w "${XDG_RUNTIME_DIR:-/nonexistent}" ]; then
-    export XDG_RUNTIME_DIR=$work/runtime
-    mkdir -m 700 "$XDG_RUNTIME_DIR"
-fi
 said=$("$program" --version 2>&1) || fail "the archive's program exited with $? for --version"
 [ "$said" = "QuorvaRecorder $version" ] || fail "the archive's program says '$said' for --version"
 
