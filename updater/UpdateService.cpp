@@ -7,11 +7,10 @@
 #include "updater/Version.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <random>
 #include <spawn.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 extern char** environ;
@@ -33,29 +32,17 @@ UpdateState State(UpdateState::Kind kind) {
     return UpdateState{kind, std::nullopt, std::nullopt};
 }
 
-// A folder of the download's own in the temporary folder: "QuorvaUpdater-" and a random UUID.
+// A folder of the download's own in the temporary folder, "QuorvaUpdater-" and a random suffix, made
+// private at once (mkdtemp): nobody else may swap the archive between its checks and its use.
 UpdateResult<fs::path> MakeWorkFolder() {
     std::error_code error;
     fs::path temporary = fs::temp_directory_path(error);
     if (error)
         temporary = "/tmp";
-    std::random_device random;
-    char uuid[37];
-    std::uniform_int_distribution<unsigned> byte(0, 255);
-    unsigned char bytes[16];
-    for (unsigned char& b : bytes)
-        b = static_cast<unsigned char>(byte(random));
-    bytes[6] = (bytes[6] & 0x0F) | 0x40; // version 4
-    bytes[8] = (bytes[8] & 0x3F) | 0x80; // variant 1
-    std::snprintf(uuid, sizeof uuid, "%02X%02X%02X%02X-%02X%02X-%02X%02X-%02X%02X-%02X%02X%02X%02X%02X%02X",
-                  bytes[0], bytes[1], bytes[2], bytes[3], bytes[4], bytes[5], bytes[6], bytes[7], bytes[8],
-                  bytes[9], bytes[10], bytes[11], bytes[12], bytes[13], bytes[14], bytes[15]);
-    const fs::path folder = temporary / ("QuorvaUpdater-" + std::string(uuid));
-    // Private: nobody else may swap the archive between its checks and its use.
-    if (::mkdir(folder.c_str(), 0700) != 0)
-        return UpdateError{
-            UpdateError::Kind::StorageFailed, folder.string() + ": " + std::strerror(errno), {}};
-    return folder;
+    std::string folder = (temporary / "QuorvaUpdater-XXXXXX").string();
+    if (!::mkdtemp(folder.data()))
+        return UpdateError{UpdateError::Kind::StorageFailed, folder + ": " + std::strerror(errno), {}};
+    return fs::path(folder);
 }
 
 } // namespace
