@@ -1,8 +1,7 @@
-// The monitor's rates, and its drawing of the processor's pictures (the Vulkan drawing, and with it
+// The monitor's drawing of the processor's pictures (the Vulkan drawing, and with it
 // the letterbox's other cases and the flip, is VulkanPreviewTests').
 #include "App/Preview.h"
 
-#include "core/CompositionScheduler.h"
 #include "platform/MemoryPicture.h"
 #include "platform/PictureEngine.h"
 #include "tests/app/QtTesting.h"
@@ -14,12 +13,6 @@
 
 namespace quorva {
 namespace {
-
-TEST(PreviewGeometry, TheFullRateIsTheFastestScreensAndNeverBelowSixty) {
-    EXPECT_EQ(FullPreviewRate({}), 60);
-    EXPECT_EQ(FullPreviewRate({50, 59.9}), 60);
-    EXPECT_EQ(FullPreviewRate({60, 144, 120}), 144);
-}
 
 class ProcessorPreviewTest : public ::testing::Test {
 protected:
@@ -60,16 +53,6 @@ TEST_F(ProcessorPreviewTest, LetterboxesThePictureOnBlackAndShowsBlackWithout) {
     shown = nullptr;
     image = Drawn(*view);
     EXPECT_EQ(image.pixelColor(200, 200), QColor(Qt::black));
-}
-
-TEST_F(ProcessorPreviewTest, ChangesItsRateWhenLimitedWithoutBeingMadeAgain) {
-    std::unique_ptr<PreviewView> view(PreviewView::make(
-        engine, [] { return PreviewFrame{}; }, true));
-    EXPECT_EQ(view->rate(), RecorderLimitedDisplayRate);
-    view->setLimited(false);
-    EXPECT_GE(view->rate(), 60);
-    view->setLimited(true);
-    EXPECT_EQ(view->rate(), RecorderLimitedDisplayRate);
 }
 
 } // namespace
