@@ -29,20 +29,14 @@ std::array<float, 16> PreviewVertices(PreviewExtent extent, bool flipped) {
     return {-x, -y, 0, 1 - f, -x, y, 0, f, x, -y, 1, 1 - f, x, y, 1, f};
 }
 
-double FullPreviewRate(const std::vector<double>& screenRates) {
-    double fastest = 60;
-    for (double rate : screenRates)
-        fastest = std::max(fastest, rate);
-    return fastest;
-}
-
 namespace {
 
-std::vector<double> ScreenRates() {
-    std::vector<double> rates;
+// The rate when not limited: the fastest screen's, never below 60.
+double FullRate() {
+    double fastest = 60;
     for (const QScreen* screen : QGuiApplication::screens())
-        rates.push_back(screen->refreshRate());
-    return rates;
+        fastest = std::max(fastest, screen->refreshRate());
+    return fastest;
 }
 
 // Draws the processor's pictures: the engine fits each into a picture of the view's size, bars and all,
@@ -98,8 +92,7 @@ private:
 } // namespace
 
 PreviewView::PreviewView(PreviewProvider provider, bool limited, QWidget* parent)
-    : QWidget(parent), _provider(std::move(provider)), _fullRate(FullPreviewRate(ScreenRates())),
-      _limited(limited) {
+    : QWidget(parent), _provider(std::move(provider)), _fullRate(FullRate()), _limited(limited) {
     _timer.setTimerType(Qt::PreciseTimer);
     connect(&_timer, &QTimer::timeout, this, [this] { redraw(); });
     _timer.start(int(std::lround(1000 / rate())));

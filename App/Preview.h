@@ -6,7 +6,6 @@
 #include <array>
 #include <functional>
 #include <memory>
-#include <vector>
 
 namespace quorva {
 
@@ -31,9 +30,6 @@ PreviewExtent FittedExtent(double pictureWidth, double pictureHeight, double vie
 // flipped picture is turned the right way up by swapping the v coordinates.
 std::array<float, 16> PreviewVertices(PreviewExtent extent, bool flipped);
 
-// The rate when not limited: the fastest screen's, never below 60.
-double FullPreviewRate(const std::vector<double>& screenRates);
-
 // The monitor: the provider's picture letterboxed on black, redrawn at the full rate, or at
 // RecorderLimitedDisplayRate while limited. An empty frame shows black, still redrawn every time.
 class PreviewView : public QWidget {
@@ -45,8 +41,6 @@ public:
 
     // Changes the rate without making the view again.
     void setLimited(bool limited);
-    bool isLimited() const { return _limited; }
-    double rate() const;
 
 protected:
     PreviewView(PreviewProvider provider, bool limited, QWidget* parent);
@@ -55,6 +49,8 @@ protected:
     PreviewFrame frame() const { return _provider(); }
 
 private:
+    double rate() const;
+
     const PreviewProvider _provider;
     const double _fullRate;
     bool _limited;
