@@ -511,7 +511,12 @@ void MainWindow::showStatus() {
     _record->setEnabled(state != RecorderState::Finishing);
     _recordAction->setText(state == RecorderState::Idle ? tr("Start &Recording") : tr("Stop &Recording"));
     _elapsed->setText(Duration(_controller->elapsed()));
-    _frames->setText(tr("%1 frames, %2 dropped").arg(_controller->frames()).arg(_controller->dropped()));
+    QString frames = tr("%1 frames, %2 dropped").arg(_controller->frames()).arg(_controller->dropped());
+    // A take that asked more than this computer encodes keeps saying what it chose for as long as its
+    // figures are shown.
+    if (const double rate = _controller->loweredAssembledRate(); rate > 0)
+        frames += " · " + tr("assembled movie at %1 frames a second").arg(rate);
+    _frames->setText(frames);
     _file->setText(Text(_controller->file()));
     const QString name = _controller->name().empty() ? tr("named after the date") : Text(_controller->name());
     _take->setText(tr("Take %1 in %2").arg(name, Text(_controller->folder())));

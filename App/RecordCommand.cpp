@@ -201,7 +201,12 @@ std::string ProgressText(const RecorderController& controller, double elapsed, d
                   "Recording %.1f of %g s: %" PRIu64 " of %" PRIu64 " frames due written, %" PRIu64
                   " dropped",
                   std::min(elapsed, duration), duration, written, due, dropped);
-    return text;
+    std::string line = text;
+    if (const double rate = controller.loweredAssembledRate(); rate > 0) {
+        std::snprintf(text, sizeof text, " (the assembled movie at %g frames a second)", rate);
+        line += text;
+    }
+    return line;
 }
 
 // Lists the movies written and says why any failed; answers whether all went well.
@@ -235,10 +240,12 @@ int Record(const RecordOptions& options, HeadlessEventLoop& loop) {
     if (!settings)
         return Fail(settings.error().message());
     // The take's settings are its own and go with it; how fast this machine encodes is the machine's,
-    // measured once and kept with the user's settings.
-    auto controller = RecorderController::make(engine.value(), MakeSourceDirectory(),
-                                               std::make_shared<ComputerSound>(), settings.value()->store(),
-                                               EncoderSpeed::make(std::make_shared<SettingsStore>()));
+    // measured once and kept with the user's settings, while the sources connect.
+    auto encoderSpeed = EncoderSpeed::make(std::make_shared<SettingsStore>());
+    encoderSpeed->measureInBackground();
+    auto controller =
+        RecorderController::make(engine.value(), MakeSourceDirectory(), std::make_shared<ComputerSound>(),
+                                 settings.value()->store(), encoderSpeed);
     TellNdiAvailability(*controller);
     ApplySettings(*controller, options);
     // Nobody watches the monitor picture here: composing it as little as the recorder allows leaves the
@@ -275,6 +282,11 @@ int Record(const RecordOptions& options, HeadlessEventLoop& loop) {
                          "quorvarecorder: \u201C%s\u201D has sent no picture yet; recording it anyway\n",
                          place->title().c_str());
     }
+
+    // The take's encoders are chosen from this machine's speed: a new machine's measurement ends first.
+    if (const Codec codec = ValueNamed<Codec>(controller->codec()).value_or(Codec::H264);
+        codec == Codec::H264 || codec == Codec::HEVC)
+        (void)encoderSpeed->speeds(codec);
 
     Progress progress;
     if (!controller->start())

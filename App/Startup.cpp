@@ -27,8 +27,12 @@ Result<RunningRecorder> StartRecorder(const char* logPrefix) {
                                *recorder.defaults);
     // The runtime is looked for here, before the directory and the controller that use it.
     NDILibrary::sharedLibrary();
-    recorder.controller = RecorderController::make(engine.value(), MakeSourceDirectory(),
-                                                   std::make_shared<ComputerSound>(), recorder.defaults);
+    // How fast this machine encodes is measured once, beside the start-up rather than in a take's.
+    auto encoderSpeed = EncoderSpeed::make(recorder.defaults);
+    encoderSpeed->measureInBackground();
+    recorder.controller =
+        RecorderController::make(engine.value(), MakeSourceDirectory(), std::make_shared<ComputerSound>(),
+                                 recorder.defaults, std::move(encoderSpeed));
     TellNdiAvailability(*recorder.controller);
     recorder.network = RecorderNetwork::make(recorder.controller, std::string(ThisRelease().version));
     if (!recorder.network->startNetworkWithOSCPort(

@@ -20,6 +20,7 @@ extern "C" {
 #include <link.h>
 #include <set>
 #include <sstream>
+#include <sys/resource.h>
 #include <unistd.h>
 #include <vector>
 
@@ -30,6 +31,8 @@ namespace {
 using json = nlohmann::json;
 
 constexpr const char* LogPrefix = "EncoderSpeed: ";
+// How much lower than the rest of the program a measurement in the background runs (a nice value).
+constexpr int BackgroundNiceness = 10;
 
 // Pictures big enough that the encoders work as they do on a movie's (whole macroblock and CTU rows,
 // motion searched over some distance), small enough that every preset is measured in a second or so.
@@ -270,6 +273,19 @@ double MeasurePreset(Codec codec, const char* preset, const std::vector<MovieFra
     return seconds > 0 ? std::floor(double(pictures.size()) * Width * Height / seconds) : 0;
 }
 
+// The pixels a second of each preset, or nothing when `cancelled` was set before the last was measured.
+std::optional<PresetSpeeds> MeasurePresetSpeeds(Codec codec, const std::atomic<bool>& cancelled) {
+    PresetSpeeds speeds{};
+    const std::vector<MovieFrame> pictures =
+        MovingPictures(codec == Codec::HEVC ? HEVCPictures : H264Pictures);
+    for (size_t i = 0; i < EncoderPresets.size() && !pictures.empty(); ++i) {
+        if (cancelled)
+            return std::nullopt;
+        speeds[i] = MeasurePreset(codec, EncoderPresets[i], pictures);
+    }
+    return speeds;
+}
+
 // --- Remembering --------------------------------------------------------------------------------------
 
 std::string CPUModel() {
@@ -336,22 +352,14 @@ std::string Describe(const PresetSpeeds& speeds) {
 
 PresetChoice ChoosePreset(const PresetSpeeds& speeds, double processors, double pixelsPerSecond) {
     const double capacity = std::max(processors, 1.0) * EncodingShare;
+    // Measurements are noisy, so the fastest is whichever measured fastest.
+    const double fastestCovers =
+        *std::max_element(speeds.begin(), speeds.end()) * std::max(processors, 1.0) * FastestShare;
     for (size_t i = speeds.size(); i-- > 0;) {
         if (speeds[i] > 0 && speeds[i] * capacity >= pixelsPerSecond)
-            return {EncoderPresets[i], true};
+            return {EncoderPresets[i], true, fastestCovers};
     }
-    return {EncoderPresets[0], false};
-}
-
-PresetSpeeds MeasurePresetSpeeds(Codec codec) {
-    PresetSpeeds speeds{};
-    const std::vector<MovieFrame> pictures =
-        MovingPictures(codec == Codec::HEVC ? HEVCPictures : H264Pictures);
-    if (pictures.empty())
-        return speeds;
-    for (size_t i = 0; i < EncoderPresets.size(); ++i)
-        speeds[i] = MeasurePreset(codec, EncoderPresets[i], pictures);
-    return speeds;
+    return {EncoderPresets[0], fastestCovers >= pixelsPerSecond, fastestCovers};
 }
 
 double ProcessorCapacity(const std::filesystem::path& cpuFolder) {
@@ -431,7 +439,32 @@ std::shared_ptr<EncoderSpeed> EncoderSpeed::make(std::shared_ptr<SettingsStore> 
     return speed;
 }
 
+EncoderSpeed::~EncoderSpeed() {
+    _cancelled = true;
+    if (_measurer.joinable())
+        _measurer.join();
+}
+
+void EncoderSpeed::measureInBackground() {
+    std::lock_guard guard(_lock);
+    if (_measurer.joinable())
+        return;
+    _measurer = std::thread([this] {
+        // Measured in processor time, which a lower priority does not change: the program's own work
+        // (a window opening, a take starting) goes first.
+        setpriority(PRIO_PROCESS, pid_t(gettid()), BackgroundNiceness);
+        for (Codec codec : {Codec::H264, Codec::HEVC}) {
+            if (!measuredSpeeds(codec))
+                return;
+        }
+    });
+}
+
 PresetSpeeds EncoderSpeed::speeds(Codec codec) {
+    return measuredSpeeds(codec).value_or(PresetSpeeds{});
+}
+
+std::optional<PresetSpeeds> EncoderSpeed::measuredSpeeds(Codec codec) {
     const size_t index = SpeedIndex(codec).value_or(0);
     // One measurement at a time: a second caller waits for the first's speeds rather than measuring
     // beside it, which would halve both.
@@ -442,9 +475,11 @@ PresetSpeeds EncoderSpeed::speeds(Codec codec) {
             return *_speeds[index];
     }
     Log(LogPrefix, std::string("measuring ") + (index == 0 ? "libx264" : "libx265") + " on " + _signature);
-    const PresetSpeeds measured = MeasurePresetSpeeds(Codec(index));
+    const std::optional<PresetSpeeds> measured = MeasurePresetSpeeds(Codec(index), _cancelled);
+    if (!measured)
+        return std::nullopt;
     Log(LogPrefix,
-        std::string(index == 0 ? "libx264" : "libx265") + ", one processor: " + Describe(measured));
+        std::string(index == 0 ? "libx264" : "libx265") + ", one processor: " + Describe(*measured));
     json remembered = {{"signature", _signature}};
     {
         std::lock_guard guard(_lock);
@@ -466,9 +501,17 @@ PresetSpeeds EncoderSpeed::speeds(Codec codec) {
 }
 
 PresetChoice EncoderSpeed::presetFor(Codec codec, double pixelsPerSecond) {
-    if (!SpeedIndex(codec))
+    const std::optional<size_t> index = SpeedIndex(codec);
+    if (!index)
         return {"", true};
-    return ChoosePreset(speeds(codec), _processors, pixelsPerSecond);
+    std::optional<PresetSpeeds> known;
+    {
+        std::lock_guard guard(_lock);
+        known = _speeds[*index];
+    }
+    if (!known)
+        return {EncoderPresets[0], true};
+    return ChoosePreset(*known, _processors, pixelsPerSecond);
 }
 
 } // namespace quorva

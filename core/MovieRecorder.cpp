@@ -36,9 +36,6 @@ constexpr int64_t SilenceBudget = MovieWriter::SoundRate;
 constexpr int LastSoundPatience = 5000;
 // The last picture is shown for at least this long (1/60000 s) when the finish comes right after it.
 constexpr int64_t LastFrameHold = 250;
-// How much lower than the rest of the program the recorders' queues run (a nice value, which anyone
-// may raise for their own threads).
-constexpr int EncoderNiceness = 5;
 
 int64_t MovieTime(double seconds) {
     return std::llround(seconds * MovieWriter::TimeScale);
@@ -50,20 +47,20 @@ std::string Quoted(const std::string& text) {
 
 } // namespace
 
-Result<std::shared_ptr<MovieRecorder>> MovieRecorder::make(const std::shared_ptr<PictureEngine>& engine) {
+Result<std::shared_ptr<MovieRecorder>> MovieRecorder::make(const std::shared_ptr<PictureEngine>& engine,
+                                                           int niceness) {
     Result<std::unique_ptr<FrameConverter>> converter = engine->makeFrameConverter();
     if (!converter) {
         Log("MovieRecorder: ", "could not be created: " + converter.error().message());
         return converter.error();
     }
-    return std::shared_ptr<MovieRecorder>(new MovieRecorder(std::move(converter.value())));
+    return std::shared_ptr<MovieRecorder>(new MovieRecorder(std::move(converter.value()), niceness));
 }
 
-MovieRecorder::MovieRecorder(std::unique_ptr<FrameConverter> converter)
+MovieRecorder::MovieRecorder(std::unique_ptr<FrameConverter> converter, int niceness)
     : _converter(std::move(converter)), _queue(std::make_shared<SerialQueue>("movie-recorder")) {
-    // The recorder's queue, and the encoder threads it starts, yield to the sources and to composition:
-    // a late encoder has three pictures of slack, a late source has none.
-    _queue->post([] { setpriority(PRIO_PROCESS, pid_t(syscall(SYS_gettid)), EncoderNiceness); });
+    // The encoder threads that the queue starts take its priority.
+    _queue->post([niceness] { setpriority(PRIO_PROCESS, pid_t(syscall(SYS_gettid)), niceness); });
 }
 
 MovieRecorder::~MovieRecorder() {
@@ -172,6 +169,8 @@ bool MovieRecorder::wantsFrameAtTime(double time) {
     if (!_recording || !_pacer.wouldKeepFrameAtTime(time))
         return false;
     if (_framesPending >= MaximumFramesInFlight) {
+        // The slot is spent on this drop, so that a later picture for the same slot is not counted again.
+        (void)_pacer.decisionForFrameAtTime(time);
         ++_framesDropped;
         return false;
     }

@@ -43,9 +43,15 @@ public:
     using FailureHandler = std::function<void(const Error& error)>;
 
     static constexpr uint64_t MaximumFramesInFlight = 3;
+    // How much lower than the rest of the program a recorder's queue and its encoder threads run (nice
+    // values, which anyone may raise for their own threads): a late encoder has three pictures of
+    // slack, a late source has none. A movie that may lose pictures first runs lower still.
+    static constexpr int SourceNiceness = 5;
+    static constexpr int AssembledNiceness = 10;
 
     // Fails, with the engine's reason (also logged), when the engine cannot convert pictures.
-    static Result<std::shared_ptr<MovieRecorder>> make(const std::shared_ptr<PictureEngine>& engine);
+    static Result<std::shared_ptr<MovieRecorder>> make(const std::shared_ptr<PictureEngine>& engine,
+                                                       int niceness = SourceNiceness);
 
     ~MovieRecorder();
     MovieRecorder(const MovieRecorder&) = delete;
@@ -104,7 +110,7 @@ private:
     };
     using PlacedSound = std::variant<std::shared_ptr<SourceSound>, Silence>;
 
-    explicit MovieRecorder(std::unique_ptr<FrameConverter> converter);
+    MovieRecorder(std::unique_ptr<FrameConverter> converter, int niceness);
 
     // On _queue.
     Result<> createWriterForFrameOfWidth(uint64_t width, uint64_t height);

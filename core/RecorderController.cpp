@@ -6,6 +6,7 @@
 #include "platform/MediaClock.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <set>
 #include <utility>
 
@@ -22,6 +23,17 @@ std::string MovieMessage(const std::string& title, const Error& error, size_t mo
     if (movieCount <= 1)
         return error.message();
     return (title.empty() ? std::string("Assembled movie") : title) + ": " + error.message();
+}
+
+// A frame rate as people write it: 30, 29.97, 15.
+std::string RateText(double rate) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.2f", rate);
+    std::string written = text;
+    written.erase(written.find_last_not_of('0') + 1);
+    if (written.back() == '.')
+        written.pop_back();
+    return written;
 }
 
 std::vector<std::string> TitlesOf(const Places& places) {
@@ -395,8 +407,18 @@ bool RecorderController::start() {
     for (size_t i = 0; i < planned.rates.size() && i < movies.size(); ++i)
         _dueRates.emplace_back(movies[i], planned.rates[i]);
     if (auto assembled = _take->assembledMovie())
-        _dueRates.emplace_back(assembled, planned.clockRate);
+        _dueRates.emplace_back(assembled, planned.assembledRate);
     _encoderPreset = planned.preset.preset;
+    _loweredAssembledRate = planned.assembledRate < planned.clockRate ? planned.assembledRate : 0;
+    if (_loweredAssembledRate > 0) {
+        const std::string notice = "This computer cannot encode every picture of these movies: the assembled "
+                                   "movie is recorded at " +
+                                   RateText(_loweredAssembledRate) + " frames a second instead of " +
+                                   RateText(planned.clockRate) +
+                                   ", so that each source's own movie keeps all of its pictures";
+        Log("RecorderController: ", notice);
+        setError(notice);
+    }
     if (!planned.preset.keepsUp) {
         // The speeds were measured on grainy pictures, as a camera's are; cleaner ones encode faster, so
         // this is a warning of what may happen rather than a promise of drops.

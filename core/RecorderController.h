@@ -198,11 +198,14 @@ public:
     uint64_t dropped() const; // by every movie of the take
     // Pictures that `movie` should hold by now, or by the end of the last take: its source's announced
     // rate, capped by the frame rate setting, over the take's time so far; the assembled movie at its
-    // clock source's rate. A source that fell behind shows here, not as dropped. 0 when the rate is not
-    // known.
+    // clock source's rate, or the lower rate chosen for it. A source that fell behind shows here, not
+    // as dropped. 0 when the rate is not known.
     uint64_t framesDue(const TakeMovie& movie) const;
     // The speed preset that the take's H.264 or HEVC encoders use on the processor; empty for ProRes.
     const std::string& encoderPreset() const { return _encoderPreset; }
+    // The assembled movie's frame rate where the machine could not encode every picture of the take
+    // and it was lowered (a whole divisor of its clock source's); 0 where it was not.
+    double loweredAssembledRate() const { return _loweredAssembledRate; }
     std::string file() const; // the assembled movie's, else the first place's
     std::string assembledFile() const;
     uint64_t assembledFrames() const;
@@ -263,6 +266,7 @@ private:
     // The rate at which each movie of the take is due pictures, fixed at its start.
     std::vector<std::pair<std::shared_ptr<const TakeMovie>, double>> _dueRates;
     std::string _encoderPreset;
+    double _loweredAssembledRate = 0;
     double _lastElapsed = 0;
     std::vector<std::function<void()>> _stopHandlers;
 };

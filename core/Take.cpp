@@ -114,6 +114,8 @@ Result<> Take::start(const TakePlan& plan) {
         movieSettings.setWidth(int64_t(assembledSize.width));
         movieSettings.setHeight(int64_t(assembledSize.height));
         movieSettings.setRecordsSound(computerSound || assembledSoundIndex != NoIndex);
+        if (plan.assembledFramesPerSecond > 0)
+            movieSettings.setFramesPerSecond(plan.assembledFramesPerSecond);
         if (plan.assembledEncoderThreads > 0)
             movieSettings.setEncoderThreads(plan.assembledEncoderThreads);
         assembledMovie = std::make_shared<TakeMovie>(movieSettings.recordsSound(), std::string(),
@@ -162,22 +164,24 @@ Result<> Take::start(const TakePlan& plan) {
 }
 
 Result<> Take::growRecorders(size_t count, bool assembled) {
-    auto make = [this]() -> Result<std::shared_ptr<MovieRecorder>> {
+    // When another program takes the processor away, the assembled movie's encoder yields first: the
+    // sources' own movies hold every picture, the assembled one is made again from them.
+    auto make = [this](int niceness) -> Result<std::shared_ptr<MovieRecorder>> {
         if (!_engine)
             return TakeError("Movies cannot be written on this computer: Vulkan is not available");
-        Result<std::shared_ptr<MovieRecorder>> made = MovieRecorder::make(_engine);
+        Result<std::shared_ptr<MovieRecorder>> made = MovieRecorder::make(_engine, niceness);
         if (!made)
             return TakeError("Movies cannot be written on this computer: " + made.error().message());
         return made;
     };
     while (_recorders.size() < count) {
-        Result<std::shared_ptr<MovieRecorder>> made = make();
+        Result<std::shared_ptr<MovieRecorder>> made = make(MovieRecorder::SourceNiceness);
         if (!made)
             return made.error();
         _recorders.push_back(std::move(made.value()));
     }
     if (assembled && !_assembledRecorder) {
-        Result<std::shared_ptr<MovieRecorder>> made = make();
+        Result<std::shared_ptr<MovieRecorder>> made = make(MovieRecorder::AssembledNiceness);
         if (!made)
             return made.error();
         _assembledRecorder = std::move(made.value());

@@ -80,6 +80,8 @@ struct TakePlan {
     std::filesystem::path folder{};
     // The codec, frame rate and bit rate that all the movies share; their sizes come from the above.
     MovieRecorderSettings settings{};
+    // The assembled movie's frame rate where it differs from the settings' (0: the settings' own).
+    double assembledFramesPerSecond = 0;
     // Encoder threads of each source's movie, parallel to the titles, and of the assembled movie; a
     // movie without a number here (or 0) keeps the settings' own.
     std::vector<int64_t> encoderThreads{};

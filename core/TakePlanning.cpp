@@ -58,6 +58,17 @@ SoundRouting RouteSound(const Places& places, TakeOutput output, std::string_vie
     return routing;
 }
 
+double AssembledRateThatFits(double clockRate, double assembledPixels, double separatePixelsPerSecond,
+                             double capacity) {
+    double rate = clockRate;
+    for (double divisor = 1; clockRate / divisor >= 1; ++divisor) {
+        rate = clockRate / divisor;
+        if (separatePixelsPerSecond + assembledPixels * rate <= capacity)
+            break;
+    }
+    return rate;
+}
+
 PlannedTake PlanTake(const RecorderSettings& settings, const Places& places,
                      const std::shared_ptr<RecorderPlace>& clockPlace, EncoderSpeed* encoderSpeed) {
     PlannedTake planned;
@@ -97,18 +108,33 @@ PlannedTake PlanTake(const RecorderSettings& settings, const Places& places,
     movie.setMegabitsPerSecond(settings.number(Setting::Bitrate));
     const bool separate = plan.output != TakeOutput::Assembled;
     std::vector<double> pixels;
+    double separateTotal = 0;
     if (separate) {
-        for (size_t i = 0; i < places.size(); ++i)
+        for (size_t i = 0; i < places.size(); ++i) {
             pixels.push_back(PixelsPerSecond(plan.sizes[i], planned.rates[i]));
+            separateTotal += pixels.back();
+        }
     }
-    const double assembledPixels =
-        planned.layout ? PixelsPerSecond(plan.assembledSize, planned.clockRate) : 0;
-    double total = assembledPixels;
-    for (double p : pixels)
-        total += p;
-    if (encoderSpeed)
-        planned.preset = encoderSpeed->presetFor(movie.codec(), total);
+    planned.assembledRate = planned.clockRate;
+    const auto assembledPixelsAt = [&](double rate) {
+        return planned.layout ? PixelsPerSecond(plan.assembledSize, rate) : 0;
+    };
+    if (encoderSpeed) {
+        planned.preset =
+            encoderSpeed->presetFor(movie.codec(), separateTotal + assembledPixelsAt(planned.clockRate));
+        if (!planned.preset.keepsUp && fps <= 0 && planned.layout && planned.clockRate > 0 &&
+            planned.preset.fastestCovers > 0) {
+            planned.assembledRate = AssembledRateThatFits(planned.clockRate, assembledPixelsAt(1),
+                                                          separateTotal, planned.preset.fastestCovers);
+            planned.preset = encoderSpeed->presetFor(
+                movie.codec(), separateTotal + assembledPixelsAt(planned.assembledRate));
+        }
+    }
+    if (planned.assembledRate < planned.clockRate)
+        plan.assembledFramesPerSecond = planned.assembledRate;
     movie.setEncoderPreset(planned.preset.preset);
+    const double assembledPixels = assembledPixelsAt(planned.assembledRate);
+    const double total = separateTotal + assembledPixels;
     // The take's encoders run side by side: each gets the share of the processors that its pixels are
     // of the take's, rounded up. More threads than that cost memory (a picture each) and time spent
     // waiting on one another, and fewer leave a large assembled movie to one processor that cannot

@@ -40,13 +40,25 @@ struct PlannedTake {
     // when the source does not say.
     std::vector<double> rates;
     double clockRate = 0;
-    // The slowest encoder preset that keeps up with every picture of the take.
+    // The assembled movie's rate: the clock's, or a whole divisor of it where the machine cannot encode
+    // every picture of the take.
+    double assembledRate = 0;
+    // The slowest encoder preset that keeps up with every picture of the take at those rates.
     PresetChoice preset;
 };
 
+// The highest of `clockRate`, its half, its third and so on, at which an assembled movie of
+// `assembledPixels` pixels a picture fits, beside `separatePixelsPerSecond`, into `capacity` pixels a
+// second. When even the separate movies do not fit: the lowest, a picture a second or just above.
+double AssembledRateThatFits(double clockRate, double assembledPixels, double separatePixelsPerSecond,
+                             double capacity);
+
 // Plans a take of `places`, its encoders' preset chosen with `encoderSpeed` (none: the writers' own
-// choice), which may first measure this machine for a second or two: the plan's time is the caller's
-// to set, once it starts the take. An empty name gives "QuorvaRecorder" and the local date and time.
+// choice). A take that asks more than the machine can encode, with no frame rate chosen, keeps every
+// picture of the sources' own movies and records the assembled movie at the highest rate that fits,
+// a whole divisor of its clock's, so that it stays a regular movie; a frame rate that the user chose is
+// kept. The plan's time is the caller's to set, once it starts the take. An empty name gives
+// "QuorvaRecorder" and the local date and time.
 PlannedTake PlanTake(const RecorderSettings& settings, const Places& places,
                      const std::shared_ptr<RecorderPlace>& clockPlace, EncoderSpeed* encoderSpeed);
 

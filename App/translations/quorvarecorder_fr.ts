@@ -240,6 +240,10 @@
         <translation>%1 images, %2 perdues</translation>
     </message>
     <message>
+        <source>assembled movie at %1 frames a second</source>
+        <translation>film assemblé à %1 images par seconde</translation>
+    </message>
+    <message>
         <source>named after the date</source>
         <translation>nommée d’après la date</translation>
     </message>

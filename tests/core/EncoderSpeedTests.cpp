@@ -71,6 +71,11 @@ TEST(ChoosePreset, TakesTheSlowestPresetThatKeepsUpElseTheFastestAndSaysSo) {
     PresetChoice choice = ChoosePreset(Halving, 2, Covered(100, 2) * 1.5);
     EXPECT_EQ(choice.preset, "ultrafast");
     EXPECT_FALSE(choice.keepsUp);
+    // Past EncodingShare, the fastest preset still keeps up as far as FastestShare goes: the limit.
+    choice = ChoosePreset(Halving, 2, 100 * 2 * FastestShare);
+    EXPECT_EQ(choice.preset, "ultrafast");
+    EXPECT_TRUE(choice.keepsUp);
+    EXPECT_DOUBLE_EQ(choice.fastestCovers, 100 * 2 * FastestShare);
 
     // An encoder that could not be measured at all.
     choice = ChoosePreset(PresetSpeeds{}, 2, 1);

@@ -1,6 +1,7 @@
 #include "core/RecorderController.h"
 
 #include "core/Take.h"
+#include "core/TakePlanning.h"
 #include "platform/HeadlessEventLoop.h"
 #include "platform/MediaClock.h"
 #include "sources/TestPatternDirectory.h"
@@ -502,16 +503,50 @@ TEST_F(RecorderControllerTest, ATakeIsNamedAfterTheLocalTimeAtWhichItBegan) {
     EXPECT_NEAR(double(std::mktime(&began)), double(std::time(nullptr)), 60);
 }
 
-// Where even the fastest preset cannot keep up, the take still starts, and says so at once.
-TEST_F(RecorderControllerTest, ATakeTheEncodersCannotKeepUpWithStartsAndSaysSo) {
-    nlohmann::json crawling = {{"signature", MachineSignature()}};
+TEST(AssembledRateThatFits, TakesTheHighestWholeDivisorOfTheClockThatFits) {
+    // 100 pixels a picture beside 1000 a second of separate movies.
+    EXPECT_EQ(AssembledRateThatFits(60, 100, 1000, 7000), 60);
+    EXPECT_EQ(AssembledRateThatFits(60, 100, 1000, 6999), 30);
+    EXPECT_EQ(AssembledRateThatFits(60, 100, 1000, 3000), 20);
+    EXPECT_DOUBLE_EQ(AssembledRateThatFits(29.97, 100, 0, 2000), 29.97 / 2);
+    // The separate movies alone do not fit: a picture a second, the least there is to record.
+    EXPECT_EQ(AssembledRateThatFits(60, 100, 5000, 4000), 1);
+    EXPECT_DOUBLE_EQ(AssembledRateThatFits(59.94, 100, 5000, 4000), 59.94 / 59);
+}
+
+// A take that asks more than the machine encodes keeps every picture of the sources' own movies and
+// records the assembled one at a lower rate, a whole divisor of its clock source's, and says so; a
+// frame rate that the user chose is kept, with a warning.
+TEST_F(RecorderControllerTest, ATakeTooLargeForTheEncodersLowersTheAssembledRateUnlessTheUserChoseOne) {
+    // One 720p30 pattern, alone and assembled: 2 × 27.6 Mpx/s, where the machine covers 48 at the
+    // fastest preset, so that the assembled movie fits at 15 frames a second beside its source's.
+    nlohmann::json slow = {{"signature", MachineSignature()}};
+    const double ultrafast = 48e6 / (std::max(ProcessorCapacity(), 1.0) * FastestShare);
     for (const char* preset : EncoderPresets)
-        crawling["h264"][preset] = 1.0; // a pixel a second
-    ASSERT_TRUE(store()->setString(crawling.dump(), EncoderSpeed::SettingsKey));
+        slow["h264"][preset] = preset == std::string("ultrafast") ? ultrafast : ultrafast / 10;
+    ASSERT_TRUE(store()->setString(slow.dump(), EncoderSpeed::SettingsKey));
     auto controller = recorder(std::make_shared<TestPatternDirectory>());
     ASSERT_TRUE(controller->addSourceMatching("720p30"));
+    controller->setOutput("both");
+    ASSERT_TRUE(loop->runUntil([&] { return controller->places().front()->width() > 0; }, 60));
     ASSERT_TRUE(controller->start()) << controller->error();
+    EXPECT_EQ(controller->loweredAssembledRate(), 15);
     EXPECT_EQ(controller->encoderPreset(), "ultrafast");
+    EXPECT_TRUE(controller->error().starts_with("This computer cannot encode every picture of these movies: "
+                                                "the assembled movie is recorded at 15 frames a second "
+                                                "instead of 30"))
+        << controller->error();
+    ASSERT_TRUE(loop->runUntil([&] { return controller->assembledFrames() >= 10; }, 60));
+    controller->stopWithCompletionHandler({});
+    ASSERT_TRUE(Idle(*controller));
+    const auto assembled = controller->moviesOfTheTake().back();
+    const auto own = controller->moviesOfTheTake().front();
+    EXPECT_NEAR(double(controller->framesDue(*assembled)), double(controller->framesDue(*own)) / 2, 1);
+    EXPECT_LE(assembled->framesWritten() + assembled->framesDropped(), controller->framesDue(*assembled) + 1);
+
+    controller->setFps(30);
+    ASSERT_TRUE(controller->start()) << controller->error();
+    EXPECT_EQ(controller->loweredAssembledRate(), 0);
     EXPECT_TRUE(controller->error().starts_with("The encoders may not keep up")) << controller->error();
     controller->stopWithCompletionHandler({});
     ASSERT_TRUE(Idle(*controller));
