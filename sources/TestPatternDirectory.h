@@ -10,9 +10,13 @@ namespace quorva {
 
 // The built-in test sources, so that a new user can record something at once and the tests and
 // benchmarks have live sources that need no other program: "Test Pattern 1080p60", "Test Pattern
-// 720p30" and "Test Pattern Alpha 1080p30" (clear background). The list never changes.
+// 720p30" and "Test Pattern Alpha 1080p30" (clear background). The list never changes. With
+// QUORVA_TEST_PATTERNS=small (for tests) they are a quarter of the size either way, and named after it
+// ("Test Pattern 270p60", "Test Pattern 180p30", "Test Pattern Alpha 270p30").
 class TestPatternDirectory final : public SourceDirectory {
 public:
+    static constexpr const char* SizeVariable = "QUORVA_TEST_PATTERNS";
+
     static const std::vector<TestPatternFormat>& formats();
 
     std::vector<SourceDescription> availableSources() override;

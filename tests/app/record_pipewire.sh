@@ -3,11 +3,10 @@
 # (tests/sources/with_pipewire.sh): the publisher is listed, a take of it has its size and the pictures it
 # published, in their colours; a publisher that leaves mid-take and returns at another size is recorded
 # on, fitted into the movie's size; and the computer's sound (a tone played into a null sink) is recorded
-# in step with the pictures, or its absence said. Usage: record_pipewire.sh PATH_TO_QUORVARECORDER [--real-time]
-# With --real-time (an optimised build) every picture published must be written, give or take four.
+# in step with the pictures, or its absence said. Usage: record_pipewire.sh PATH_TO_QUORVARECORDER
+# The publisher's pictures are small enough for any machine, however slow or busy, to keep every one.
 set -u
 recorder=$1
-realTime=${2:-}
 # shellcheck source=tests/script_testing.sh
 source "$(dirname "${BASH_SOURCE[0]}")/../script_testing.sh"
 mkdir "$work/movies"
@@ -44,10 +43,7 @@ IFS=$'\t' read -r movie _ <"$work/take.out"
 size=$(ffprobe -v error -select_streams v:0 -show_entries stream=width,height -of csv=p=0 "$movie")
 [ "$size" = 640,360 ] || fail "the movie is $size, not the publisher's 640 × 360"
 frames=$(ffprobe -v error -select_streams v:0 -count_packets -show_entries stream=nb_read_packets -of csv=p=0 "$movie")
-[ "${frames:-0}" -le 154 ] || fail "the movie holds $frames pictures, more than the 150 published"
-if [ "$realTime" = --real-time ]; then
-    [ "${frames:-0}" -ge 146 ] || fail "the movie holds $frames pictures, not the 150 published"
-fi
+[ "${frames:-0}" -ge 146 ] && [ "${frames:-0}" -le 154 ] || fail "the movie holds $frames pictures, not the 150 published"
 # SMPTE's bars: white at the top left, blue at the top right.
 near "$(pixel "$movie" 20 20)" "255 255 255" || fail "the top left is $(pixel "$movie" 20 20), not white"
 near "$(pixel "$movie" 620 20)" "0 0 255" || fail "the top right is $(pixel "$movie" 620 20), not blue"
