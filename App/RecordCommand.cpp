@@ -3,6 +3,7 @@
 #include "App/CommandLine.h"
 #include "core/RecorderController.h"
 #include "core/Take.h"
+#include "core/TitleMatching.h"
 #include "platform/HeadlessEventLoop.h"
 #include "platform/Log.h"
 #include "platform/MediaClock.h"
@@ -33,7 +34,8 @@ constexpr const char* Usage =
     "dropped and the seconds of sound.\n"
     "\n"
     "  --source TEXT       a source to record: its title, or a part of it in any case (quorvarecorder\n"
-    "                      sources lists them); up to 8, placed in the order given\n"
+    "                      sources lists them); up to 8, placed in the order given. NDI sources not\n"
+    "                      yet found on the network are waited for, up to 5 seconds\n"
     "  --duration SECONDS  how long to record\n"
     "  --output KIND       separate (a movie per source), assembled (one movie of all) or both\n"
     "  --layout KIND       the assembled picture: row, column, grid or focus\n"
@@ -62,6 +64,10 @@ constexpr const char* Usage =
 
 // How long the sources may take to send their first picture: their sizes decide the assembled picture.
 constexpr double FirstPictureWait = 10;
+// How long NDI discovery may take to list a source named on the command line before it is taken not to
+// exist: senders answer over the network a moment after the finder starts, a second or two on a busy one
+// (--help gives the figure).
+constexpr double DiscoveryWait = 5;
 
 std::atomic<int> Signalled{0};
 static_assert(std::atomic<int>::is_always_lock_free, "read and written from a signal handler");
@@ -232,6 +238,15 @@ bool ReportMovies(const RecorderController& controller) {
     return !failed;
 }
 
+// Whether every text names a source offered now, matched as the recorder will match it.
+bool EveryOneListed(const RecorderController& controller, const std::vector<std::string>& texts) {
+    std::vector<std::string> titles;
+    for (const auto& source : controller.availableSources())
+        titles.push_back(source.title());
+    return std::all_of(texts.begin(), texts.end(),
+                       [&](const std::string& text) { return MatchingTitle(text, titles).has_value(); });
+}
+
 int Record(const RecordOptions& options, HeadlessEventLoop& loop) {
     auto engine = MakePictureEngine();
     if (!engine)
@@ -251,6 +266,14 @@ int Record(const RecordOptions& options, HeadlessEventLoop& loop) {
     // Nobody watches the monitor picture here: composing it as little as the recorder allows leaves the
     // GPU and the processor to the movies.
     controller->setPerformance(true);
+    // The window lists NDI sources as discovery finds them; here the sources are named at once, so
+    // discovery gets its time first. The finder's news reaches the controller through this loop, and
+    // the wait ends as soon as every text names a source: a take of local sources is not held up.
+    if (controller->ndiAvailable())
+        loop.runUntil([&] { return Signalled.load() != 0 || EveryOneListed(*controller, options.sources); },
+                      DiscoveryWait);
+    if (int signal = Signalled.load())
+        return 128 + signal;
     for (const std::string& text : options.sources) {
         if (!controller->addSourceMatching(text))
             return Fail(controller->error());

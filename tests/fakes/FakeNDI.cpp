@@ -12,7 +12,9 @@
 #include <memory>
 #include <mutex>
 #include <numbers>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -146,6 +148,8 @@ struct Finder {
 
 struct State {
     std::mutex mutex;
+    // FAKE_NDI_LATE_SENDER's, while it is still to come.
+    std::optional<Clock::time_point> lateSenderDue;
     // Notified whenever the list of senders changes; captures also wait on it for their next frame.
     std::condition_variable changed;
     std::vector<std::unique_ptr<Sender>> senders;
@@ -239,6 +243,37 @@ void HandSound(Receiver& receiver, AudioFrameV3& frame) {
                          timecode};
 }
 
+// Lists a sender last and starts its clock, under the state's lock; answers its identifier.
+int AddSender(State& state, const FakeNDISender& settings) {
+    auto sender = std::make_unique<Sender>();
+    sender->name = settings.name;
+    sender->settings = settings;
+    sender->settings.name = sender->name.c_str();
+    sender->blockSamples = std::max(1, int(std::lround(settings.sampleRate / 100.0)));
+    sender->start = Clock::now();
+    sender->id = ++state.lastId;
+    state.senders.push_back(std::move(sender));
+    SendersChanged(state, state.senders.back()->start);
+    return state.lastId;
+}
+
+// Under the state's lock: the late sender joins once its time has come.
+void AddLateSenderWhenDue(State& state) {
+    if (!state.lateSenderDue || Clock::now() < *state.lateSenderDue)
+        return;
+    state.lateSenderDue.reset();
+    const char* name = std::getenv("FAKE_NDI_LATE_SENDER");
+    if (!name)
+        return;
+    FakeNDISender sender;
+    sender.name = name;
+    sender.fourcc = FakeNDIFourCC("BGRX");
+    sender.width = 320;
+    sender.height = 180;
+    sender.colour = 0xFF2040C0; // blue
+    AddSender(state, sender);
+}
+
 // The entries of the table.
 
 bool Initialize() {
@@ -257,6 +292,9 @@ bool IsSupportedCpu() {
 void* FindCreateV2(const FindCreate*) {
     State& state = TheState();
     std::lock_guard lock(state.mutex);
+    static bool first = true;
+    if (std::exchange(first, false) && std::getenv("FAKE_NDI_LATE_SENDER"))
+        state.lateSenderDue = Clock::now() + std::chrono::seconds(1);
     state.finders.push_back(std::make_unique<Finder>());
     return state.finders.back().get();
 }
@@ -287,6 +325,7 @@ const Source* FindGetCurrentSources(void* find, uint32_t* count) {
     State& state = TheState();
     auto& finder = *static_cast<Finder*>(find);
     std::lock_guard lock(state.mutex);
+    AddLateSenderWhenDue(state);
     finder.names.clear();
     for (const auto& sender : state.senders)
         finder.names.push_back(sender->name);
@@ -409,18 +448,9 @@ __attribute__((visibility("default"))) const void* NDIlib_v5_load(void) {
 }
 
 int FakeNDI_AddSender(const FakeNDISender* settings) {
-    auto sender = std::make_unique<Sender>();
-    sender->name = settings->name;
-    sender->settings = *settings;
-    sender->settings.name = sender->name.c_str();
-    sender->blockSamples = std::max(1, int(std::lround(settings->sampleRate / 100.0)));
     State& state = TheState();
     std::lock_guard lock(state.mutex);
-    sender->start = Clock::now();
-    sender->id = ++state.lastId;
-    state.senders.push_back(std::move(sender));
-    SendersChanged(state, state.senders.back()->start);
-    return state.lastId;
+    return AddSender(state, *settings);
 }
 
 void FakeNDI_RemoveSender(int id) {

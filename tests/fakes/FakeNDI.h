@@ -9,7 +9,9 @@
 //
 // The runtime's own behaviour can be changed through the environment, read at each call:
 // FAKE_NDI_UNSUPPORTED_CPU=1 makes is_supported_CPU answer false, FAKE_NDI_INITIALIZE_FAILS=1 makes
-// initialize answer false.
+// initialize answer false. FAKE_NDI_LATE_SENDER=NAME gives a program run from a script a sender to find:
+// one of that name, sending 320 × 180 BGRX pictures 30 times a second without sound, listed one second
+// after the first finder was made, as a sender on the network answers discovery a moment late.
 
 #include <cstdint>
 
