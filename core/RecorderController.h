@@ -201,6 +201,8 @@ public:
     // clock source's rate. A source that fell behind shows here, not as dropped. 0 when the rate is not
     // known.
     uint64_t framesDue(const TakeMovie& movie) const;
+    // The pictures a second behind framesDue(), fixed when the take started; 0 for a movie not of it.
+    double dueRate(const TakeMovie& movie) const;
     // The speed preset that the take's H.264 or HEVC encoders use on the processor; empty for ProRes.
     const std::string& encoderPreset() const { return _encoderPreset; }
     std::string file() const; // the assembled movie's, else the first place's
