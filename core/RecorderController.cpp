@@ -558,9 +558,13 @@ uint64_t RecorderController::dropped() const {
 }
 
 uint64_t RecorderController::framesDue(const TakeMovie& movie) const {
+    return uint64_t(std::llround(dueRate(movie) * elapsed()));
+}
+
+double RecorderController::dueRate(const TakeMovie& movie) const {
     for (const auto& [due, rate] : _dueRates) {
         if (due.get() == &movie)
-            return uint64_t(std::llround(rate * elapsed()));
+            return rate;
     }
     return 0;
 }

@@ -201,6 +201,8 @@ public:
     // clock source's rate, or the lower rate chosen for it. A source that fell behind shows here, not
     // as dropped. 0 when the rate is not known.
     uint64_t framesDue(const TakeMovie& movie) const;
+    // The pictures a second behind framesDue(), fixed when the take started; 0 for a movie not of it.
+    double dueRate(const TakeMovie& movie) const;
     // The speed preset that the take's H.264 or HEVC encoders use on the processor; empty for ProRes.
     const std::string& encoderPreset() const { return _encoderPreset; }
     // The assembled movie's frame rate where the machine could not encode every picture of the take
