@@ -52,8 +52,7 @@ Layout MonitorLayout(const Layout& layout, LayoutKind kind, const std::vector<Si
 
 CompositionScheduler::CompositionScheduler(const std::shared_ptr<PictureEngine>& engine,
                                            std::shared_ptr<Take> take)
-    : _take(std::move(take)), _takeCompositor(MakeCompositor(engine)),
-      _monitorCompositor(MakeCompositor(engine)) {}
+    : _take(std::move(take)), _monitorCompositor(MakeCompositor(engine)) {}
 
 void CompositionScheduler::arrangementChanged(Arrangement arrangement) {
     {
@@ -94,7 +93,6 @@ std::shared_ptr<const Layout> CompositionScheduler::takeLayout() const {
 void CompositionScheduler::placeReceivedFrame(const std::shared_ptr<RecorderPlace>& place, double time) {
     Places places;
     std::shared_ptr<const Layout> takeLayout;
-    bool transparent = false;
     double lastComposeTime = 0, interval = 0;
     {
         std::lock_guard lock(_lock);
@@ -109,19 +107,22 @@ void CompositionScheduler::placeReceivedFrame(const std::shared_ptr<RecorderPlac
             return; // its picture waits for the next composition
         places = _arrangement.places;
         takeLayout = _takeLayout;
-        transparent = _takeTransparent;
         lastComposeTime = _lastComposeTime;
         interval = _displayLimited ? 1 / RecorderLimitedDisplayRate : MonitorInterval;
     }
     if (takeLayout && _take->wantsAssembledFrameAtTime(time)) {
-        // The monitor shows the picture being recorded, so it needs no composition of its own.
-        composePlaces(places, *takeLayout, transparent, _takeCompositor, time,
-                      [take = _take, time](const std::shared_ptr<Picture>& picture) {
-                          take->appendAssembledPicture(picture, time);
-                      });
-    } else if (time - lastComposeTime >= interval) {
-        composeMonitorAtTime(time);
+        // The assembled movie draws the pictures itself, straight into its encoder's frame.
+        std::vector<std::shared_ptr<Picture>> pictures;
+        std::vector<bool> flipped;
+        for (const auto& place : places) {
+            pictures.push_back(place->source() ? place->latestFrame() : nullptr);
+            flipped.push_back(place->flipped());
+        }
+        if (auto placements = Placements(*takeLayout, pictures, flipped))
+            _take->appendAssembledPlacements(std::move(*placements), time);
     }
+    if (time - lastComposeTime >= interval)
+        composeMonitorAtTime(time);
 }
 
 void CompositionScheduler::refreshAtTime(const Places& places, double now) {

@@ -55,7 +55,8 @@ public:
     // While limited, the monitor is composed RecorderLimitedDisplayRate times a second at most.
     void displayLimitChanged(bool limited);
     // A take with an assembled movie of `layout` (nothing for none) began: its pictures are composed
-    // as it asks for them, and the monitor shows that layout too, fitted (`sizes` and `gap` made it).
+    // as it asks for them, and the monitor shows that layout too, fitted (`sizes` and `gap` made it),
+    // composed on its own at its own rate.
     void takeStarted(std::shared_ptr<const Layout> layout, const std::vector<Size>& sizes, int64_t gap,
                      bool transparent);
     void takeStopped();
@@ -68,13 +69,13 @@ public:
     // nothing was composed for a while the monitor is, so that it keeps moving without a clock.
     void refreshAtTime(const Places& places, double now);
 
-    // The last picture composed, of the take or the monitor, for the preview to draw; nothing when
-    // there is no place or the GPU refused. Any thread.
+    // The last monitor picture composed, for the preview to draw; nothing when there is no place or the
+    // GPU refused. Any thread.
     std::shared_ptr<Picture> assembledFrame() const;
     void showPicture(std::shared_ptr<Picture> picture);
     // The place whose pictures set the pace, if any.
     std::shared_ptr<RecorderPlace> clockPlace() const;
-    // When the last composition began, in seconds on the media clock.
+    // When the last composition of the monitor began, in seconds on the media clock.
     double lastComposeTime() const;
 
 private:
@@ -86,7 +87,6 @@ private:
                        std::function<void(const std::shared_ptr<Picture>&)> then);
 
     const std::shared_ptr<Take> _take;
-    const std::shared_ptr<Compositor> _takeCompositor;
     const std::shared_ptr<Compositor> _monitorCompositor;
 
     mutable std::mutex _lock;

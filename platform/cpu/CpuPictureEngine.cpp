@@ -17,13 +17,13 @@
 namespace quorva {
 
 namespace {
-// Composition targets: the take's assembled picture while up to three wait for its encoder, the one
-// being drawn, and the latest one shown.
-constexpr size_t KeptTargets = 6;
+// Composition targets: the monitor's picture being drawn and the one shown, and the preview's fitted
+// copies of it, one being drawn and one on screen.
+constexpr size_t KeptTargets = 4;
 
 } // namespace
 
-// The targets of every composition, the take's and the monitor's, so that one composes into what the
+// The targets of every composition, the monitor's and the preview's, so that one composes into what the
 // other let go of, and what each target covers, so that a target drawn last with the same placements
 // needs no clear.
 struct CpuPictureEngine::Targets {

@@ -13,9 +13,9 @@ namespace {
 // Uploads a busy source keeps in flight: the one being drawn, those queued for the encoders and the
 // latest one held for composition.
 constexpr size_t KeptUploads = 8;
-// Targets of one compositor: the take's assembled picture while up to three wait for its encoder, the
-// one being drawn, and the latest one shown.
-constexpr size_t KeptTargets = 6;
+// Targets of one compositor (the monitor's): the one being drawn, the latest one shown, and one more
+// that each of the preview's two frames in flight may still sample.
+constexpr size_t KeptTargets = 4;
 
 constexpr uint32_t VerticesSize = sizeof(QuadConstants::vertices);
 

@@ -56,7 +56,8 @@ private:
     GpuPictureEngine(std::shared_ptr<GpuDevice> device, std::shared_ptr<CommandQueue> compositions);
 
     std::shared_ptr<GpuDevice> _device;
-    // One queue for every composition, so that the monitor's pictures never overtake the take's.
+    // One queue for the compositors' pictures, in the order they were asked for. (A movie's assembled
+    // pictures are drawn on its converter's queue, in the pass that converts them.)
     std::shared_ptr<CommandQueue> _compositions;
     PicturePool<Texture> _uploads;
 };
