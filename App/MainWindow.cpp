@@ -310,6 +310,10 @@ QWidget* MainWindow::buildCentre() {
             auto controller = weak.lock();
             return PreviewFrame{controller ? controller->assembledFrame() : nullptr, false};
         },
+        [weak](bool watched) {
+            if (auto controller = weak.lock())
+                controller->setMonitorWatched(watched);
+        },
         _controller->displayIsLimited(), centre);
     _monitor->setObjectName("monitor");
     _monitor->setMinimumSize(480, 270);

@@ -11,6 +11,7 @@
 #include <QImage>
 #include <QPainter>
 #include <QScreen>
+#include <QWindow>
 
 #include <algorithm>
 #include <cmath>
@@ -43,9 +44,10 @@ double FullRate() {
 // which is then copied to the screen as it is, so that no scaling runs in the painter.
 class ProcessorPreview final : public PreviewView {
 public:
-    ProcessorPreview(std::shared_ptr<PictureCompositor> compositor, PreviewProvider provider, bool limited,
-                     QWidget* parent)
-        : PreviewView(std::move(provider), limited, parent), _compositor(std::move(compositor)) {
+    ProcessorPreview(std::shared_ptr<PictureCompositor> compositor, PreviewProvider provider,
+                     WatchHandler watched, bool limited, QWidget* parent)
+        : PreviewView(std::move(provider), std::move(watched), limited, parent),
+          _compositor(std::move(compositor)) {
         setAttribute(Qt::WA_OpaquePaintEvent);
     }
 
@@ -91,11 +93,31 @@ private:
 
 } // namespace
 
-PreviewView::PreviewView(PreviewProvider provider, bool limited, QWidget* parent)
-    : QWidget(parent), _provider(std::move(provider)), _fullRate(FullRate()), _limited(limited) {
+PreviewView::PreviewView(PreviewProvider provider, WatchHandler watched, bool limited, QWidget* parent)
+    : QWidget(parent), _provider(std::move(provider)), _watchHandler(std::move(watched)),
+      _fullRate(FullRate()), _limited(limited) {
     _timer.setTimerType(Qt::PreciseTimer);
-    connect(&_timer, &QTimer::timeout, this, [this] { redraw(); });
+    connect(&_timer, &QTimer::timeout, this, [this] {
+        checkWatched();
+        redraw();
+    });
     _timer.start(int(std::lround(1000 / rate())));
+}
+
+PreviewView::~PreviewView() {
+    if (_watched && _watchHandler)
+        _watchHandler(false);
+}
+
+void PreviewView::checkWatched() {
+    const QWidget* top = window();
+    const QWindow* handle = top->windowHandle();
+    const bool watched = isVisible() && !top->isMinimized() && handle && handle->isExposed();
+    if (watched == _watched)
+        return;
+    _watched = watched;
+    if (_watchHandler)
+        _watchHandler(watched);
 }
 
 void PreviewView::setLimited(bool limited) {
@@ -110,16 +132,16 @@ double PreviewView::rate() const {
 }
 
 PreviewView* PreviewView::make(const std::shared_ptr<PictureEngine>& engine, PreviewProvider provider,
-                               bool limited, QWidget* parent) {
+                               WatchHandler watched, bool limited, QWidget* parent) {
     if (auto gpu = std::dynamic_pointer_cast<GpuPictureEngine>(engine))
-        return MakeVulkanPreview(gpu, std::move(provider), limited, parent);
+        return MakeVulkanPreview(gpu, std::move(provider), std::move(watched), limited, parent);
     auto compositor = engine->makeCompositor();
     if (!compositor) {
         // Without one the monitor stays black; recording does not need it.
         Log("QuorvaRecorder: ", "the monitor shows nothing: " + compositor.error().message());
-        return new ProcessorPreview(nullptr, std::move(provider), limited, parent);
+        return new ProcessorPreview(nullptr, std::move(provider), std::move(watched), limited, parent);
     }
-    return new ProcessorPreview(compositor.value(), std::move(provider), limited, parent);
+    return new ProcessorPreview(compositor.value(), std::move(provider), std::move(watched), limited, parent);
 }
 
 } // namespace quorva

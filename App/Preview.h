@@ -18,6 +18,9 @@ struct PreviewFrame {
     bool flipped = false;
 };
 using PreviewProvider = std::function<PreviewFrame()>;
+// Told, on the main thread, when the view begins or stops being watched: shown, in a window that is
+// exposed (neither hidden nor minimised). Pictures are worth composing for it only meanwhile.
+using WatchHandler = std::function<void(bool watched)>;
 
 // Half the width and height, in the view's normalised coordinates (-1 to 1), of a picture fitted inside
 // the view without distortion and centred: bars fill the rest.
@@ -37,23 +40,30 @@ public:
     // Draws with the engine's own means: Vulkan into a window surface on the GPU, the processor's
     // pictures straight from memory otherwise.
     static PreviewView* make(const std::shared_ptr<PictureEngine>& engine, PreviewProvider provider,
-                             bool limited, QWidget* parent = nullptr);
+                             WatchHandler watched, bool limited, QWidget* parent = nullptr);
+    // No longer watched, if it was.
+    ~PreviewView() override;
 
     // Changes the rate without making the view again.
     void setLimited(bool limited);
 
 protected:
-    PreviewView(PreviewProvider provider, bool limited, QWidget* parent);
+    PreviewView(PreviewProvider provider, WatchHandler watched, bool limited, QWidget* parent);
     // Called at the view's rate.
     virtual void redraw() = 0;
     PreviewFrame frame() const { return _provider(); }
 
 private:
     double rate() const;
+    // Tells the handler when being watched changed. Asked at every tick: Qt tells a widget inside a
+    // window of neither minimising nor exposure.
+    void checkWatched();
 
     const PreviewProvider _provider;
+    const WatchHandler _watchHandler;
     const double _fullRate;
     bool _limited;
+    bool _watched = false;
     QTimer _timer;
 };
 

@@ -115,9 +115,9 @@ struct SwapChain {
 
 class VulkanPreview final : public PreviewView {
 public:
-    VulkanPreview(std::shared_ptr<GpuPictureEngine> engine, PreviewProvider provider, bool limited,
-                  QWidget* parent)
-        : PreviewView(std::move(provider), limited, parent), _engine(std::move(engine)),
+    VulkanPreview(std::shared_ptr<GpuPictureEngine> engine, PreviewProvider provider, WatchHandler watched,
+                  bool limited, QWidget* parent)
+        : PreviewView(std::move(provider), std::move(watched), limited, parent), _engine(std::move(engine)),
           _device(_engine->device()) {
         // Black wherever the window is not, and everywhere when Vulkan cannot show anything.
         QPalette black = palette();
@@ -426,8 +426,8 @@ private:
 } // namespace
 
 PreviewView* MakeVulkanPreview(const std::shared_ptr<GpuPictureEngine>& engine, PreviewProvider provider,
-                               bool limited, QWidget* parent) {
-    return new VulkanPreview(engine, std::move(provider), limited, parent);
+                               WatchHandler watched, bool limited, QWidget* parent) {
+    return new VulkanPreview(engine, std::move(provider), std::move(watched), limited, parent);
 }
 
 } // namespace quorva

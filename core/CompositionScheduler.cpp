@@ -4,6 +4,7 @@
 #include "core/Take.h"
 #include "platform/Log.h"
 #include "platform/MediaClock.h"
+#include "platform/Semaphore.h"
 
 #include <algorithm>
 #include <cmath>
@@ -20,6 +21,8 @@ constexpr double MonitorInterval = 0.004;
 constexpr double IdleMonitorInterval = 0.25;
 // The monitor picture is at most this large either way, to leave the GPU to the encoders.
 constexpr double MonitorMaximumSide = 4096;
+// A change of arrangement waits this long at most for the watched monitor to follow.
+constexpr double MonitorWait = 0.5;
 
 // Nothing, and the log says why, when the engine cannot compose: the monitor then stays empty and an
 // assembled movie gets no picture, but the sources are still recorded.
@@ -32,6 +35,21 @@ std::shared_ptr<Compositor> MakeCompositor(const std::shared_ptr<PictureEngine>&
         return nullptr;
     }
     return compositor.value();
+}
+
+// Each place's latest picture (nothing without a source, or before its first) and whether it is stored
+// bottom-up.
+struct PlacePictures {
+    std::vector<std::shared_ptr<Picture>> pictures;
+    std::vector<bool> flipped;
+};
+PlacePictures PicturesOf(const Places& places) {
+    PlacePictures latest;
+    for (const auto& place : places) {
+        latest.pictures.push_back(place->source() ? place->latestFrame() : nullptr);
+        latest.flipped.push_back(place->flipped());
+    }
+    return latest;
 }
 
 bool Contains(const Places& places, const std::shared_ptr<RecorderPlace>& place) {
@@ -52,22 +70,38 @@ Layout MonitorLayout(const Layout& layout, LayoutKind kind, const std::vector<Si
 
 CompositionScheduler::CompositionScheduler(const std::shared_ptr<PictureEngine>& engine,
                                            std::shared_ptr<Take> take)
-    : _take(std::move(take)), _takeCompositor(MakeCompositor(engine)),
-      _monitorCompositor(MakeCompositor(engine)) {}
+    : _take(std::move(take)), _monitorCompositor(MakeCompositor(engine)) {}
 
 void CompositionScheduler::arrangementChanged(Arrangement arrangement) {
+    bool watched;
     {
         std::lock_guard lock(_lock);
         _arrangement = std::move(arrangement);
         if (_clockPlace && !Contains(_arrangement.places, _clockPlace))
             _clockPlace = nullptr;
+        watched = _watched;
     }
-    composeMonitorAtTime(MediaClock::now());
+    if (!watched)
+        return;
+    auto drawn = std::make_shared<Semaphore>();
+    _queue.post([this, now = MediaClock::now(), drawn] { composeMonitorAtTime(now, drawn); });
+    drawn->wait(MonitorWait);
 }
 
 void CompositionScheduler::displayLimitChanged(bool limited) {
     std::lock_guard lock(_lock);
     _displayLimited = limited;
+}
+
+void CompositionScheduler::monitorWatched(bool watched) {
+    {
+        std::lock_guard lock(_lock);
+        if (watched == _watched)
+            return;
+        _watched = watched;
+    }
+    if (watched)
+        _queue.post([this, now = MediaClock::now()] { composeMonitorAtTime(now); });
 }
 
 void CompositionScheduler::takeStarted(std::shared_ptr<const Layout> layout, const std::vector<Size>& sizes,
@@ -92,10 +126,6 @@ std::shared_ptr<const Layout> CompositionScheduler::takeLayout() const {
 }
 
 void CompositionScheduler::placeReceivedFrame(const std::shared_ptr<RecorderPlace>& place, double time) {
-    Places places;
-    std::shared_ptr<const Layout> takeLayout;
-    bool transparent = false;
-    double lastComposeTime = 0, interval = 0;
     {
         std::lock_guard lock(_lock);
         if (!Contains(_arrangement.places, place))
@@ -105,23 +135,41 @@ void CompositionScheduler::placeReceivedFrame(const std::shared_ptr<RecorderPlac
         if (_clockPlace != place &&
             (!_clockPlace || time - _clockPlace->lastFrameTime() > ClockHandOverInterval))
             _clockPlace = place;
-        if (_clockPlace != place)
-            return; // its picture waits for the next composition
+        // Other places' pictures wait for the next composition; without a take or a watcher there is none.
+        if (_clockPlace != place || (!_takeLayout && !_watched))
+            return;
+        const bool waiting = _request.has_value();
+        _request = time;
+        if (waiting)
+            return; // the task already posted composes this newer time instead
+    }
+    _queue.post([this] { composeRequested(); });
+}
+
+void CompositionScheduler::composeRequested() {
+    double time = 0;
+    Places places;
+    std::shared_ptr<const Layout> takeLayout;
+    bool composeMonitor = false;
+    {
+        std::lock_guard lock(_lock);
+        if (!_request)
+            return;
+        time = *_request;
+        _request.reset();
         places = _arrangement.places;
         takeLayout = _takeLayout;
-        transparent = _takeTransparent;
-        lastComposeTime = _lastComposeTime;
-        interval = _displayLimited ? 1 / RecorderLimitedDisplayRate : MonitorInterval;
+        const double interval = _displayLimited ? 1 / RecorderLimitedDisplayRate : MonitorInterval;
+        composeMonitor = _watched && time - _lastComposeTime >= interval;
     }
     if (takeLayout && _take->wantsAssembledFrameAtTime(time)) {
-        // The monitor shows the picture being recorded, so it needs no composition of its own.
-        composePlaces(places, *takeLayout, transparent, _takeCompositor, time,
-                      [take = _take, time](const std::shared_ptr<Picture>& picture) {
-                          take->appendAssembledPicture(picture, time);
-                      });
-    } else if (time - lastComposeTime >= interval) {
-        composeMonitorAtTime(time);
+        // The assembled movie draws the pictures itself, straight into its encoder's frame.
+        const PlacePictures latest = PicturesOf(places);
+        if (auto placements = Placements(*takeLayout, latest.pictures, latest.flipped))
+            _take->appendAssembledPlacements(std::move(*placements), time);
     }
+    if (composeMonitor)
+        composeMonitorAtTime(time);
 }
 
 void CompositionScheduler::refreshAtTime(const Places& places, double now) {
@@ -134,10 +182,10 @@ void CompositionScheduler::refreshAtTime(const Places& places, double now) {
                 break;
             }
         }
-        composeMonitor = now - _lastComposeTime > IdleMonitorInterval;
+        composeMonitor = _watched && now - _lastComposeTime > IdleMonitorInterval;
     }
     if (composeMonitor)
-        composeMonitorAtTime(now);
+        _queue.post([this, now] { composeMonitorAtTime(now); });
 }
 
 std::shared_ptr<Picture> CompositionScheduler::assembledFrame() const {
@@ -160,7 +208,7 @@ double CompositionScheduler::lastComposeTime() const {
     return _lastComposeTime;
 }
 
-void CompositionScheduler::composeMonitorAtTime(double time) {
+void CompositionScheduler::composeMonitorAtTime(double time, const std::shared_ptr<Semaphore>& drawn) {
     Arrangement arrangement;
     std::shared_ptr<const Layout> monitorLayout;
     bool transparent = false;
@@ -169,6 +217,7 @@ void CompositionScheduler::composeMonitorAtTime(double time) {
         arrangement = _arrangement;
         monitorLayout = _takeMonitorLayout;
         transparent = monitorLayout ? _takeTransparent : arrangement.transparent;
+        _lastComposeTime = time;
     }
     if (!monitorLayout) {
         const std::vector<Size> sizes = LayoutSizes(SizesOfPlaces(arrangement.places));
@@ -176,37 +225,21 @@ void CompositionScheduler::composeMonitorAtTime(double time) {
             MonitorLayout(Layout(arrangement.kind, sizes, arrangement.gap, arrangement.fittingSize),
                           arrangement.kind, sizes, arrangement.gap));
     }
-    composePlaces(arrangement.places, *monitorLayout, transparent, _monitorCompositor, time, nullptr);
-}
-
-void CompositionScheduler::composePlaces(const Places& places, const Layout& layout, bool transparent,
-                                         const std::shared_ptr<Compositor>& compositor, double time,
-                                         std::function<void(const std::shared_ptr<Picture>&)> then) {
-    std::vector<std::shared_ptr<Picture>> pictures;
-    std::vector<bool> flipped;
-    for (const auto& place : places) {
-        pictures.push_back(place->source() ? place->latestFrame() : nullptr);
-        flipped.push_back(place->flipped());
-    }
-    {
-        std::lock_guard lock(_lock);
-        _lastComposeTime = time;
-    }
-    if (!places.empty() && compositor) {
-        auto composed = compositor->compose(
-            layout, pictures, flipped, transparent,
-            [shown = _shown, then = std::move(then)](const std::shared_ptr<Picture>& picture) {
-                {
-                    std::lock_guard lock(shown->lock);
-                    shown->picture = picture;
-                }
-                if (then)
-                    then(picture);
-            });
-        if (composed)
-            return;
-    }
+    const PlacePictures latest = PicturesOf(arrangement.places);
+    if (!arrangement.places.empty() && _monitorCompositor &&
+        _monitorCompositor->compose(*monitorLayout, latest.pictures, latest.flipped, transparent,
+                                    [shown = _shown, drawn](const std::shared_ptr<Picture>& picture) {
+                                        {
+                                            std::lock_guard lock(shown->lock);
+                                            shown->picture = picture;
+                                        }
+                                        if (drawn)
+                                            drawn->signal();
+                                    }))
+        return;
     showPicture(nullptr);
+    if (drawn)
+        drawn->signal();
 }
 
 } // namespace quorva

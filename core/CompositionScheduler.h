@@ -3,16 +3,18 @@
 #include "core/Geometry.h"
 #include "core/Layout.h"
 #include "core/RecorderPlace.h"
+#include "platform/SerialQueue.h"
 
-#include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <vector>
 
 namespace quorva {
 
 class Compositor;
 class Picture;
+class Semaphore;
 class PictureEngine;
 class Take;
 
@@ -25,13 +27,20 @@ Layout MonitorLayout(const Layout& layout, LayoutKind kind, const std::vector<Si
 
 // Decides when the assembled picture of all places is composed, and with what: for the assembled movie
 // of a running take, paced by the pictures of one place (the clock place), and for the monitor shown on
-// screen, at most 250 times a second (10 in performance mode while recording) and never larger than
-// 4096 pixels on a side, to leave the GPU to the encoders. Nothing here waits for the GPU: a picture
-// is shown once it is drawn.
+// screen while someone watches it, at most 250 times a second (10 in performance mode while recording)
+// and never larger than 4096 pixels on a side, to leave the processor and the GPU to the encoders.
+//
+// Composition runs on a queue of its own, never on a source's thread: several sources may share one
+// thread (PipeWire delivers every stream on one), and none of them may wait for a composition of all.
+// A source's picture only records a request, and the newest request replaces one still waiting, so no
+// backlog ever builds: a replaced request is simply not composed. For the assembled movie the queue
+// hands the take the pictures' placements, which the movie's own queue draws straight into the
+// encoder's picture; only the monitor is drawn here.
 //
 // placeReceivedFrame() runs on the sources' threads, several at once; everything else on the main
-// thread; the compositors complete on the picture engine's thread. What they share is guarded by one
-// lock, held only to read or store it, never across a composition or a call into the take.
+// thread; compositions on the scheduler's queue, and the monitor's complete on the picture engine's
+// thread. What they share is guarded by one lock, held only to read or store it, never across a
+// composition or a call into the take.
 class CompositionScheduler {
 public:
     // What the monitor composes outside a take with an assembled movie: the places and the layout
@@ -44,49 +53,53 @@ public:
         bool transparent = false;
     };
 
-    // Without an engine nothing is composed, and no picture is shown.
+    // Without an engine no monitor is drawn, and no picture is shown.
     CompositionScheduler(const std::shared_ptr<PictureEngine>& engine, std::shared_ptr<Take> take);
     CompositionScheduler(const CompositionScheduler&) = delete;
     CompositionScheduler& operator=(const CompositionScheduler&) = delete;
 
-    // The places or the layout settings changed: the monitor follows, as soon as the GPU has drawn it.
-    // A clock place that is no longer among the places is forgotten.
+    // The places or the layout settings changed. A clock place that is no longer among the places is
+    // forgotten. A watched monitor follows at once: this waits for it up to half a second, so that the
+    // change and its picture show together, and a stalled GPU cannot hold the caller longer.
     void arrangementChanged(Arrangement arrangement);
     // While limited, the monitor is composed RecorderLimitedDisplayRate times a second at most.
     void displayLimitChanged(bool limited);
+    // Whether someone watches the monitor: only then is it composed (and at once when watching begins).
+    void monitorWatched(bool watched);
     // A take with an assembled movie of `layout` (nothing for none) began: its pictures are composed
-    // as it asks for them, and the monitor shows that layout too, fitted (`sizes` and `gap` made it).
+    // as it asks for them, and a watched monitor shows that layout too, fitted (`sizes` and `gap` made
+    // it), composed on its own at its own rate.
     void takeStarted(std::shared_ptr<const Layout> layout, const std::vector<Size>& sizes, int64_t gap,
                      bool transparent);
     void takeStopped();
     // The take's assembled layout while it records; nothing otherwise.
     std::shared_ptr<const Layout> takeLayout() const;
 
-    // Every picture of every place, on the source's thread: the clock place's pictures compose.
+    // Every picture of every place, on the source's thread: the clock place's pictures ask for a
+    // composition.
     void placeReceivedFrame(const std::shared_ptr<RecorderPlace>& place, double time);
-    // The refresh: the first online place (of `places`, in order) becomes the clock place, and when
-    // nothing was composed for a while the monitor is, so that it keeps moving without a clock.
+    // The refresh: the first online place (of `places`, in order) becomes the clock place, and when a
+    // watched monitor was not composed for a while it is, so that it keeps moving without a clock.
     void refreshAtTime(const Places& places, double now);
 
-    // The last picture composed, of the take or the monitor, for the preview to draw; nothing when
-    // there is no place or the GPU refused. Any thread.
+    // The last monitor picture composed, for the preview to draw; nothing when there is no place or the
+    // GPU refused. Any thread.
     std::shared_ptr<Picture> assembledFrame() const;
     void showPicture(std::shared_ptr<Picture> picture);
     // The place whose pictures set the pace, if any.
     std::shared_ptr<RecorderPlace> clockPlace() const;
-    // When the last composition began, in seconds on the media clock.
+    // When the monitor was last composed, in seconds on the media clock.
     double lastComposeTime() const;
 
 private:
-    void composeMonitorAtTime(double time);
-    // Composes `places` into `layout` with `compositor`; `then` gets the picture once drawn, on the
-    // engine's thread. With no place, or when the GPU refuses, no picture is shown.
-    void composePlaces(const Places& places, const Layout& layout, bool transparent,
-                       const std::shared_ptr<Compositor>& compositor, double time,
-                       std::function<void(const std::shared_ptr<Picture>&)> then);
+    friend struct CompositionSchedulerProbe; // lets tests hold the queue
+
+    // On _queue: the newest request.
+    void composeRequested();
+    // On _queue. `drawn`, if any, is signalled once the picture is drawn or refused.
+    void composeMonitorAtTime(double time, const std::shared_ptr<Semaphore>& drawn = nullptr);
 
     const std::shared_ptr<Take> _take;
-    const std::shared_ptr<Compositor> _takeCompositor;
     const std::shared_ptr<Compositor> _monitorCompositor;
 
     mutable std::mutex _lock;
@@ -95,8 +108,10 @@ private:
     std::shared_ptr<const Layout> _takeMonitorLayout;
     bool _takeTransparent = false;
     std::shared_ptr<RecorderPlace> _clockPlace;
+    std::optional<double> _request; // the time of the clock place's picture that waits to be composed
     double _lastComposeTime = 0;
     bool _displayLimited = false;
+    bool _watched = false;
     // The last composed picture. Apart from the scheduler, so that a composition that completes on the
     // engine's thread stores its picture without holding the scheduler (whose last release there would
     // join that very thread).
@@ -105,6 +120,10 @@ private:
         std::shared_ptr<Picture> picture;
     };
     const std::shared_ptr<Shown> _shown = std::make_shared<Shown>();
+
+    // Last, so that it goes first, finishing the compositions already asked for, which use everything
+    // above.
+    SerialQueue _queue{"composition"};
 };
 
 } // namespace quorva

@@ -5,13 +5,22 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <vector>
 
 namespace quorva {
 
+// Where `pictures[i]` (nothing for no picture) goes in `layout`'s picture: fitted into
+// `layout.frames()[i]` without distortion, upside down where `flipped[i]` (stored bottom-up). A picture
+// whose shape is within a pixel of its rectangle's fills it, so near-matches are not framed by a stray
+// line. Nothing when the lists do not match the layout, or the picture is empty or larger than
+// Compositor::MaximumSide either way.
+std::optional<std::vector<PicturePlacement>> Placements(const Layout& layout,
+                                                        const std::vector<std::shared_ptr<Picture>>& pictures,
+                                                        const std::vector<bool>& flipped);
+
 // Draws the current pictures of the sources into one picture, each fitted into its rectangle of a
-// Layout, with the picture engine. The controller keeps one for the take and one for the monitor
-// picture; both may call from several threads.
+// Layout, with the picture engine: the monitor's picture. Safe to call from several threads.
 class Compositor {
 public:
     using CompletionHandler = std::function<void(const std::shared_ptr<Picture>& target)>;
@@ -25,12 +34,10 @@ public:
     Compositor(const Compositor&) = delete;
     Compositor& operator=(const Compositor&) = delete;
 
-    // Draws `pictures[i]` (nothing for no picture) into `layout.frames()[i]`, upside down where
-    // `flipped[i]` (the picture is stored bottom-up), over a clear background when `transparent`, else
-    // over opaque black with every drawn pixel opaque. Answers the target without waiting for the GPU;
+    // Draws the Placements() of the pictures over a clear background when `transparent`, else over
+    // opaque black with every drawn pixel opaque. Answers the target without waiting for the GPU;
     // `completionHandler` gets it once it is drawn. The target is drawn into again only once nobody
-    // holds it. Answers nothing, and draws nothing, when the lists do not match the layout, the picture
-    // is empty or larger than MaximumSide either way, or the engine refuses.
+    // holds it. Answers nothing, and draws nothing, where Placements() refuses or the engine does.
     std::shared_ptr<Picture> compose(const Layout& layout,
                                      const std::vector<std::shared_ptr<Picture>>& pictures,
                                      const std::vector<bool>& flipped, bool transparent,

@@ -178,6 +178,14 @@ bool MovieRecorder::wantsFrameAtTime(double time) {
 }
 
 void MovieRecorder::appendPicture(const std::shared_ptr<Picture>& picture, bool flipped, double time) {
+    append(FittedPicture{picture, flipped}, time);
+}
+
+void MovieRecorder::appendPlacements(std::vector<PicturePlacement> placements, double time) {
+    append(std::move(placements), time);
+}
+
+void MovieRecorder::append(FrameContent content, double time) {
     int64_t movieTime = 0;
     {
         std::lock_guard guard(_lock);
@@ -199,12 +207,13 @@ void MovieRecorder::appendPicture(const std::shared_ptr<Picture>& picture, bool 
         _framesInFlight.enter();
         movieTime = MovieTime(decision.time);
     }
-    _queue->post([self = shared_from_this(), picture, flipped, movieTime] {
-        self->convertPicture(picture, flipped, movieTime);
+    _queue->post([self = shared_from_this(), content = std::move(content), movieTime] {
+        self->convertFrame(content, movieTime);
     });
 }
 
-void MovieRecorder::convertPicture(const std::shared_ptr<Picture>& picture, bool flipped, int64_t time) {
+void MovieRecorder::convertFrame(const FrameContent& content, int64_t time) {
+    const auto* fitted = std::get_if<FittedPicture>(&content);
     if (!_writer) {
         bool recording;
         {
@@ -215,6 +224,7 @@ void MovieRecorder::convertPicture(const std::shared_ptr<Picture>& picture, bool
             frameDoneWritten(false);
             return;
         }
+        const std::shared_ptr<Picture> picture = fitted ? fitted->picture : nullptr;
         Result<> created =
             createWriterForFrameOfWidth(picture ? picture->width() : 0, picture ? picture->height() : 0);
         if (!created) {
@@ -228,14 +238,16 @@ void MovieRecorder::convertPicture(const std::shared_ptr<Picture>& picture, bool
         failWithError(writerError("The movie could not be written"));
         return;
     }
-    const bool transparentBars = _settings.codec() == Codec::ProRes4444;
+    const bool transparent = _settings.codec() == Codec::ProRes4444;
+    auto converted = [self = shared_from_this(), time](std::shared_ptr<FrameMemory> memory) {
+        self->_queue->post([self, memory = std::move(memory), time]() mutable {
+            self->appendPixelBuffer(std::move(memory), time);
+        });
+    };
     Result<> converting =
-        _converter->convert(picture, flipped, transparentBars, _frameFormat,
-                            [self = shared_from_this(), time](std::shared_ptr<FrameMemory> memory) {
-                                self->_queue->post([self, memory = std::move(memory), time]() mutable {
-                                    self->appendPixelBuffer(std::move(memory), time);
-                                });
-                            });
+        fitted ? _converter->convert(fitted->picture, fitted->flipped, transparent, _frameFormat, converted)
+               : _converter->compose(std::get<std::vector<PicturePlacement>>(content), transparent,
+                                     _frameFormat, converted);
     if (!converting) {
         Log("MovieRecorder: ", "a frame could not be converted: " + converting.error().message());
         frameDoneWritten(false);

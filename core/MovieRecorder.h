@@ -28,10 +28,10 @@ struct SwrContext;
 namespace quorva {
 
 // Writes one QuickTime movie from pictures that arrive in real time, and its sound track from sound
-// blocks. Each frame is paced onto the movie's frame-rate grid, fitted (letterboxed, flipped if need be)
-// and converted to the encoder's pixel format by the picture engine, straight into memory that the
-// encoder reads, and
-// encoded on the recorder's own serial queue with a time stamp in 1/60000 s. At most three frames are in
+// blocks. Each frame is paced onto the movie's frame-rate grid, then drawn by the picture engine
+// straight into memory that the encoder reads, in the encoder's pixel format: one picture fitted
+// (letterboxed, flipped if need be), or the placements of an assembled picture. It is encoded on the
+// recorder's own serial queue with a time stamp in 1/60000 s. At most three frames are in
 // flight: a fourth is dropped at once and counted, so a slow encoder costs frames, never memory or
 // latency. A take owns one recorder per movie and reuses it from take to take.
 //
@@ -72,6 +72,9 @@ public:
     // Hands a frame in and returns at once; the picture is held until it is converted. `flipped`: the
     // picture is stored bottom-up.
     void appendPicture(const std::shared_ptr<Picture>& picture, bool flipped, double time);
+    // Hands in an assembled frame, for a movie whose settings give its size: the placements drawn into
+    // it over black (clear for ProRes 4444). Paced, held and counted as a picture is.
+    void appendPlacements(std::vector<PicturePlacement> placements, double time);
     // Hands a sound block in, stamped with the host time it arrived at (a block ends at its arrival), and
     // returns at once. Ignored unless the movie records sound.
     void appendSound(const std::shared_ptr<SourceSound>& sound, double time);
@@ -110,11 +113,21 @@ private:
     };
     using PlacedSound = std::variant<std::shared_ptr<SourceSound>, Silence>;
 
+    // What one frame is drawn from: a picture to fit, or an assembled picture's placements.
+    struct FittedPicture {
+        std::shared_ptr<Picture> picture;
+        bool flipped;
+    };
+    using FrameContent = std::variant<FittedPicture, std::vector<PicturePlacement>>;
+
     MovieRecorder(std::unique_ptr<FrameConverter> converter, int niceness);
+
+    // The one way in for frames: paced, counted and queued for convertFrame().
+    void append(FrameContent content, double time);
 
     // On _queue.
     Result<> createWriterForFrameOfWidth(uint64_t width, uint64_t height);
-    void convertPicture(const std::shared_ptr<Picture>& picture, bool flipped, int64_t time);
+    void convertFrame(const FrameContent& content, int64_t time);
     void appendPixelBuffer(std::shared_ptr<FrameMemory> memory, int64_t time);
     void frameDoneWritten(bool written);
     // Brings the counts down to what the file of `writer`, now ended, holds.

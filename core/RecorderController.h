@@ -218,10 +218,13 @@ public:
     // Composition: the assembled picture of all places, for the take's assembled movie and the monitor.
     // While recording in performance mode the monitor is held to RecorderLimitedDisplayRate.
     bool displayIsLimited() const;
+    // Whether someone watches the monitor (the window's preview, while it shows): the monitor is
+    // composed only then.
+    void setMonitorWatched(bool watched) { _composition->monitorWatched(watched); }
     // The arrangement of the assembled picture: the running take's, else what a take would use now.
     Layout assembledLayout() const;
-    // The last picture composed, of the take or the monitor, for the preview to draw; nothing when
-    // there is no place or the GPU refused. Any thread.
+    // The last monitor picture composed, for the preview to draw; nothing when nobody watched yet, there
+    // is no place or the GPU refused. Any thread.
     std::shared_ptr<Picture> assembledFrame() const { return _composition->assembledFrame(); }
     void showPicture(std::shared_ptr<Picture> picture) { _composition->showPicture(std::move(picture)); }
     // The place whose pictures set the pace of composition, if any.

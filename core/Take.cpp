@@ -248,7 +248,7 @@ bool Take::wantsAssembledFrameAtTime(double time) {
     return recorder->wantsFrameAtTime(time);
 }
 
-void Take::appendAssembledPicture(const std::shared_ptr<Picture>& picture, double time) {
+void Take::appendAssembledPlacements(std::vector<PicturePlacement> placements, double time) {
     std::shared_ptr<MovieRecorder> recorder;
     {
         std::lock_guard lock(_lock);
@@ -256,7 +256,7 @@ void Take::appendAssembledPicture(const std::shared_ptr<Picture>& picture, doubl
             return;
         recorder = _assembledMovie->recorder();
     }
-    recorder->appendPicture(picture, false, time);
+    recorder->appendPlacements(std::move(placements), time);
 }
 
 void Take::appendSound(const std::shared_ptr<SourceSound>& sound, size_t index, double time) {

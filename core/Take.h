@@ -94,7 +94,8 @@ struct TakePlan {
 // every source's pictures and sound, the assembled picture and the computer's sound to the right
 // movies. Its recorders are kept from take to take, so a new take does not compile shaders again.
 //
-// Start and finish are called on the main thread; pictures and sound arrive on the sources' threads.
+// Start and finish are called on the main thread; pictures and sound arrive on the sources' threads, the
+// assembled picture's placements on the composition's.
 // A movie that fails while recording is reported through the movie failure handler and the others go
 // on; completions and failures are delivered on the main queue.
 class Take : public std::enable_shared_from_this<Take> {
@@ -120,7 +121,8 @@ public:
     void appendPicture(const std::shared_ptr<Picture>& picture, bool flipped, size_t index, double time);
     // Whether the assembled movie would keep a picture at `time`: ask before composing one.
     bool wantsAssembledFrameAtTime(double time);
-    void appendAssembledPicture(const std::shared_ptr<Picture>& picture, double time);
+    // The assembled picture at `time`, as the pictures placed in it: its movie draws them itself.
+    void appendAssembledPlacements(std::vector<PicturePlacement> placements, double time);
     // Sound of source `index`, to its own movie if it records its sound, and to the assembled movie if
     // that records this source's sound.
     void appendSound(const std::shared_ptr<SourceSound>& sound, size_t index, double time);

@@ -33,7 +33,19 @@ struct FrameFormat {
     // (what SIMD code reads best), and 64 bytes to spare at the end, which some encoders' SIMD loads
     // read into. Chroma planes round odd sizes up. BGRA is tightly packed.
     static FrameFormat padded(FrameLayout layout, uint32_t width, uint32_t height);
+
+    // The part of this frame's memory that the region of `width` × `height` pixels at (`x`, `y`)
+    // covers, as a format of its own whose offsets still count from the frame's start: what converts a
+    // picture into part of a frame. `x` and `y` must start a chroma sample (be even where chroma is
+    // halved that way).
+    FrameFormat region(uint32_t x, uint32_t y, uint32_t width, uint32_t height) const;
 };
+
+// How the samples of one plane of a layout lie: one for every `across` × `down` pixels, `bytes` each.
+struct PlaneSampling {
+    uint32_t across, down, bytes;
+};
+PlaneSampling SamplingOf(FrameLayout layout, size_t plane);
 
 // Memory that holds one converted picture, which the encoder reads. It goes back to its converter's pool
 // when its last holder lets go, on whichever thread that is.

@@ -16,33 +16,39 @@ namespace quorva {
 class GpuDevice;
 class MemoryPicture;
 
-// Turns pictures into a movie's pictures: each one fitted inside the movie's picture without
-// distortion and centred, the bars around it black (clear where `transparentBars`), mirrored top to
-// bottom when `flipped` (stored bottom-up), and converted to the movie's pixel format straight into
-// memory that the encoder reads. One per movie recorder; called from one thread at a time.
-class FrameConverter {
-public:
-    using Completion = std::function<void(std::shared_ptr<FrameMemory> memory)>;
-
-    virtual ~FrameConverter() = default;
-
-    // Converts without waiting where the work runs elsewhere (the GPU): `completion` gets the memory
-    // once the picture is in it, on the GPU's completion thread, or on this thread before the answer
-    // when the processor converts. Refused (and `completion` never called) when memory or the GPU fails.
-    virtual Result<> convert(const std::shared_ptr<Picture>& picture, bool flipped, bool transparentBars,
-                             const FrameFormat& format, Completion completion) = 0;
-    // Makes the pool's first memory for pictures of `format`: fails when there is none to be had.
-    virtual Result<> prepare(const FrameFormat& format) = 0;
-    // Lets go of idle memory; memory still held goes when its holder lets go.
-    virtual void forgetPool() = 0;
-};
-
 // One picture drawn by a composition: into `x`, `y`, `width` × `height` (whole pixels from the target's
 // top-left corner), scaled to fill it, upside down where `flipped`.
 struct PicturePlacement {
     std::shared_ptr<Picture> picture;
     int64_t x = 0, y = 0, width = 0, height = 0;
     bool flipped = false;
+};
+
+// Turns pictures into a movie's pictures, converted to the movie's pixel format straight into memory
+// that the encoder reads (a pool of the converter's own). `transparent`: bars and uncovered parts are
+// clear and pictures keep their alpha; otherwise they are opaque black and every pixel is opaque. One
+// per movie recorder; called from one thread at a time.
+class FrameConverter {
+public:
+    using Completion = std::function<void(std::shared_ptr<FrameMemory> memory)>;
+
+    virtual ~FrameConverter() = default;
+
+    // The picture fitted inside the movie's picture without distortion and centred, between bars,
+    // mirrored top to bottom when `flipped` (stored bottom-up). Converts without waiting where the work
+    // runs elsewhere (the GPU): `completion` gets the memory once the picture is in it, on the GPU's
+    // completion thread, or on this thread before the answer when the processor converts. Refused (and
+    // `completion` never called) when memory or the GPU fails.
+    virtual Result<> convert(const std::shared_ptr<Picture>& picture, bool flipped, bool transparent,
+                             const FrameFormat& format, Completion completion) = 0;
+    // The placements drawn as a PictureCompositor draws them, straight into the movie's picture: an
+    // assembled picture that never exists whole in any other form. Completes as convert() does.
+    virtual Result<> compose(const std::vector<PicturePlacement>& placements, bool transparent,
+                             const FrameFormat& format, Completion completion) = 0;
+    // Makes the pool's first memory for pictures of `format`: fails when there is none to be had.
+    virtual Result<> prepare(const FrameFormat& format) = 0;
+    // Lets go of idle memory; memory still held goes when its holder lets go.
+    virtual void forgetPool() = 0;
 };
 
 // Draws several pictures into one. Its targets come from a pool of its own: a target is drawn into

@@ -10,19 +10,20 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <mutex>
 
 namespace quorva {
 
 namespace {
-// Composition targets: the take's assembled picture while up to three wait for its encoder, the one
-// being drawn, and the latest one shown.
-constexpr size_t KeptTargets = 6;
+// Composition targets: the monitor's picture being drawn and the one shown, and the preview's fitted
+// copies of it, one being drawn and one on screen.
+constexpr size_t KeptTargets = 4;
 
 } // namespace
 
-// The targets of every composition, the take's and the monitor's, so that one composes into what the
+// The targets of every composition, the monitor's and the preview's, so that one composes into what the
 // other let go of, and what each target covers, so that a target drawn last with the same placements
 // needs no clear.
 struct CpuPictureEngine::Targets {
@@ -67,6 +68,115 @@ int Stride(const MemoryPicture& picture, bool flipped) {
     return flipped ? -int(picture.stride()) : int(picture.stride());
 }
 
+// A rectangle of whole pixels, from its left column and top row to just past its right and bottom.
+struct Box {
+    int64_t left = 0, top = 0, right = 0, bottom = 0;
+
+    int64_t width() const { return right - left; }
+    int64_t height() const { return bottom - top; }
+    bool empty() const { return right <= left || bottom <= top; }
+    bool operator==(const Box&) const = default;
+    Box operator&(const Box& other) const {
+        return {std::max(left, other.left), std::max(top, other.top), std::min(right, other.right),
+                std::min(bottom, other.bottom)};
+    }
+};
+
+Box BoxOf(const PicturePlacement& placement) {
+    return {placement.x, placement.y, placement.x + placement.width, placement.y + placement.height};
+}
+
+bool Unscaled(const PicturePlacement& placement, const MemoryPicture& picture) {
+    return picture.width() == placement.width && picture.height() == placement.height;
+}
+
+// Draws the part of each placement that lies in `area` of the target, in order, each replacing what is
+// under it, into `to`: the area's top-left pixel, rows `stride` bytes apart. Opaque unless
+// `transparent`. What no placement covers is left as it was.
+void DrawPlacements(const std::vector<PicturePlacement>& placements,
+                    const std::vector<std::shared_ptr<MemoryPicture>>& pictures, Box area, uint8_t* to,
+                    ptrdiff_t stride, bool transparent) {
+    for (size_t i = 0; i < placements.size(); ++i) {
+        const PicturePlacement& placement = placements[i];
+        const MemoryPicture& from = *pictures[i];
+        const Box drawn = BoxOf(placement) & area;
+        if (drawn.empty())
+            continue;
+        uint8_t* corner = to + (drawn.top - area.top) * stride + (drawn.left - area.left) * 4;
+        const auto columns = uint32_t(drawn.width()), rows = uint32_t(drawn.height());
+        const int64_t skippedColumns = drawn.left - placement.x, skippedRows = drawn.top - placement.y;
+        const int fromStride = Stride(from, placement.flipped);
+        if (Unscaled(placement, from)) {
+            const uint8_t* first =
+                FirstRow(from, placement.flipped) + skippedRows * fromStride + skippedColumns * 4;
+            if (transparent)
+                libyuv::ARGBCopy(first, fromStride, corner, int(stride), int(columns), int(rows));
+            else
+                cpu::CopyOpaque(first, fromStride, corner, stride, columns, rows);
+            continue;
+        }
+        // Scaled as a whole, and only the part inside the area kept.
+        libyuv::ARGBScaleClip(FirstRow(from, placement.flipped), fromStride, int(from.width()),
+                              int(from.height()), corner - skippedColumns * 4 - skippedRows * stride,
+                              int(stride), int(placement.width), int(placement.height), int(skippedColumns),
+                              int(skippedRows), int(columns), int(rows), libyuv::kFilterBilinear);
+        if (!transparent)
+            cpu::MakeOpaque(corner, stride, columns, rows);
+    }
+}
+
+// Each plane's sample of the background, as the conversion itself makes it from a background pixel.
+std::array<uint32_t, 4> BackgroundSamples(FrameLayout layout, bool transparent) {
+    const uint32_t pixel = transparent ? 0u : 0xFF000000u;
+    const std::array<uint32_t, 4> picture{pixel, pixel, pixel, pixel}; // 2 × 2
+    const FrameFormat format = FrameFormat::padded(layout, 2, 2);
+    std::vector<uint8_t> frame(format.bytes);
+    cpu::ConvertPicture(reinterpret_cast<const uint8_t*>(picture.data()), 8, format, frame.data());
+    std::array<uint32_t, 4> samples{};
+    for (size_t i = 0; i < format.planes.size(); ++i)
+        std::memcpy(&samples[i], frame.data() + format.planes[i].offset, SamplingOf(layout, i).bytes);
+    return samples;
+}
+
+// Sets `count` samples of `bytes` bytes each (1, 2 or 4) to `value`.
+void FillSamples(uint8_t* at, size_t count, uint32_t bytes, uint32_t value) {
+    if (bytes == 1)
+        std::memset(at, int(value), count);
+    else if (bytes == 2)
+        std::fill_n(reinterpret_cast<uint16_t*>(at), count, uint16_t(value));
+    else
+        std::fill_n(reinterpret_cast<uint32_t*>(at), count, value);
+}
+
+// Fills every sample of the frame that no region covers with the background. Regions start and end on
+// whole chroma samples (but for the frame's own edges).
+void FillBackground(const FrameFormat& format, uint8_t* frame, const std::vector<Box>& regions,
+                    bool transparent) {
+    const std::array<uint32_t, 4> background = BackgroundSamples(format.layout, transparent);
+    std::vector<std::pair<int64_t, int64_t>> covered;
+    for (size_t p = 0; p < format.planes.size(); ++p) {
+        const PlaneSampling sampling = SamplingOf(format.layout, p);
+        const auto samples = int64_t((format.width + sampling.across - 1) / sampling.across);
+        for (size_t row = 0; row < format.planes[p].rows; ++row) {
+            const auto y = int64_t(row * sampling.down);
+            covered.clear();
+            for (const Box& region : regions)
+                if (y >= region.top && y < region.bottom)
+                    covered.emplace_back(region.left / sampling.across,
+                                         (region.right + sampling.across - 1) / sampling.across);
+            std::sort(covered.begin(), covered.end());
+            covered.emplace_back(samples, samples);
+            uint8_t* line = frame + format.planes[p].offset + row * format.planes[p].stride;
+            int64_t x = 0;
+            for (const auto& [from, to] : covered) {
+                if (from > x)
+                    FillSamples(line + x * sampling.bytes, size_t(from - x), sampling.bytes, background[p]);
+                x = std::max(x, to);
+            }
+        }
+    }
+}
+
 // Memory for converted pictures, all of one size, from the processor's allocator.
 struct Buffer final : FrameMemory {
     Buffer(uint8_t* bytes, size_t size) : bytes(bytes), length(size) {}
@@ -87,26 +197,90 @@ struct BufferPool {
 
 class CpuFrameConverter final : public FrameConverter {
 public:
-    Result<> convert(const std::shared_ptr<Picture>& picture, bool flipped, bool transparentBars,
+    Result<> convert(const std::shared_ptr<Picture>& picture, bool flipped, bool transparent,
                      const FrameFormat& format, Completion completion) override {
-        Result<std::shared_ptr<MemoryPicture>> source = InMemory(picture);
-        if (!source)
-            return source.error();
+        if (!picture)
+            return PictureError("Nothing to convert");
+        // The pixels whose centres the GPU's pass finds inside the fitted picture.
+        const std::array<float, 2> extent =
+            FitExtents(picture->width(), picture->height(), format.width, format.height);
+        auto range = [](float side, float half) {
+            const float first = std::ceil(side * (1 - half) / 2 - 0.5f);
+            const float last = std::floor(side * (1 + half) / 2 - 0.5f);
+            return std::pair<int64_t, int64_t>(int64_t(std::max(first, 0.0f)),
+                                               int64_t(std::min(last, side - 1)) + 1);
+        };
+        const auto [left, right] = range(float(format.width), extent[0]);
+        const auto [top, bottom] = range(float(format.height), extent[1]);
+        std::vector<PicturePlacement> placements;
+        if (right > left && bottom > top)
+            placements.push_back({picture, left, top, right - left, bottom - top, flipped});
+        return compose(placements, transparent, format, std::move(completion));
+    }
+
+    // Each placement is converted into its part of the frame on its own, straight from its picture where
+    // nothing needs scaling: no picture of the whole frame is ever drawn. A placement that shares chroma
+    // samples with its surroundings (an odd edge) is first drawn, with them, into a picture of just its
+    // region, so that those samples mix what the whole picture would hold there.
+    Result<> compose(const std::vector<PicturePlacement>& placements, bool transparent,
+                     const FrameFormat& format, Completion completion) override {
         if (format.width < 1 || format.height < 1 || format.planes.empty())
             return PictureError("Nothing to convert");
+        std::vector<std::shared_ptr<MemoryPicture>> pictures;
+        for (const PicturePlacement& placement : placements) {
+            Result<std::shared_ptr<MemoryPicture>> picture = InMemory(placement.picture);
+            if (!picture)
+                return picture.error();
+            pictures.push_back(std::move(picture.value()));
+        }
         Result<std::shared_ptr<FrameMemory>> memory = take(format.bytes);
         if (!memory)
             return memory.error();
-        const MemoryPicture& from = *source.value();
-        if (from.width() == format.width && from.height() == format.height) {
-            cpu::ConvertPicture(FirstRow(from, flipped), Stride(from, flipped), format,
-                                memory.value()->data());
-        } else {
-            Result<const MemoryPicture*> fitted = fit(from, flipped, transparentBars, format);
-            if (!fitted)
-                return fitted.error();
-            cpu::ConvertPicture(fitted.value()->bytes(), ptrdiff_t(fitted.value()->stride()), format,
-                                memory.value()->data());
+        uint8_t* frame = memory.value()->data();
+
+        const Box whole{0, 0, int64_t(format.width), int64_t(format.height)};
+        const PlaneSampling chroma = SamplingOf(format.layout, 1);
+        auto down = [](int64_t value, int64_t step) { return value / step * step; };
+        auto up = [](int64_t value, int64_t step) { return (value + step - 1) / step * step; };
+        std::vector<Box> regions;
+        for (const PicturePlacement& placement : placements) {
+            const Box drawn = BoxOf(placement) & whole;
+            regions.push_back(drawn.empty()
+                                  ? Box{}
+                                  : Box{down(drawn.left, chroma.across), down(drawn.top, chroma.down),
+                                        up(drawn.right, chroma.across), up(drawn.bottom, chroma.down)} &
+                                        whole);
+        }
+        FillBackground(format, frame, regions, transparent);
+
+        const bool alpha = format.layout == FrameLayout::YUVA444P10 || format.layout == FrameLayout::BGRA;
+        for (size_t i = 0; i < placements.size(); ++i) {
+            const Box& region = regions[i];
+            if (region.empty())
+                continue;
+            const PicturePlacement& placement = placements[i];
+            const MemoryPicture& from = *pictures[i];
+            const FrameFormat part = format.region(uint32_t(region.left), uint32_t(region.top),
+                                                   uint32_t(region.width()), uint32_t(region.height()));
+            const bool covered = region == BoxOf(placement);
+            const bool overdrawn =
+                std::any_of(placements.begin() + ptrdiff_t(i) + 1, placements.end(),
+                            [&](const auto& later) { return !(BoxOf(later) & region).empty(); });
+            if (covered && !overdrawn && Unscaled(placement, from) && (transparent || !alpha)) {
+                cpu::ConvertPicture(FirstRow(from, placement.flipped), Stride(from, placement.flipped), part,
+                                    frame);
+                continue;
+            }
+            Result<MemoryPicture*> drawn = scratch(uint32_t(region.width()), uint32_t(region.height()));
+            if (!drawn)
+                return drawn.error();
+            MemoryPicture& picture = *drawn.value();
+            if (!covered)
+                libyuv::ARGBRect(picture.bytes(), int(picture.stride()), 0, 0, int(region.width()),
+                                 int(region.height()), transparent ? 0u : 0xFF000000u);
+            DrawPlacements(placements, pictures, region, picture.bytes(), ptrdiff_t(picture.stride()),
+                           transparent);
+            cpu::ConvertPicture(picture.bytes(), ptrdiff_t(picture.stride()), part, frame);
         }
         completion(std::move(memory.value()));
         return {};
@@ -122,7 +296,7 @@ public:
         std::lock_guard guard(_pool->lock);
         dropped.swap(_pool->idle);
         _pool->size = 0;
-        _fitted.reset();
+        _scratch.reset();
     }
 
 private:
@@ -154,37 +328,19 @@ private:
         });
     }
 
-    // The picture scaled into the part of the movie's picture that it fills, between bars: the pixels
-    // whose centres the GPU's pass finds inside the fitted picture.
-    Result<const MemoryPicture*> fit(const MemoryPicture& from, bool flipped, bool transparentBars,
-                                     const FrameFormat& format) {
-        if (!_fitted || _fitted->width() != format.width || _fitted->height() != format.height) {
-            Result<std::shared_ptr<MemoryPicture>> made = MemoryPicture::make(format.width, format.height);
+    // A picture of `width` × `height` to draw a region into, kept for the next one of that size.
+    Result<MemoryPicture*> scratch(uint32_t width, uint32_t height) {
+        if (!_scratch || _scratch->width() != width || _scratch->height() != height) {
+            Result<std::shared_ptr<MemoryPicture>> made = MemoryPicture::make(width, height);
             if (!made)
                 return made.error();
-            _fitted = std::move(made.value());
+            _scratch = std::move(made.value());
         }
-        const std::array<float, 2> extent =
-            FitExtents(from.width(), from.height(), format.width, format.height);
-        auto range = [](float side, float half) {
-            const float first = std::ceil(side * (1 - half) / 2 - 0.5f);
-            const float last = std::floor(side * (1 + half) / 2 - 0.5f);
-            return std::pair<int, int>(int(std::max(first, 0.0f)), int(std::min(last, side - 1)) + 1);
-        };
-        const auto [left, right] = range(float(format.width), extent[0]);
-        const auto [top, bottom] = range(float(format.height), extent[1]);
-        MemoryPicture& fitted = *_fitted;
-        libyuv::ARGBRect(fitted.bytes(), int(fitted.stride()), 0, 0, int(format.width), int(format.height),
-                         transparentBars ? 0u : 0xFF000000u);
-        if (right > left && bottom > top)
-            libyuv::ARGBScale(FirstRow(from, flipped), Stride(from, flipped), int(from.width()),
-                              int(from.height()), fitted.row(uint32_t(top)) + size_t(left) * 4,
-                              int(fitted.stride()), right - left, bottom - top, libyuv::kFilterBilinear);
-        return _fitted.get();
+        return _scratch.get();
     }
 
     std::shared_ptr<BufferPool> _pool = std::make_shared<BufferPool>();
-    std::shared_ptr<MemoryPicture> _fitted; // the movie's picture before conversion, when it needs fitting
+    std::shared_ptr<MemoryPicture> _scratch; // a region drawn before its conversion
 };
 
 class CpuCompositor final : public PictureCompositor {
@@ -215,37 +371,8 @@ public:
         if (_targets->remember(made.value(), covered))
             libyuv::ARGBRect(target.bytes(), int(target.stride()), 0, 0, int(width), int(height),
                              transparent ? 0u : 0xFF000000u);
-
-        for (size_t i = 0; i < placements.size(); ++i) {
-            const PicturePlacement& placement = placements[i];
-            const MemoryPicture& from = *pictures[i];
-            const int64_t left = std::max<int64_t>(placement.x, 0), top = std::max<int64_t>(placement.y, 0);
-            const int64_t right = std::min<int64_t>(placement.x + placement.width, width);
-            const int64_t bottom = std::min<int64_t>(placement.y + placement.height, height);
-            if (right <= left || bottom <= top)
-                continue;
-            uint8_t* corner = target.row(uint32_t(top)) + size_t(left) * 4;
-            const uint32_t columns = uint32_t(right - left), rows = uint32_t(bottom - top);
-            if (from.width() == placement.width && from.height() == placement.height && left == placement.x &&
-                top == placement.y && columns == placement.width && rows == placement.height) {
-                if (transparent)
-                    libyuv::ARGBCopy(FirstRow(from, placement.flipped), Stride(from, placement.flipped),
-                                     corner, int(target.stride()), int(columns), int(rows));
-                else
-                    cpu::CopyOpaque(FirstRow(from, placement.flipped), Stride(from, placement.flipped),
-                                    corner, ptrdiff_t(target.stride()), columns, rows);
-                continue;
-            }
-            // Scaled as a whole, and only the part inside the target kept.
-            libyuv::ARGBScaleClip(
-                FirstRow(from, placement.flipped), Stride(from, placement.flipped), int(from.width()),
-                int(from.height()),
-                corner - (left - placement.x) * 4 - (top - placement.y) * ptrdiff_t(target.stride()),
-                int(target.stride()), int(placement.width), int(placement.height), int(left - placement.x),
-                int(top - placement.y), int(columns), int(rows), libyuv::kFilterBilinear);
-            if (!transparent)
-                cpu::MakeOpaque(corner, ptrdiff_t(target.stride()), columns, rows);
-        }
+        DrawPlacements(placements, pictures, {0, 0, int64_t(width), int64_t(height)}, target.bytes(),
+                       ptrdiff_t(target.stride()), transparent);
         if (completion)
             completion(made.value());
         return std::shared_ptr<Picture>(made.value());

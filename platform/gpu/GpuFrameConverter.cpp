@@ -37,7 +37,7 @@ struct Constants {
     int32_t size[2];
     float extent[2]; // half-extents of the fitted picture in clip space
     float flipped;
-    float barAlpha;
+    float opaque; // 1: bars black and every pixel opaque; 0: bars clear, pictures keep their alpha
     int32_t layout;
     int32_t padding;
     uint32_t offsets[4]; // in words
@@ -50,7 +50,7 @@ layout(push_constant) uniform Constants {
     ivec2 size;
     vec2 extent;
     float flipped;
-    float barAlpha;
+    float opaque;
     int kind;
     int padding;
     uvec4 offsets;
@@ -65,8 +65,9 @@ vec4 pictureAt(ivec2 p) {
     vec2 clip = vec2(2.0 * n.x - 1.0, 1.0 - 2.0 * n.y);
     vec2 t = (clip + c.extent) / (2.0 * c.extent);
     if (any(lessThan(t, vec2(0.0))) || any(greaterThan(t, vec2(1.0))))
-        return vec4(0.0, 0.0, 0.0, c.barAlpha);
-    return textureLod(source, vec2(t.x, c.flipped > 0.5 ? t.y : 1.0 - t.y), 0.0);
+        return vec4(0.0, 0.0, 0.0, c.opaque);
+    vec4 s = textureLod(source, vec2(t.x, c.flipped > 0.5 ? t.y : 1.0 - t.y), 0.0);
+    return vec4(s.rgb, max(s.a, c.opaque));
 }
 
 // BT.709, limited range, on the 8-bit scale.
@@ -191,8 +192,13 @@ struct Pool {
 
 } // namespace
 
+// Targets of a converter's compositions: one being drawn and those whose conversion is in flight.
+constexpr size_t KeptTargets = 4;
+
 // The pass that turns a picture into a movie's picture in one GPU dispatch, straight into host-visible
-// memory, so that the encoder reads what the GPU wrote, uncopied.
+// memory, so that the encoder reads what the GPU wrote, uncopied. A composition is drawn first into a
+// target of the converter's own, in the same command buffer, which the pass then converts: the
+// processor only records commands.
 class GpuFrameConverter final : public FrameConverter {
 public:
     struct State;
@@ -200,12 +206,22 @@ public:
         : _state(std::move(state)), _engine(std::move(engine)) {}
     ~GpuFrameConverter() override;
 
-    Result<> convert(const std::shared_ptr<Picture>& picture, bool flipped, bool transparentBars,
+    Result<> convert(const std::shared_ptr<Picture>& picture, bool flipped, bool transparent,
+                     const FrameFormat& format, Completion completion) override;
+    Result<> compose(const std::vector<PicturePlacement>& placements, bool transparent,
                      const FrameFormat& format, Completion completion) override;
     Result<> prepare(const FrameFormat& format) override;
     void forgetPool() override;
 
 private:
+    // Memory of `format`'s size from the pool, or new; it goes back to the pool when let go.
+    Result<std::shared_ptr<HostMemory>> take(const FrameFormat& format);
+    // Records the pass that converts `texture` into `memory`, then commits `commands` with `completion`
+    // to follow.
+    Result<> convertAndCommit(CommandBuffer& commands, const std::shared_ptr<Texture>& texture, bool flipped,
+                              bool transparent, const FrameFormat& format, std::shared_ptr<HostMemory> memory,
+                              Completion completion);
+
     std::shared_ptr<State> _state;
     std::shared_ptr<GpuPictureEngine> _engine;
 };
@@ -217,6 +233,9 @@ struct GpuFrameConverter::State {
     vk::raii::PipelineLayout layout{nullptr};
     vk::raii::Pipeline pipeline{nullptr};
     std::shared_ptr<Pool> pool = std::make_shared<Pool>();
+    // Compositions only, made at the first: most converters never compose.
+    std::shared_ptr<RenderPipeline> quad;
+    PicturePool<Texture> targets{KeptTargets};
 };
 
 Result<std::unique_ptr<FrameConverter>> GpuPictureEngine::makeFrameConverter() {
@@ -277,18 +296,8 @@ void GpuFrameConverter::forgetPool() {
     _state->pool->forget();
 }
 
-Result<> GpuFrameConverter::convert(const std::shared_ptr<Picture>& picture, bool flipped,
-                                    bool transparentBars, const FrameFormat& format, Completion completion) {
+Result<std::shared_ptr<HostMemory>> GpuFrameConverter::take(const FrameFormat& format) {
     State& s = *_state;
-    Result<std::shared_ptr<Texture>> uploaded = _engine->texture(picture);
-    if (!uploaded)
-        return uploaded.error();
-    const std::shared_ptr<Texture>& texture = uploaded.value();
-    if (!texture || format.width < 1 || format.height < 1 || format.planes.empty() ||
-        format.planes.size() > 4)
-        return GpuError("Nothing to convert");
-
-    // Memory of the right size from the pool, or new.
     std::unique_ptr<HostMemory> taken;
     {
         std::lock_guard guard(s.pool->lock);
@@ -307,13 +316,62 @@ Result<> GpuFrameConverter::convert(const std::shared_ptr<Picture>& picture, boo
             return made.error();
         taken = std::move(made.value());
     }
-    std::shared_ptr<HostMemory> memory(taken.release(), [pool = s.pool](HostMemory* memory) {
+    return std::shared_ptr<HostMemory>(taken.release(), [pool = s.pool](HostMemory* memory) {
         std::unique_ptr<HostMemory> owned(memory);
         std::lock_guard guard(pool->lock);
         if (pool->size == owned->size())
             pool->idle.push_back(std::move(owned));
     });
+}
 
+Result<> GpuFrameConverter::convert(const std::shared_ptr<Picture>& picture, bool flipped, bool transparent,
+                                    const FrameFormat& format, Completion completion) {
+    Result<std::shared_ptr<Texture>> uploaded = _engine->texture(picture);
+    if (!uploaded)
+        return uploaded.error();
+    Result<std::shared_ptr<HostMemory>> memory = take(format);
+    if (!memory)
+        return memory.error();
+    Result<std::shared_ptr<CommandBuffer>> made = _state->queue->commandBuffer();
+    if (!made)
+        return made.error();
+    return convertAndCommit(*made.value(), uploaded.value(), flipped, transparent, format,
+                            std::move(memory.value()), std::move(completion));
+}
+
+Result<> GpuFrameConverter::compose(const std::vector<PicturePlacement>& placements, bool transparent,
+                                    const FrameFormat& format, Completion completion) {
+    State& s = *_state;
+    if (!s.quad) {
+        Result<std::shared_ptr<RenderPipeline>> quad = MakeQuadPipeline(s.device);
+        if (!quad)
+            return quad.error();
+        s.quad = std::move(quad.value());
+    }
+    Result<std::shared_ptr<Texture>> target = s.targets.take(
+        format.width, format.height, [&s](uint32_t w, uint32_t h) { return s.device->makeTexture(w, h); });
+    if (!target)
+        return target.error();
+    Result<std::shared_ptr<HostMemory>> memory = take(format);
+    if (!memory)
+        return memory.error();
+    Result<std::shared_ptr<CommandBuffer>> made = s.queue->commandBuffer();
+    if (!made)
+        return made.error();
+    if (Result<> drawn = _engine->draw(*made.value(), s.quad, target.value(), placements, transparent);
+        !drawn)
+        return drawn.error();
+    return convertAndCommit(*made.value(), target.value(), false, transparent, format,
+                            std::move(memory.value()), std::move(completion));
+}
+
+Result<> GpuFrameConverter::convertAndCommit(CommandBuffer& commands, const std::shared_ptr<Texture>& texture,
+                                             bool flipped, bool transparent, const FrameFormat& format,
+                                             std::shared_ptr<HostMemory> memory, Completion completion) {
+    State& s = *_state;
+    if (!texture || format.width < 1 || format.height < 1 || format.planes.empty() ||
+        format.planes.size() > 4)
+        return GpuError("Nothing to convert");
     Constants constants{};
     constants.size[0] = int32_t(format.width);
     constants.size[1] = int32_t(format.height);
@@ -322,7 +380,7 @@ Result<> GpuFrameConverter::convert(const std::shared_ptr<Picture>& picture, boo
     constants.extent[0] = extent[0];
     constants.extent[1] = extent[1];
     constants.flipped = flipped ? 1 : 0;
-    constants.barAlpha = transparentBars ? 0 : 1;
+    constants.opaque = transparent ? 0 : 1;
     constants.layout = int32_t(format.layout);
     for (size_t i = 0; i < format.planes.size(); ++i) {
         constants.offsets[i] = uint32_t(format.planes[i].offset / 4);
@@ -332,10 +390,6 @@ Result<> GpuFrameConverter::convert(const std::shared_ptr<Picture>& picture, boo
     const uint32_t groupsX = ((format.width + block.width - 1) / block.width + 7) / 8;
     const uint32_t groupsY = ((format.height + block.height - 1) / block.height + 7) / 8;
 
-    Result<std::shared_ptr<CommandBuffer>> made = s.queue->commandBuffer();
-    if (!made)
-        return made.error();
-    CommandBuffer& commands = *made.value();
     commands.record(
         [&](const vk::raii::CommandBuffer& buffer) {
             buffer.bindPipeline(vk::PipelineBindPoint::eCompute, *s.pipeline);

@@ -13,9 +13,9 @@ namespace {
 // Uploads a busy source keeps in flight: the one being drawn, those queued for the encoders and the
 // latest one held for composition.
 constexpr size_t KeptUploads = 8;
-// Targets of one compositor: the take's assembled picture while up to three wait for its encoder, the
-// one being drawn, and the latest one shown.
-constexpr size_t KeptTargets = 6;
+// Targets of one compositor (the monitor's): the one being drawn, the latest one shown, and one more
+// that each of the preview's two frames in flight may still sample.
+constexpr size_t KeptTargets = 4;
 
 constexpr uint32_t VerticesSize = sizeof(QuadConstants::vertices);
 
@@ -68,13 +68,6 @@ public:
     Result<std::shared_ptr<Picture>> compose(uint32_t width, uint32_t height,
                                              const std::vector<PicturePlacement>& placements,
                                              bool transparent, Completion completion) override {
-        std::vector<std::shared_ptr<Texture>> textures;
-        for (const PicturePlacement& placement : placements) {
-            Result<std::shared_ptr<Texture>> texture = _engine->texture(placement.picture);
-            if (!texture)
-                return texture.error();
-            textures.push_back(std::move(texture.value()));
-        }
         Result<std::shared_ptr<Texture>> target = _targets.take(
             width, height, [this](uint32_t w, uint32_t h) { return _engine->device()->makeTexture(w, h); });
         if (!target)
@@ -83,17 +76,9 @@ public:
         if (!made)
             return made.error();
         CommandBuffer& buffer = *made.value();
-        float opaque = transparent ? 0 : 1;
-        buffer.beginRendering(target.value(), {0, 0, 0, opaque});
-        buffer.setPipeline(_pipeline);
-        buffer.setConstants(&opaque, sizeof opaque, VerticesSize);
-        for (size_t i = 0; i < placements.size(); ++i) {
-            std::array<float, 16> vertices = Vertices(placements[i], width, height);
-            buffer.setConstants(vertices.data(), VerticesSize);
-            buffer.setTexture(textures[i]);
-            buffer.draw(4);
-        }
-        buffer.endRendering();
+        if (Result<> drawn = _engine->draw(buffer, _pipeline, target.value(), placements, transparent);
+            !drawn)
+            return drawn.error();
         if (completion)
             buffer.addCompletedHandler(
                 [completion = std::move(completion), drawn = target.value()] { completion(drawn); });
@@ -159,6 +144,30 @@ Result<std::vector<uint8_t>> GpuPictureEngine::readPixels(const std::shared_ptr<
     if (!texture)
         return GpuError("Nothing to read");
     return texture->readPixels(x, y, width, height);
+}
+
+Result<> GpuPictureEngine::draw(CommandBuffer& buffer, const std::shared_ptr<RenderPipeline>& quad,
+                                const std::shared_ptr<Texture>& target,
+                                const std::vector<PicturePlacement>& placements, bool transparent) {
+    std::vector<std::shared_ptr<Texture>> textures;
+    for (const PicturePlacement& placement : placements) {
+        Result<std::shared_ptr<Texture>> texture = this->texture(placement.picture);
+        if (!texture)
+            return texture.error();
+        textures.push_back(std::move(texture.value()));
+    }
+    float opaque = transparent ? 0 : 1;
+    buffer.beginRendering(target, {0, 0, 0, opaque});
+    buffer.setPipeline(quad);
+    buffer.setConstants(&opaque, sizeof opaque, VerticesSize);
+    for (size_t i = 0; i < placements.size(); ++i) {
+        std::array<float, 16> vertices = Vertices(placements[i], target->width(), target->height());
+        buffer.setConstants(vertices.data(), VerticesSize);
+        buffer.setTexture(textures[i]);
+        buffer.draw(4);
+    }
+    buffer.endRendering();
+    return {};
 }
 
 Result<std::shared_ptr<RenderPipeline>> MakeQuadPipeline(const std::shared_ptr<GpuDevice>& device,

@@ -2,6 +2,7 @@
 
 #include "platform/PictureEngine.h"
 #include "platform/PicturePool.h"
+#include "platform/gpu/CommandBuffer.h"
 #include "platform/gpu/CommandQueue.h"
 #include "platform/gpu/GpuDevice.h"
 #include "platform/gpu/RenderPipeline.h"
@@ -21,8 +22,8 @@ struct QuadConstants {
     float opaque;
 };
 
-// The pipeline that draws one picture as a quad of QuadConstants into images of `target`: the
-// compositor's into textures, the monitor's into a window's images.
+// The pipeline that draws one picture as a quad of QuadConstants into images of `target`: compositions
+// into textures, the monitor's into a window's images.
 Result<std::shared_ptr<RenderPipeline>> MakeQuadPipeline(const std::shared_ptr<GpuDevice>& device,
                                                          vk::Format target = Texture::Format);
 
@@ -45,12 +46,18 @@ public:
     const std::shared_ptr<GpuDevice>& device() const { return _device; }
     // The picture as a texture: itself, or an upload of a picture in memory.
     Result<std::shared_ptr<Texture>> texture(const std::shared_ptr<Picture>& picture);
+    // Records a pass of `buffer` that draws the placements into `target` with a pipeline of
+    // MakeQuadPipeline(), as PictureCompositor::compose() says.
+    Result<> draw(CommandBuffer& buffer, const std::shared_ptr<RenderPipeline>& quad,
+                  const std::shared_ptr<Texture>& target, const std::vector<PicturePlacement>& placements,
+                  bool transparent);
 
 private:
     GpuPictureEngine(std::shared_ptr<GpuDevice> device, std::shared_ptr<CommandQueue> compositions);
 
     std::shared_ptr<GpuDevice> _device;
-    // One queue for every composition, so that the monitor's pictures never overtake the take's.
+    // One queue for the compositors' pictures, in the order they were asked for. (A movie's assembled
+    // pictures are drawn on its converter's queue, in the pass that converts them.)
     std::shared_ptr<CommandQueue> _compositions;
     PicturePool<Texture> _uploads;
 };

@@ -40,7 +40,7 @@ TEST_F(ProcessorPreviewTest, LetterboxesThePictureOnBlackAndShowsBlackWithout) {
         [&] {
             return PreviewFrame{shown, false};
         },
-        false));
+        nullptr, false));
     QImage image = Drawn(*view);
     EXPECT_EQ(image.pixelColor(200, 20), QColor(Qt::black));  // the bar above
     EXPECT_EQ(image.pixelColor(200, 380), QColor(Qt::black)); // and below

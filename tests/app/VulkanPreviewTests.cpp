@@ -96,7 +96,7 @@ protected:
 
     void show(int width, int height) {
         view = PreviewView::make(
-            engine, [this] { return shown; }, false);
+            engine, [this] { return shown; }, nullptr, false);
         view->resize(width, height);
         view->show();
     }

@@ -4,6 +4,7 @@
 #include "core/TakePlanning.h"
 #include "platform/HeadlessEventLoop.h"
 #include "platform/MediaClock.h"
+#include "platform/Semaphore.h"
 #include "sources/TestPatternDirectory.h"
 #include "tests/core/Limits.h"
 #include "tests/platform/PictureTesting.h"
@@ -26,6 +27,16 @@ namespace quorva {
 struct RecorderControllerProbe {
     static void setState(RecorderController& controller, RecorderState state) { controller.setState(state); }
     static void refreshAt(RecorderController& controller, double now) { controller.refreshAtTime(now); }
+};
+
+// Keeps the scheduler's queue busy, and waits for what was asked of it.
+struct CompositionSchedulerProbe {
+    static void post(CompositionScheduler& scheduler, std::function<void()> task) {
+        scheduler._queue.post(std::move(task));
+    }
+    static void drain(CompositionScheduler& scheduler) {
+        scheduler._queue.sync([] {});
+    }
 };
 
 namespace {
@@ -429,14 +440,15 @@ TEST(TakePlanningTest, RoutesSoundOnlyFromPlacesThatCanHaveIt) {
 }
 
 // Without an engine nothing is drawn, but every composition is scheduled as with one.
-TEST(CompositionSchedulerTest, TheClockPassesOnAfterASecondAndALimitedDisplayHoldsTheMonitorToTenPictures) {
+TEST(CompositionSchedulerTest, TheClockPassesOnAfterASecondAndOnlyAWatchedMonitorIsComposedAtItsRate) {
     CompositionScheduler scheduler(nullptr, Take::make(nullptr));
     auto a = std::make_shared<RecorderPlace>("A"), b = std::make_shared<RecorderPlace>("B");
     scheduler.arrangementChanged({.places = {a, b}});
-    // Answers whether the picture made the monitor compose.
+    // Answers whether the picture made the monitor compose, once the scheduler's queue has seen to it.
     auto receive = [&](const std::shared_ptr<RecorderPlace>& place, double time) {
         place->receivedFrame(nullptr, false, time);
         scheduler.placeReceivedFrame(place, time);
+        CompositionSchedulerProbe::drain(scheduler);
         return scheduler.lastComposeTime() == time;
     };
     const double t = MediaClock::now() + 100; // after every composition so far
@@ -447,12 +459,14 @@ TEST(CompositionSchedulerTest, TheClockPassesOnAfterASecondAndALimitedDisplayHol
     EXPECT_EQ(scheduler.clockPlace(), b);
 
     // A second of pictures 1/128 s apart.
-    for (auto [limited, pictures] : {std::pair{false, 128}, {true, 10}}) {
+    for (auto [watched, limited, pictures] :
+         {std::tuple{false, false, 0}, {true, false, 128}, {true, true, 10}}) {
+        scheduler.monitorWatched(watched);
         scheduler.displayLimitChanged(limited);
         int composed = 0;
         for (int i = 0; i < 128; ++i)
-            composed += receive(b, t + 10 + 10 * limited + i / 128.0);
-        EXPECT_EQ(composed, pictures) << limited;
+            composed += receive(b, t + 10 + 10 * watched + 10 * limited + i / 128.0);
+        EXPECT_EQ(composed, pictures) << watched << limited;
     }
     scheduler.arrangementChanged({.places = {a}});
     EXPECT_EQ(scheduler.clockPlace(), nullptr);
@@ -463,11 +477,36 @@ TEST(CompositionSchedulerTest, TheClockPassesOnAfterASecondAndALimitedDisplayHol
     EXPECT_EQ(MonitorLayout(Layout(Row, one, 0, {}), Row, one, 0).size(), (Size{4000, 1000}));
 }
 
-// The setter answers at once; the monitor picture follows once the engine has drawn it.
+// A source hands its picture over and goes on while a composition is still busy; of the pictures that
+// arrive meanwhile only the newest is composed, never a backlog of older ones.
+TEST(CompositionSchedulerTest, ASourceNeverWaitsForACompositionAndOnlyTheNewestWaitingPictureIsComposed) {
+    CompositionScheduler scheduler(nullptr, Take::make(nullptr));
+    auto a = std::make_shared<RecorderPlace>("A");
+    scheduler.arrangementChanged({.places = {a}});
+    scheduler.monitorWatched(true);
+    Semaphore busy, done;
+    CompositionSchedulerProbe::post(scheduler, [&] {
+        busy.signal();
+        done.wait();
+    });
+    ASSERT_TRUE(busy.wait(60));
+    // Less than the monitor's 4 ms apart: composed in turn, the first would be the last composed.
+    const double t = MediaClock::now() + 100;
+    for (double time : {t, t + 0.001, t + 0.002}) {
+        a->receivedFrame(nullptr, false, time);
+        scheduler.placeReceivedFrame(a, time);
+    }
+    done.signal();
+    CompositionSchedulerProbe::drain(scheduler);
+    EXPECT_EQ(scheduler.lastComposeTime(), t + 0.002);
+}
+
+// A watched monitor follows a change of its size.
 TEST_F(RecorderControllerTest, TheMonitorFollowsAChangeOfItsSizeOnceDrawn) {
     directory->titles = {"A"};
     auto controller = recorder(directory);
     ASSERT_TRUE(controller->addSourceMatching("A"));
+    controller->setMonitorWatched(true);
     Deliver(*controller);
     auto shown = [&](uint32_t width, uint32_t height) {
         return loop->runUntil(
@@ -493,7 +532,6 @@ TEST_F(RecorderControllerTest, ATakeIsNamedAfterTheLocalTimeAtWhichItBegan) {
     controller->stopWithCompletionHandler({});
     ASSERT_TRUE(Idle(*controller));
     EXPECT_EQ(controller->recordingError(), "");
-    EXPECT_NE(controller->assembledFrame(), nullptr); // the preview's picture
 
     const std::string name = fs::path(controller->assembledFile()).filename().string();
     std::tm began{};

@@ -195,7 +195,8 @@ TEST_P(TakeOnEachEngine, NumbersAWholeTakePastExistingFilesAndNeverOverwritesOne
         _take->appendPicture(picture, false, 0, time);
         _take->appendPicture(picture, true, 1, time);
         if (_take->wantsAssembledFrameAtTime(time))
-            _take->appendAssembledPicture(picture, time);
+            _take->appendAssembledPlacements({{picture, 0, 0, 320, 240}, {picture, 320, 0, 320, 240, true}},
+                                             time);
         _take->appendSound(SourceSound::silenceOfFrameCount(1600, 48000), 0, time);
         ASSERT_TRUE(Settle());
     }

@@ -1,4 +1,6 @@
 #include "platform/PictureEngine.h"
+#include "platform/Semaphore.h"
+#include "platform/cpu/PictureKernels.h"
 #include "tests/platform/PictureTesting.h"
 
 #include <gtest/gtest.h>
@@ -98,6 +100,74 @@ TEST_P(PictureEngineTest, AnAdoptedPictureReadsBackExactlyAndKeepsItsPixelsWhile
     EXPECT_EQ(testing::ReadPixels(*engine, adopted.value(), 30, 20, 7, 3).at(36, 22), Pattern(36, 22));
     EXPECT_FALSE(engine->readPixels(adopted.value(), 30, 20, 8, 3));
     EXPECT_FALSE(engine->readPixels(adopted.value(), 0, 23, 1, 1));
+}
+
+// A movie's assembled picture is drawn straight into the encoder's frame: it must hold what drawing the
+// picture whole and converting it would. The placements meet the frame's chroma samples every way: at
+// odd edges, where they share samples with the background and with each other, scaled, flipped, over
+// another, partly outside the frame, and whole and aligned (which the processor converts in place).
+TEST_P(PictureEngineTest, AnAssembledPictureDrawnIntoAMovieFrameIsTheComposedPictureConverted) {
+    auto picture = [&](uint32_t width, uint32_t height, int seed) {
+        return testing::MakePicture(*engine, width, height, [=](uint32_t x, uint32_t y) {
+            return Pixel{uint8_t(x * 6 + seed), uint8_t(y < height / 2 ? 40 : 220), uint8_t(y * 9 + seed),
+                         uint8_t(128 + (x * 5 + y) % 128)};
+        });
+    };
+    const auto a = picture(40, 30, 0), b = picture(32, 20, 90), c = picture(16, 8, 170);
+    ASSERT_TRUE(a && b && c);
+    const std::vector<PicturePlacement> placements{
+        {a, 1, 3, 40, 30, false},   {a, 41, 3, 23, 17, true},  {b, 8, 34, 32, 20, false},
+        {a, 80, 40, 30, 30, false}, {b, 30, 10, 20, 20, true}, {c, 64, 30, 16, 8, true},
+    };
+    constexpr uint32_t Width = 96, Height = 54;
+    Result<std::shared_ptr<PictureCompositor>> compositor = engine->makeCompositor();
+    Result<std::unique_ptr<FrameConverter>> converter = engine->makeFrameConverter();
+    ASSERT_TRUE(compositor && converter);
+    for (FrameLayout layout :
+         {FrameLayout::YUV420P, FrameLayout::YUV422P10, FrameLayout::YUVA444P10, FrameLayout::BGRA}) {
+        for (bool transparent : {false, true}) {
+            SCOPED_TRACE(std::to_string(int(layout)) + (transparent ? " transparent" : " opaque"));
+            const FrameFormat format = FrameFormat::padded(layout, Width, Height);
+            Result<std::shared_ptr<Picture>> whole =
+                compositor.value()->compose(Width, Height, placements, transparent, nullptr);
+            ASSERT_TRUE(whole) << whole.error().message();
+            const Result<std::vector<uint8_t>> pixels =
+                engine->readPixels(whole.value(), 0, 0, Width, Height);
+            ASSERT_TRUE(pixels);
+            std::vector<uint8_t> expected(format.bytes);
+            cpu::ConvertPicture(pixels.value().data(), Width * 4, format, expected.data());
+
+            std::shared_ptr<FrameMemory> frame;
+            Semaphore drawn;
+            ASSERT_TRUE(converter.value()->compose(placements, transparent, format,
+                                                   [&](std::shared_ptr<FrameMemory> memory) {
+                                                       frame = std::move(memory);
+                                                       drawn.signal();
+                                                   }));
+            ASSERT_TRUE(drawn.wait(60));
+            for (size_t p = 0; p < format.planes.size(); ++p) {
+                const PlaneSampling sampling = SamplingOf(layout, p);
+                // Within what the engines' conversions round differently: one step on the 8-bit scale.
+                const int tolerance = sampling.bytes == 2 ? 4 : 1;
+                for (uint32_t y = 0; y < format.planes[p].rows; ++y) {
+                    const size_t row = format.planes[p].offset + y * format.planes[p].stride;
+                    const uint32_t values =
+                        (Width + sampling.across - 1) / sampling.across * (sampling.bytes == 4 ? 4 : 1);
+                    for (uint32_t x = 0; x < values; ++x) {
+                        auto value = [&](const uint8_t* bytes) {
+                            if (sampling.bytes != 2)
+                                return int(bytes[row + x]);
+                            uint16_t word;
+                            std::memcpy(&word, bytes + row + 2 * x, 2);
+                            return int(word);
+                        };
+                        ASSERT_NEAR(value(frame->data()), value(expected.data()), tolerance)
+                            << "plane " << p << " at " << x << ", " << y;
+                    }
+                }
+            }
+        }
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(EachEngine, PictureEngineTest, testing::EngineNames, testing::EngineTestName);
