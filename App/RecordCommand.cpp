@@ -255,14 +255,18 @@ int Record(const RecordOptions& options, HeadlessEventLoop& loop) {
     if (!settings)
         return Fail(settings.error().message());
     // The take's settings are its own and go with it; how fast this machine encodes is the machine's,
-    // measured once and kept with the user's settings, while the sources connect.
+    // measured once and kept with the user's settings.
     auto encoderSpeed = EncoderSpeed::make(std::make_shared<SettingsStore>());
-    encoderSpeed->measureInBackground();
     auto controller =
         RecorderController::make(engine.value(), MakeSourceDirectory(), std::make_shared<ComputerSound>(),
                                  settings.value()->store(), encoderSpeed);
     TellNdiAvailability(*controller);
     ApplySettings(*controller, options);
+    // A new machine measures the take's codec while the sources connect, and the take waits for it.
+    const Codec codec = ValueNamed<Codec>(controller->codec()).value_or(Codec::H264);
+    const bool hasPresets = codec == Codec::H264 || codec == Codec::HEVC;
+    if (hasPresets)
+        encoderSpeed->measureInBackground({codec});
     // Nobody watches the monitor picture here: composing it as little as the recorder allows leaves the
     // GPU and the processor to the movies.
     controller->setPerformance(true);
@@ -306,9 +310,7 @@ int Record(const RecordOptions& options, HeadlessEventLoop& loop) {
                          place->title().c_str());
     }
 
-    // The take's encoders are chosen from this machine's speed: a new machine's measurement ends first.
-    if (const Codec codec = ValueNamed<Codec>(controller->codec()).value_or(Codec::H264);
-        codec == Codec::H264 || codec == Codec::HEVC)
+    if (hasPresets)
         (void)encoderSpeed->speeds(codec);
 
     Progress progress;

@@ -29,7 +29,7 @@ Result<RunningRecorder> StartRecorder(const char* logPrefix) {
     NDILibrary::sharedLibrary();
     // How fast this machine encodes is measured once, beside the start-up rather than in a take's.
     auto encoderSpeed = EncoderSpeed::make(recorder.defaults);
-    encoderSpeed->measureInBackground();
+    encoderSpeed->measureInBackground({Codec::H264, Codec::HEVC});
     recorder.controller =
         RecorderController::make(engine.value(), MakeSourceDirectory(), std::make_shared<ComputerSound>(),
                                  recorder.defaults, std::move(encoderSpeed));

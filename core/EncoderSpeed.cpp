@@ -445,15 +445,15 @@ EncoderSpeed::~EncoderSpeed() {
         _measurer.join();
 }
 
-void EncoderSpeed::measureInBackground() {
+void EncoderSpeed::measureInBackground(std::vector<Codec> codecs) {
     std::lock_guard guard(_lock);
     if (_measurer.joinable())
         return;
-    _measurer = std::thread([this] {
+    _measurer = std::thread([this, codecs = std::move(codecs)] {
         // Measured in processor time, which a lower priority does not change: the program's own work
         // (a window opening, a take starting) goes first.
         setpriority(PRIO_PROCESS, pid_t(gettid()), BackgroundNiceness);
-        for (Codec codec : {Codec::H264, Codec::HEVC}) {
+        for (Codec codec : codecs) {
             if (!measuredSpeeds(codec))
                 return;
         }

@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace quorva {
 
@@ -48,9 +49,10 @@ inline constexpr double EncodingShare = 0.65;
 // What the fastest preset reaches over the processors when nothing slower is left to choose: the
 // margin that EncodingShare keeps for a slower preset's sake would, here, drop pictures on purpose that
 // the machine could have kept. On two-core machines, the three test patterns' take (711 Mpx/s of 4K
-// and 1080p pictures, cleaner and larger than the measured ones) kept up where it asked 0.82 of the
-// measured ultrafast speed over the processors, and where it asked 1.2, wrote 0.97 of it at random:
-// the line lies between, with some margin.
+// and 1080p pictures, cleaner and larger than the measured ones) kept every picture where it asked 0.82
+// of the measured ultrafast speed over the processors; where it asked 1.21, the recorder wrote 1.02 of
+// it on 1.8 processors and lost the rest, and kept every picture at 0.79 (the assembled movie at half
+// its rate). The line lies between, with a margin for a busier machine or harder pictures.
 inline constexpr double FastestShare = 0.85;
 
 // What a second hardware thread of a core adds to it: the two share the core's execution units, and
@@ -93,9 +95,10 @@ public:
     EncoderSpeed(const EncoderSpeed&) = delete;
     EncoderSpeed& operator=(const EncoderSpeed&) = delete;
 
-    // Measures H.264, then HEVC, where their speeds are not known, on a thread of its own that yields
-    // to the rest of the program; returns at once. Once is enough: a second call does nothing.
-    void measureInBackground();
+    // Measures `codecs` (H.264 or HEVC), in that order, where their speeds are not known, on a thread of
+    // its own that yields to the rest of the program; returns at once. Once is enough: a second call
+    // does nothing.
+    void measureInBackground(std::vector<Codec> codecs);
 
     // The preset for `pixelsPerSecond` across all of a take's H.264 or HEVC encoders, by ChoosePreset()
     // over ProcessorCapacity(), from the speeds known now. ProRes has no presets, and a machine not

@@ -350,7 +350,12 @@ void MovieRecorder::finishAtTime(double time, CompletionHandler completionHandle
             done(RecorderError("No frame was received, so no movie was written"));
             return;
         }
-        const int64_t end = std::max(MovieTime(duration), self->_lastTime + LastFrameHold);
+        // A movie on a frame-rate grid ends one slot after its last picture, so that every picture lasts
+        // as long as the others and readers see a constant rate; any other holds its last picture until
+        // the finish.
+        const double rate = self->_settings.framesPerSecond();
+        const int64_t end = rate > 0 ? self->_lastTime + MovieTime(1 / rate)
+                                     : std::max(MovieTime(duration), self->_lastTime + LastFrameHold);
         Result<> finished = writer->finish(end);
         self->countWhatTheFileHolds(*writer);
         if (finished)

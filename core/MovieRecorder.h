@@ -80,7 +80,7 @@ public:
     void appendSound(const std::shared_ptr<SourceSound>& sound, double time);
 
     // Ends the movie at host time `time` once the frames in flight are written: the last picture is held
-    // until then. The handler runs on the main queue.
+    // until then, or, in a movie with a frame rate, for one frame. The handler runs on the main queue.
     void finishAtTime(double time, CompletionHandler completionHandler);
     // Ends the recording as failed: the file keeps what its complete fragments hold (and goes if they
     // hold nothing), and the failure handler gets `error` on the main queue. Does nothing when not
