@@ -140,6 +140,12 @@ protected:
 TEST_F(EncoderSpeedTest, MeasuresWhatAnotherMachineRememberedAndRemembersItForThisOne) {
     Remember("another machine", Halving);
     std::shared_ptr<EncoderSpeed> measured = EncoderSpeed::make(_settings);
+    // Until this machine is measured a take gets the fastest preset and no limit, without waiting.
+    EXPECT_EQ(measured->presetFor(H264, 1e12).preset, "ultrafast");
+    EXPECT_TRUE(measured->presetFor(H264, 1e12).keepsUp);
+    EXPECT_EQ(measured->presetFor(H264, 1e12).fastestCovers, 0);
+    // Measured in the background; asking for the speeds waits for that measurement.
+    measured->measureInBackground({H264, HEVC});
     const PresetSpeeds h264 = measured->speeds(H264), hevc = measured->speeds(HEVC);
     for (const PresetSpeeds& speeds : {h264, hevc}) {
         for (double speed : speeds)
