@@ -14,6 +14,7 @@ extern "C" {
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <dirent.h>
 #include <filesystem>
 #include <fstream>
@@ -288,6 +289,14 @@ std::optional<PresetSpeeds> MeasurePresetSpeeds(Codec codec, const std::atomic<b
 
 // --- Remembering --------------------------------------------------------------------------------------
 
+// Whether more is waiting to run than `processors` can run: a measurement then comes out slower than
+// the machine is (every switch between programs costs the encoder its caches), by a third at a load of
+// five a processor, and is not worth remembering.
+bool IsBusy(double processors) {
+    double load = 0;
+    return getloadavg(&load, 1) == 1 && load > processors;
+}
+
 std::string CPUModel() {
     std::ifstream cpuinfo("/proc/cpuinfo");
     std::string line, implementer, part;
@@ -426,6 +435,7 @@ std::shared_ptr<EncoderSpeed> EncoderSpeed::make(std::shared_ptr<SettingsStore> 
         for (size_t codec = 0; codec < speed->_speeds.size(); ++codec) {
             if (!speed->_speeds[codec]) {
                 speed->_speeds[codec] = SpeedsFromJSON(remembered.value(NameOf(Codec(codec)), json()));
+                speed->_remembered[codec] = speed->_speeds[codec].has_value();
                 took = took || speed->_speeds[codec];
             }
         }
@@ -475,17 +485,21 @@ std::optional<PresetSpeeds> EncoderSpeed::measuredSpeeds(Codec codec) {
             return *_speeds[index];
     }
     Log(LogPrefix, std::string("measuring ") + (index == 0 ? "libx264" : "libx265") + " on " + _signature);
+    bool busy = IsBusy(_processors);
     const std::optional<PresetSpeeds> measured = MeasurePresetSpeeds(Codec(index), _cancelled);
     if (!measured)
         return std::nullopt;
-    Log(LogPrefix,
-        std::string(index == 0 ? "libx264" : "libx265") + ", one processor: " + Describe(*measured));
+    busy = busy || IsBusy(_processors);
+    Log(LogPrefix, std::string(index == 0 ? "libx264" : "libx265") +
+                       ", one processor: " + Describe(*measured) +
+                       (busy ? " (on a busy machine: used now, measured again next time)" : ""));
     json remembered = {{"signature", _signature}};
     {
         std::lock_guard guard(_lock);
         _speeds[index] = measured;
+        _remembered[index] = !busy;
         for (size_t other = 0; other < _speeds.size(); ++other) {
-            if (!_speeds[other])
+            if (!_speeds[other] || !_remembered[other])
                 continue;
             json& entry = remembered[NameOf(Codec(other))];
             for (size_t i = 0; i < EncoderPresets.size(); ++i)

@@ -48,12 +48,11 @@ inline constexpr double EncodingShare = 0.65;
 
 // What the fastest preset reaches over the processors when nothing slower is left to choose: the
 // margin that EncodingShare keeps for a slower preset's sake would, here, drop pictures on purpose that
-// the machine could have kept. On two-core machines, the three test patterns' take (711 Mpx/s of 4K
-// and 1080p pictures, cleaner and larger than the measured ones) kept every picture where it asked 0.82
-// of the measured ultrafast speed over the processors; where it asked 1.21, the recorder wrote 1.02 of
-// it on 1.8 processors and lost the rest, and kept every picture at 0.79 (the assembled movie at half
-// its rate). The line lies between, with a margin for a busier machine or harder pictures.
-inline constexpr double FastestShare = 0.85;
+// the machine could have kept. On two-core machines, takes of test patterns (1080p and 4K pictures,
+// cleaner and larger than the measured ones) kept every picture where they asked 0.82 and 0.86 of the
+// measured ultrafast speed over the processors; where one asked 1.23, the recorder wrote 1.02 of it
+// and lost the rest. The line lies between, with a margin for a busier machine or harder pictures.
+inline constexpr double FastestShare = 0.95;
 
 // What a second hardware thread of a core adds to it: the two share the core's execution units, and
 // the encoders' SIMD code keeps those busy already, so the pair does about a quarter more than one.
@@ -76,8 +75,9 @@ std::string MachineSignature();
 // How fast this machine encodes H.264 with libx264 and HEVC with libx265, so that each take can pick the
 // slowest (best-looking) preset that keeps up with the pixels it must encode, and knows what is too
 // much for the machine. The speeds are measured once, on a thread of their own when the program starts
-// (measureInBackground()), and remembered in the settings; a processor, a processor count or encoder
-// library that differs from the remembered one's has them measured again. A take never waits for a
+// (measureInBackground()), and remembered in the settings unless the machine was busy meanwhile; a
+// processor, a processor count or encoder library that differs from the remembered one's has them
+// measured again. A take never waits for a
 // measurement: until the speeds are known it takes the fastest preset and sets no limit.
 //
 // Every call is safe from any thread. speeds() takes a second or two of one processor when the codec
@@ -121,6 +121,7 @@ private:
     std::mutex _measuring;                              // held through a measurement
     std::mutex _lock;                                   // guards _speeds and _measurer
     std::array<std::optional<PresetSpeeds>, 2> _speeds; // H.264, HEVC; nothing until known
+    std::array<bool, 2> _remembered{};                  // whether each is worth remembering
     std::atomic<bool> _cancelled{false};
     std::thread _measurer;
 };
