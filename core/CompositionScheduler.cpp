@@ -126,6 +126,8 @@ std::shared_ptr<const Layout> CompositionScheduler::takeLayout() const {
 }
 
 void CompositionScheduler::placeReceivedFrame(const std::shared_ptr<RecorderPlace>& place, double time) {
+    std::optional<double> replaced;
+    std::shared_ptr<const Layout> takeLayout;
     {
         std::lock_guard lock(_lock);
         if (!Contains(_arrangement.places, place))
@@ -138,12 +140,17 @@ void CompositionScheduler::placeReceivedFrame(const std::shared_ptr<RecorderPlac
         // Other places' pictures wait for the next composition; without a take or a watcher there is none.
         if (_clockPlace != place || (!_takeLayout && !_watched))
             return;
-        const bool waiting = _request.has_value();
+        replaced = _request;
         _request = time;
-        if (waiting)
-            return; // the task already posted composes this newer time instead
+        takeLayout = _takeLayout;
     }
-    _queue.post([this] { composeRequested(); });
+    if (!replaced) {
+        _queue.post([this] { composeRequested(); });
+    } else if (takeLayout) {
+        // The task already posted composes this newer time instead; the assembled movie counts the
+        // picture that it will not get.
+        _take->dropAssembledFrameAtTime(*replaced);
+    }
 }
 
 void CompositionScheduler::composeRequested() {

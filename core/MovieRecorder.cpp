@@ -177,6 +177,12 @@ bool MovieRecorder::wantsFrameAtTime(double time) {
     return true;
 }
 
+void MovieRecorder::dropFrameAtTime(double time) {
+    std::lock_guard guard(_lock);
+    if (_recording && _pacer.decisionForFrameAtTime(time).keep)
+        ++_framesDropped;
+}
+
 void MovieRecorder::appendPicture(const std::shared_ptr<Picture>& picture, bool flipped, double time) {
     append(FittedPicture{picture, flipped}, time);
 }

@@ -69,6 +69,8 @@ public:
     // Whether a frame at host time `time` would be kept: ask before spending work on one. A frame that
     // would be a fourth in flight answers false and is counted as dropped here.
     bool wantsFrameAtTime(double time);
+    // A frame at `time` that will not come after all: counted as dropped where the movie would keep it.
+    void dropFrameAtTime(double time);
     // Hands a frame in and returns at once; the picture is held until it is converted. `flipped`: the
     // picture is stored bottom-up.
     void appendPicture(const std::shared_ptr<Picture>& picture, bool flipped, double time);

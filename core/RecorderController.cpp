@@ -373,6 +373,9 @@ bool RecorderController::start() {
     if (_places.empty())
         return failWithError("No source is selected");
 
+    // The clock place is chosen now as the refresh would (the first place online), rather than left to
+    // whichever place happened to send the first picture: the assembled movie's rate is planned on it.
+    refresh();
     PlannedTake planned = PlanTake(_settings, _places, clockPlace(), _encoderSpeed.get());
     TakePlan& plan = planned.plan;
     // A take whose sound cannot be captured still records its pictures, and says why its sound is silent.

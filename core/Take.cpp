@@ -237,26 +237,26 @@ void Take::appendPicture(const std::shared_ptr<Picture>& picture, bool flipped, 
         recorder->appendPicture(picture, flipped, time);
 }
 
+std::shared_ptr<MovieRecorder> Take::assembledRecorder() const {
+    std::lock_guard lock(_lock);
+    if (!_recording || !_assembledMovie)
+        return nullptr;
+    return _assembledMovie->recorder();
+}
+
 bool Take::wantsAssembledFrameAtTime(double time) {
-    std::shared_ptr<MovieRecorder> recorder;
-    {
-        std::lock_guard lock(_lock);
-        if (!_recording || !_assembledMovie)
-            return false;
-        recorder = _assembledMovie->recorder();
-    }
-    return recorder->wantsFrameAtTime(time);
+    std::shared_ptr<MovieRecorder> recorder = assembledRecorder();
+    return recorder && recorder->wantsFrameAtTime(time);
+}
+
+void Take::dropAssembledFrameAtTime(double time) {
+    if (std::shared_ptr<MovieRecorder> recorder = assembledRecorder())
+        recorder->dropFrameAtTime(time);
 }
 
 void Take::appendAssembledPlacements(std::vector<PicturePlacement> placements, double time) {
-    std::shared_ptr<MovieRecorder> recorder;
-    {
-        std::lock_guard lock(_lock);
-        if (!_recording || !_assembledMovie)
-            return;
-        recorder = _assembledMovie->recorder();
-    }
-    recorder->appendPlacements(std::move(placements), time);
+    if (std::shared_ptr<MovieRecorder> recorder = assembledRecorder())
+        recorder->appendPlacements(std::move(placements), time);
 }
 
 void Take::appendSound(const std::shared_ptr<SourceSound>& sound, size_t index, double time) {

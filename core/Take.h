@@ -121,6 +121,8 @@ public:
     void appendPicture(const std::shared_ptr<Picture>& picture, bool flipped, size_t index, double time);
     // Whether the assembled movie would keep a picture at `time`: ask before composing one.
     bool wantsAssembledFrameAtTime(double time);
+    // The assembled picture at `time` will not come: counted as dropped where the movie would keep it.
+    void dropAssembledFrameAtTime(double time);
     // The assembled picture at `time`, as the pictures placed in it: its movie draws them itself.
     void appendAssembledPlacements(std::vector<PicturePlacement> placements, double time);
     // Sound of source `index`, to its own movie if it records its sound, and to the assembled movie if
@@ -149,6 +151,8 @@ private:
                         const MovieRecorderSettings& settings, double time);
     void movieFailed(const std::shared_ptr<TakeMovie>& movie, size_t index, Error error);
     std::shared_ptr<MovieRecorder> separateRecorder(size_t index) const;
+    // The assembled movie's recorder while the take records; nothing otherwise.
+    std::shared_ptr<MovieRecorder> assembledRecorder() const;
 
     const std::shared_ptr<PictureEngine> _engine;
     std::vector<std::shared_ptr<MovieRecorder>> _recorders;

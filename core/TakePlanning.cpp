@@ -130,7 +130,8 @@ PlannedTake PlanTake(const RecorderSettings& settings, const Places& places,
                 movie.codec(), separateTotal + assembledPixelsAt(planned.assembledRate));
         }
     }
-    if (planned.assembledRate < planned.clockRate)
+    // The assembled movie keeps to the rate planned for it, whichever place drives it later.
+    if (fps <= 0 && planned.assembledRate > 0)
         plan.assembledFramesPerSecond = planned.assembledRate;
     movie.setEncoderPreset(planned.preset.preset);
     const double assembledPixels = assembledPixelsAt(planned.assembledRate);

@@ -40,8 +40,8 @@ struct PlannedTake {
     // when the source does not say.
     std::vector<double> rates;
     double clockRate = 0;
-    // The assembled movie's rate: the clock's, or a whole divisor of it where the machine cannot encode
-    // every picture of the take.
+    // The assembled movie's rate, which it keeps to: the clock's, or a whole divisor of it where the
+    // machine cannot encode every picture of the take.
     double assembledRate = 0;
     // The slowest encoder preset that keeps up with every picture of the take at those rates.
     PresetChoice preset;
