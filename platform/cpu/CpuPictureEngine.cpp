@@ -60,6 +60,19 @@ Result<std::shared_ptr<MemoryPicture>> InMemory(const std::shared_ptr<Picture>& 
     return memory;
 }
 
+// The placements' pictures, each in memory.
+Result<std::vector<std::shared_ptr<MemoryPicture>>>
+InMemory(const std::vector<PicturePlacement>& placements) {
+    std::vector<std::shared_ptr<MemoryPicture>> pictures;
+    for (const PicturePlacement& placement : placements) {
+        Result<std::shared_ptr<MemoryPicture>> picture = InMemory(placement.picture);
+        if (!picture)
+            return picture.error();
+        pictures.push_back(std::move(picture.value()));
+    }
+    return pictures;
+}
+
 // The first row to read and the step to the next, so that a picture stored bottom-up reads upright.
 const uint8_t* FirstRow(const MemoryPicture& picture, bool flipped) {
     return flipped ? picture.row(picture.height() - 1) : picture.row(0);
@@ -226,13 +239,10 @@ public:
                      const FrameFormat& format, Completion completion) override {
         if (format.width < 1 || format.height < 1 || format.planes.empty())
             return PictureError("Nothing to convert");
-        std::vector<std::shared_ptr<MemoryPicture>> pictures;
-        for (const PicturePlacement& placement : placements) {
-            Result<std::shared_ptr<MemoryPicture>> picture = InMemory(placement.picture);
-            if (!picture)
-                return picture.error();
-            pictures.push_back(std::move(picture.value()));
-        }
+        Result<std::vector<std::shared_ptr<MemoryPicture>>> inMemory = InMemory(placements);
+        if (!inMemory)
+            return inMemory.error();
+        const std::vector<std::shared_ptr<MemoryPicture>>& pictures = inMemory.value();
         Result<std::shared_ptr<FrameMemory>> memory = take(format.bytes);
         if (!memory)
             return memory.error();
@@ -351,13 +361,10 @@ public:
     Result<std::shared_ptr<Picture>> compose(uint32_t width, uint32_t height,
                                              const std::vector<PicturePlacement>& placements,
                                              bool transparent, Completion completion) override {
-        std::vector<std::shared_ptr<MemoryPicture>> pictures;
-        for (const PicturePlacement& placement : placements) {
-            Result<std::shared_ptr<MemoryPicture>> picture = InMemory(placement.picture);
-            if (!picture)
-                return picture.error();
-            pictures.push_back(std::move(picture.value()));
-        }
+        Result<std::vector<std::shared_ptr<MemoryPicture>>> inMemory = InMemory(placements);
+        if (!inMemory)
+            return inMemory.error();
+        const std::vector<std::shared_ptr<MemoryPicture>>& pictures = inMemory.value();
         Result<std::shared_ptr<MemoryPicture>> made = _targets->pool.take(width, height, MemoryPicture::make);
         if (!made)
             return made.error();
