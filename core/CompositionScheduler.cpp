@@ -169,11 +169,17 @@ void CompositionScheduler::composeRequested() {
         const double interval = _displayLimited ? 1 / RecorderLimitedDisplayRate : MonitorInterval;
         composeMonitor = _watched && time - _lastComposeTime >= interval;
     }
-    if (takeLayout && _take->wantsAssembledFrameAtTime(time)) {
-        // The assembled movie draws the pictures itself, straight into its encoder's frame.
-        const PlacePictures latest = PicturesOf(places);
-        if (auto placements = Placements(*takeLayout, latest.pictures, latest.flipped))
-            _take->appendAssembledPlacements(std::move(*placements), time);
+    if (takeLayout) {
+        const bool wanted = _take->wantsAssembledFrameAtTime(time);
+        if (wanted) {
+            // The assembled movie draws the pictures itself, straight into its encoder's frame.
+            const PlacePictures latest = PicturesOf(places);
+            if (auto placements = Placements(*takeLayout, latest.pictures, latest.flipped))
+                _take->appendAssembledPlacements(std::move(*placements), time);
+        }
+        // While an assembled movie records, the monitor shows its pictures and no others: a picture of
+        // that size more often would take from the encoders what the movie itself was refused.
+        composeMonitor = composeMonitor && wanted;
     }
     if (composeMonitor)
         composeMonitorAtTime(time);

@@ -68,7 +68,7 @@ public:
     void monitorWatched(bool watched);
     // A take with an assembled movie of `layout` (nothing for none) began: its pictures are composed
     // as it asks for them, and a watched monitor shows that layout too, fitted (`sizes` and `gap` made
-    // it), composed on its own at its own rate.
+    // it), composed on its own for the movie's pictures only (and within the monitor's own limit).
     void takeStarted(std::shared_ptr<const Layout> layout, const std::vector<Size>& sizes, int64_t gap,
                      bool transparent);
     void takeStopped();
