@@ -1,0 +1,461 @@
+// Fragmented movies, made by the ffmpeg tool and by the movie writer, turned standard and read back with
+// programs that nobody here wrote: ffprobe and ffmpeg, MediaInfo and GStreamer. FFmpeg's own standard
+// movie of the same encoding is what a converted one must play like.
+#include "core/MovieWriter.h"
+#include "core/StandardMovie.h"
+#include "tests/Processes.h"
+#include "tests/core/MovieReading.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <fcntl.h>
+#include <fstream>
+#include <sstream>
+#include <unistd.h>
+
+namespace quorva {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::Movie;
+using testing::ReadMovie;
+using testing::Shell;
+
+std::string Quoted(const fs::path& path) {
+    return "'" + path.string() + "'";
+}
+
+std::string Contents(const fs::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(file), {});
+}
+
+void Write(const fs::path& path, const std::string& bytes) {
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+}
+
+struct Box {
+    std::string type;
+    uint64_t offset = 0, size = 0, header = 8;
+};
+
+// The boxes from `begin` to `end` (0: the end of the file), read as any reader walks them.
+std::vector<Box> Boxes(const fs::path& path, uint64_t begin = 0, uint64_t end = 0) {
+    std::ifstream file(path, std::ios::binary);
+    end = end ? end : fs::file_size(path);
+    std::vector<Box> boxes;
+    for (uint64_t at = begin; at + 8 <= end;) {
+        unsigned char bytes[16] = {};
+        file.clear(); // a box near the end leaves fewer than 16 bytes to read
+        file.seekg(std::streamoff(at));
+        file.read(reinterpret_cast<char*>(bytes), 16);
+        Box box{std::string(reinterpret_cast<char*>(bytes + 4), 4), at, 0, 8};
+        for (int i = 0; i < 4; ++i)
+            box.size = box.size << 8 | bytes[i];
+        if (box.size == 1) {
+            box.size = 0;
+            for (int i = 8; i < 16; ++i)
+                box.size = box.size << 8 | bytes[i];
+            box.header = 16;
+        }
+        if (box.size < box.header)
+            break;
+        boxes.push_back(box);
+        at += box.size;
+    }
+    return boxes;
+}
+
+std::vector<std::string> Types(const std::vector<Box>& boxes) {
+    std::vector<std::string> types;
+    for (const Box& box : boxes)
+        types.push_back(box.type);
+    return types;
+}
+
+struct Packet {
+    std::string stream, pts, dts, duration, size, pos, flags;
+};
+
+// Every packet as ffprobe reads it, stream by stream in the order of the file.
+std::vector<Packet> Packets(const fs::path& path) {
+    std::istringstream lines(Shell("ffprobe -v error -show_entries "
+                                   "packet=stream_index,pts,dts,duration,size,pos,flags -of csv=p=0 " +
+                                   Quoted(path)));
+    std::vector<Packet> packets;
+    for (std::string line; std::getline(lines, line);) {
+        std::vector<std::string> fields;
+        std::istringstream parts(line);
+        for (std::string field; std::getline(parts, field, ',');)
+            fields.push_back(field);
+        if (fields.size() >= 7) // not a line of side data
+            packets.push_back({fields[0], fields[1], fields[2], fields[3], fields[4], fields[5], fields[6]});
+    }
+    std::stable_sort(packets.begin(), packets.end(), [](const Packet& a, const Packet& b) {
+        return std::stoi(a.stream) < std::stoi(b.stream);
+    });
+    return packets;
+}
+
+// Where each packet lies, and whether it is a key: all of it stays when no media byte moves.
+std::vector<std::string> Places(const std::vector<Packet>& packets) {
+    std::vector<std::string> places;
+    for (const Packet& p : packets)
+        places.push_back(p.stream + " " + p.size + " bytes at " + p.pos + (p.flags[0] == 'K' ? " key" : ""));
+    return places;
+}
+
+// What a player gets of each packet, and when.
+std::vector<std::string> Timing(const std::vector<Packet>& packets) {
+    std::vector<std::string> timing;
+    for (const Packet& p : packets)
+        timing.push_back(p.stream + " pts " + p.pts + " dts " + p.dts + " for " + p.duration + ", " + p.size +
+                         " bytes " + p.flags);
+    return timing;
+}
+
+// A checksum of every decoded picture and sound frame, with its time.
+std::string Decoded(const fs::path& path) {
+    return Shell("ffmpeg -v error -i " + Quoted(path) + " -map 0:v -map 0:a? -f framemd5 - 2>&1");
+}
+
+std::string MediaInfo(const fs::path& path, const std::string& inform) {
+    std::string out = Shell("mediainfo --Inform='" + inform + "' " + Quoted(path));
+    while (!out.empty() && out.back() == '\n')
+        out.pop_back();
+    return out;
+}
+
+int64_t Count(const std::string& text, const std::string& part) {
+    int64_t count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+        ++count;
+    return count;
+}
+
+double FFprobeDuration(const fs::path& path) {
+    return std::atof(
+        Shell("ffprobe -v error -show_entries format=duration -of csv=p=0 " + Quoted(path)).c_str());
+}
+
+// The duration GStreamer finds (-1 when none), in seconds.
+double GStreamerDuration(const fs::path& path) {
+    const std::string out = Shell("gst-discoverer-1.0 " + Quoted(path));
+    const size_t at = out.find("Duration: ");
+    int hours = 0, minutes = 0;
+    double seconds = 0;
+    if (at == std::string::npos ||
+        std::sscanf(out.c_str() + at, "Duration: %d:%d:%lf", &hours, &minutes, &seconds) != 3)
+        return -1;
+    return hours * 3600 + minutes * 60 + seconds;
+}
+
+class StandardMovieTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::string pattern = (fs::temp_directory_path() / "quorva-standard-XXXXXX").string();
+        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+        _folder = pattern;
+    }
+    void TearDown() override { fs::remove_all(_folder); }
+
+    // A movie that the ffmpeg tool makes from `inputs`, with `fragments` (its fragmenting options) or,
+    // without, standard: the same encoding both ways.
+    fs::path Make(const std::string& name, const std::string& inputs, const std::string& fragments = "") {
+        const fs::path path = _folder / (name + ".mov");
+        EXPECT_EQ(std::system(
+                      ("ffmpeg -v error -y " + inputs + " " + fragments + " -f mov " + Quoted(path)).c_str()),
+                  0);
+        return path;
+    }
+
+    fs::path Copy(const fs::path& path, const std::string& name) {
+        const fs::path copy = _folder / name;
+        fs::copy_file(path, copy, fs::copy_options::overwrite_existing);
+        return copy;
+    }
+
+    fs::path _folder;
+};
+
+// A standard movie's boxes: no fragment, and no sign of having been one.
+void ExpectStandardLayout(const fs::path& path) {
+    const std::vector<Box> top = Boxes(path);
+    ASSERT_EQ(Types(top), (std::vector<std::string>{"ftyp", "mdat", "moov"}));
+    const Box& moov = top[2];
+    const std::vector<std::string> inside =
+        Types(Boxes(path, moov.offset + moov.header, moov.offset + moov.size));
+    EXPECT_EQ(std::count(inside.begin(), inside.end(), "mvex"), 0);
+    EXPECT_GE(std::count(inside.begin(), inside.end(), "trak"), 1);
+}
+
+struct Recipe {
+    std::string name;
+    std::string inputs; // and encoders
+    double seconds;     // of the pictures
+};
+
+class StandardMovieOfCodec : public StandardMovieTest, public ::testing::WithParamInterface<Recipe> {};
+
+TEST_P(StandardMovieOfCodec, EveryReaderGetsEveryPictureAndSoundForTheWholeDuration) {
+    const Recipe& recipe = GetParam();
+    // As the movie writer cuts them, but a fragment a second, so that a short movie has several.
+    const fs::path movie = Make("fragmented", recipe.inputs,
+                                "-movie_timescale 60000 -movflags +delay_moov -frag_duration 1000000");
+    const fs::path native = Make("native", recipe.inputs, "-movie_timescale 60000");
+    const std::vector<Packet> before = Packets(movie);
+    const std::string timecode = MediaInfo(movie, "Other;%TimeCode_FirstFrame%");
+    ASSERT_FALSE(timecode.empty());
+
+    const Result<> made = MakeStandardMovie(movie);
+    ASSERT_TRUE(made) << made.error().message();
+    ExpectStandardLayout(movie);
+    const std::vector<Packet> after = Packets(movie);
+    EXPECT_EQ(Places(after), Places(before));
+    // FFmpeg reads its fragments with a few liberties (durations unknown in the first one, the sound's
+    // priming kept): its standard movie of the same encoding is the measure.
+    EXPECT_EQ(Timing(after), Timing(Packets(native)));
+    // Every picture decodes, as in FFmpeg's own movie.
+    const std::string decoded = Decoded(movie);
+    EXPECT_EQ(decoded, Decoded(native));
+    EXPECT_EQ(Count(decoded, "\n0,"),
+              std::count_if(after.begin(), after.end(), [](const Packet& p) { return p.stream == "0"; }));
+
+    const double duration = FFprobeDuration(movie);
+    EXPECT_NEAR(duration, recipe.seconds, 0.001);
+    EXPECT_EQ(MediaInfo(movie, "Video;%FrameRate_Mode/String%"), "Constant");
+    EXPECT_EQ(MediaInfo(movie, "Other;%TimeCode_FirstFrame%"), timecode);
+    // The timecode lasts as long as the movie.
+    EXPECT_NEAR(std::atof(MediaInfo(movie, "General;%Duration%").c_str()) / 1000, duration, 0.05);
+    EXPECT_NEAR(std::atof(MediaInfo(movie, "Other;%Duration%").c_str()) / 1000, duration, 0.05);
+    EXPECT_NEAR(GStreamerDuration(movie), duration, 0.05);
+}
+
+const std::string NTSC = "-f lavfi -i testsrc=rate=30000/1001:size=160x120 ";
+const std::string Sixty = "-f lavfi -i testsrc=rate=60:size=160x120 ";
+const std::string Tone = "-f lavfi -i sine=r=48000 -ac 2 ";
+const std::string DropFrame = " -timecode '01:02:03;04'", Hours = " -timecode 10:00:00:00";
+
+void PrintTo(const Recipe& recipe, std::ostream* out) {
+    *out << recipe.name;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    EachCodec, StandardMovieOfCodec,
+    ::testing::Values(
+        Recipe{"H264WithAAC", NTSC + Tone + "-t 3 -c:v libx264 -g 30 -bf 0 -c:a aac" + DropFrame, 3.003},
+        Recipe{"HEVCWithAAC",
+               Sixty + Tone + "-t 3 -c:v libx265 -g 60 -x265-params log-level=error:bframes=0 -c:a aac" +
+                   Hours,
+               3},
+        Recipe{"ProRes422WithPCM",
+               NTSC + Tone + "-t 3 -c:v prores_ks -profile:v standard -c:a pcm_s24le" + DropFrame, 3.003},
+        Recipe{"ProRes4444WithAlpha",
+               Sixty + "-t 2 -c:v prores_ks -profile:v 4444 -pix_fmt yuva444p10le" + Hours, 2}),
+    [](const ::testing::TestParamInfo<Recipe>& info) { return info.param.name; });
+
+// The forms of fragments that FFmpeg writes only when asked: several runs of a track in one fragment,
+// data offsets from the fragment's start, signed composition offsets in version 1 runs; a track
+// fragment whose data follows the one before's; reordered pictures whose edit starts at the first one
+// shown; and a movie past 4 GiB, whose offsets need 64 bits.
+TEST_F(StandardMovieTest, FragmentsInEveryFormOfTheirBoxesAreRead) {
+    const std::string inputs = NTSC + Tone + "-t 3 -c:v libx264 -g 30 -c:a aac";
+    const std::string signedOffsets = "-movflags +negative_cts_offsets";
+    const fs::path interleaved =
+        Make("interleaved", inputs,
+             "-movflags +frag_keyframe+delay_moov+default_base_moof+negative_cts_offsets -frag_interleave 4");
+    // The first with 4.5 GB of nothing (a hole in the file) after its header, in a free box with a 64-bit
+    // size: its offsets count from each fragment's start, so they still hold.
+    const fs::path large = _folder / "large.mov";
+    constexpr uint64_t Hole = 4'500'000'000;
+    {
+        const std::string bytes = Contents(interleaved);
+        const Box moov = Boxes(interleaved).at(1);
+        std::string free = {0, 0, 0, 1, 'f', 'r', 'e', 'e'};
+        for (int shift = 56; shift >= 0; shift -= 8)
+            free += char(((Hole + 16) >> shift) & 0xff);
+        std::ofstream file(large, std::ios::binary);
+        file << bytes.substr(0, moov.offset + moov.size) << free;
+        file.seekp(std::streamoff(Hole), std::ios::cur);
+        file << bytes.substr(moov.offset + moov.size);
+    }
+    const struct {
+        fs::path movie;
+        std::string native; // the options of FFmpeg's standard movie of the same encoding
+    } cases[] = {
+        {interleaved, signedOffsets},
+        {large, signedOffsets},
+        {Make("following", inputs,
+              "-movflags +delay_moov+omit_tfhd_offset+negative_cts_offsets -frag_duration 1000000"),
+         signedOffsets},
+        {Make("reordered", inputs, "-movflags +delay_moov -frag_duration 1000000"), ""},
+    };
+    for (const auto& [movie, native] : cases) {
+        SCOPED_TRACE(movie.filename().string());
+        const std::vector<Packet> before = Packets(movie);
+        const Result<> made = MakeStandardMovie(movie);
+        ASSERT_TRUE(made) << made.error().message();
+        ExpectStandardLayout(movie);
+        const std::vector<Packet> after = Packets(movie);
+        EXPECT_EQ(Places(after), Places(before));
+        EXPECT_EQ(Timing(after), Timing(Packets(Make("native", inputs, native))));
+        if (movie == large) {
+            EXPECT_GT(std::stoull(after.at(0).pos), Hole);
+        }
+    }
+}
+
+// Each step of the finish leaves a movie that opens whole; a finish cut short anywhere is completed by
+// converting again, to the very file that one conversion makes.
+TEST_F(StandardMovieTest, EachStepLeavesAWholeMovieAndAFinishCutShortIsCompletedToTheSameFile) {
+    const fs::path movie = Make("steps", NTSC + Tone + "-t 3 -c:v libx264 -bf 0 -c:a aac" + DropFrame,
+                                "-movflags +delay_moov -frag_duration 1000000");
+    const fs::path converted = Copy(movie, "converted.mov");
+    ASSERT_TRUE(MakeStandardMovie(converted));
+    const std::string standard = Contents(converted);
+    const std::vector<Packet> before = Packets(movie);
+    const std::string decoded = Decoded(movie);
+
+    const int fd = ::open(movie.c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    StandardMovie steps(fd);
+    ASSERT_TRUE(steps.follow(int64_t(fs::file_size(movie))));
+    EXPECT_EQ(steps.fragments(), 4);
+    EXPECT_FALSE(steps.hideFragments()); // not before the standard header is there
+    ASSERT_TRUE(steps.appendStandardHeader());
+    // Readers take the first header, the fragmented one, and get all they got before.
+    const std::vector<Box> appended = Boxes(movie);
+    const std::vector<std::string> types = Types(appended);
+    ASSERT_GE(types.size(), 5u);
+    EXPECT_EQ(std::vector<std::string>(types.begin(), types.begin() + 2),
+              (std::vector<std::string>{"ftyp", "moov"}));
+    EXPECT_EQ(std::vector<std::string>(types.end() - 2, types.end()),
+              (std::vector<std::string>{"mfra", "moov"}));
+    const std::vector<Packet> between = Packets(movie);
+    EXPECT_EQ(Places(between), Places(before));
+    EXPECT_EQ(Timing(between), Timing(before));
+    EXPECT_EQ(Decoded(movie), decoded);
+    const std::string halfway = Contents(movie);
+    ASSERT_TRUE(steps.hideFragments());
+    ::close(fd);
+    EXPECT_EQ(Contents(movie), standard);
+
+    // Killed between the steps, or while the header was written: before a whole box header of it, or
+    // half-way through it.
+    const uint64_t header = appended.back().offset;
+    for (uint64_t end : {uint64_t(halfway.size()), header + 5, header + appended.back().size / 2}) {
+        SCOPED_TRACE(end);
+        Write(movie, halfway.substr(0, end));
+        const Result<> made = MakeStandardMovie(movie);
+        ASSERT_TRUE(made) << made.error().message();
+        EXPECT_EQ(Contents(movie), standard);
+    }
+}
+
+// The writer calls follow() whenever a fragment has reached the file: wherever the end falls, a box that
+// is not whole yet is read by the next call, and all the calls read what one reading does.
+TEST_F(StandardMovieTest, FollowingTheFileAsItGrowsReadsWhatOneReadingDoes) {
+    const fs::path movie = Make("growing", NTSC + Tone + "-t 3 -c:v prores_ks -c:a pcm_s24le",
+                                "-movflags +delay_moov -frag_duration 1000000");
+    const fs::path converted = Copy(movie, "converted.mov");
+    ASSERT_TRUE(MakeStandardMovie(converted));
+    // Every end from a box's start to past its 64-bit header, and a few inside the boxes.
+    std::vector<int64_t> ends;
+    for (const Box& box : Boxes(movie))
+        for (int64_t end = int64_t(box.offset); end < int64_t(box.offset) + 18; ++end)
+            ends.push_back(end);
+    for (int64_t end = 0; end < int64_t(fs::file_size(movie)); end += 100'003)
+        ends.push_back(end);
+    ends.push_back(int64_t(fs::file_size(movie)));
+    std::sort(ends.begin(), ends.end());
+
+    const int fd = ::open(movie.c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    StandardMovie growing(fd);
+    for (int64_t end : ends) {
+        ASSERT_TRUE(growing.follow(end)) << end;
+        EXPECT_LE(growing.followed(), end);
+    }
+    EXPECT_TRUE(growing.hasIndex());
+    EXPECT_TRUE(growing.appendStandardHeader());
+    EXPECT_TRUE(growing.hideFragments());
+    ::close(fd);
+    EXPECT_EQ(Contents(movie), Contents(converted));
+}
+
+// A movie that cannot be read all through stays as it was, and the answer says why.
+TEST_F(StandardMovieTest, AMovieItCannotReadIsLeftAsItWas) {
+    const fs::path movie = Make("fragmented", NTSC + Tone + "-t 3 -c:v libx264 -c:a aac",
+                                "-movflags +delay_moov -frag_duration 1000000");
+    const std::string fragmented = Contents(movie);
+    const std::vector<Box> boxes = Boxes(movie);
+    const Box& mfra = boxes.back();
+    ASSERT_EQ(mfra.type, "mfra");
+    const size_t run = fragmented.find("trun", boxes.at(2).offset);
+    const size_t track = fragmented.find("tfhd", boxes.at(2).offset);
+    auto changed = [&](size_t at, const std::string& bytes) {
+        return fragmented.substr(0, at) + bytes + fragmented.substr(at + bytes.size());
+    };
+    struct Case {
+        std::string bytes;
+        std::string why;
+    };
+    const std::vector<Case> cases = {
+        {changed(run + 8, std::string("\x10\0\0\0", 4)), "a track run cannot be read (the fragment at "},
+        {changed(track + 8, std::string("\0\0\0\x09", 4)),
+         "a fragment has a track 9 that the header does not"},
+        {changed(mfra.offset + 4, "junk"), "it holds a box ‘junk’ at " + std::to_string(mfra.offset)},
+        // Cut short by a kill before the writer finished: no index of the fragments.
+        {fragmented.substr(0, mfra.offset), "before its fragments' index is read"},
+        {fragmented.substr(0, boxes.at(1).offset + 100), "before its fragments' index is read"},
+        {Contents(Make("standard", NTSC + "-t 1 -c:v libx264")), "it is not fragmented"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.why);
+        Write(movie, c.bytes);
+        const Result<> made = MakeStandardMovie(movie);
+        ASSERT_FALSE(made);
+        EXPECT_NE(made.error().message().find(c.why), std::string::npos) << made.error().message();
+        EXPECT_EQ(made.error().domain(), MovieRecorderErrorDomain);
+        EXPECT_EQ(Contents(movie), c.bytes);
+    }
+}
+
+// The movie writer's own movies: pictures at irregular times, the last held to the end, sound that
+// starts with the writer's silence, the first fragment a second in and then one every ten seconds.
+TEST_F(StandardMovieTest, TheWritersMoviesBecomeStandard) {
+    std::vector<int64_t> times;
+    for (int64_t i = 0; i < 12 * 30; ++i)
+        times.push_back(i * 2000 + (i % 7 == 3 ? 700 : 0));
+    for (Codec codec : {Codec::H264, Codec::ProRes422}) {
+        SCOPED_TRACE(NameOf(codec));
+        const fs::path movie = _folder / (NameOf(codec) + ".mov");
+        Result<std::unique_ptr<MovieWriter>> made = MovieWriter::make(
+            movie,
+            {.codec = codec, .width = 160, .height = 120, .framesPerSecond = 30, .recordsSound = true});
+        ASSERT_TRUE(made);
+        MovieWriter& writer = *made.value();
+        for (int64_t time : times) {
+            ASSERT_TRUE(writer.appendFrame(writer.makeFrame(), time));
+            ASSERT_TRUE(writer.appendSound(nullptr, 1600, time * 4 / 5));
+        }
+        ASSERT_TRUE(writer.finish(12 * 60000));
+        const std::vector<Packet> before = Packets(movie);
+        EXPECT_GT(std::abs(GStreamerDuration(movie) - 12), 0.5); // it reads the fragments' index only
+
+        const Result<> standard = MakeStandardMovie(movie);
+        ASSERT_TRUE(standard) << standard.error().message();
+        ExpectStandardLayout(movie);
+        EXPECT_EQ(Places(Packets(movie)), Places(before));
+        const Movie read = ReadMovie(movie);
+        EXPECT_EQ(read.times, times);
+        EXPECT_NEAR(read.videoDuration, 12, 1e-6);
+        EXPECT_NEAR(double(read.soundFrames), 12 * 48000, 1024);
+        EXPECT_NEAR(GStreamerDuration(movie), 12, 0.05);
+    }
+}
+
+} // namespace
+} // namespace quorva
