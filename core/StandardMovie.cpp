@@ -963,8 +963,10 @@ Result<std::vector<uint8_t>> StandardMovie::standardHeader() {
         const uint64_t end = uint64_t(mediaStart) + Rescale(movieDuration > lead ? movieDuration - lead : 0,
                                                             track->timeScale, _movieTimeScale, false);
         const uint64_t before = track->decodeEnd - track->lastDuration();
-        if (end > before && end - before <= UINT32_MAX)
-            track->setLastDuration(uint32_t(end - before));
+        // One sample lasts at most 2³² - 1 ticks (19 hours at 60000 a second): beyond, the timecode
+        // still starts right, and lasts that long.
+        if (end > before)
+            track->setLastDuration(uint32_t(std::min<uint64_t>(end - before, UINT32_MAX)));
     }
     for (const auto& track : _tracks)
         movieDuration = std::max(movieDuration, track->editedDuration(_movieTimeScale));

@@ -307,6 +307,23 @@ TEST_F(StandardMovieTest, FragmentsInEveryFormOfTheirBoxesAreRead) {
     }
 }
 
+// Durations beyond 32 bits (here a clock of 10⁹ ticks a second, for the movie and its pictures) need the
+// 64-bit forms of the movie's, the tracks' and the media's headers and of the edits.
+TEST_F(StandardMovieTest, DurationsBeyond32BitsWidenTheirBoxes) {
+    const fs::path movie = Make("wide", NTSC + Tone + "-t 5 -c:v libx264 -g 30 -bf 0 -c:a aac",
+                                "-video_track_timescale 1000000000 -movie_timescale 1000000000 "
+                                "-movflags +delay_moov -frag_duration 1000000");
+    const std::vector<Packet> before = Packets(movie);
+    const Result<> made = MakeStandardMovie(movie);
+    ASSERT_TRUE(made) << made.error().message();
+    ExpectStandardLayout(movie);
+    const std::vector<Packet> after = Packets(movie);
+    EXPECT_EQ(Places(after), Places(before));
+    EXPECT_NEAR(FFprobeDuration(movie), 5.005, 0.001);
+    EXPECT_NEAR(std::atof(MediaInfo(movie, "Video;%Duration%").c_str()) / 1000, 5.005, 0.001);
+    EXPECT_NEAR(GStreamerDuration(movie), 5.005, 0.001);
+}
+
 // Each step of the finish leaves a movie that opens whole; a finish cut short anywhere is completed by
 // converting again, to the very file that one conversion makes.
 TEST_F(StandardMovieTest, EachStepLeavesAWholeMovieAndAFinishCutShortIsCompletedToTheSameFile) {
