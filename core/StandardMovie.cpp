@@ -19,7 +19,7 @@ constexpr uint32_t Type(const char (&name)[5]) {
            uint32_t(uint8_t(name[2])) << 8 | uint32_t(uint8_t(name[3]));
 }
 
-std::string NameOf(uint32_t type) {
+std::string TypeName(uint32_t type) {
     std::string name;
     for (int shift = 24; shift >= 0; shift -= 8) {
         const char c = char((type >> shift) & 0xff);
@@ -157,26 +157,12 @@ uint64_t Rescale(uint64_t value, uint64_t to, uint64_t from, bool up) {
     return result > UINT64_MAX ? UINT64_MAX : uint64_t(result);
 }
 
-bool ReadAt(int fd, uint64_t offset, uint8_t* data, size_t size) {
+// All `size` bytes by pread() or pwrite(), through interruptions and short transfers; an end of the file
+// before them is an error of input.
+template <class Call, class Byte>
+bool Transfer(Call call, int fd, uint64_t offset, Byte* data, size_t size) {
     while (size > 0) {
-        const ssize_t n = ::pread(fd, data, size, off_t(offset));
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0) {
-            if (n == 0)
-                errno = EIO; // the file is shorter than it was said to be
-            return false;
-        }
-        data += n;
-        offset += uint64_t(n);
-        size -= size_t(n);
-    }
-    return true;
-}
-
-bool WriteAt(int fd, uint64_t offset, const uint8_t* data, size_t size) {
-    while (size > 0) {
-        const ssize_t n = ::pwrite(fd, data, size, off_t(offset));
+        const ssize_t n = call(fd, data, size, off_t(offset));
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0) {
@@ -189,6 +175,14 @@ bool WriteAt(int fd, uint64_t offset, const uint8_t* data, size_t size) {
         size -= size_t(n);
     }
     return true;
+}
+
+bool ReadAt(int fd, uint64_t offset, uint8_t* data, size_t size) {
+    return Transfer(::pread, fd, offset, data, size);
+}
+
+bool WriteAt(int fd, uint64_t offset, const uint8_t* data, size_t size) {
+    return Transfer(::pwrite, fd, offset, data, size);
 }
 
 // Writes boxes, big-endian; a box's size is filled in when it ends.
@@ -841,7 +835,7 @@ Result<> StandardMovie::follow(int64_t fileEnd) {
         const uint32_t type = box.type;
         if (type == Type("moov") || type == Type("moof")) {
             if (box.size > LargestBox)
-                return fail("its " + NameOf(type) + " at " + std::to_string(_position) + " is too large");
+                return fail("its " + TypeName(type) + " at " + std::to_string(_position) + " is too large");
             if ((type == Type("moov")) == (_headerOffset >= 0))
                 return fail(type == Type("moov") ? "it has a second header before its fragments' index"
                                                  : "a fragment comes before the header");
@@ -866,7 +860,7 @@ Result<> StandardMovie::follow(int64_t fileEnd) {
         } else if (type != Type("ftyp") && type != Type("mdat") && type != Type("free") &&
                    type != Type("skip") && type != Type("wide") && type != Type("uuid") &&
                    type != Type("sidx") && type != Type("styp") && type != Type("prft")) {
-            return fail("it holds a box " + NameOf(type) + " at " + std::to_string(_position));
+            return fail("it holds a box " + TypeName(type) + " at " + std::to_string(_position));
         }
         _position += int64_t(box.size);
     }

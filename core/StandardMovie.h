@@ -14,8 +14,9 @@ namespace quorva {
 struct StandardMovieTrack;
 
 // Turns a finished fragmented QuickTime movie into a standard one, in place, without moving a byte of its
-// pictures or sound. Players and editors that read fragments badly (GStreamer sees the first one only;
-// editors ask for a sample table) then get what they expect: `ftyp`, `mdat`, `moov`.
+// pictures or sound. Players and editors that read fragments badly (GStreamer takes the movie for as long
+// as its fragments' index says, which misses the last fragment; editors ask for a sample table) then get
+// what they expect: `ftyp`, `mdat`, `moov`.
 //
 // While the movie is written, follow() reads each new fragment's `moof` (the page cache still has it) and
 // keeps every track's sample table, compactly: a take of ten hours at 60 frames a second holds two
@@ -40,9 +41,10 @@ public:
     StandardMovie& operator=(const StandardMovie&) = delete;
 
     // Reads the top-level boxes from where the last call stopped up to `fileEnd`: the movie's header the
-    // first time, then each fragment's `moof` (an `mdat` only by its header). A box that `fileEnd` cuts
-    // is read by a later call. Reading stops for good after the fragments' index (`mfra`); whatever
-    // follows it is left over from a finish that was cut short, and the new header replaces it.
+    // first time, then each fragment's `moof` (an `mdat` only by its header). A box that `fileEnd` cuts,
+    // or a fragment whose media data it cuts, is read by a later call. Reading stops for good after the
+    // fragments' index (`mfra`); whatever follows it is left over from a finish that was cut short, and the
+    // new header replaces it.
     Result<> follow(int64_t fileEnd);
 
     // Step 1, once follow() has reached the fragments' index (refused before): appends the standard
