@@ -152,6 +152,16 @@ double GStreamerDuration(const fs::path& path) {
     return hours * 3600 + minutes * 60 + seconds;
 }
 
+// The pictures and sound frames that GStreamer's demuxer hands on, played through.
+std::pair<int64_t, int64_t> GStreamerPackets(const fs::path& path) {
+    auto count = [&](const std::string& pad) {
+        return Count(Shell("gst-launch-1.0 -v filesrc location=" + Quoted(path) + " ! qtdemux name=d d." +
+                           pad + " ! fakesink sync=false silent=false 2>&1"),
+                     "last-message = chain");
+    };
+    return {count("video_0"), count("audio_0")};
+}
+
 class StandardMovieTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -334,6 +344,8 @@ TEST_F(StandardMovieTest, EachStepLeavesAWholeMovieAndAFinishCutShortIsCompleted
     const std::string standard = Contents(converted);
     const std::vector<Packet> before = Packets(movie);
     const std::string decoded = Decoded(movie);
+    const std::pair<int64_t, int64_t> fragmentedPackets = GStreamerPackets(movie);
+    EXPECT_EQ(fragmentedPackets.first, 90);
 
     const int fd = ::open(movie.c_str(), O_RDWR | O_CLOEXEC);
     ASSERT_GE(fd, 0);
@@ -354,6 +366,8 @@ TEST_F(StandardMovieTest, EachStepLeavesAWholeMovieAndAFinishCutShortIsCompleted
     EXPECT_EQ(Places(between), Places(before));
     EXPECT_EQ(Timing(between), Timing(before));
     EXPECT_EQ(Decoded(movie), decoded);
+    // GStreamer, which finds no index of the fragments at the end any more, still plays them all.
+    EXPECT_EQ(GStreamerPackets(movie), fragmentedPackets);
     const std::string halfway = Contents(movie);
     ASSERT_TRUE(steps.hideFragments());
     ::close(fd);
