@@ -223,8 +223,9 @@ double MeasurePreset(Codec codec, const char* preset, const std::vector<MovieFra
     c->width = Width;
     c->height = Height;
     c->pix_fmt = AV_PIX_FMT_YUV420P;
-    c->time_base = AVRational{1, MovieWriter::TimeScale};
+    // Time stamps count pictures, as the movies' do.
     c->framerate = AVRational{int(Rate), 1};
+    c->time_base = av_inv_q(c->framerate);
     c->bit_rate = MovieBitRate(codec, Width, Height, Rate, 0);
     c->gop_size = int(2 * Rate);
     c->max_b_frames = 0;
@@ -253,13 +254,11 @@ double MeasurePreset(Codec codec, const char* preset, const std::vector<MovieFra
     }
 
     Stopwatch stopwatch(std::move(workers));
-    int64_t time = 0;
     for (size_t n = 0; n <= pictures.size(); ++n) {
         AVFrame* picture = n < pictures.size() ? pictures[n].get() : nullptr;
         if (picture) {
-            picture->pts = time;
+            picture->pts = int64_t(n);
             picture->pict_type = AV_PICTURE_TYPE_NONE;
-            time += int64_t(MovieWriter::TimeScale / Rate);
         }
         if (avcodec_send_frame(c, picture) < 0)
             return 0;

@@ -1,16 +1,14 @@
 #include "core/FramePacer.h"
 
+#include <algorithm>
 #include <cmath>
 
 namespace quorva {
 
 namespace {
 
-// The slot of a frame d seconds after the origin. Rounding to the nearest slot, halves up, counts a
-// frame that arrives a little early (sources jitter either way) for the slot it was meant for.
-int64_t SlotOf(double d, double framesPerSecond) {
-    double slot = std::round(d * framesPerSecond);
-    // Saturate: a frame absurdly far from the origin must not overflow the conversion.
+// Saturates: a time absurdly far from the origin must not overflow the conversion.
+int64_t Saturated(double slot) {
     if (slot >= 9223372036854775807.0)
         return std::numeric_limits<int64_t>::max();
     if (slot <= -9223372036854775808.0)
@@ -18,12 +16,15 @@ int64_t SlotOf(double d, double framesPerSecond) {
     return int64_t(slot);
 }
 
+// The slot of a frame d seconds after the origin. Rounding to the nearest slot, halves up, counts a
+// frame that arrives a little early (sources jitter either way) for the slot it was meant for.
+int64_t SlotOf(double d, double framesPerSecond) {
+    return Saturated(std::round(d * framesPerSecond));
+}
+
 } // namespace
 
-FramePacer::FramePacer(double framesPerSecond, double origin)
-    // A rate that is not a finite number puts no limit on frames, as 0 does; only that keeps the slot
-    // arithmetic meaningful.
-    : _framesPerSecond(std::isfinite(framesPerSecond) && framesPerSecond > 0 ? framesPerSecond : 0) {
+FramePacer::FramePacer(double framesPerSecond, double origin) : _framesPerSecond(framesPerSecond) {
     if (!std::isnan(origin)) {
         _started = true;
         _firstTime = origin;
@@ -39,20 +40,14 @@ FramePacerDecision FramePacer::decisionForFrameAtTime(double time) {
         _started = true;
         _firstTime = time;
     }
-    double d = time - _firstTime;
+    const double d = time - _firstTime;
     if (d < 0)
         return {};
-    if (_framesPerSecond == 0) {
-        if (!(d > _lastTime))
-            return {};
-        _lastTime = d;
-        return {true, d};
-    }
-    int64_t slot = SlotOf(d, _framesPerSecond);
+    const int64_t slot = SlotOf(d, _framesPerSecond);
     if (slot <= _lastSlot)
-        return {};
+        return {.refused = true};
     _lastSlot = slot;
-    return {true, double(slot) / _framesPerSecond};
+    return {.keep = true, .slot = slot};
 }
 
 bool FramePacer::wouldKeepFrameAtTime(double time) const {
@@ -60,12 +55,13 @@ bool FramePacer::wouldKeepFrameAtTime(double time) const {
         return false;
     if (!_started)
         return true;
-    double d = time - _firstTime;
-    if (d < 0)
-        return false;
-    if (_framesPerSecond == 0)
-        return d > _lastTime;
-    return SlotOf(d, _framesPerSecond) > _lastSlot;
+    const double d = time - _firstTime;
+    return d >= 0 && SlotOf(d, _framesPerSecond) > _lastSlot;
+}
+
+int64_t FramePacer::slotAtTime(double time) const {
+    return _started && std::isfinite(time) ? std::max<int64_t>(0, SlotOf(time - _firstTime, _framesPerSecond))
+                                           : 0;
 }
 
 } // namespace quorva

@@ -2,6 +2,7 @@
 
 #include "platform/EventLoop.h"
 #include "platform/Log.h"
+#include "platform/MediaClock.h"
 
 extern "C" {
 #include <libavutil/channel_layout.h>
@@ -34,12 +35,12 @@ constexpr double WaitingLimitBehindGap = 30;
 constexpr int64_t SilenceBudget = MovieWriter::SoundRate;
 // The last sound gets about five seconds to go out (5000 passes without progress, a millisecond apart).
 constexpr int LastSoundPatience = 5000;
-// The last picture is shown for at least this long (1/60000 s) when the finish comes right after it.
-constexpr int64_t LastFrameHold = 250;
-
-int64_t MovieTime(double seconds) {
-    return std::llround(seconds * MovieWriter::TimeScale);
-}
+// How often a recording looks for slots that no picture came to in time, and fills them with the last
+// picture, and how long after its time a slot waits for one: a source that stalls still has its movie
+// go on, and cut into fragments, at most this late, while a source that only hiccups fills its gap
+// itself with its next picture.
+constexpr double HoldInterval = 0.25;
+constexpr double HoldLag = 0.5;
 
 std::string Quoted(const std::string& text) {
     return "“" + text + "”";
@@ -99,7 +100,6 @@ Result<> MovieRecorder::startWritingToURL(const std::filesystem::path& url,
         self->_writer.reset();
         self->_writerFailure.reset();
         self->forgetPool();
-        self->_lastTime = -1;
         // The last movie's sound was forgotten as it ended. Sound of this one may already be waiting,
         // accepted since the lock was let go: forgetting it here would lose it uncounted.
         if (settings.width() < 1 || settings.height() < 1)
@@ -110,17 +110,55 @@ Result<> MovieRecorder::startWritingToURL(const std::filesystem::path& url,
             self->failWithError(created.error());
     });
     _outputSize = {};
-    _pacer = FramePacer(settings.framesPerSecond(), startTime);
+    _rate = av_q2d(GridRate(settings.framesPerSecond()));
+    _pacer = FramePacer(_rate, startTime);
+    // Time 0 is now, or (in a movie without a start time) the first picture's arrival.
+    _gridPosition = 0;
+    _gridClock = std::isnan(startTime) ? 0 : MediaClock::now();
     _hasFirstFrame = !std::isnan(startTime);
     _firstFrameTime = startTime;
-    _framesWritten = _framesDropped = _framesPending = 0;
+    _framesWritten = _framesHeld = _framesDropped = _framesPending = 0;
     _recordsSound = settings.recordsSound();
     _waitingSound.clear();
     _soundWaiting = 0;
     _soundBehindGap = false;
     _soundWritten = _soundLeftOut = 0;
     _recording = true;
+    scheduleHold(++_recordingNumber);
     return {};
+}
+
+void MovieRecorder::scheduleHold(uint64_t recording) {
+    _queue->postAfter(HoldInterval, [self = shared_from_this(), recording] {
+        int64_t settled = 0;
+        {
+            std::lock_guard guard(self->_lock);
+            if (!self->_recording || self->_recordingNumber != recording)
+                return;
+            // Pictures on their way fill the slots before them when they arrive. A picture arriving now
+            // lies nearest a slot at least half a slot before where the grid stands now, less a quarter
+            // of a slot for one that is still on its way here.
+            if (self->_framesPending == 0 && self->_gridClock > 0)
+                settled =
+                    int64_t(std::ceil(self->_gridPosition +
+                                      (MediaClock::now() - self->_gridClock - HoldLag) * self->_rate - 0.75));
+        }
+        if (self->_writer && settled > self->_writer->nextSlot()) {
+            Result<> held = self->_writer->holdUntil(settled);
+            self->countHeld();
+            if (!held) {
+                self->_writerFailure = held.error();
+                self->failWithError(held.error());
+                return;
+            }
+        }
+        self->scheduleHold(recording);
+    });
+}
+
+void MovieRecorder::countHeld() {
+    std::lock_guard guard(_lock);
+    _framesHeld = _writer->framesHeld();
 }
 
 Result<> MovieRecorder::createWriterForFrameOfWidth(uint64_t width, uint64_t height) {
@@ -139,6 +177,7 @@ Result<> MovieRecorder::createWriterForFrameOfWidth(uint64_t width, uint64_t hei
     format.width = w;
     format.height = h;
     format.framesPerSecond = _settings.framesPerSecond();
+    format.timeOfDay = _settings.timeOfDay();
     format.megabitsPerSecond = _settings.megabitsPerSecond();
     format.recordsSound = _settings.recordsSound();
     format.preset = _settings.encoderPreset();
@@ -192,14 +231,20 @@ void MovieRecorder::appendPlacements(std::vector<PicturePlacement> placements, d
 }
 
 void MovieRecorder::append(FrameContent content, double time) {
-    int64_t movieTime = 0;
+    int64_t slot = 0;
     {
         std::lock_guard guard(_lock);
         if (!_recording)
             return;
         FramePacerDecision decision = _pacer.decisionForFrameAtTime(time);
+        if (decision.refused)
+            ++_framesDropped;
         if (!decision.keep)
             return;
+        // The picture arrived between half a slot before its slot and half a slot after: where the grid
+        // stands now, on the safe side.
+        _gridPosition = double(decision.slot) - 0.5;
+        _gridClock = MediaClock::now();
         if (!_hasFirstFrame) {
             _hasFirstFrame = true;
             _firstFrameTime = time;
@@ -211,14 +256,14 @@ void MovieRecorder::append(FrameContent content, double time) {
         ++_framesPending;
         // Entered before the lock goes, so that a finish cannot slip in between and miss this frame.
         _framesInFlight.enter();
-        movieTime = MovieTime(decision.time);
+        slot = decision.slot;
     }
-    _queue->post([self = shared_from_this(), content = std::move(content), movieTime] {
-        self->convertFrame(content, movieTime);
+    _queue->post([self = shared_from_this(), content = std::move(content), slot] {
+        self->convertFrame(content, slot);
     });
 }
 
-void MovieRecorder::convertFrame(const FrameContent& content, int64_t time) {
+void MovieRecorder::convertFrame(const FrameContent& content, int64_t slot) {
     const auto* fitted = std::get_if<FittedPicture>(&content);
     if (!_writer) {
         bool recording;
@@ -245,9 +290,9 @@ void MovieRecorder::convertFrame(const FrameContent& content, int64_t time) {
         return;
     }
     const bool transparent = _settings.codec() == Codec::ProRes4444;
-    auto converted = [self = shared_from_this(), time](std::shared_ptr<FrameMemory> memory) {
-        self->_queue->post([self, memory = std::move(memory), time]() mutable {
-            self->appendPixelBuffer(std::move(memory), time);
+    auto converted = [self = shared_from_this(), slot](std::shared_ptr<FrameMemory> memory) {
+        self->_queue->post([self, memory = std::move(memory), slot]() mutable {
+            self->appendPixelBuffer(std::move(memory), slot);
         });
     };
     Result<> converting =
@@ -260,22 +305,21 @@ void MovieRecorder::convertFrame(const FrameContent& content, int64_t time) {
     }
 }
 
-void MovieRecorder::appendPixelBuffer(std::shared_ptr<FrameMemory> memory, int64_t time) {
+void MovieRecorder::appendPixelBuffer(std::shared_ptr<FrameMemory> memory, int64_t slot) {
     bool written = false;
-    // Time stamps strictly increase; a writer dropped by a failure meanwhile takes nothing more.
-    if (memory && _writer && memory->size() == _frameFormat.bytes && (_lastTime < 0 || time > _lastTime)) {
+    // Slots strictly increase; a writer dropped by a failure meanwhile takes nothing more.
+    if (memory && _writer && memory->size() == _frameFormat.bytes && slot >= _writer->nextSlot()) {
         writeWaitingSound();
         uint8_t* bytes = memory->data();
         MovieFrame frame =
             _writer->wrapFrame(bytes, [memory = std::move(memory)]() mutable { memory.reset(); });
         Result<> appended =
-            frame ? _writer->appendFrame(std::move(frame), time) : Result<>(RecorderError(""));
-        if (appended) {
-            _lastTime = time;
+            frame ? _writer->appendFrame(std::move(frame), slot) : Result<>(RecorderError(""));
+        countHeld();
+        if (appended)
             written = true;
-        } else if (_writer->hasFailed()) {
+        else if (_writer->hasFailed())
             _writerFailure = appended.error();
-        }
     }
     frameDoneWritten(written);
     writeWaitingSound();
@@ -302,9 +346,11 @@ void MovieRecorder::forgetPool() {
 
 void MovieRecorder::countWhatTheFileHolds(const MovieWriter& writer) {
     std::lock_guard guard(_lock);
-    const uint64_t lost = _framesWritten - std::min(_framesWritten, writer.framesInFile());
-    _framesWritten -= lost;
-    _framesDropped += lost;
+    // The slots that the file holds are its pictures first, then the held ones.
+    const uint64_t kept = std::min(_framesWritten, writer.framesInFile());
+    _framesDropped += _framesWritten - kept;
+    _framesWritten = kept;
+    _framesHeld = writer.framesInFile() - kept;
     _soundWritten = std::min(_soundWritten, double(writer.soundInFile()) / SoundRate);
 }
 
@@ -316,15 +362,14 @@ Error MovieRecorder::writerError(const char* otherwise) const {
 
 void MovieRecorder::finishAtTime(double time, CompletionHandler completionHandler) {
     bool wasRecording;
-    double duration = 0;
+    int64_t endSlot = 0;
     {
         std::lock_guard guard(_lock);
         wasRecording = _recording;
         _recording = false;
         if (wasRecording)
             _finishing = true;
-        if (_hasFirstFrame)
-            duration = time - _firstFrameTime;
+        endSlot = _pacer.slotAtTime(time);
     }
     if (!wasRecording) {
         EventLoop::postToMain([completionHandler] {
@@ -343,8 +388,8 @@ void MovieRecorder::finishAtTime(double time, CompletionHandler completionHandle
                 completionHandler(error);
         });
     };
-    _framesInFlight.notify(_queue, [self = shared_from_this(), duration, done] {
-        const bool wroteFrame = self->_writer && self->_lastTime >= 0;
+    _framesInFlight.notify(_queue, [self = shared_from_this(), endSlot, done] {
+        const bool wroteFrame = self->_writer && self->_writer->framesWritten() > 0;
         if (wroteFrame)
             self->writeLastSound();
         self->forgetSound();
@@ -356,13 +401,8 @@ void MovieRecorder::finishAtTime(double time, CompletionHandler completionHandle
             done(RecorderError("No frame was received, so no movie was written"));
             return;
         }
-        // A movie on a frame-rate grid ends one slot after its last picture, so that every picture lasts
-        // as long as the others and readers see a constant rate; any other holds its last picture until
-        // the finish.
-        const double rate = self->_settings.framesPerSecond();
-        const int64_t end = rate > 0 ? self->_lastTime + MovieTime(1 / rate)
-                                     : std::max(MovieTime(duration), self->_lastTime + LastFrameHold);
-        Result<> finished = writer->finish(end);
+        // Every movie of a take ends on the slot of the finish, holding its last picture until then.
+        Result<> finished = writer->finish(endSlot);
         self->countWhatTheFileHolds(*writer);
         if (finished)
             done(std::nullopt);
@@ -422,6 +462,11 @@ bool MovieRecorder::isRecording() const {
 uint64_t MovieRecorder::framesWritten() const {
     std::lock_guard guard(_lock);
     return _framesWritten;
+}
+
+uint64_t MovieRecorder::framesHeld() const {
+    std::lock_guard guard(_lock);
+    return _framesHeld;
 }
 
 uint64_t MovieRecorder::framesDropped() const {

@@ -28,7 +28,8 @@ struct SwrContext;
 namespace quorva {
 
 // Writes one QuickTime movie from pictures that arrive in real time, and its sound track from sound
-// blocks. Each frame is paced onto the movie's frame-rate grid, then drawn by the picture engine
+// blocks. Each frame is paced onto the movie's frame-rate grid (a slot that no picture reaches in time
+// shows the last one, or black before the first), then drawn by the picture engine
 // straight into memory that the encoder reads, in the encoder's pixel format: one picture fitted
 // (letterboxed, flipped if need be), or the placements of an assembled picture. It is encoded on the
 // recorder's own serial queue with a time stamp in 1/60000 s. At most three frames are in
@@ -97,8 +98,11 @@ public:
     // Frames handed to the encoder; once the movie has ended, finished or failed, the frames its file
     // holds.
     uint64_t framesWritten() const;
-    // Frames that the pacer kept but that were not written: a fourth in flight, a failed conversion, a
-    // time not later than the last, and those that a failure kept from reaching the file.
+    // Slots of the grid that show the picture before them (black before the first), as no picture came
+    // in time; once the movie has ended, those its file holds.
+    uint64_t framesHeld() const;
+    // Frames that were not written: a second one for a slot, a fourth in flight, a failed conversion, a
+    // slot already filled, and those that a failure kept from reaching the file.
     uint64_t framesDropped() const;
     uint64_t framesPending() const;
     // Seconds of sound track written, silence included; once the movie has ended, what its file holds.
@@ -128,9 +132,13 @@ private:
     void append(FrameContent content, double time);
 
     // On _queue.
+    // Fills, every so often, the slots that no picture can reach any more: a source that stalls still has
+    // its movie go on, and cut into fragments, in step with the others.
+    void scheduleHold(uint64_t recording);
+    void countHeld();
     Result<> createWriterForFrameOfWidth(uint64_t width, uint64_t height);
-    void convertFrame(const FrameContent& content, int64_t time);
-    void appendPixelBuffer(std::shared_ptr<FrameMemory> memory, int64_t time);
+    void convertFrame(const FrameContent& content, int64_t slot);
+    void appendPixelBuffer(std::shared_ptr<FrameMemory> memory, int64_t slot);
     void frameDoneWritten(bool written);
     // Brings the counts down to what the file of `writer`, now ended, holds.
     void countWhatTheFileHolds(const MovieWriter& writer);
@@ -160,7 +168,6 @@ private:
     std::unique_ptr<MovieWriter> _writer;
     FrameFormat _frameFormat;
     std::optional<Error> _writerFailure;
-    int64_t _lastTime = -1; // 1/60000 s; -1 until the first frame is appended
     std::unique_ptr<SoundTimeline> _soundTimeline;
     double _soundRate = 0;
     SwrContext* _resampler = nullptr;
@@ -169,11 +176,19 @@ private:
 
     mutable std::mutex _lock; // guards everything below
     bool _recording = false;
+    uint64_t _recordingNumber = 0; // which recording a scheduled hold belongs to
     bool _finishing = false;
-    FramePacer _pacer{0};
+    FramePacer _pacer;
+    double _rate = 60;
+    // Where the grid stood (a slot, or a little before it) at a moment of the media clock, which the
+    // filling of slots that get no picture counts on from: the start, then each kept picture's arrival.
+    // Counting from arrivals rather than from time stamps keeps it right whatever clock those are on.
+    double _gridPosition = 0;
+    double _gridClock = 0; // 0 until known
     bool _hasFirstFrame = false;
     double _firstFrameTime = 0;
     uint64_t _framesWritten = 0;
+    uint64_t _framesHeld = 0;
     uint64_t _framesDropped = 0;
     uint64_t _framesPending = 0;
     Size _outputSize;

@@ -25,7 +25,7 @@ public:
     void setWidth(int64_t width) { _width = width; }
     int64_t height() const { return _height; }
     void setHeight(int64_t height) { _height = height; }
-    // The most frames a second the movie keeps; 0 or less keeps every frame.
+    // The rate of the movie's frame-rate grid; 0 or less counts as 60.
     double framesPerSecond() const { return _framesPerSecond; }
     void setFramesPerSecond(double framesPerSecond) { _framesPerSecond = framesPerSecond; }
     // Average bit rate of H.264 and HEVC; 0 or less lets the recorder choose from size and frame rate.
@@ -40,6 +40,10 @@ public:
     // Threads of such an encoder; 0 leaves the encoder's own choice, one per processor.
     int64_t encoderThreads() const { return _encoderThreads; }
     void setEncoderThreads(int64_t threads) { _encoderThreads = threads; }
+    // The local time of day at the movie's time 0, in seconds since midnight, where its timecode starts;
+    // negative: no timecode.
+    double timeOfDay() const { return _timeOfDay; }
+    void setTimeOfDay(double timeOfDay) { _timeOfDay = timeOfDay; }
 
 private:
     bool _recordsSound = false;
@@ -50,6 +54,7 @@ private:
     double _megabitsPerSecond = 0;
     std::string _encoderPreset;
     int64_t _encoderThreads = 0;
+    double _timeOfDay = -1;
 };
 
 } // namespace quorva

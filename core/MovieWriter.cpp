@@ -1,6 +1,7 @@
 #include "core/MovieWriter.h"
 
 #include "core/FFmpegHandles.h"
+#include "core/StandardMovie.h"
 #include "platform/Log.h"
 
 extern "C" {
@@ -10,15 +11,18 @@ extern "C" {
 #include <libavutil/imgutils.h>
 #include <libavutil/opt.h>
 #include <libavutil/pixdesc.h>
+#include <libavutil/timecode.h>
 }
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cmath>
 #include <cstdarg>
 #include <cstring>
 #include <fcntl.h>
+#include <map>
 #include <mutex>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -31,8 +35,8 @@ bool IsProRes(Codec codec) {
     return codec == Codec::ProRes422 || codec == Codec::ProRes4444;
 }
 
-double ExpectedRate(double framesPerSecond) {
-    return framesPerSecond > 0 ? framesPerSecond : 60;
+double RateOf(AVRational rate) {
+    return av_q2d(rate);
 }
 
 // Sound is encoded in pieces of this many frames: what the AAC encoder wants, and small enough that
@@ -45,16 +49,29 @@ constexpr int SoundPiece = 1024;
 constexpr int ProResQuantiser = 9;
 
 // delay_moov: the movie's header waits for the first fragment, so that it knows where each track
-// starts and can say so in edit lists: the AAC encoder's priming is hidden that way, not by moving every
-// track later, and a picture track that starts late starts late. frag_custom: the writer cuts the
-// fragments itself (see cutFragment), so that it knows which pictures have reached the file.
+// starts and can say so in edit lists: the AAC encoder's priming is hidden that way. frag_custom: the
+// writer cuts the fragments itself (see cutFragment), so that it knows which pictures have reached the
+// file.
 constexpr const char* MovieFlags = "+delay_moov+frag_custom";
 
-// The first fragment is cut when the pictures reach one second (1/60000 s), so that a movie cut short
-// early by a crash, a kill or a full disk still opens; then one every ten seconds, so that a movie whose
-// writer dies keeps all but its last few seconds.
-constexpr int64_t FirstFragment = MovieWriter::TimeScale;
-constexpr int64_t FragmentDuration = 10 * int64_t(MovieWriter::TimeScale);
+// How many pictures an encoder may hold before the first leaves it: a quarter of a second, so that a
+// fragment cut at each second of pictures that left it holds nearly that second. x264 and x265 look
+// ahead this far at most (their slower presets look further by default); NVENC delays its output as long.
+int EncoderLatency(AVRational rate) {
+    return std::max(1, int(RateOf(rate) / 4));
+}
+
+// The look-ahead of libx264's and libx265's presets, which a shorter latency cuts down (never up: the
+// fastest presets look ahead little or not at all, and longer would cost them time).
+int PresetLookahead(const std::string& encoder, const std::string& preset) {
+    static const std::map<std::string, int> x264 = {{"ultrafast", 0}, {"superfast", 0}, {"veryfast", 10},
+                                                    {"faster", 20},   {"fast", 30},     {"medium", 40}};
+    static const std::map<std::string, int> x265 = {{"ultrafast", 5}, {"superfast", 10}, {"veryfast", 15},
+                                                    {"faster", 15},   {"fast", 15},      {"medium", 20}};
+    const auto& table = encoder == "libx264" ? x264 : x265;
+    const auto found = table.find(preset);
+    return found == table.end() ? 40 : found->second;
+}
 
 Error Closed() {
     return RecorderError("The movie is already closed");
@@ -135,13 +152,14 @@ int OpenVideoEncoder(const VideoEncoder& choice, const MovieWriter::Format& form
     CodecContext context(avcodec_alloc_context3(codec));
     if (!context)
         return AVERROR(ENOMEM);
-    const double rate = ExpectedRate(format.framesPerSecond);
+    const AVRational rate = GridRate(format.framesPerSecond);
     AVCodecContext* c = context.get();
     c->width = int(format.width);
     c->height = int(format.height);
     c->pix_fmt = pixelFormat;
-    c->time_base = AVRational{1, MovieWriter::TimeScale};
-    c->framerate = av_d2q(rate, 1 << 20);
+    // Time stamps count slots of the grid.
+    c->time_base = av_inv_q(rate);
+    c->framerate = rate;
     c->color_primaries = AVCOL_PRI_BT709;
     c->color_trc = AVCOL_TRC_BT709;
     c->colorspace = AVCOL_SPC_BT709;
@@ -160,19 +178,27 @@ int OpenVideoEncoder(const VideoEncoder& choice, const MovieWriter::Format& form
     } else {
         c->bit_rate =
             MovieBitRate(kind, format.width, format.height, format.framesPerSecond, format.megabitsPerSecond);
-        // Editors cut anywhere within two seconds, and a movie cut short loses at most that much.
-        c->gop_size = int(std::ceil(2 * rate));
+        // Editors cut anywhere within two seconds.
+        c->gop_size = int(std::ceil(2 * RateOf(rate)));
         // No reordering: a picture leaves the encoder as soon as it can, so little is held back and the
         // time stamps stay the presentation order.
         c->max_b_frames = 0;
+        const int latency = EncoderLatency(rate);
         if (choice.hardware) {
             av_dict_set(&options, "preset", "p4", 0);
             av_dict_set(&options, "rc", "vbr", 0);
+            av_dict_set_int(&options, "delay", latency, 0);
         } else {
             c->thread_count = int(format.threads);
-            av_dict_set(&options, "preset", SoftwarePreset(format).c_str(), 0);
+            const std::string preset = SoftwarePreset(format);
+            const int lookahead = std::min(latency, PresetLookahead(choice.name, preset));
+            av_dict_set(&options, "preset", preset.c_str(), 0);
             if (kind == Codec::HEVC)
-                av_dict_set(&options, "x265-params", "log-level=error:bframes=0", 0);
+                av_dict_set(&options, "x265-params",
+                            ("log-level=error:bframes=0:rc-lookahead=" + std::to_string(lookahead)).c_str(),
+                            0);
+            else
+                av_dict_set_int(&options, "rc-lookahead", lookahead, 0);
         }
     }
     Probing = choice.hardware;
@@ -219,6 +245,18 @@ int64_t SeekFile(void* opaque, int64_t offset, int whence) {
 
 } // namespace
 
+AVRational GridRate(double framesPerSecond) {
+    if (!(framesPerSecond > 0) || !std::isfinite(framesPerSecond))
+        return {60, 1};
+    const double whole = std::round(framesPerSecond);
+    if (std::fabs(framesPerSecond - whole) < 1e-6 * whole && whole <= INT_MAX)
+        return {int(whole), 1};
+    const double ntsc = std::round(framesPerSecond * 1.001);
+    if (std::fabs(framesPerSecond - ntsc / 1.001) < 1e-4 * ntsc && ntsc * 1000 <= INT_MAX)
+        return {int(ntsc) * 1000, 1001};
+    return av_d2q(framesPerSecond, 1000000);
+}
+
 Error RecorderError(std::string message) {
     return Error(MovieRecorderErrorDomain, -1, std::move(message));
 }
@@ -228,7 +266,7 @@ int64_t MovieBitRate(Codec codec, int64_t width, int64_t height, double framesPe
     if (megabitsPerSecond > 0)
         return std::llround(megabitsPerSecond * 1000000);
     const double factor = codec == Codec::HEVC ? 0.06 : 0.1;
-    const double bits = factor * ExpectedRate(framesPerSecond) * double(width) * double(height);
+    const double bits = factor * RateOf(GridRate(framesPerSecond)) * double(width) * double(height);
     return std::max<int64_t>(std::llround(bits), 1000000);
 }
 
@@ -243,24 +281,26 @@ struct MovieWriter::State {
     AVStream* audioStream = nullptr;
     AVBufferPool* pool = nullptr;
     Packet packet;
-    // The newest picture's packet waits for the next one: only then is its duration known, and at the
-    // end it is the one that holds the last picture until the movie's end.
-    Packet heldVideo;
-    bool holdsVideo = false;
+    // The last picture sent, which the slots after it show until the next one comes.
+    MovieFrame last;
     // Sound not yet encoded, interleaved stereo, from soundRead on; it starts at soundEncoded (frames).
     std::vector<float> sound;
     size_t soundRead = 0;
     int64_t soundEncoded = 0;
-    // What the muxer has been handed, and where the next fragment is due (1/60000 s of pictures).
+    // What the muxer has been handed, and where the next fragment is due (in slots).
     uint64_t picturesMuxed = 0;
     bool soundMuxed = false;
     int64_t soundMuxedEnd = 0; // 48 kHz frames; the AAC encoder's priming lies before 0
     bool headerWritten = false;
-    int64_t nextFragment = FirstFragment;
+    int64_t nextFragment = 0;
     // The file's size at the end of the last complete fragment: what a failure leaves is cut back to it.
     int64_t fileEnd = 0;
+    // Follows the fragments as they reach the file, to make a standard movie of them at the finish;
+    // nothing once it could not (the movie then stays fragmented, which every reader still opens).
+    std::unique_ptr<StandardMovie> standard;
 
     ~State() {
+        standard.reset();
         if (pool)
             av_buffer_pool_uninit(&pool);
         video.reset();
@@ -279,7 +319,10 @@ struct MovieWriter::State {
 };
 
 MovieWriter::MovieWriter(std::filesystem::path path, Format format)
-    : _path(std::move(path)), _format(format), _state(std::make_unique<State>()) {}
+    : _path(std::move(path)), _format(format), _state(std::make_unique<State>()),
+      _rate(GridRate(format.framesPerSecond)) {
+    _state->nextFragment = fragmentSlots();
+}
 
 MovieWriter::~MovieWriter() {
     close(false);
@@ -309,7 +352,8 @@ Result<std::unique_ptr<MovieWriter>> MovieWriter::make(const std::filesystem::pa
 
 Result<> MovieWriter::openFile() {
     State& s = *_state;
-    s.fd = ::open(_path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    // Read too: the fragments' headers are read back as they are written (see StandardMovie).
+    s.fd = ::open(_path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
     if (s.fd < 0) {
         if (errno == EEXIST)
             return RecorderError("“" + _path.filename().string() + "” already exists");
@@ -317,6 +361,7 @@ Result<> MovieWriter::openFile() {
         return RecorderError("The movie file could not be created");
     }
     s.created = true;
+    s.standard = std::make_unique<StandardMovie>(s.fd);
     constexpr int BufferSize = 1 << 16;
     auto* buffer = static_cast<unsigned char*>(av_malloc(BufferSize));
     if (buffer)
@@ -331,8 +376,7 @@ Result<> MovieWriter::openFile() {
     s.muxer->pb = s.io;
     s.muxer->flags |= AVFMT_FLAG_CUSTOM_IO;
     s.packet.reset(av_packet_alloc());
-    s.heldVideo.reset(av_packet_alloc());
-    if (!s.packet || !s.heldVideo)
+    if (!s.packet)
         return RecorderError("The movie file could not be created");
     return {};
 }
@@ -436,9 +480,22 @@ Result<> MovieWriter::openAudio() {
 Result<> MovieWriter::writeHeader() {
     State& s = *_state;
     AVDictionary* options = nullptr;
-    // The movie's own clock as fine as the pictures', so that an edit list (a track that starts late)
-    // lands exactly on the 1/60000 grid rather than on whole milliseconds.
+    // The movie's own clock as fine as the common frame rates' grids (60000 is a multiple of 24, 25,
+    // 30, 50 and 60 and of their NTSC fractions), so that edit lists fall on slots rather than on whole
+    // milliseconds.
     av_dict_set(&options, "movie_timescale", "60000", 0);
+    // The timecode of time 0, which FFmpeg writes as a QuickTime timecode track tied to the pictures':
+    // every movie of a take starts at the same time of day, so that an editor lines them up by it.
+    if (_format.timeOfDay >= 0) {
+        AVTimecode timecode;
+        const bool drop = _rate.den == 1001 && (_rate.num == 30000 || _rate.num == 60000);
+        const auto frames = int(std::floor(_format.timeOfDay * RateOf(_rate)));
+        char text[AV_TIMECODE_STR_SIZE];
+        if (av_timecode_init(&timecode, _rate,
+                             AV_TIMECODE_FLAG_24HOURSMAX | (drop ? AV_TIMECODE_FLAG_DROPFRAME : 0), 0,
+                             nullptr) >= 0)
+            av_dict_set(&s.muxer->metadata, "timecode", av_timecode_make_string(&timecode, text, frames), 0);
+    }
     av_dict_set(&options, "movflags", MovieFlags, 0);
     int result = avformat_write_header(s.muxer, &options);
     av_dict_free(&options);
@@ -504,7 +561,7 @@ Result<> MovieWriter::fail(const std::string& what, int code) {
     return *_failure;
 }
 
-Result<> MovieWriter::appendFrame(MovieFrame frame, int64_t time) {
+Result<> MovieWriter::appendFrame(MovieFrame frame, int64_t slot) {
     if (_failure)
         return *_failure;
     if (!_state)
@@ -512,20 +569,108 @@ Result<> MovieWriter::appendFrame(MovieFrame frame, int64_t time) {
     if (!frame || frame->format != _pixelFormat || frame->width != _format.width ||
         frame->height != _format.height)
         return RecorderError("A picture of another format or size cannot be written to this movie");
-    if (time <= _lastTime)
+    if (slot < _nextSlot)
         return RecorderError("A picture cannot be written at or before the time of the last one");
-    frame->pts = time;
-    frame->pict_type = AV_PICTURE_TYPE_NONE;
+    if (Result<> held = holdUntil(slot); !held)
+        return held;
     TagColours(frame.get());
-    Result<> result = encodeVideo(frame.get());
-    if (!result)
-        return result;
-    _lastTime = time;
+    _state->last = std::move(frame);
+    if (Result<> sent = encodeVideo(_state->last.get(), slot); !sent)
+        return sent;
     ++_framesWritten;
-    return time >= _state->nextFragment ? cutFragment(time) : Result<>();
+    return receiveVideoPackets();
 }
 
-Result<> MovieWriter::cutFragment(int64_t time) {
+Result<> MovieWriter::holdUntil(int64_t slot) {
+    if (_failure)
+        return *_failure;
+    if (!_state)
+        return Closed();
+    State& s = *_state;
+    if (slot > _nextSlot && !s.last) {
+        s.last = blackFrame();
+        if (!s.last)
+            return fail("The movie could not be written", AVERROR(ENOMEM));
+    }
+    // The encoder takes a reference of its own each time, so one frame serves every slot it holds.
+    while (_nextSlot < slot) {
+        if (Result<> sent = encodeVideo(s.last.get(), _nextSlot); !sent)
+            return sent;
+        ++_framesHeld;
+        if (Result<> received = receiveVideoPackets(); !received)
+            return received;
+    }
+    return {};
+}
+
+MovieFrame MovieWriter::blackFrame() {
+    MovieFrame frame = makeFrame();
+    if (!frame)
+        return nullptr;
+    ptrdiff_t lines[4];
+    for (int i = 0; i < 4; ++i)
+        lines[i] = frame->linesize[i];
+    if (av_image_fill_black(frame->data, lines, _pixelFormat, AVCOL_RANGE_MPEG, frame->width, frame->height) <
+        0)
+        return nullptr;
+    // Before its source comes, a movie with transparency is clear rather than black.
+    if (_pixelFormat == AV_PIX_FMT_YUVA444P10LE)
+        for (int y = 0; y < frame->height; ++y)
+            std::memset(frame->data[3] + ptrdiff_t(y) * frame->linesize[3], 0, size_t(frame->width) * 2);
+    return frame;
+}
+
+Result<> MovieWriter::encodeVideo(AVFrame* frame, int64_t slot) {
+    if (frame) {
+        frame->pts = slot;
+        frame->pict_type = AV_PICTURE_TYPE_NONE;
+    }
+    const int result = avcodec_send_frame(_state->video.get(), frame);
+    if (result < 0)
+        return fail("The movie could not be written", result);
+    if (frame)
+        _nextSlot = slot + 1;
+    return {};
+}
+
+// Hands every packet that the encoder has ready to the muxer, each lasting one slot, and cuts a fragment
+// at each second of pictures handed over.
+Result<> MovieWriter::receiveVideoPackets() {
+    State& s = *_state;
+    for (;;) {
+        int result = avcodec_receive_packet(s.video.get(), s.packet.get());
+        if (result == AVERROR(EAGAIN) || result == AVERROR_EOF)
+            return {};
+        if (result >= 0) {
+            AVPacket* packet = s.packet.get();
+            packet->duration = 1;
+            packet->stream_index = s.videoStream->index;
+            av_packet_rescale_ts(packet, s.video->time_base, s.videoStream->time_base);
+            result = av_write_frame(s.muxer, packet);
+            av_packet_unref(packet);
+            if (result >= 0)
+                result = s.io->error;
+        }
+        if (result < 0)
+            return fail("The movie could not be written", result);
+        ++s.picturesMuxed;
+        if (int64_t(s.picturesMuxed) >= s.nextFragment) {
+            if (Result<> cut = cutFragment(); !cut)
+                return cut;
+            s.nextFragment += fragmentSlots();
+        }
+    }
+}
+
+// A fragment is cut at every second (by default) of pictures that reach the muxer, so that a movie cut
+// short by a crash, a kill or a full disk loses that and what the encoder still holds, no more. The
+// encoder is kept from holding more than a quarter of a second (see EncoderLatency).
+int64_t MovieWriter::fragmentSlots() const {
+    const double seconds = _format.fragmentSeconds > 0 ? _format.fragmentSeconds : 1;
+    return std::max<int64_t>(1, int64_t(std::ceil(seconds * RateOf(_rate))));
+}
+
+Result<> MovieWriter::cutFragment() {
     State& s = *_state;
     // The first fragment carries the movie's header, which says where each track starts, so every track
     // must have begun. A sound track still empty then would keep the whole movie in memory, unreadable if
@@ -536,7 +681,6 @@ Result<> MovieWriter::cutFragment(int64_t time) {
         if (!started)
             return started;
     }
-    // The encoder may still hold every picture since the last fragment: the cut waits for one.
     if (s.picturesMuxed == _framesInFile || (s.audio && !s.soundMuxed))
         return {};
     // The first call writes the header alone, which waited for this moment; the fragment follows.
@@ -548,52 +692,21 @@ Result<> MovieWriter::cutFragment(int64_t time) {
     if (size < 0)
         return fail("The movie could not be written", int(size));
     s.fileEnd = size;
-    s.nextFragment = time + FragmentDuration;
     _framesInFile = s.picturesMuxed;
     _soundInFile = std::max<int64_t>(s.soundMuxedEnd, 0);
+    followFragments();
     return {};
 }
 
-Result<> MovieWriter::encodeVideo(AVFrame* frame) {
+void MovieWriter::followFragments() {
     State& s = *_state;
-    int result = avcodec_send_frame(s.video.get(), frame);
-    if (result < 0)
-        return fail("The movie could not be written", result);
-    for (;;) {
-        result = avcodec_receive_packet(s.video.get(), s.packet.get());
-        if (result == AVERROR(EAGAIN) || result == AVERROR_EOF)
-            return {};
-        if (result < 0)
-            return fail("The movie could not be written", result);
-        Result<> written = writeVideoPacket(s.packet.get(), s.packet->pts);
-        if (!written)
-            return written;
+    if (!s.standard)
+        return;
+    if (Result<> followed = s.standard->follow(s.fileEnd); !followed) {
+        Log("MovieRecorder: ",
+            _path.filename().string() + " stays fragmented: " + followed.error().message());
+        s.standard.reset();
     }
-}
-
-// Writes the held picture, now that the next one (at `nextTime`) fixes its duration, and holds `packet`
-// instead; a null packet writes the held one alone.
-Result<> MovieWriter::writeVideoPacket(AVPacket* packet, int64_t nextTime) {
-    State& s = *_state;
-    if (s.holdsVideo) {
-        AVPacket* held = s.heldVideo.get();
-        held->duration = nextTime > held->pts ? nextTime - held->pts : 1;
-        held->stream_index = s.videoStream->index;
-        av_packet_rescale_ts(held, s.video->time_base, s.videoStream->time_base);
-        int result = av_write_frame(s.muxer, held);
-        av_packet_unref(held);
-        s.holdsVideo = false;
-        if (result >= 0)
-            result = s.io->error;
-        if (result < 0)
-            return fail("The movie could not be written", result);
-        ++s.picturesMuxed;
-    }
-    if (packet) {
-        av_packet_move_ref(s.heldVideo.get(), packet);
-        s.holdsVideo = true;
-    }
-    return {};
 }
 
 Result<> MovieWriter::appendSound(const float* samples, int64_t frameCount, int64_t position) {
@@ -711,7 +824,7 @@ Result<> MovieWriter::writeSoundPackets() {
     }
 }
 
-Result<> MovieWriter::finish(int64_t endTime) {
+Result<> MovieWriter::finish(int64_t endSlot) {
     if (_failure) {
         close(false);
         return *_failure;
@@ -723,24 +836,23 @@ Result<> MovieWriter::finish(int64_t endTime) {
         return RecorderError("No frame was received, so no movie was written");
     }
     State& s = *_state;
-    if (s.audio) {
-        // Sound past the end would outlast the pictures; what is still buffered of it is dropped.
-        const int64_t end = endTime * SoundRate / TimeScale;
+    Result<> result = holdUntil(std::max(endSlot, _nextSlot));
+    if (result && s.audio) {
+        // The sound ends with the pictures: what is buffered past the end is dropped, and a track that
+        // falls short is made up with silence, so that every track of the movie lasts as long.
+        const int64_t end = av_rescale_q(_nextSlot, av_inv_q(_rate), AVRational{1, SoundRate});
         const int64_t excess =
             std::clamp<int64_t>(s.soundEncoded + s.soundFrames() - end, 0, s.soundFrames());
         s.sound.resize(s.sound.size() - size_t(2 * excess));
-        Result<> result = encodeSound(true);
-        if (!result) {
-            close(false);
-            return result;
-        }
+        if (_soundPosition < end)
+            result = appendSound(nullptr, end - _soundPosition, _soundPosition);
+        if (result)
+            result = encodeSound(true);
     }
-    Result<> result = encodeVideo(nullptr);
-    if (result && s.holdsVideo) {
-        const int64_t frame = std::llround(TimeScale / ExpectedRate(_format.framesPerSecond));
-        const int64_t last = s.heldVideo->pts;
-        result = writeVideoPacket(nullptr, endTime > last ? endTime : last + std::max<int64_t>(frame, 1));
-    }
+    if (result)
+        result = encodeVideo(nullptr, 0);
+    if (result)
+        result = receiveVideoPackets();
     if (result) {
         int code = av_write_trailer(s.muxer);
         if (code >= 0) {
@@ -754,10 +866,26 @@ Result<> MovieWriter::finish(int64_t endTime) {
         } else {
             _framesInFile = s.picturesMuxed;
             _soundInFile = std::max<int64_t>(s.soundMuxedEnd, 0);
+            s.fileEnd = avio_size(s.io);
+            makeStandard();
         }
     }
     close(false);
     return result;
+}
+
+// The finished movie, complete and synced as it is, becomes a standard one. That fails only where the
+// disk fails, and then the movie stays fragmented: still whole, so not a failure of the take.
+void MovieWriter::makeStandard() {
+    followFragments();
+    State& s = *_state;
+    if (!s.standard)
+        return;
+    Result<> made = s.standard->appendStandardHeader();
+    if (made)
+        made = s.standard->hideFragments();
+    if (!made)
+        Log("MovieRecorder: ", _path.filename().string() + " stays fragmented: " + made.error().message());
 }
 
 void MovieWriter::cancel() {

@@ -38,20 +38,27 @@ struct AVFrameFree {
 // A picture or sound frame that the writer hands out or takes in.
 using MovieFrame = std::unique_ptr<AVFrame, AVFrameFree>;
 
-// One QuickTime movie written with FFmpeg: a picture track and, if asked for, a 48 kHz stereo sound
-// track. It is what the movie recorder drives from its serial queue; it is not safe to call from two
-// threads at once. Pictures and sound are encoded and handed to the muxer as they come, and the movie is
-// cut into fragments, the first when the pictures reach 1 s and then one every 10 s, so a movie whose
-// writer dies is still readable up to its last complete fragment. The movie's header goes out with the
-// first fragment (so that it can say where each track starts): until then the file is empty. Nothing
-// reaches the file but whole fragments, so a full disk shows as a failure of appendFrame() ("The movie
-// could not be written: No space left on device"), and the file then keeps its complete fragments only.
+// The exact rate of a movie's frame-rate grid: whole rates as they are, the NTSC rates (29.97, 59.94,
+// 23.976…) as their thousand-and-first fractions, anything else to within a millionth; 0 or less (or not
+// a number) counts as 60.
+AVRational GridRate(double framesPerSecond);
+
+// One QuickTime movie written with FFmpeg: a picture track at a constant frame rate, a timecode track
+// and, if asked for, a 48 kHz stereo sound track. It is what the movie recorder drives from its serial
+// queue; it is not safe to call from two threads at once. Pictures and sound are encoded and handed to
+// the muxer as they come, and the movie is cut into fragments (of a second of pictures unless the format
+// says otherwise), so a movie whose writer dies is still readable up to its last complete fragment. The
+// movie's header goes out with the first fragment (so that it can say where each track starts): until then
+// the file is empty. Nothing reaches the file but whole fragments, so a full disk shows as a failure of
+// appendFrame() ("The movie could not be written: No space left on device"), and the file then keeps its
+// complete fragments only. A clean finish turns the fragments into a standard movie, with one header for the
+// whole.
 //
-// Times of pictures are in 1/60000 s; positions of sound are in frames at 48000 a second; both count from
-// the movie's time 0.
+// Pictures lie on slots of the frame-rate grid, counted from the movie's time 0; a slot that gets no
+// picture shows the one before it (black before the first), so that every slot holds a picture and
+// editors read a constant rate. Positions of sound are in frames at 48000 a second from time 0.
 class MovieWriter {
 public:
-    static constexpr int TimeScale = 60000;
     static constexpr int SoundRate = 48000;
 
     // What one movie is to be. The size is the movie's own (even, at least 2): the caller has already
@@ -60,7 +67,7 @@ public:
         Codec codec = Codec::H264;
         int64_t width = 0;
         int64_t height = 0;
-        double framesPerSecond = 0;   // the expected rate; 0 means unknown and counts as 60
+        double framesPerSecond = 0;   // the rate of the grid, as GridRate() reads it
         double megabitsPerSecond = 0; // H.264 and HEVC only; 0 chooses from size and rate
         bool recordsSound = false;
         // The speed preset of libx264 and libx265 ("ultrafast" … "medium"), which the take chooses for
@@ -68,6 +75,12 @@ public:
         std::string preset{};
         // Threads of libx264 and libx265; 0 lets the encoder take as many as there are processors.
         int64_t threads = 0;
+        // The local time of day at the movie's time 0, in seconds since midnight, which its timecode
+        // starts at; negative: no timecode track.
+        double timeOfDay = -1;
+        // Seconds of pictures in each fragment: what a writer that dies loses at most, less what the
+        // encoder still held.
+        double fragmentSeconds = 1;
     };
 
     // Creates the file (never replacing one: "“name” already exists"), opens the encoders and writes the
@@ -107,9 +120,14 @@ public:
     // has already been called).
     MovieFrame wrapFrame(uint8_t* memory, std::function<void()> release);
 
-    // Encodes a picture at `time` (1/60000 s), which must be later than the last picture's. Whatever the
-    // encoder has ready goes on to the muxer, and to the file when a fragment is due.
-    Result<> appendFrame(MovieFrame frame, int64_t time);
+    // Encodes a picture for `slot`, which must be later than the last slot written; the slots between
+    // show the picture before (black before the first). Whatever the encoder has ready goes on to the
+    // muxer, and to the file when a fragment is due.
+    Result<> appendFrame(MovieFrame frame, int64_t slot);
+    // Fills the slots before `slot` that have no picture yet with the last one (or black).
+    Result<> holdUntil(int64_t slot);
+    // The first slot without a picture.
+    int64_t nextSlot() const { return _nextSlot; }
     // Appends interleaved float stereo sound (or silence when `samples` is null) at `position` (48 kHz
     // frames). A position past the end of what was appended is reached with silence; frames before that
     // end are left out, as they cannot be written twice. Without a sound track, refused.
@@ -117,20 +135,21 @@ public:
     // then: the first fragment carries the header, which waits for every track to have begun.
     Result<> appendSound(const float* samples, int64_t frameCount, int64_t position);
 
-    // Ends the movie at `endTime` (1/60000 s): the last picture is held until then (or for one frame at
-    // the expected rate if the end is not later than it); sound past the end that is not encoded yet is
-    // dropped (at most one piece of 1024 frames already encoded may outlast the pictures); the encoders
-    // are drained and the file completed and synced. After a failure, the file keeps its complete
+    // Ends the movie before slot `endSlot` (or after its last picture, if that is later): the last picture
+    // is held until then; sound is cut there or made up to it with silence (at most one piece of 1024
+    // frames already encoded may outlast the pictures); the encoders are drained, the file completed as a
+    // standard movie and synced. After a failure, the file keeps its complete
     // fragments (it is removed if it has none) and the failure is the answer. A movie without a picture
     // is not kept: the file is removed and the answer is "No frame was received, so no movie was written".
-    Result<> finish(int64_t endTime);
+    Result<> finish(int64_t endSlot);
     // Closes the movie and removes its file.
     void cancel();
     // After finish() or cancel(), every call but the getters answers "The movie is already closed".
 
-    // Pictures appended.
+    // Pictures appended, and slots filled by holding the one before.
     uint64_t framesWritten() const { return _framesWritten; }
-    // What the file holds for certain: the pictures, and the sound in 48 kHz frames, of the fragments
+    uint64_t framesHeld() const { return _framesHeld; }
+    // What the file holds for certain: the slots, and the sound in 48 kHz frames, of the fragments
     // that reached it (all that was appended once finish() succeeded).
     uint64_t framesInFile() const { return _framesInFile; }
     int64_t soundInFile() const { return _soundInFile; }
@@ -150,13 +169,19 @@ private:
     Result<> writeHeader();
     // A picture over `buffer` (taken over), laid out as frameFormat() says.
     MovieFrame frameOver(AVBufferRef* buffer);
-    Result<> encodeVideo(AVFrame* frame);
-    Result<> writeVideoPacket(AVPacket* packet, int64_t nextTime);
+    // Sends `frame` to the encoder for `slot`; nothing drains it.
+    Result<> encodeVideo(AVFrame* frame, int64_t slot);
+    Result<> receiveVideoPackets();
     Result<> encodeSound(bool draining);
     Result<> writeSoundPackets();
-    // Sends what the muxer holds to the file as one fragment, once it holds a picture (the encoder may
-    // still have them all); `time` is the newest picture's.
-    Result<> cutFragment(int64_t time);
+    // Sends what the muxer holds to the file as one fragment.
+    Result<> cutFragment();
+    int64_t fragmentSlots() const;
+    // Reads what the file gained up to its last complete fragment, for the standard movie.
+    void followFragments();
+    void makeStandard();
+    // A black picture (clear in ProRes 4444), for the slots before the first picture.
+    MovieFrame blackFrame();
     // Notes the first failure of writing, which every later call answers with.
     Result<> fail(const std::string& what, int code);
     void close(bool remove);
@@ -167,8 +192,10 @@ private:
     AVPixelFormat _pixelFormat = AV_PIX_FMT_NONE;
     FrameFormat _frameFormat;
     std::unique_ptr<State> _state;
-    int64_t _lastTime = -1;
+    AVRational _rate{60, 1};
+    int64_t _nextSlot = 0;
     uint64_t _framesWritten = 0;
+    uint64_t _framesHeld = 0;
     uint64_t _framesInFile = 0;
     int64_t _soundInFile = 0;
     int64_t _soundPosition = 0;

@@ -1,14 +1,17 @@
 #include "platform/Log.h"
+#include "platform/MediaClock.h"
 #include "sources/ToneGenerator.h"
 #include "tests/core/MovieRecorderFixture.h"
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <fstream>
 #include <mutex>
 #include <random>
 #include <string>
 #include <sys/mount.h>
+#include <thread>
 #include <tuple>
 
 namespace quorva {
@@ -35,8 +38,8 @@ protected:
 
 // A second of 30 frames that arrive off the grid, with tone in 10 ms blocks: the movie is written by the
 // codec's encoder (and says which), takes the first frame's size made even, has the codec's tag, planes
-// and BT.709 colour, puts every frame on its slot of the 1/60000 grid in order, and its sound lasts as
-// long as its pictures.
+// and BT.709 colour, puts every frame on its slot of the grid in order, and its sound lasts as long as
+// its pictures.
 TEST_P(MovieRecorderCodecs, RecordsFramesAndSoundThatDecodeBack) {
     const Codec codec = std::get<0>(GetParam());
     // Decoders may give more bits than were written (ProRes 4444 decodes to 12), never other planes.
@@ -93,7 +96,7 @@ TEST_P(MovieRecorderCodecs, RecordsFramesAndSoundThatDecodeBack) {
     EXPECT_EQ(movie.range, AVCOL_RANGE_MPEG);
     ASSERT_EQ(movie.times.size(), 30u);
     for (size_t i = 0; i < movie.times.size(); ++i)
-        EXPECT_EQ(movie.times[i], int64_t(i) * 2000) << "picture " << i;
+        EXPECT_EQ(std::llround(double(movie.times[i]) * movie.timeBase * 30), int64_t(i)) << "picture " << i;
     EXPECT_NEAR(movie.videoDuration, 1.0, 1e-6);
     EXPECT_EQ(movie.reordered, 0);
     // The colour in BT.709 limited range, on the 8-bit scale: Y 153.3, Cb 71.3, Cr 150.4. The picture is
@@ -132,7 +135,7 @@ INSTANTIATE_TEST_SUITE_P(EachCodecAndEngine, MovieRecorderCodecs,
 // A picture wider than the movie is letterboxed; ProRes 4444 keeps the bars transparent. Flipped, it
 // is mirrored top to bottom.
 TEST_P(MovieRecorderEngineTest, FitsAPictureInsideTheMovieAndFlipsIt) {
-    ASSERT_TRUE(recorder->startWritingToURL(folder / "fit.mov", Settings(ProRes4444, 320, 240, 0, false)));
+    ASSERT_TRUE(recorder->startWritingToURL(folder / "fit.mov", Settings(ProRes4444, 320, 240, 10, false)));
     // Red above, blue below; fitted, it fills rows 60 to 179.
     auto picture = MakePicture(*engine, 320, 120, [](uint32_t, uint32_t y) {
         return y < 60 ? Pixel{0, 0, 255, 255} : Pixel{255, 0, 0, 255};
@@ -156,6 +159,32 @@ TEST_P(MovieRecorderEngineTest, FitsAPictureInsideTheMovieAndFlipsIt) {
         const bool redOnTop = sample(2, 80) > sample(2, 160) && sample(1, 80) < sample(1, 160);
         EXPECT_EQ(redOnTop, flipped == 0);
     }
+}
+
+// A source that stalls: its movie goes on showing its last picture, in time with the clock, so that it is
+// as long as the take and its fragments reach the file as they would; the pictures before its first are
+// black.
+TEST_F(MovieRecorderTest, ASlotThatNoPictureReachesShowsTheOneBefore) {
+    const double start = MediaClock::now();
+    ASSERT_TRUE(
+        recorder->startWritingToURL(folder / "stall.mov", Settings(H264, 160, 120, 30, false), start));
+    auto picture = MakeSolidPicture(*engine, 160, 120, {250, 250, 250, 255});
+    ASSERT_TRUE(testing::WaitFor([&] { return MediaClock::now() > start + 0.2; }));
+    for (int i = 0; i < 5; ++i) {
+        ASSERT_TRUE(Append(picture, MediaClock::now()));
+        std::this_thread::sleep_for(std::chrono::milliseconds(33));
+    }
+    // Nothing more comes: the slots fill on their own, half a second late.
+    ASSERT_TRUE(testing::WaitFor([&] { return recorder->framesHeld() >= 30; }));
+    const double end = MediaClock::now();
+    EXPECT_FALSE(Finish(end));
+    EXPECT_EQ(recorder->framesWritten(), 5u);
+    const Movie movie = ReadMovie(folder / "stall.mov", {{80, 60}});
+    EXPECT_EQ(movie.times.size(), 5 + recorder->framesHeld());
+    EXPECT_NEAR(double(movie.times.size()), (end - start) * 30, 1.5);
+    ASSERT_GE(movie.lumas.size(), 5u);
+    EXPECT_NEAR(movie.lumas[0][0], 16, 3) << "black before the first picture";
+    EXPECT_GT(movie.lumas.back()[0], 200) << "the last picture held";
 }
 
 // Sound at 44.1 kHz that begins 1.5 s after the first frame: the track starts with 1.5 s of silence and
@@ -239,8 +268,8 @@ TEST_F(MovieRecorderTest, AfterAFullDiskTheCountsSayWhatTheFileHolds) {
     ASSERT_TRUE(
         recorder->startWritingToURL(folder / "full.mov", Settings(ProRes422, 320, 240, 10, true), T0));
     {
-        // The first fragment (a second of pictures) fits; the next (ten more) does not.
-        testing::FileSizeLimit limit(4 << 20);
+        // The first fragment (a second of pictures) fits; the next does not.
+        testing::FileSizeLimit limit(2 << 20);
         ToneGenerator tone;
         for (int i = 0; i < 150 && recorder->isRecording(); ++i) {
             ASSERT_TRUE(Append(noise, T0 + i / 10.0));
@@ -253,7 +282,7 @@ TEST_F(MovieRecorderTest, AfterAFullDiskTheCountsSayWhatTheFileHolds) {
     EXPECT_GE(movie.times.size(), 5u);
     EXPECT_LE(movie.times.size(), 10u);
     EXPECT_EQ(recorder->framesWritten(), movie.times.size());
-    EXPECT_GE(recorder->framesWritten() + recorder->framesDropped(), 111u); // up to the one at 11 s
+    EXPECT_GE(recorder->framesWritten() + recorder->framesDropped(), 21u); // up to the one at 2 s
     EXPECT_DOUBLE_EQ(recorder->soundWritten(), double(movie.soundFrames) / 48000);
 }
 

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <numeric>
 #include <string>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -107,46 +108,74 @@ TEST_F(MovieWriterTest, TheLogNamesTheEncoderAndThePresetOfAProcessorsEncoder) {
     SetLogSink({});
 }
 
-TEST_F(MovieWriterTest, HoldsEachPictureUntilTheNextAndTheLastUntilTheEnd) {
-    std::unique_ptr<MovieWriter> writer = Make("held.mov", Small(H264));
-    ASSERT_TRUE(writer);
-    // Irregular times, as a source with gaps delivers them; the movie ends 2 s in.
-    const int64_t times[] = {0, 2000, 10000, 11000, 30000};
-    for (int64_t time : times)
-        ASSERT_TRUE(writer->appendFrame(writer->makeFrame(), time));
-    ASSERT_TRUE(writer->finish(120000));
-    Movie movie = ReadMovie(_folder / "held.mov");
-    EXPECT_EQ(movie.times, std::vector<int64_t>(std::begin(times), std::end(times)));
-    EXPECT_NEAR(movie.videoDuration, 2.0, 1e-6);
-
-    // An end that is not after the last picture holds it for one frame at the expected rate (30).
-    std::unique_ptr<MovieWriter> early = Make("early.mov", Small(H264));
-    ASSERT_TRUE(early);
-    ASSERT_TRUE(early->appendFrame(early->makeFrame(), 0));
-    ASSERT_TRUE(early->appendFrame(early->makeFrame(), 2400));
-    ASSERT_TRUE(early->finish(2400));
-    EXPECT_NEAR(ReadMovie(_folder / "early.mov").videoDuration, 4400 / 60000.0, 1e-6);
+// The slots of a movie's pictures at `rate`, from their times.
+std::vector<int64_t> Slots(const Movie& movie, double rate) {
+    std::vector<int64_t> slots;
+    for (int64_t time : movie.times)
+        slots.push_back(std::llround(double(time) * movie.timeBase * rate));
+    return slots;
 }
 
-TEST_F(MovieWriterTest, APictureAtOrBeforeTheLastOneIsRefusedAndWritingGoesOn) {
-    std::unique_ptr<MovieWriter> writer = Make("order.mov", Small(H264));
-    ASSERT_TRUE(writer);
-    auto append = [&](int64_t time) { return bool(writer->appendFrame(writer->makeFrame(), time)); };
-    EXPECT_TRUE(append(1000));
-    EXPECT_FALSE(append(1000));
-    EXPECT_FALSE(append(0));
-    EXPECT_TRUE(append(3000));
+TEST(MovieWriterGridRate, KeepsWholeAndNTSCRatesExact) {
+    const auto rate = [](double fps) { return std::pair(GridRate(fps).num, GridRate(fps).den); };
+    EXPECT_EQ(rate(30), std::pair(30, 1));
+    EXPECT_EQ(rate(30000.0 / 1001), std::pair(30000, 1001));
+    EXPECT_EQ(rate(29.97), std::pair(30000, 1001));
+    EXPECT_EQ(rate(59.94), std::pair(60000, 1001));
+    EXPECT_EQ(rate(23.976), std::pair(24000, 1001));
+    EXPECT_EQ(rate(12.5), std::pair(25, 2));
+    EXPECT_EQ(rate(0), std::pair(60, 1));
+    EXPECT_EQ(rate(-1), std::pair(60, 1));
+    EXPECT_EQ(rate(std::nan("")), std::pair(60, 1));
+}
 
+// Every slot holds a picture: black before the first, the one before where none came, the last until
+// the end; a picture for a slot already filled is refused and writing goes on.
+TEST_F(MovieWriterTest, EverySlotHoldsAPictureBlackBeforeTheFirst) {
+    std::unique_ptr<MovieWriter> writer = Make("held.mov", Small(H264));
+    ASSERT_TRUE(writer);
+    // Grey pictures, each a shade of its own: luma 60, 80, 100 against black's 16.
+    const auto grey = [&](int luma) {
+        MovieFrame frame = writer->makeFrame();
+        std::memset(frame->data[0], luma, size_t(frame->linesize[0]) * size_t(frame->height));
+        for (int plane : {1, 2})
+            std::memset(frame->data[plane], 128, size_t(frame->linesize[plane]) * size_t(frame->height / 2));
+        return frame;
+    };
+    for (int64_t slot : {3, 4, 10})
+        ASSERT_TRUE(writer->appendFrame(grey(int(20 * slot)), slot));
+    EXPECT_FALSE(writer->appendFrame(writer->makeFrame(), 10));
+    EXPECT_FALSE(writer->appendFrame(writer->makeFrame(), 2));
+    ASSERT_TRUE(writer->holdUntil(12));
+    EXPECT_EQ(writer->nextSlot(), 12);
     MovieFrame other(av_frame_alloc());
     other->format = AV_PIX_FMT_YUV420P;
     other->width = 640;
     other->height = 480;
     ASSERT_GE(av_frame_get_buffer(other.get(), 0), 0);
-    EXPECT_FALSE(writer->appendFrame(std::move(other), 5000));
-    EXPECT_FALSE(writer->appendFrame(nullptr, 5000));
+    EXPECT_FALSE(writer->appendFrame(std::move(other), 13));
+    EXPECT_FALSE(writer->appendFrame(nullptr, 13));
+    ASSERT_TRUE(writer->finish(15));
+    EXPECT_EQ(writer->framesWritten(), 3u);
+    EXPECT_EQ(writer->framesHeld(), 12u);
+    EXPECT_EQ(writer->framesInFile(), 15u);
 
-    ASSERT_TRUE(writer->finish(6000));
-    EXPECT_EQ(ReadMovie(_folder / "order.mov").times, (std::vector<int64_t>{1000, 3000}));
+    Movie movie = ReadMovie(_folder / "held.mov", {{160, 120}});
+    std::vector<int64_t> slots(15);
+    std::iota(slots.begin(), slots.end(), 0);
+    EXPECT_EQ(Slots(movie, 30), slots);
+    EXPECT_NEAR(movie.videoDuration, 0.5, 1e-6);
+    ASSERT_EQ(movie.lumas.size(), 15u);
+    for (size_t i = 0; i < movie.lumas.size(); ++i)
+        EXPECT_NEAR(movie.lumas[i].at(0), i < 3 ? 16 : i == 3 ? 60 : i < 10 ? 80 : 200, 3) << "slot " << i;
+
+    // An end not after the last picture ends the movie right after it.
+    std::unique_ptr<MovieWriter> early = Make("early.mov", Small(H264));
+    ASSERT_TRUE(early);
+    ASSERT_TRUE(early->appendFrame(early->makeFrame(), 0));
+    ASSERT_TRUE(early->appendFrame(early->makeFrame(), 1));
+    ASSERT_TRUE(early->finish(1));
+    EXPECT_NEAR(ReadMovie(_folder / "early.mov").videoDuration, 2 / 30.0, 1e-6);
 }
 
 // A frame over the caller's memory (a mapped GPU buffer, later) is encoded from that memory and handed
@@ -168,7 +197,7 @@ TEST_F(MovieWriterTest, WrappedMemoryIsEncodedAndReleasedOnce) {
         }
         ASSERT_TRUE(writer->appendFrame(std::move(frame), 0));
     }
-    ASSERT_TRUE(writer->finish(2000));
+    ASSERT_TRUE(writer->finish(1));
     EXPECT_EQ(released.load(), 1);
     Movie movie = ReadMovie(_folder / "wrapped.mov");
     ASSERT_EQ(movie.pictures.size(), 1u);
@@ -194,8 +223,8 @@ TEST_F(MovieWriterTest, SoundGapsAreFilledWithSilenceAndOverlapsLeftOut) {
     ASSERT_TRUE(writer->appendSound(nullptr, 47520, 48480));
     EXPECT_EQ(writer->soundPosition(), 96000);
     for (int i = 0; i < 60; ++i)
-        ASSERT_TRUE(writer->appendFrame(writer->makeFrame(), i * 2000));
-    ASSERT_TRUE(writer->finish(120000));
+        ASSERT_TRUE(writer->appendFrame(writer->makeFrame(), i));
+    ASSERT_TRUE(writer->finish(60));
 
     Movie movie = ReadMovie(_folder / "gap.mov");
     EXPECT_NEAR(double(movie.soundFrames) / 48000, 2.0, 1.0 / 30);
@@ -208,7 +237,7 @@ TEST_F(MovieWriterTest, ASoundTrackThatStaysEmptyDoesNotHoldTheMovieBack) {
     std::unique_ptr<MovieWriter> writer = Make("quiet.mov", Small(H264, true, 10, 160, 120));
     ASSERT_TRUE(writer);
     for (int i = 0; i < 120; ++i) // 12 s
-        ASSERT_TRUE(writer->appendFrame(writer->makeFrame(), i * 6000));
+        ASSERT_TRUE(writer->appendFrame(writer->makeFrame(), i));
     Movie sofar = ReadMovie(_folder / "quiet.mov");
     EXPECT_GE(sofar.times.size(), 100u); // the first fragment is on the disk
     EXPECT_EQ(writer->soundPosition(), 2048);
@@ -216,7 +245,7 @@ TEST_F(MovieWriterTest, ASoundTrackThatStaysEmptyDoesNotHoldTheMovieBack) {
     // Sound that then comes from time 0 loses only what the track already holds.
     std::vector<float> tone = Tone(0, 12 * 48000);
     ASSERT_TRUE(writer->appendSound(tone.data(), 12 * 48000, 0));
-    ASSERT_TRUE(writer->finish(12 * 60000));
+    ASSERT_TRUE(writer->finish(120));
     Movie movie = ReadMovie(_folder / "quiet.mov");
     EXPECT_EQ(movie.times.size(), 120u);
     EXPECT_NEAR(double(movie.soundFrames) / 48000, 12.0, 1.0 / 10);
@@ -229,10 +258,10 @@ TEST_F(MovieWriterTest, SoundPastTheEndIsCutAndAMovieWithoutSoundRefusesIt) {
     std::unique_ptr<MovieWriter> writer = Make("cut.mov", Small(ProRes422, true));
     ASSERT_TRUE(writer);
     for (int i = 0; i < 30; ++i)
-        ASSERT_TRUE(writer->appendFrame(writer->makeFrame(), i * 2000));
+        ASSERT_TRUE(writer->appendFrame(writer->makeFrame(), i));
     std::vector<float> tone = Tone(0, 48000 + 600);
     ASSERT_TRUE(writer->appendSound(tone.data(), 48000 + 600, 0));
-    ASSERT_TRUE(writer->finish(60000));
+    ASSERT_TRUE(writer->finish(30));
     // Sound already encoded past the end stays: at most one piece of 1024 frames.
     Movie movie = ReadMovie(_folder / "cut.mov");
     EXPECT_GE(movie.soundFrames, 48000);
@@ -250,13 +279,13 @@ TEST_F(MovieWriterTest, CancelAndAFinishWithoutPicturesLeaveNoFile) {
     ASSERT_TRUE(cancelled->appendFrame(cancelled->makeFrame(), 0));
     cancelled->cancel();
     EXPECT_FALSE(fs::exists(_folder / "cancelled.mov"));
-    EXPECT_FALSE(cancelled->appendFrame(cancelled->makeFrame(), 1000));
+    EXPECT_FALSE(cancelled->appendFrame(cancelled->makeFrame(), 1));
 
     std::unique_ptr<MovieWriter> empty = Make("empty.mov", Small(HEVC, true));
     ASSERT_TRUE(empty);
     std::vector<float> tone = Tone(0, 4800);
     ASSERT_TRUE(empty->appendSound(tone.data(), 4800, 0));
-    Result<> finished = empty->finish(60000);
+    Result<> finished = empty->finish(30);
     ASSERT_FALSE(finished);
     EXPECT_EQ(finished.error().message(), "No frame was received, so no movie was written");
     EXPECT_FALSE(fs::exists(_folder / "empty.mov"));
@@ -291,8 +320,8 @@ TEST_F(MovieWriterTest, AMovieWithoutACompleteFragmentOnAFullDiskSaysSoAndLeaves
     std::unique_ptr<MovieWriter> late = Make("late.mov", Small(H264));
     ASSERT_TRUE(late);
     for (int i = 0; i < 5; ++i)
-        ASSERT_TRUE(late->appendFrame(late->makeFrame(), i * 2000));
-    Result<> finished = late->finish(10000);
+        ASSERT_TRUE(late->appendFrame(late->makeFrame(), i));
+    Result<> finished = late->finish(5);
     EXPECT_EQ(finished ? "" : finished.error().message(), "The movie could not be finished: File too large");
     EXPECT_FALSE(fs::exists(_folder / "late.mov"));
 
@@ -300,7 +329,7 @@ TEST_F(MovieWriterTest, AMovieWithoutACompleteFragmentOnAFullDiskSaysSoAndLeaves
     ASSERT_TRUE(cut);
     Result<> appended;
     for (int i = 0; i < 45 && appended; ++i)
-        appended = cut->appendFrame(cut->makeFrame(), i * 2000);
+        appended = cut->appendFrame(cut->makeFrame(), i);
     EXPECT_EQ(appended ? "" : appended.error().message(), "The movie could not be written: File too large");
     cut.reset(); // abandoned, as a failed recording leaves it
     EXPECT_FALSE(fs::exists(_folder / "cut.mov"));
@@ -320,8 +349,7 @@ Movie MovieOfAWriterKilledAfter(const fs::path& path, int frames) {
             _exit(1);
         MovieWriter& writer = *made.value();
         for (int i = 0; i < frames; ++i) {
-            if (!writer.appendFrame(writer.makeFrame(), i * 2000) ||
-                !writer.appendSound(nullptr, 1600, i * 1600))
+            if (!writer.appendFrame(writer.makeFrame(), i) || !writer.appendSound(nullptr, 1600, i * 1600))
                 _exit(2);
         }
         raise(SIGKILL);
@@ -332,24 +360,23 @@ Movie MovieOfAWriterKilledAfter(const fs::path& path, int frames) {
     return ReadMovie(path);
 }
 
-// A writer killed half-way leaves a movie that plays up to its last complete fragment, each a stretch of
-// whole key-frame intervals.
+// A writer killed half-way leaves a movie that plays up to its last complete fragment: a fragment is cut
+// at each second of pictures that left the encoder, which holds a quarter of a second at most.
 TEST_F(MovieWriterTest, AMovieWhoseWriterIsKilledStaysReadableUpToItsLastFragment) {
-    // 25 s: the fragments cut 1, 11 and 21 s in are on the disk, less what the encoder still held then;
-    // the last 4 s died with the process.
+    // 25 s: every second that left the encoder is on the disk.
     const Movie movie = MovieOfAWriterKilledAfter(_folder / "killed.mov", 750);
-    ASSERT_GE(movie.times.size(), 570u); // 19 s or more
-    EXPECT_LE(movie.times.size(), 630u); // 21 s or less
-    for (size_t i = 0; i < movie.times.size(); ++i)
-        ASSERT_EQ(movie.times[i], int64_t(i) * 2000) << "picture " << i;
+    ASSERT_GE(movie.times.size(), 690u); // 23 s or more
+    EXPECT_LE(movie.times.size(), 750u);
+    std::vector<int64_t> slots(movie.times.size());
+    std::iota(slots.begin(), slots.end(), 0);
+    EXPECT_EQ(Slots(movie, 30), slots);
     EXPECT_GE(movie.keyFrames, int(movie.times.size()) / 60) << "a key frame at least every two seconds";
     EXPECT_NEAR(double(movie.soundFrames) / 48000, double(movie.times.size()) / 30, 0.5);
 
-    // 1.5 s: the first fragment, cut a second in, opens and plays.
-    const Movie early = MovieOfAWriterKilledAfter(_folder / "early.mov", 45);
-    ASSERT_FALSE(early.times.empty());
-    EXPECT_LE(early.times.size(), 30u);
-    EXPECT_EQ(early.times[0], 0);
+    // 3.5 s: at least 2 s.
+    const Movie early = MovieOfAWriterKilledAfter(_folder / "early.mov", 105);
+    EXPECT_GE(early.times.size(), 60u);
+    EXPECT_LE(early.times.size(), 90u);
     EXPECT_GE(early.keyFrames, 1);
 }
 
