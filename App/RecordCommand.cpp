@@ -226,9 +226,10 @@ bool ReportMovies(const RecorderController& controller) {
         }
         std::error_code ignored;
         if (std::filesystem::exists(movie->url(), ignored))
-            std::printf("%s\t%" PRIu64 " frames\t%" PRIu64 " due\t%" PRIu64 " dropped\t%.2f s of sound\n",
+            std::printf("%s\t%" PRIu64 " frames\t%" PRIu64 " due\t%" PRIu64 " dropped\t%" PRIu64
+                        " held\t%.2f s of sound\n",
                         movie->url().c_str(), movie->framesWritten(), controller.framesDue(*movie),
-                        movie->framesDropped(), movie->soundWritten());
+                        movie->framesDropped(), movie->framesHeld(), movie->soundWritten());
     }
     std::fflush(stdout);
     if (!failed && !controller.recordingError().empty()) {

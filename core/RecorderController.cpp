@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <ctime>
 #include <set>
 #include <utility>
 
@@ -34,6 +35,15 @@ std::string RateText(double rate) {
     if (written.back() == '.')
         written.pop_back();
     return written;
+}
+
+// Seconds since local midnight, now: where the take's timecode starts.
+double LocalTimeOfDay() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    std::tm parts{};
+    localtime_r(&now.tv_sec, &parts);
+    return parts.tm_hour * 3600.0 + parts.tm_min * 60.0 + parts.tm_sec + now.tv_nsec * 1e-9;
 }
 
 std::vector<std::string> TitlesOf(const Places& places) {
@@ -389,6 +399,7 @@ bool RecorderController::start() {
             soundFailure = "The computer's sound is not recorded: " + capturing.error().message();
     }
     plan.time = MediaClock::now();
+    plan.timeOfDay = LocalTimeOfDay();
     if (Result<> started = _take->start(plan); !started) {
         if (_computerSound)
             _computerSound->stop();
@@ -407,8 +418,8 @@ bool RecorderController::start() {
                               plan.settings.codec() == Codec::ProRes4444);
     _startTime = plan.time;
     _dueRates.clear();
-    for (size_t i = 0; i < planned.rates.size() && i < movies.size(); ++i)
-        _dueRates.emplace_back(movies[i], planned.rates[i]);
+    for (size_t i = 0; i < plan.framesPerSecond.size() && i < movies.size(); ++i)
+        _dueRates.emplace_back(movies[i], plan.framesPerSecond[i]);
     if (auto assembled = _take->assembledMovie())
         _dueRates.emplace_back(assembled, planned.assembledRate);
     _encoderPreset = planned.preset.preset;

@@ -51,6 +51,10 @@ uint64_t TakeMovie::framesWritten() const {
 uint64_t TakeMovie::framesDropped() const {
     return _recorder->framesDropped();
 }
+
+uint64_t TakeMovie::framesHeld() const {
+    return _recorder->framesHeld();
+}
 double TakeMovie::soundWritten() const {
     return _recorder->soundWritten();
 }
@@ -116,6 +120,7 @@ Result<> Take::start(const TakePlan& plan) {
         movieSettings.setRecordsSound(computerSound || assembledSoundIndex != NoIndex);
         if (plan.assembledFramesPerSecond > 0)
             movieSettings.setFramesPerSecond(plan.assembledFramesPerSecond);
+        movieSettings.setTimeOfDay(plan.timeOfDay);
         if (plan.assembledEncoderThreads > 0)
             movieSettings.setEncoderThreads(plan.assembledEncoderThreads);
         assembledMovie = std::make_shared<TakeMovie>(movieSettings.recordsSound(), std::string(),
@@ -138,6 +143,9 @@ Result<> Take::start(const TakePlan& plan) {
         movieSettings.setRecordsSound(ownSound || hearsComputer);
         if (i < plan.encoderThreads.size() && plan.encoderThreads[i] > 0)
             movieSettings.setEncoderThreads(plan.encoderThreads[i]);
+        if (i < plan.framesPerSecond.size() && plan.framesPerSecond[i] > 0)
+            movieSettings.setFramesPerSecond(plan.framesPerSecond[i]);
+        movieSettings.setTimeOfDay(plan.timeOfDay);
         auto movie = std::make_shared<TakeMovie>(movieSettings.recordsSound(), titles[i], urls.separate[i],
                                                  _recorders[i]);
         if (Result<> begun = startMovie(movie, i, movieSettings, plan.time); !begun) {

@@ -47,6 +47,7 @@ public:
 
     uint64_t framesWritten() const override;
     uint64_t framesDropped() const override;
+    uint64_t framesHeld() const;
     double soundWritten() const override; // seconds
     double soundLeftOut() const;          // seconds
 
@@ -80,13 +81,18 @@ struct TakePlan {
     std::filesystem::path folder{};
     // The codec, frame rate and bit rate that all the movies share; their sizes come from the above.
     MovieRecorderSettings settings{};
-    // The assembled movie's frame rate where it differs from the settings' (0: the settings' own).
+    // The frame rate of each source's movie, parallel to the titles, and of the assembled movie; a movie
+    // without a rate here (or 0) keeps the settings' own.
+    std::vector<double> framesPerSecond{};
     double assembledFramesPerSecond = 0;
     // Encoder threads of each source's movie, parallel to the titles, and of the assembled movie; a
     // movie without a number here (or 0) keeps the settings' own.
     std::vector<int64_t> encoderThreads{};
     int64_t assembledEncoderThreads = 0;
     double time = 0; // every movie's time origin, on the media clock
+    // The local time of day at that origin, in seconds since midnight, where every movie's timecode
+    // starts; negative: none.
+    double timeOfDay = -1;
 };
 
 // One recording: the movies that start together on one time origin and finish together. It decides

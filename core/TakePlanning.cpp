@@ -27,15 +27,32 @@ std::string TakeNameAt(std::time_t time) {
     return std::string("QuorvaRecorder ") + stamp;
 }
 
-// The pixels a second that one movie's encoder must keep up with. A source that does not say its rate
-// may send as many as a display shows; one whose size is not known yet is taken to be 1080p, the common
-// case.
+// The pixels a second that one movie's encoder must keep up with. A source whose size is not known yet
+// is taken to be 1080p, the common case.
 double PixelsPerSecond(std::optional<Size> size, double rate) {
     const Size known = size.value_or(Size{1920, 1080});
-    return known.width * known.height * (rate > 0 ? rate : 60);
+    return known.width * known.height * rate;
 }
 
+// The rate of a movie whose source has said nothing of its own and sent nothing to measure, nor has the
+// take a clock to follow.
+constexpr double FallbackRate = 30;
+
 } // namespace
+
+double CommonRate(double measured) {
+    static constexpr double Rates[] = {
+        24000.0 / 1001, 24, 25, 30000.0 / 1001, 30, 48, 50, 60000.0 / 1001, 60, 90, 100, 120, 144, 240};
+    if (!(measured > 0.5))
+        return 0;
+    double nearest = Rates[0];
+    for (double rate : Rates)
+        if (std::fabs(rate - measured) < std::fabs(nearest - measured))
+            nearest = rate;
+    return std::fabs(nearest - measured) <= 0.02 * nearest ? nearest : std::round(measured);
+}
+
+namespace {} // namespace
 
 SoundRouting RouteSound(const Places& places, TakeOutput output, std::string_view sound) {
     const bool computerSound = sound == RecorderComputerSound;
@@ -94,13 +111,20 @@ PlannedTake PlanTake(const RecorderSettings& settings, const Places& places,
 
     const double fps = settings.number(Setting::FPS);
     const auto rateOf = [fps](const std::shared_ptr<RecorderPlace>& place) {
+        if (fps > 0)
+            return fps;
         const auto source = place ? place->source() : nullptr;
-        const double rate = source ? source->framesPerSecond() : 0;
-        return fps > 0 ? std::min(rate, fps) : rate;
+        const double announced = source ? source->framesPerSecond() : 0;
+        return announced > 0 ? announced : place ? CommonRate(place->fps()) : 0;
     };
-    for (const auto& place : places)
-        planned.rates.push_back(rateOf(place));
     planned.clockRate = rateOf(clockPlace);
+    if (planned.clockRate <= 0)
+        planned.clockRate = FallbackRate;
+    // A source that is not there yet follows the take's clock.
+    for (const auto& place : places) {
+        const double rate = rateOf(place);
+        plan.framesPerSecond.push_back(rate > 0 ? rate : planned.clockRate);
+    }
 
     MovieRecorderSettings& movie = plan.settings;
     movie.setCodec(settings.codec());
@@ -111,7 +135,7 @@ PlannedTake PlanTake(const RecorderSettings& settings, const Places& places,
     double separateTotal = 0;
     if (separate) {
         for (size_t i = 0; i < places.size(); ++i) {
-            pixels.push_back(PixelsPerSecond(plan.sizes[i], planned.rates[i]));
+            pixels.push_back(PixelsPerSecond(plan.sizes[i], plan.framesPerSecond[i]));
             separateTotal += pixels.back();
         }
     }
@@ -122,8 +146,7 @@ PlannedTake PlanTake(const RecorderSettings& settings, const Places& places,
     if (encoderSpeed) {
         planned.preset =
             encoderSpeed->presetFor(movie.codec(), separateTotal + assembledPixelsAt(planned.clockRate));
-        if (!planned.preset.keepsUp && fps <= 0 && planned.layout && planned.clockRate > 0 &&
-            planned.preset.fastestCovers > 0) {
+        if (!planned.preset.keepsUp && fps <= 0 && planned.layout && planned.preset.fastestCovers > 0) {
             planned.assembledRate = AssembledRateThatFits(planned.clockRate, assembledPixelsAt(1),
                                                           separateTotal, planned.preset.fastestCovers);
             planned.preset = encoderSpeed->presetFor(
@@ -131,8 +154,7 @@ PlannedTake PlanTake(const RecorderSettings& settings, const Places& places,
         }
     }
     // The assembled movie keeps to the rate planned for it, whichever place drives it later.
-    if (fps <= 0 && planned.assembledRate > 0)
-        plan.assembledFramesPerSecond = planned.assembledRate;
+    plan.assembledFramesPerSecond = planned.assembledRate;
     movie.setEncoderPreset(planned.preset.preset);
     const double assembledPixels = assembledPixelsAt(planned.assembledRate);
     const double total = separateTotal + assembledPixels;

@@ -35,10 +35,9 @@ SoundRouting RouteSound(const Places& places, TakeOutput output, std::string_vie
 struct PlannedTake {
     TakePlan plan;
     std::shared_ptr<const Layout> layout; // of the assembled movie; nothing without one
-    // Pictures a second that each place's movie, and the assembled movie, are due: the source's
-    // announced rate (the clock place's for the assembled movie) capped by the frame rate setting; 0
-    // when the source does not say.
-    std::vector<double> rates;
+    // The clock place's rate: the frame rate setting, else the rate that its source announces, else the
+    // common rate nearest what it was measured to send, else 30. The plan gives each place's movie its
+    // rate found the same way, a source not there yet following the clock.
     double clockRate = 0;
     // The assembled movie's rate, which it keeps to: the clock's, or a whole divisor of it where the
     // machine cannot encode every picture of the take.
@@ -46,6 +45,10 @@ struct PlannedTake {
     // The slowest encoder preset that keeps up with every picture of the take at those rates.
     PresetChoice preset;
 };
+
+// The common frame rate (23.976, 24, 25, 29.97, 30, 48, 50, 59.94, 60, 90, 100, 120, 144, 240) within 2%
+// of a measured one, else the measured one rounded to a whole number; 0 for a rate below one a second.
+double CommonRate(double measured);
 
 // The highest of `clockRate`, its half, its third and so on, at which an assembled movie of
 // `assembledPixels` pixels a picture fits, beside `separatePixelsPerSecond`, into `capacity` pixels a
