@@ -1,8 +1,9 @@
 // How many 1920 × 1080 frames a second one MovieRecorder sustains for each codec, beside the ffmpeg
 // command-line tool turning the same BGRA pictures into a movie with the same encoder settings, timed
 // in the same run; the ratio is what to read. A second benchmark times the picture engine's conversion of
-// one picture into each codec's pixel format alone. QUORVA_VULKAN_DEVICE names part of the device to use
-// and QUORVA_PICTURES the engine; their names are in the report's context.
+// one picture into each codec's pixel format alone, and a third what fragments of one second cost a movie
+// against fragments of ten: its size, and the processor time of writing it. QUORVA_VULKAN_DEVICE names part
+// of the device to use and QUORVA_PICTURES the engine; their names are in the report's context.
 #include "bench/BenchSetup.h"
 #include "core/MovieRecorder.h"
 #include "platform/HeadlessEventLoop.h"
@@ -16,6 +17,7 @@
 #include <filesystem>
 #include <future>
 #include <string>
+#include <sys/resource.h>
 #include <thread>
 
 namespace quorva {
@@ -68,7 +70,7 @@ double FFmpegSeconds(int64_t codec) {
     std::filesystem::remove(output);
     const std::string command =
         "ffmpeg -loglevel error -f rawvideo -pix_fmt bgra -s 1920x1080 -r 60 -i pipe:0 " +
-        EncoderOptions(codec) + " -frag_duration 10000000 -movflags +delay_moov -y " + output.string();
+        EncoderOptions(codec) + " -frag_duration 1000000 -movflags +delay_moov -y " + output.string();
     const double start = MediaClock::now();
     FILE* pipe = popen(command.c_str(), "w");
     if (!pipe)
@@ -159,6 +161,65 @@ void ConvertA1080pPicture(benchmark::State& state) {
     state.SetLabel(NameOf(Codec(codec)) + " on " + BenchEngine->name());
 }
 BENCHMARK(ConvertA1080pPicture)->DenseRange(0, 3)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+double ProcessorSeconds() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) * 1e-6;
+}
+
+// Ten seconds of 1080p60 in codec state.range(0), cut into fragments of state.range(1) seconds, written
+// straight by a movie writer from pictures converted once: the file's size and the processor time that
+// the whole process spent writing it (the encoder's threads included), to compare one second with ten.
+void WriteWithFragmentsOf(benchmark::State& state) {
+    const Codec codec = Codec(state.range(0));
+    const Pictures& pictures = TestPictures();
+    auto converter = BenchEngine->makeFrameConverter().value();
+    const std::filesystem::path output = BenchFolder / "fragments.mov";
+    MovieWriter::Format format{.codec = codec,
+                               .width = Width,
+                               .height = Height,
+                               .framesPerSecond = 60,
+                               .recordsSound = true,
+                               .fragmentSeconds = double(state.range(1))};
+    double size = 0, processor = 0;
+    for (auto _ : state) {
+        std::filesystem::remove(output);
+        auto writer = MovieWriter::make(output, format).value();
+        std::vector<std::shared_ptr<FrameMemory>> converted;
+        for (const auto& picture : pictures.pictures) {
+            std::promise<std::shared_ptr<FrameMemory>> done;
+            (void)converter->convert(picture, false, false, writer->frameFormat(),
+                                     [&](std::shared_ptr<FrameMemory> memory) { done.set_value(memory); });
+            converted.push_back(done.get_future().get());
+        }
+        const double start = ProcessorSeconds();
+        for (int i = 0; i < 600; ++i) {
+            const auto& memory = converted[size_t(i % Distinct)];
+            if (!writer->appendFrame(writer->wrapFrame(memory->data(), [memory] {}), i) ||
+                !writer->appendSound(nullptr, 800, int64_t(i) * 800)) {
+                state.SkipWithError("the movie could not be written");
+                return;
+            }
+        }
+        if (!writer->finish(600)) {
+            state.SkipWithError("the movie could not be finished");
+            return;
+        }
+        processor = ProcessorSeconds() - start;
+        size = double(std::filesystem::file_size(output));
+    }
+    std::filesystem::remove(output);
+    state.counters["file_MB"] = size / 1e6;
+    state.counters["processor_s"] = processor;
+    state.SetLabel(NameOf(codec) + ", fragments of " + std::to_string(state.range(1)) + " s");
+}
+BENCHMARK(WriteWithFragmentsOf)
+    ->ArgsProduct({{0, 2}, {1, 10}})
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 
 } // namespace
 } // namespace quorva

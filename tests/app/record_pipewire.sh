@@ -2,7 +2,8 @@
 # quorvarecorder recording another program's pictures through PipeWire, run inside a session of its own
 # (tests/sources/with_pipewire.sh): the publisher is listed, a take of it has its size and the pictures it
 # published, in their colours; a publisher that leaves mid-take and returns at another size is recorded
-# on, fitted into the movie's size; and the computer's sound (a tone played into a null sink) is recorded
+# on, fitted into the movie's size; one that pauses keeps a movie of constant rate and of the take's
+# length; and the computer's sound (a tone played into a null sink) is recorded
 # in step with the pictures, or its absence said. Usage: record_pipewire.sh PATH_TO_QUORVARECORDER
 # The publisher's pictures are small enough for any machine, however slow or busy, to keep every one.
 set -u
@@ -113,14 +114,27 @@ heard() {
 heard 440 0.5 first "$work/movies/Heard.mov"
 
 # Separate movies: another program's pictures take the computer's sound, a test pattern keeps its own.
+# The publisher pauses for a second mid-take: its movie shows its last picture meanwhile, keeps its
+# constant rate and lasts as long as the other.
 kill $publisher
 wait $publisher 2>/dev/null
 publish 640 360 smpte
 "$recorder" record --source StageCam --source 720 --sound computer --output separate --duration 4 \
-    --name Apart --folder "$work/movies" >"$work/apart.out" 2>"$work/apart.err" ||
-    fail "the separate take exited with $?: $(cat "$work/apart.err")"
+    --name Apart --folder "$work/movies" >"$work/apart.out" 2>"$work/apart.err" &
+take=$!
+for _ in $(seq 100); do grep -q "^Recording 1" "$work/apart.err" && break; sleep 0.1; done
+kill -STOP $publisher
+sleep 1
+kill -CONT $publisher
+wait $take || fail "the separate take exited with $?: $(cat "$work/apart.err")"
 heard 440 0.5 first "$work/movies/Apart — StageCam - gst-launch-1.0.mov"
 heard 1000 0 - "$work/movies/Apart — Test Pattern 720p30.mov"
+: >"$work/apart.ready"
+while IFS=$'\t' read -r movie _ _ _ held _; do
+    editor_ready "$movie" 30.000 "$work/apart.ready"
+    case $movie in *StageCam*) [ "${held% held}" -ge 20 ] || fail "the paused publisher's movie held $held" ;; esac
+done <"$work/apart.out"
+one_take "$work/apart.ready"
 
 [ $failures -eq 0 ] || exit 1
 echo "PipeWire recording: all checks passed"
