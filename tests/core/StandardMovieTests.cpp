@@ -454,12 +454,9 @@ TEST_F(StandardMovieTest, AMovieItCannotReadIsLeftAsItWas) {
     }
 }
 
-// The movie writer's own movies: pictures at irregular times, the last held to the end, sound that
-// starts with the writer's silence, the first fragment a second in and then one every ten seconds.
-TEST_F(StandardMovieTest, TheWritersMoviesBecomeStandard) {
-    std::vector<int64_t> times;
-    for (int64_t i = 0; i < 12 * 30; ++i)
-        times.push_back(i * 2000 + (i % 7 == 3 ? 700 : 0));
+// The movie writer's own movies are standard once finished: slots without a picture of their own, sound
+// that starts with the writer's silence, a fragment each second.
+TEST_F(StandardMovieTest, TheWritersMoviesAreStandardOnceFinished) {
     for (Codec codec : {Codec::H264, Codec::ProRes422}) {
         SCOPED_TRACE(NameOf(codec));
         const fs::path movie = _folder / (NameOf(codec) + ".mov");
@@ -468,20 +465,16 @@ TEST_F(StandardMovieTest, TheWritersMoviesBecomeStandard) {
             {.codec = codec, .width = 160, .height = 120, .framesPerSecond = 30, .recordsSound = true});
         ASSERT_TRUE(made);
         MovieWriter& writer = *made.value();
-        for (int64_t time : times) {
-            ASSERT_TRUE(writer.appendFrame(writer.makeFrame(), time));
-            ASSERT_TRUE(writer.appendSound(nullptr, 1600, time * 4 / 5));
+        for (int64_t slot = 0; slot < 12 * 30; ++slot) {
+            if (slot % 7 != 3) {
+                ASSERT_TRUE(writer.appendFrame(writer.makeFrame(), slot));
+            }
+            ASSERT_TRUE(writer.appendSound(nullptr, 1600, slot * 1600));
         }
-        ASSERT_TRUE(writer.finish(12 * 60000));
-        const std::vector<Packet> before = Packets(movie);
-        EXPECT_GT(std::abs(GStreamerDuration(movie) - 12), 0.5); // it reads the fragments' index only
-
-        const Result<> standard = MakeStandardMovie(movie);
-        ASSERT_TRUE(standard) << standard.error().message();
+        ASSERT_TRUE(writer.finish(12 * 30));
         ExpectStandardLayout(movie);
-        EXPECT_EQ(Places(Packets(movie)), Places(before));
         const Movie read = ReadMovie(movie);
-        EXPECT_EQ(read.times, times);
+        EXPECT_EQ(read.times.size(), 12u * 30);
         EXPECT_NEAR(read.videoDuration, 12, 1e-6);
         EXPECT_NEAR(double(read.soundFrames), 12 * 48000, 1024);
         EXPECT_NEAR(GStreamerDuration(movie), 12, 0.05);

@@ -202,7 +202,8 @@ TEST(Headless, ARecordingOverOSCWritesMoviesThatItsStatusDescribesAndSIGTERMFini
 
     std::string file = r.value("/status/file").get<std::string>();
     EXPECT_EQ(file, r.dir + "/take.mov");
-    EXPECT_EQ(FramesIn(file), r.value("/status/frames").get<int>());
+    // The movie holds every picture counted, and on the slots that none reached, the one before.
+    EXPECT_GE(FramesIn(file), r.value("/status/frames").get<int>());
     EXPECT_EQ(r.value("/status/source/1/file"), file);
 
     r.send("/start");
