@@ -638,21 +638,14 @@ Result<> MovieWriter::encodeVideo(AVFrame* frame, int64_t slot) {
 Result<> MovieWriter::receiveVideoPackets() {
     State& s = *_state;
     for (;;) {
-        int result = avcodec_receive_packet(s.video.get(), s.packet.get());
+        const int result = avcodec_receive_packet(s.video.get(), s.packet.get());
         if (result == AVERROR(EAGAIN) || result == AVERROR_EOF)
             return {};
-        if (result >= 0) {
-            AVPacket* packet = s.packet.get();
-            packet->duration = 1;
-            packet->stream_index = s.videoStream->index;
-            av_packet_rescale_ts(packet, s.video->time_base, s.videoStream->time_base);
-            result = av_write_frame(s.muxer, packet);
-            av_packet_unref(packet);
-            if (result >= 0)
-                result = s.io->error;
-        }
         if (result < 0)
             return fail("The movie could not be written", result);
+        s.packet->duration = 1;
+        if (Result<> muxed = muxPacket(s.video.get(), s.videoStream); !muxed)
+            return muxed;
         ++s.picturesMuxed;
         if (int64_t(s.picturesMuxed) >= s.nextFragment) {
             if (Result<> cut = cutFragment(); !cut)
@@ -805,23 +798,29 @@ Result<> MovieWriter::encodeSound(bool draining) {
 Result<> MovieWriter::writeSoundPackets() {
     State& s = *_state;
     for (;;) {
-        int result = avcodec_receive_packet(s.audio.get(), s.packet.get());
+        const int result = avcodec_receive_packet(s.audio.get(), s.packet.get());
         if (result == AVERROR(EAGAIN) || result == AVERROR_EOF)
             return {};
-        const int64_t end = s.packet->pts + s.packet->duration;
-        if (result >= 0) {
-            s.packet->stream_index = s.audioStream->index;
-            av_packet_rescale_ts(s.packet.get(), s.audio->time_base, s.audioStream->time_base);
-            result = av_write_frame(s.muxer, s.packet.get());
-            av_packet_unref(s.packet.get());
-            if (result >= 0)
-                result = s.io->error;
-        }
         if (result < 0)
             return fail("The movie could not be written", result);
+        const int64_t end = s.packet->pts + s.packet->duration;
+        if (Result<> muxed = muxPacket(s.audio.get(), s.audioStream); !muxed)
+            return muxed;
         s.soundMuxed = true;
         s.soundMuxedEnd = end;
     }
+}
+
+Result<> MovieWriter::muxPacket(AVCodecContext* encoder, AVStream* stream) {
+    State& s = *_state;
+    AVPacket* packet = s.packet.get();
+    packet->stream_index = stream->index;
+    av_packet_rescale_ts(packet, encoder->time_base, stream->time_base);
+    int result = av_write_frame(s.muxer, packet);
+    av_packet_unref(packet);
+    if (result >= 0)
+        result = s.io->error;
+    return result < 0 ? fail("The movie could not be written", result) : Result<>();
 }
 
 Result<> MovieWriter::finish(int64_t endSlot) {

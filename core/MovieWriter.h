@@ -18,6 +18,9 @@ extern "C" {
 #include <string>
 #include <vector>
 
+struct AVCodecContext;
+struct AVStream;
+
 namespace quorva {
 
 // The error domain of movie writing: the application identifier followed by ".MovieRecorder".
@@ -172,6 +175,8 @@ private:
     // Sends `frame` to the encoder for `slot`; nothing drains it.
     Result<> encodeVideo(AVFrame* frame, int64_t slot);
     Result<> receiveVideoPackets();
+    // Hands the packet just received from `encoder` to the muxer, in `stream`.
+    Result<> muxPacket(AVCodecContext* encoder, AVStream* stream);
     Result<> encodeSound(bool draining);
     Result<> writeSoundPackets();
     // Sends what the muxer holds to the file as one fragment.
