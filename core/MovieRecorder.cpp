@@ -129,7 +129,11 @@ Result<> MovieRecorder::startWritingToURL(const std::filesystem::path& url,
 }
 
 void MovieRecorder::scheduleHold(uint64_t recording) {
-    _queue->postAfter(HoldInterval, [self = shared_from_this(), recording] {
+    // Weak: a recorder let go of must not be kept, and then destroyed on its own queue, by its next look.
+    _queue->postAfter(HoldInterval, [weak = weak_from_this(), recording] {
+        const std::shared_ptr<MovieRecorder> self = weak.lock();
+        if (!self)
+            return;
         int64_t settled = 0;
         {
             std::lock_guard guard(self->_lock);
