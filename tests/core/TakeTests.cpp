@@ -208,8 +208,10 @@ TEST_P(TakeOnEachEngine, NumbersAWholeTakePastExistingFilesAndNeverOverwritesOne
     EXPECT_EQ(finished->message(), "");
     for (const auto& movie : {movies[0], movies[1], _take->assembledMovie()}) {
         const testing::Movie decoded = testing::ReadMovie(movie->url());
-        // 0.2 s on the grid of 60 that a movie without a rate of its own lies on.
-        EXPECT_EQ(decoded.times.size(), 12u) << movie->url();
+        // 0.2 s on the grid of 60 that a movie without a rate of its own lies on, or more: the test's
+        // pictures come slower than its times say on a slow machine, and the slots between go on being
+        // filled meanwhile.
+        EXPECT_GE(decoded.times.size(), 12u) << movie->url();
         EXPECT_EQ(decoded.audioCodec != AV_CODEC_ID_NONE, movie->hasSound()) << movie->url();
     }
     EXPECT_GT(_take->assembledMovie()->soundWritten(), 0); // Cam's sound goes to the assembled movie only
