@@ -35,10 +35,6 @@ bool IsProRes(Codec codec) {
     return codec == Codec::ProRes422 || codec == Codec::ProRes4444;
 }
 
-double RateOf(AVRational rate) {
-    return av_q2d(rate);
-}
-
 // Sound is encoded in pieces of this many frames: what the AAC encoder wants, and small enough that
 // 24-bit PCM goes out as promptly.
 constexpr int SoundPiece = 1024;
@@ -58,7 +54,7 @@ constexpr const char* MovieFlags = "+delay_moov+frag_custom";
 // fragment cut at each second of pictures that left it holds nearly that second. x264 and x265 look
 // ahead this far at most (their slower presets look further by default); NVENC delays its output as long.
 int EncoderLatency(AVRational rate) {
-    return std::max(1, int(RateOf(rate) / 4));
+    return std::max(1, int(av_q2d(rate) / 4));
 }
 
 // The look-ahead of libx264's and libx265's presets, which a shorter latency cuts down (never up: the
@@ -179,7 +175,7 @@ int OpenVideoEncoder(const VideoEncoder& choice, const MovieWriter::Format& form
         c->bit_rate =
             MovieBitRate(kind, format.width, format.height, format.framesPerSecond, format.megabitsPerSecond);
         // Editors cut anywhere within two seconds.
-        c->gop_size = int(std::ceil(2 * RateOf(rate)));
+        c->gop_size = int(std::ceil(2 * av_q2d(rate)));
         // No reordering: a picture leaves the encoder as soon as it can, so little is held back and the
         // time stamps stay the presentation order.
         c->max_b_frames = 0;
@@ -266,7 +262,7 @@ int64_t MovieBitRate(Codec codec, int64_t width, int64_t height, double framesPe
     if (megabitsPerSecond > 0)
         return std::llround(megabitsPerSecond * 1000000);
     const double factor = codec == Codec::HEVC ? 0.06 : 0.1;
-    const double bits = factor * RateOf(GridRate(framesPerSecond)) * double(width) * double(height);
+    const double bits = factor * av_q2d(GridRate(framesPerSecond)) * double(width) * double(height);
     return std::max<int64_t>(std::llround(bits), 1000000);
 }
 
@@ -480,16 +476,16 @@ Result<> MovieWriter::openAudio() {
 Result<> MovieWriter::writeHeader() {
     State& s = *_state;
     AVDictionary* options = nullptr;
-    // The movie's own clock as fine as the common frame rates' grids (60000 is a multiple of 24, 25,
-    // 30, 50 and 60 and of their NTSC fractions), so that edit lists fall on slots rather than on whole
-    // milliseconds.
+    // The movie's own clock as fine as the common frame rates' grids (a slot of 24, 25, 30, 50, 60, 29.97
+    // or 59.94 frames a second is a whole number of its ticks), so that edit lists fall on slots rather
+    // than on whole milliseconds.
     av_dict_set(&options, "movie_timescale", "60000", 0);
     // The timecode of time 0, which FFmpeg writes as a QuickTime timecode track tied to the pictures':
     // every movie of a take starts at the same time of day, so that an editor lines them up by it.
     if (_format.timeOfDay >= 0) {
         AVTimecode timecode;
         const bool drop = _rate.den == 1001 && (_rate.num == 30000 || _rate.num == 60000);
-        const auto frames = int(std::floor(_format.timeOfDay * RateOf(_rate)));
+        const auto frames = int(std::floor(_format.timeOfDay * av_q2d(_rate)));
         char text[AV_TIMECODE_STR_SIZE];
         if (av_timecode_init(&timecode, _rate,
                              AV_TIMECODE_FLAG_24HOURSMAX | (drop ? AV_TIMECODE_FLAG_DROPFRAME : 0), 0,
@@ -660,7 +656,7 @@ Result<> MovieWriter::receiveVideoPackets() {
 // encoder is kept from holding more than a quarter of a second (see EncoderLatency).
 int64_t MovieWriter::fragmentSlots() const {
     const double seconds = _format.fragmentSeconds > 0 ? _format.fragmentSeconds : 1;
-    return std::max<int64_t>(1, int64_t(std::ceil(seconds * RateOf(_rate))));
+    return std::max<int64_t>(1, int64_t(std::ceil(seconds * av_q2d(_rate))));
 }
 
 Result<> MovieWriter::cutFragment() {
