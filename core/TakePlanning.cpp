@@ -52,8 +52,6 @@ double CommonRate(double measured) {
     return std::fabs(nearest - measured) <= 0.02 * nearest ? nearest : std::round(measured);
 }
 
-namespace {} // namespace
-
 SoundRouting RouteSound(const Places& places, TakeOutput output, std::string_view sound) {
     const bool computerSound = sound == RecorderComputerSound;
     SoundRouting routing;

@@ -550,6 +550,16 @@ TEST(AssembledRateThatFits, TakesTheHighestWholeDivisorOfTheClockThatFits) {
     EXPECT_EQ(AssembledRateThatFits(60, 100, 5000, 4000), 1);
 }
 
+// A rate measured off a source that does not say its own lands on the common rate it is sent at.
+TEST(CommonRate, TakesTheCommonRateWithinTwoPercentElseTheWholeNumber) {
+    EXPECT_DOUBLE_EQ(CommonRate(29.9), 30000.0 / 1001);
+    EXPECT_DOUBLE_EQ(CommonRate(30.3), 30);
+    EXPECT_DOUBLE_EQ(CommonRate(59.2), 60000.0 / 1001);
+    EXPECT_DOUBLE_EQ(CommonRate(24.4), 24);
+    EXPECT_DOUBLE_EQ(CommonRate(12.3), 12);
+    EXPECT_DOUBLE_EQ(CommonRate(0.3), 0) << "nothing to go by";
+}
+
 // A take that asks more than the machine encodes keeps every picture of the sources' own movies and
 // records the assembled one at a lower rate, a whole divisor of its clock source's, and says so; a
 // frame rate that the user chose is kept, with a warning.
