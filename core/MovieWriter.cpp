@@ -21,6 +21,7 @@ extern "C" {
 #include <cmath>
 #include <cstdarg>
 #include <cstring>
+#include <deque>
 #include <fcntl.h>
 #include <map>
 #include <mutex>
@@ -279,6 +280,10 @@ struct MovieWriter::State {
     Packet packet;
     // The last picture sent, which the slots after it show until the next one comes.
     MovieFrame last;
+    // ProRes only: how many held slots repeat each picture still in the encoder, oldest first, and the
+    // last picture's packet once out, for those held after it.
+    std::deque<int64_t> repeats;
+    Packet lastPacket;
     // Sound not yet encoded, interleaved stereo, from soundRead on; it starts at soundEncoded (frames).
     std::vector<float> sound;
     size_t soundRead = 0;
@@ -372,7 +377,8 @@ Result<> MovieWriter::openFile() {
     s.muxer->pb = s.io;
     s.muxer->flags |= AVFMT_FLAG_CUSTOM_IO;
     s.packet.reset(av_packet_alloc());
-    if (!s.packet)
+    s.lastPacket.reset(av_packet_alloc());
+    if (!s.packet || !s.lastPacket)
         return RecorderError("The movie file could not be created");
     return {};
 }
@@ -588,13 +594,26 @@ Result<> MovieWriter::holdUntil(int64_t slot) {
         if (!s.last)
             return fail("The movie could not be written", AVERROR(ENOMEM));
     }
-    // The encoder takes a reference of its own each time, so one frame serves every slot it holds.
     while (_nextSlot < slot) {
-        if (Result<> sent = encodeVideo(s.last.get(), _nextSlot); !sent)
-            return sent;
+        Result<> held;
+        if (IsProRes(_format.codec) && _nextSlot > 0) {
+            // Every ProRes picture stands alone: a held slot repeats the last picture's packet, which
+            // costs nothing, rather than encoding it again, which costs as much as a new one. A packet
+            // still in the encoder is repeated once it comes out.
+            if (!s.repeats.empty())
+                ++s.repeats.back();
+            else
+                held = muxVideoPacket(s.lastPacket.get(), _nextSlot);
+            ++_nextSlot;
+        } else {
+            // The encoder takes a reference of its own each time, so one frame serves every slot it holds.
+            held = encodeVideo(s.last.get(), _nextSlot);
+            if (held)
+                held = receiveVideoPackets();
+        }
+        if (!held)
+            return held;
         ++_framesHeld;
-        if (Result<> received = receiveVideoPackets(); !received)
-            return received;
     }
     return {};
 }
@@ -624,8 +643,11 @@ Result<> MovieWriter::encodeVideo(AVFrame* frame, int64_t slot) {
     const int result = avcodec_send_frame(_state->video.get(), frame);
     if (result < 0)
         return fail("The movie could not be written", result);
-    if (frame)
+    if (frame) {
         _nextSlot = slot + 1;
+        if (IsProRes(_format.codec))
+            _state->repeats.push_back(0);
+    }
     return {};
 }
 
@@ -639,16 +661,43 @@ Result<> MovieWriter::receiveVideoPackets() {
             return {};
         if (result < 0)
             return fail("The movie could not be written", result);
-        s.packet->duration = 1;
-        if (Result<> muxed = muxPacket(s.video.get(), s.videoStream); !muxed)
-            return muxed;
-        ++s.picturesMuxed;
-        if (int64_t(s.picturesMuxed) >= s.nextFragment) {
-            if (Result<> cut = cutFragment(); !cut)
-                return cut;
-            s.nextFragment += fragmentSlots();
+        const int64_t slot = s.packet->pts;
+        int64_t repeats = 0;
+        if (!s.repeats.empty()) {
+            repeats = s.repeats.front();
+            s.repeats.pop_front();
+            av_packet_unref(s.lastPacket.get());
+            if (av_packet_ref(s.lastPacket.get(), s.packet.get()) < 0)
+                return fail("The movie could not be written", AVERROR(ENOMEM));
+        }
+        for (int64_t i = 0; i <= repeats; ++i) {
+            if (Result<> muxed = muxVideoPacket(i == 0 ? s.packet.get() : s.lastPacket.get(), slot + i);
+                !muxed)
+                return muxed;
         }
     }
+}
+
+Result<> MovieWriter::muxVideoPacket(AVPacket* packet, int64_t slot) {
+    State& s = *_state;
+    Packet copy;
+    if (packet != s.packet.get()) {
+        copy.reset(av_packet_clone(packet));
+        if (!copy)
+            return fail("The movie could not be written", AVERROR(ENOMEM));
+        packet = copy.get();
+    }
+    packet->pts = packet->dts = slot;
+    packet->duration = 1;
+    if (Result<> muxed = muxPacket(packet, s.video.get(), s.videoStream); !muxed)
+        return muxed;
+    ++s.picturesMuxed;
+    if (int64_t(s.picturesMuxed) >= s.nextFragment) {
+        if (Result<> cut = cutFragment(); !cut)
+            return cut;
+        s.nextFragment += fragmentSlots();
+    }
+    return {};
 }
 
 // A fragment is cut at every second (by default) of pictures that reach the muxer, so that a movie cut
@@ -800,16 +849,15 @@ Result<> MovieWriter::writeSoundPackets() {
         if (result < 0)
             return fail("The movie could not be written", result);
         const int64_t end = s.packet->pts + s.packet->duration;
-        if (Result<> muxed = muxPacket(s.audio.get(), s.audioStream); !muxed)
+        if (Result<> muxed = muxPacket(s.packet.get(), s.audio.get(), s.audioStream); !muxed)
             return muxed;
         s.soundMuxed = true;
         s.soundMuxedEnd = end;
     }
 }
 
-Result<> MovieWriter::muxPacket(AVCodecContext* encoder, AVStream* stream) {
+Result<> MovieWriter::muxPacket(AVPacket* packet, AVCodecContext* encoder, AVStream* stream) {
     State& s = *_state;
-    AVPacket* packet = s.packet.get();
     packet->stream_index = stream->index;
     av_packet_rescale_ts(packet, encoder->time_base, stream->time_base);
     int result = av_write_frame(s.muxer, packet);

@@ -175,8 +175,10 @@ private:
     // Sends `frame` to the encoder for `slot`; nothing drains it.
     Result<> encodeVideo(AVFrame* frame, int64_t slot);
     Result<> receiveVideoPackets();
-    // Hands the packet just received from `encoder` to the muxer, in `stream`.
-    Result<> muxPacket(AVCodecContext* encoder, AVStream* stream);
+    // Hands a picture's packet to the muxer for `slot`, and cuts a fragment when one is due.
+    Result<> muxVideoPacket(AVPacket* packet, int64_t slot);
+    // Hands a packet from `encoder` (its time stamps in the encoder's time base) to the muxer, in `stream`.
+    Result<> muxPacket(AVPacket* packet, AVCodecContext* encoder, AVStream* stream);
     Result<> encodeSound(bool draining);
     Result<> writeSoundPackets();
     // Sends what the muxer holds to the file as one fragment.
