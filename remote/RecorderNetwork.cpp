@@ -1,10 +1,25 @@
 #include "remote/RecorderNetwork.h"
 
 #include "core/RecorderController.h"
+#include "platform/UserFolders.h"
 #include "remote/OSCQueryServer.h"
 #include "remote/OSCReceiver.h"
 
 namespace quorva {
+
+namespace {
+
+// Whether `folder`, with its links and ".." resolved as far as it exists, lies in `root` or is `root`.
+bool IsWithin(const std::string& folder, const std::filesystem::path& root) {
+    std::error_code error;
+    const std::filesystem::path resolved = std::filesystem::weakly_canonical(folder, error);
+    if (error || !resolved.is_absolute())
+        return false;
+    const std::filesystem::path relative = resolved.lexically_relative(root);
+    return !relative.empty() && *relative.begin() != "..";
+}
+
+} // namespace
 
 std::shared_ptr<RecorderNetwork> RecorderNetwork::make(const std::shared_ptr<RecorderController>& controller,
                                                        std::string version) {
@@ -48,6 +63,14 @@ void RecorderNetwork::handleMessage(const OSCMessage& message) {
     if (!parameter->set) {
         controller->setError(message.address() + " can only be read");
         return;
+    }
+    if (message.address() == "/folder" && !_folderRoot.empty() && !message.arguments().empty()) {
+        const auto* folder = std::get_if<std::string>(&message.arguments().front());
+        if (folder && !IsWithin(ExpandTilde(*folder), _folderRoot)) {
+            controller->setError("/folder “" + *folder + "” is outside “" + _folderRoot.string() +
+                                 "”, the only folder that this recorder may be pointed at from the network");
+            return;
+        }
     }
     if (auto refusal = parameter->set(message.arguments()))
         controller->setError(message.address() + " " + *refusal);

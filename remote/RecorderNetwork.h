@@ -4,6 +4,7 @@
 #include "remote/RecorderParameter.h"
 
 #include <cstdint>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <string>
@@ -39,6 +40,9 @@ public:
     // Applies one message. Every failure ends in the controller's error text, never in a reply: the
     // sender reads it back at "/status/error".
     void handleMessage(const OSCMessage& message);
+    // Keeps "/folder" from the network within `root` (an absolute path without links), so that no host
+    // may point the recorder at a folder outside it; empty: anywhere the recorder may write.
+    void setFolderRoot(std::filesystem::path root) { _folderRoot = std::move(root); }
     // Publishes one parameter to the OSCQuery server, its range as it is now.
     void registerParameter(const RecorderParameter& parameter);
 
@@ -65,6 +69,7 @@ private:
     int64_t _oscPort = 0;
     int64_t _oscQueryPort = 0;
     uint64_t _observer = 0;
+    std::filesystem::path _folderRoot;
     std::vector<std::string> _placeTitles;
     std::vector<std::string> _sourceTitles;
 };

@@ -127,6 +127,8 @@ done <<'EOF'
 2|--gap must be a whole number, not '4px'|record --source 720 --duration 1 --gap=4px
 1|There is no source called “Nothing Such”|record --source 'Nothing Such' --duration 1
 1|No source being recorded is called “1080p60”|record --source 720 --sound 1080p60 --duration 1
+2|--folder-root needs a folder that exists, not '/nonexistent'|--headless --folder-root /nonexistent
+2|--headless takes only --folder-root DIR, not '--gui'|--headless --gui
 EOF
 [ $failures -eq 0 ] || exit 1
 echo "all good"

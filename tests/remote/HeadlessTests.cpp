@@ -3,6 +3,7 @@
 #include "NetworkTesting.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <random>
 
@@ -178,6 +179,29 @@ TEST_F(HeadlessTest, GarbageSilenceAndAFloodAreSurvivedAndTheNextMessageStillWor
     EXPECT_EQ(Curl(r.queryPort, "/gap?TYPE").body, R"({"TYPE":"i"})");
     ::close(silent);
     ::close(udp);
+}
+
+// Started with a folder root, the recorder takes "/folder" from the network only within it, ".." and
+// links resolved.
+TEST(Headless, AFolderRootKeepsTheFolderFromTheNetworkWithinIt) {
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
+    const std::string dir = Folder("root");
+    Shell("mkdir -p " + dir + "/shows/day1 && ln -s /etc " + dir + "/shows/away");
+    const std::string root = std::filesystem::canonical(dir + "/shows").string();
+    HeadlessRecorder r(dir, 39340, 39341, "--folder-root " + dir + "/shows");
+    ASSERT_NE(r.queryPort, 0) << r.log();
+    r.send("/folder s " + dir + "/shows/day1");
+    EXPECT_EQ(r.value("/folder", dir + "/shows/day1"), dir + "/shows/day1");
+    for (const std::string& outside : {std::string("/etc"), dir + "/shows/../day1", dir + "/shows/away"}) {
+        const std::string refusal =
+            "/folder “" + outside + "” is outside “" + root +
+            "”, the only folder that this recorder may be pointed at from the network";
+        r.send("/folder s " + outside);
+        EXPECT_EQ(r.value("/status/error", refusal), refusal);
+    }
+    EXPECT_EQ(r.value("/folder"), dir + "/shows/day1");
+    EXPECT_EQ(r.stop(), 0);
+    Shell("rm -rf " + dir);
 }
 
 // A recording started and stopped over OSC, followed over OSCQuery; then a second one cut by SIGTERM,

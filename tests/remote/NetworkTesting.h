@@ -127,19 +127,21 @@ inline std::string StatusLine(int port, const std::string& request) {
 }
 
 // `quorvarecorder --headless` in a process of its own, with its settings in `dir` and its stderr in
-// dir/log, started on (or after) the given ports; the ports it found are read from its log.
+// dir/log, started on (or after) the given ports with `options`; the ports it found are read from its log.
 struct HeadlessRecorder {
     std::string dir;
     pid_t pid = 0;
     int oscPort = 0, queryPort = 0;
 
-    HeadlessRecorder(std::string folder, int wantedOSCPort, int wantedQueryPort) : dir(std::move(folder)) {
+    HeadlessRecorder(std::string folder, int wantedOSCPort, int wantedQueryPort,
+                     const std::string& options = "")
+        : dir(std::move(folder)) {
         Shell("mkdir -p " + dir + "/config && chmod 700 " + dir);
         // The shell execs the recorder in its place, so that the signals reach the recorder itself.
         std::string command = "XDG_CONFIG_HOME=" + dir + "/config XDG_RUNTIME_DIR=" + dir +
                               " QUORVA_OSC_PORT=" + std::to_string(wantedOSCPort) +
                               " QUORVA_OSCQUERY_PORT=" + std::to_string(wantedQueryPort) +
-                              " exec " QUORVA_RECORDER_PATH " --headless 2>" + dir + "/log";
+                              " exec " QUORVA_RECORDER_PATH " --headless " + options + " 2>" + dir + "/log";
         pid = Spawn(command);
         const std::string started = "OSCQuery server started on TCP port ";
         for (int i = 0; i < 600 && queryPort == 0; ++i) {
