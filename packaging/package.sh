@@ -46,7 +46,8 @@ fi
 # key is always given, empty without one, so that a signed build before does not leave its key behind.
 dir=build/package
 say "building quorvarecorder $version in $dir"
-cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=Release -DQUORVA_VERSION="$version" \
+# The prefix is the package's, which the user service names its program by.
+cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr -DQUORVA_VERSION="$version" \
     -DQUORVA_UPDATE_PUBLIC_KEY="$publicKey" >/dev/null
 cmake --build "$dir" --target quorvarecorder
 repository=$(sed -n 's/^QUORVA_RELEASE_REPOSITORY:STRING=//p' "$dir/CMakeCache.txt")

@@ -96,6 +96,13 @@ else
     else
         fail "the package installs no $entry"
     fi
+    # The user service of a recorder box: systemd accepts it, and it starts the installed program.
+    unit=/usr/lib/systemd/user/quorvarecorder.service
+    mkdir -m 700 "$work/runtime-user"
+    XDG_RUNTIME_DIR=$work/runtime-user systemd-analyze verify --user "$unit" >"$work/verify.out" 2>&1 ||
+        fail "systemd-analyze does not accept $unit: $(cat "$work/verify.out")"
+    grep -qx 'ExecStart=/usr/bin/quorvarecorder --headless $QUORVA_HEADLESS_OPTIONS' "$unit" ||
+        fail "$unit does not start /usr/bin/quorvarecorder --headless"
 fi
 
 [ "$failures" -eq 0 ] || stop "$failures check(s) of the release failed"
