@@ -201,6 +201,18 @@ void ExpectStandardLayout(const fs::path& path) {
     EXPECT_GE(std::count(inside.begin(), inside.end(), "trak"), 1);
 }
 
+// Makes `movie` standard, which must leave it standard with every packet where it was; answers its
+// packets then.
+std::vector<Packet> Converted(const fs::path& movie) {
+    const std::vector<Packet> before = Packets(movie);
+    const Result<> made = MakeStandardMovie(movie);
+    EXPECT_TRUE(made) << (made ? "" : made.error().message());
+    ExpectStandardLayout(movie);
+    std::vector<Packet> after = Packets(movie);
+    EXPECT_EQ(Places(after), Places(before));
+    return after;
+}
+
 struct Recipe {
     std::string name;
     std::string inputs; // and encoders
@@ -215,15 +227,10 @@ TEST_P(StandardMovieOfCodec, EveryReaderGetsEveryPictureAndSoundForTheWholeDurat
     const fs::path movie = Make("fragmented", recipe.inputs,
                                 "-movie_timescale 60000 -movflags +delay_moov -frag_duration 1000000");
     const fs::path native = Make("native", recipe.inputs, "-movie_timescale 60000");
-    const std::vector<Packet> before = Packets(movie);
     const std::string timecode = MediaInfo(movie, "Other;%TimeCode_FirstFrame%");
     ASSERT_FALSE(timecode.empty());
 
-    const Result<> made = MakeStandardMovie(movie);
-    ASSERT_TRUE(made) << made.error().message();
-    ExpectStandardLayout(movie);
-    const std::vector<Packet> after = Packets(movie);
-    EXPECT_EQ(Places(after), Places(before));
+    const std::vector<Packet> after = Converted(movie);
     // FFmpeg reads its fragments with a few liberties (durations unknown in the first one, the sound's
     // priming kept): its standard movie of the same encoding is the measure.
     EXPECT_EQ(Timing(after), Timing(Packets(native)));
@@ -304,12 +311,7 @@ TEST_F(StandardMovieTest, FragmentsInEveryFormOfTheirBoxesAreRead) {
     };
     for (const auto& [movie, native] : cases) {
         SCOPED_TRACE(movie.filename().string());
-        const std::vector<Packet> before = Packets(movie);
-        const Result<> made = MakeStandardMovie(movie);
-        ASSERT_TRUE(made) << made.error().message();
-        ExpectStandardLayout(movie);
-        const std::vector<Packet> after = Packets(movie);
-        EXPECT_EQ(Places(after), Places(before));
+        const std::vector<Packet> after = Converted(movie);
         EXPECT_EQ(Timing(after), Timing(Packets(Make("native", inputs, native))));
         if (movie == large) {
             EXPECT_GT(std::stoull(after.at(0).pos), Hole);
@@ -323,12 +325,7 @@ TEST_F(StandardMovieTest, DurationsBeyond32BitsWidenTheirBoxes) {
     const fs::path movie = Make("wide", NTSC + Tone + "-t 5 -c:v libx264 -g 30 -bf 0 -c:a aac",
                                 "-video_track_timescale 1000000000 -movie_timescale 1000000000 "
                                 "-movflags +delay_moov -frag_duration 1000000");
-    const std::vector<Packet> before = Packets(movie);
-    const Result<> made = MakeStandardMovie(movie);
-    ASSERT_TRUE(made) << made.error().message();
-    ExpectStandardLayout(movie);
-    const std::vector<Packet> after = Packets(movie);
-    EXPECT_EQ(Places(after), Places(before));
+    Converted(movie);
     EXPECT_NEAR(FFprobeDuration(movie), 5.005, 0.001);
     EXPECT_NEAR(std::atof(MediaInfo(movie, "Video;%Duration%").c_str()) / 1000, 5.005, 0.001);
     EXPECT_NEAR(GStreamerDuration(movie), 5.005, 0.001);
