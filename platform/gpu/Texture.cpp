@@ -15,14 +15,7 @@ vk::raii::ImageView MakeView(const vk::raii::Device& device, vk::Image image,
                                                                Texture::Format, components, WholeImage));
 }
 
-// A buffer the processor can write and read, for the copies in and out of textures.
-struct HostBuffer {
-    vk::raii::Buffer buffer;
-    vk::raii::DeviceMemory memory;
-    void* bytes;
-};
-
-Result<HostBuffer> MakeHostBuffer(const GpuDevice& device, vk::DeviceSize size) {
+Result<TransferBuffer> MakeTransferBuffer(const GpuDevice& device, vk::DeviceSize size) {
     try {
         vk::raii::Buffer buffer(device.device(),
                                 vk::BufferCreateInfo({}, size,
@@ -37,7 +30,7 @@ Result<HostBuffer> MakeHostBuffer(const GpuDevice& device, vk::DeviceSize size) 
         vk::raii::DeviceMemory memory(device.device(), vk::MemoryAllocateInfo(requirements.size, *type));
         buffer.bindMemory(*memory, 0);
         void* bytes = memory.mapMemory(0, size);
-        return HostBuffer{std::move(buffer), std::move(memory), bytes};
+        return TransferBuffer{std::move(buffer), std::move(memory), bytes, size};
     } catch (const std::exception& exception) {
         return GpuError(std::string("A transfer buffer could not be made: ") + exception.what());
     }
@@ -92,11 +85,16 @@ vk::ImageMemoryBarrier2 Texture::barrier(vk::ImageLayout from, vk::ImageLayout t
 Result<void> Texture::replace(const void* pixels, size_t bytesPerRow) {
     if (bytesPerRow < size_t(_width) * 4 || bytesPerRow % 4 != 0)
         return GpuError("Texture rows must hold at least 4 bytes a pixel, in whole pixels");
-    Result<HostBuffer> staging = MakeHostBuffer(*_device, vk::DeviceSize(bytesPerRow) * _height);
-    if (!staging)
-        return staging.error();
-    std::memcpy(staging.value().bytes, pixels, bytesPerRow * _height);
-    vk::Buffer buffer = *staging.value().buffer;
+    const vk::DeviceSize size = vk::DeviceSize(bytesPerRow) * _height;
+    if (!_upload || _upload->size < size) {
+        _upload.reset();
+        Result<TransferBuffer> made = MakeTransferBuffer(*_device, size);
+        if (!made)
+            return made.error();
+        _upload.emplace(std::move(made.value()));
+    }
+    std::memcpy(_upload->bytes, pixels, size);
+    vk::Buffer buffer = *_upload->buffer;
     return _device->execute([&](const vk::raii::CommandBuffer& commands) {
         // The copy replaces everything, so earlier contents are discarded; earlier readers must be done.
         auto before = barrier(vk::ImageLayout::eUndefined, vk::ImageLayout::eTransferDstOptimal,
@@ -118,7 +116,7 @@ Result<std::vector<uint8_t>> Texture::readPixels(uint32_t x, uint32_t y, uint32_
     if (width < 1 || height < 1 || x > _width || y > _height || width > _width - x || height > _height - y)
         return GpuError("The region to read lies outside the texture");
     size_t size = size_t(width) * height * 4;
-    Result<HostBuffer> staging = MakeHostBuffer(*_device, size);
+    Result<TransferBuffer> staging = MakeTransferBuffer(*_device, size);
     if (!staging)
         return staging.error();
     vk::Buffer buffer = *staging.value().buffer;

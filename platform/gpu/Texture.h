@@ -6,11 +6,20 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include <vulkan/vulkan_raii.hpp>
 
 namespace quorva {
+
+// A buffer the processor can write and read, for the copies in and out of textures.
+struct TransferBuffer {
+    vk::raii::Buffer buffer;
+    vk::raii::DeviceMemory memory;
+    void* bytes;
+    vk::DeviceSize size;
+};
 
 // A 2D picture on the GPU, 8-bit BGRA with straight (not premultiplied) alpha, that can be sampled and
 // drawn into. A texture lives while anyone holds it; command buffers hold the textures they use until
@@ -65,6 +74,10 @@ private:
     vk::raii::Image _image;
     vk::raii::ImageView _view;
     vk::raii::ImageView _opaqueView;
+    // Kept from one replace() to the next: a source replaces its textures with every picture, and making
+    // memory that the GPU can reach costs far more than copying into it (pages pinned, on NVIDIA's driver
+    // several milliseconds for a 1080p picture).
+    std::optional<TransferBuffer> _upload;
 };
 
 } // namespace quorva
