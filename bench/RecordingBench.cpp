@@ -17,8 +17,11 @@
 // per frame over the recorder's: above 1, the recorder does the work for less. The steady figures leave
 // out the take's start and finish.
 //
-// --seconds=S shortens (or lengthens) each take from its 20 seconds. QUORVA_VULKAN_DEVICE names part of
-// the device to use and QUORVA_PICTURES the picture engine; their names are in the report's context.
+// --seconds=S shortens (or lengthens) each take from its 20 seconds. --take=NxHpR adds a take of N patterns
+// of H lines (16:9) at R pictures a second, "8x1080p60" say, for a machine with a GPU. QUORVA_VULKAN_DEVICE
+// names part of the device to use and QUORVA_PICTURES the picture engine; their names are in the report's
+// context. Where ffmpeg (or GNU time) is missing, as on a GPU machine lent bare, the takes are measured
+// without the comparison.
 #include "bench/BenchSetup.h"
 #include "core/Layout.h"
 #include "core/MovieWriter.h"
@@ -57,15 +60,20 @@ struct TakeCase {
     size_t sound = 0;
 };
 
+// COUNT patterns of 16:9 pictures HEIGHT lines high, each under its own title (the built-in list has one
+// pattern of each format).
+TakeCase SameFormats(std::string name, int count, uint32_t height, double rate) {
+    TakeCase take{std::move(name), {}, 0};
+    for (int i = 0; i < count; ++i)
+        take.sources.push_back(
+            {"Bench Pattern " + std::to_string(i + 1), height * 16 / 9, height, rate, false});
+    return take;
+}
+
 std::vector<TakeCase> TakeCases() {
     std::vector<TakeCase> cases;
-    for (int count : {1, 2, 4}) {
-        // Each under its own title: the built-in list has one pattern of each format.
-        TakeCase take{std::to_string(count), {}, 0};
-        for (int i = 0; i < count; ++i)
-            take.sources.push_back({"Bench Pattern " + std::to_string(i + 1), 1920, 1080, 30, false});
-        cases.push_back(std::move(take));
-    }
+    for (int count : {1, 2, 4})
+        cases.push_back(SameFormats(std::to_string(count), count, 1080, 30));
     const auto& builtIn = TestPatternDirectory::formats();
     const auto sound = std::find_if(builtIn.begin(), builtIn.end(),
                                     [](const TestPatternFormat& format) { return format.height == 720; });
@@ -357,6 +365,11 @@ Figures FFmpegTake(const TakeCase& take, const Figures& recorded) {
     return figures;
 }
 
+bool FFmpegAtHand() {
+    static const bool found = std::system("command -v ffmpeg >/dev/null && test -x /usr/bin/time") == 0;
+    return found;
+}
+
 // "written/due" of every movie, the separate ones named by their format, then the grid with its rate.
 std::string MoviesText(const TakeCase& take, const Figures& figures) {
     std::string text;
@@ -373,15 +386,14 @@ void RecordTestPatterns(benchmark::State& state, const TakeCase& take) {
         const double start = MediaClock::now();
         recorder = RecordTake(take);
         state.SetIterationTime(MediaClock::now() - start);
-        if (recorder.ok)
+        if (recorder.ok && FFmpegAtHand())
             ffmpeg = FFmpegTake(take, recorder);
     }
-    if (!recorder.ok || !ffmpeg.ok || recorder.framesWritten == 0) {
+    if (!recorder.ok || (FFmpegAtHand() && !ffmpeg.ok) || recorder.framesWritten == 0) {
         state.SkipWithError("a take could not be recorded");
         return;
     }
     const double recorderPerFrame = recorder.processorSeconds / double(recorder.framesWritten);
-    const double ffmpegPerFrame = ffmpeg.processorSeconds / double(ffmpeg.framesWritten);
     state.counters["frames"] = double(recorder.framesWritten);
     // What a machine that keeps up writes: every source's pictures and the assembled ones at their rate.
     // Frames that the sources could not draw in time never reach the recorders, so `dropped` alone hides
@@ -393,15 +405,19 @@ void RecordTestPatterns(benchmark::State& state, const TakeCase& take) {
     state.counters["grid_written_percent"] = 100 * recorder.assembled.share();
     state.counters["grid_fps"] = recorder.assembledRate;
     state.counters["peak_MB"] = recorder.peakMegabytes;
-    state.counters["ffmpeg_peak_MB"] = ffmpeg.peakMegabytes;
     state.counters["first_picture_ms"] = 1000 * recorder.firstPictureSeconds;
     state.counters["cpu_ms_per_frame"] = recorderPerFrame * 1000;
-    state.counters["ffmpeg_cpu_ms_per_frame"] = ffmpegPerFrame * 1000;
-    state.counters["ratio"] = ffmpegPerFrame / recorderPerFrame;
-    if (recorder.steadyFrames > 0) {
-        const double steadyPerFrame = recorder.steadyProcessorSeconds / double(recorder.steadyFrames);
+    const double steadyPerFrame =
+        recorder.steadyFrames > 0 ? recorder.steadyProcessorSeconds / double(recorder.steadyFrames) : 0;
+    if (steadyPerFrame > 0)
         state.counters["steady_cpu_ms_per_frame"] = steadyPerFrame * 1000;
-        state.counters["steady_ratio"] = ffmpegPerFrame / steadyPerFrame;
+    if (ffmpeg.ok) {
+        const double ffmpegPerFrame = ffmpeg.processorSeconds / double(ffmpeg.framesWritten);
+        state.counters["ffmpeg_peak_MB"] = ffmpeg.peakMegabytes;
+        state.counters["ffmpeg_cpu_ms_per_frame"] = ffmpegPerFrame * 1000;
+        state.counters["ratio"] = ffmpegPerFrame / recorderPerFrame;
+        if (steadyPerFrame > 0)
+            state.counters["steady_ratio"] = ffmpegPerFrame / steadyPerFrame;
     }
     state.SetLabel(SourcesName(take.sources) + ", both, " + std::to_string(std::lround(Seconds)) + " s, " +
                    recorder.preset + "; written/due: " + MoviesText(take, recorder));
@@ -411,18 +427,26 @@ void RecordTestPatterns(benchmark::State& state, const TakeCase& take) {
 } // namespace quorva
 
 int main(int argc, char** argv) {
-    // --seconds is ours; Google Benchmark refuses flags it does not know.
+    // --seconds and --take are ours; Google Benchmark refuses flags it does not know.
+    std::vector<quorva::TakeCase> takes = quorva::TakeCases();
     for (int i = 1; i < argc; ++i) {
         std::string argument = argv[i];
-        if (argument.starts_with("--seconds=") && std::atof(argument.c_str() + 10) > 0) {
+        int count = 0;
+        unsigned height = 0;
+        double rate = 0;
+        if (argument.starts_with("--seconds=") && std::atof(argument.c_str() + 10) > 0)
             quorva::Seconds = std::atof(argument.c_str() + 10);
-            argv[i--] = argv[--argc];
-        }
+        else if (std::sscanf(argument.c_str(), "--take=%dx%up%lf", &count, &height, &rate) == 3 &&
+                 count > 0 && height >= 90 && rate > 0)
+            takes.push_back(quorva::SameFormats(argument.substr(7), count, height, rate));
+        else
+            continue;
+        argv[i--] = argv[--argc];
     }
     quorva::Engine = quorva::SetUpBenchmark(argc, argv);
     quorva::Speed = quorva::EncoderSpeed::make(std::make_shared<quorva::SettingsStore>());
     quorva::Speed->speeds(quorva::Codec::H264);
-    for (const quorva::TakeCase& take : quorva::TakeCases())
+    for (const quorva::TakeCase& take : takes)
         benchmark::RegisterBenchmark(("RecordTestPatterns/" + take.name).c_str(), quorva::RecordTestPatterns,
                                      take)
             ->Iterations(1)
@@ -433,5 +457,8 @@ int main(int argc, char** argv) {
     benchmark::AddCustomContext("seconds_per_take", std::to_string(quorva::Seconds));
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
+    // As RunBenchmarks() does: the Vulkan device goes before the exit rather than among the static
+    // destructors, which may run after the driver's own.
+    quorva::Engine.reset();
     return 0;
 }
