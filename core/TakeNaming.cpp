@@ -78,8 +78,13 @@ TakeURLs URLsForName(std::string_view name, const std::vector<std::string>& sour
             urls.assembled = folder / (stem + ".mov");
             collides = collides || Taken(*urls.assembled);
         }
-        if (!collides)
+        // The report written at the finish shares the number, so a report left by an earlier take (whose
+        // movies may have been moved away) is never overwritten either.
+        collides = collides || Taken(folder / (stem + ".json")) || Taken(folder / (stem + ".html"));
+        if (!collides) {
+            urls.stem = stem;
             return urls;
+        }
     }
 }
 

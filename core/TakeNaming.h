@@ -25,11 +25,15 @@ std::string FileName(std::string_view name);
 struct TakeURLs {
     std::vector<std::filesystem::path> separate; // one per source title, in title order
     std::optional<std::filesystem::path> assembled;
+    // What every file of the take begins with ("Show", "Show 2"): its report is "<stem>.json" and
+    // "<stem>.html" beside the movies.
+    std::string stem;
 };
 
 // Names a take's movies in `folder` so that none of them exists yet: "Show — Cam.mov" for each source
 // (just "Show.mov" for a single source written separately) and "Show.mov" for the assembled movie, then
-// "Show 2 …", "Show 3 …" until no file of the take would collide. All movies of a take share one number.
+// "Show 2 …", "Show 3 …" until no file of the take would collide, its report's included. All movies of a
+// take share one number.
 // A ".mov" extension on the name, in any case, is dropped first.
 TakeURLs URLsForName(std::string_view name, const std::vector<std::string>& sourceTitles, TakeOutput output,
                      const std::filesystem::path& folder);

@@ -61,6 +61,12 @@ TEST(TakeNaming, EveryMovieOfATakeSharesTheFirstNumberAtWhichNoneOfThemCollides)
         {"Show.mov, Show 2 — Desk.mov, @Show 3 — Cam.mov, show 4 — cam.mov", "Show", "Cam, Desk", Both,
          "Show 4 — Cam.mov, Show 4 — Desk.mov + Show 4.mov"},
         {upToEleven, "Take", "Cam", Separate, "Take 12.mov"},
+        // A take's report counts as one of its files, whichever of the two is left; a file named like a
+        // source's movie but ending in .json is no report.
+        {"Show.json", "Show", "Cam", Separate, "Show 2.mov"},
+        {"Show.mov, Show 2.html", "Show", "Cam, Desk", Both,
+         "Show 3 — Cam.mov, Show 3 — Desk.mov + Show 3.mov"},
+        {"Show — Cam.json", "Show", "Cam, Desk", Separate, "Show — Cam.mov, Show — Desk.mov"},
     };
     std::string pattern = (fs::temp_directory_path() / "quorva-naming-XXXXXX").string();
     ASSERT_NE(mkdtemp(pattern.data()), nullptr);
@@ -95,6 +101,15 @@ TEST(TakeNaming, EveryMovieOfATakeSharesTheFirstNumberAtWhichNoneOfThemCollides)
             named += " + " + urls.assembled->filename().string();
         }
         EXPECT_EQ(named, c.named);
+        // The stem is what each movie's name is made of, up to its title or extension.
+        std::vector<fs::path> all = urls.separate;
+        if (urls.assembled)
+            all.push_back(*urls.assembled);
+        for (const fs::path& url : all) {
+            const std::string file = url.filename().string(), rest = file.substr(urls.stem.size());
+            EXPECT_TRUE(file.rfind(urls.stem, 0) == 0 && (rest == ".mov" || rest.rfind(" — ", 0) == 0))
+                << file << " is not of the stem " << urls.stem;
+        }
         EXPECT_EQ(contents(), before) << "naming only looks";
     }
     fs::remove_all(folder);
