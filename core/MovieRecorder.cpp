@@ -118,6 +118,10 @@ Result<> MovieRecorder::startWritingToURL(const std::filesystem::path& url,
     _hasFirstFrame = !std::isnan(startTime);
     _firstFrameTime = startTime;
     _framesWritten = _framesHeld = _framesDropped = _framesPending = 0;
+    _heldEachSecond.clear();
+    _droppedEachSecond.clear();
+    _heldCountedUpTo = 0;
+    _encoderName.clear();
     _recordsSound = settings.recordsSound();
     _waitingSound.clear();
     _soundWaiting = 0;
@@ -162,7 +166,54 @@ void MovieRecorder::scheduleHold(uint64_t recording) {
 
 void MovieRecorder::countHeld() {
     std::lock_guard guard(_lock);
-    _framesHeld = _writer->framesHeld();
+    const uint64_t held = _writer->framesHeld();
+    if (held > _framesHeld)
+        countHeldSlots(held - _framesHeld);
+    _heldCountedUpTo = _writer->nextSlot();
+    _framesHeld = held;
+}
+
+void MovieRecorder::countHeldSlots(uint64_t count) {
+    // The slots held since the last count are the first ones after it: a picture comes after the slots
+    // that waited for it.
+    int64_t slot = _heldCountedUpTo;
+    for (uint64_t left = count; left > 0;) {
+        const double second = std::floor(double(slot) / _rate);
+        const int64_t next = std::max(slot + 1, int64_t(std::ceil((second + 1) * _rate)));
+        const uint64_t inSecond = std::min<uint64_t>(left, uint64_t(next - slot));
+        countInSecond(_heldEachSecond, second, int64_t(inSecond));
+        left -= inSecond;
+        slot += int64_t(inSecond);
+    }
+    _heldCountedUpTo = slot;
+}
+
+void MovieRecorder::countDropped(uint64_t count, double at) {
+    _framesDropped += count;
+    countInSecond(_droppedEachSecond, at, int64_t(count));
+}
+
+double MovieRecorder::secondsInto(double time) const {
+    return _hasFirstFrame ? time - _firstFrameTime : 0;
+}
+
+void MovieRecorder::countInSecond(std::vector<uint32_t>& seconds, double at, int64_t count) {
+    if (count == 0 || !std::isfinite(at))
+        return;
+    // A second past a day is no take; the last one takes whatever lies beyond.
+    const size_t second = size_t(std::clamp(at, 0.0, 86400.0));
+    if (seconds.size() <= second)
+        seconds.resize(second + 1, 0);
+    if (count > 0) {
+        seconds[second] += uint32_t(std::min<int64_t>(count, UINT32_MAX - seconds[second]));
+        return;
+    }
+    // Fewer than counted: taken back from the latest seconds, which the file lost first.
+    for (size_t i = seconds.size(); i-- > 0 && count < 0;) {
+        const uint32_t taken = uint32_t(std::min<int64_t>(seconds[i], -count));
+        seconds[i] -= taken;
+        count += taken;
+    }
 }
 
 Result<> MovieRecorder::createWriterForFrameOfWidth(uint64_t width, uint64_t height) {
@@ -198,10 +249,16 @@ Result<> MovieRecorder::createWriterForFrameOfWidth(uint64_t width, uint64_t hei
         return RecorderError("A movie of " + std::to_string(w) + " × " + std::to_string(h) +
                              " cannot be written");
     }
+    // The processor's encoders run at a speed preset, which says as much about the movie as their name.
+    std::string encoder = writer->encoderName();
+    if (encoder == "libx264" || encoder == "libx265")
+        encoder += " " + (format.preset.empty() ? std::string(encoder == "libx264" ? "veryfast" : "ultrafast")
+                                                : format.preset);
     _writer = std::move(writer);
     _frameFormat = std::move(frameFormat);
     std::lock_guard guard(_lock);
     _outputSize = {double(w), double(h)};
+    _encoderName = std::move(encoder);
     return {};
 }
 
@@ -214,7 +271,7 @@ bool MovieRecorder::wantsFrameAtTime(double time) {
     if (_framesPending >= MaximumFramesInFlight) {
         // The slot is spent on this drop, so that a later picture for the same slot is not counted again.
         (void)_pacer.decisionForFrameAtTime(time);
-        ++_framesDropped;
+        countDropped(1, secondsInto(time));
         return false;
     }
     return true;
@@ -223,7 +280,7 @@ bool MovieRecorder::wantsFrameAtTime(double time) {
 void MovieRecorder::dropFrameAtTime(double time) {
     std::lock_guard guard(_lock);
     if (_recording && _pacer.decisionForFrameAtTime(time).keep)
-        ++_framesDropped;
+        countDropped(1, secondsInto(time));
 }
 
 void MovieRecorder::appendPicture(const std::shared_ptr<Picture>& picture, bool flipped, double time) {
@@ -242,7 +299,7 @@ void MovieRecorder::append(FrameContent content, double time) {
             return;
         FramePacerDecision decision = _pacer.decisionForFrameAtTime(time);
         if (decision.refused)
-            ++_framesDropped;
+            countDropped(1, secondsInto(time));
         if (!decision.keep)
             return;
         // The picture arrived between half a slot before its slot and half a slot after: where the grid
@@ -254,7 +311,7 @@ void MovieRecorder::append(FrameContent content, double time) {
             _firstFrameTime = time;
         }
         if (_framesPending >= MaximumFramesInFlight) {
-            ++_framesDropped;
+            countDropped(1, secondsInto(time));
             return;
         }
         ++_framesPending;
@@ -276,20 +333,20 @@ void MovieRecorder::convertFrame(const FrameContent& content, int64_t slot) {
             recording = _recording;
         }
         if (!recording) {
-            frameDoneWritten(false);
+            frameDoneWritten(false, slot);
             return;
         }
         const std::shared_ptr<Picture> picture = fitted ? fitted->picture : nullptr;
         Result<> created =
             createWriterForFrameOfWidth(picture ? picture->width() : 0, picture ? picture->height() : 0);
         if (!created) {
-            frameDoneWritten(false);
+            frameDoneWritten(false, slot);
             failWithError(created.error());
             return;
         }
     }
     if (_writer->hasFailed()) {
-        frameDoneWritten(false);
+        frameDoneWritten(false, slot);
         failWithError(writerError("The movie could not be written"));
         return;
     }
@@ -305,7 +362,7 @@ void MovieRecorder::convertFrame(const FrameContent& content, int64_t slot) {
                                      _frameFormat, converted);
     if (!converting) {
         Log("MovieRecorder: ", "a frame could not be converted: " + converting.error().message());
-        frameDoneWritten(false);
+        frameDoneWritten(false, slot);
     }
 }
 
@@ -325,20 +382,20 @@ void MovieRecorder::appendPixelBuffer(std::shared_ptr<FrameMemory> memory, int64
         else if (_writer->hasFailed())
             _writerFailure = appended.error();
     }
-    frameDoneWritten(written);
+    frameDoneWritten(written, slot);
     writeWaitingSound();
     if (_writer && _writer->hasFailed() && isRecording())
         failWithError(writerError("The movie could not be written"));
 }
 
-void MovieRecorder::frameDoneWritten(bool written) {
+void MovieRecorder::frameDoneWritten(bool written, int64_t slot) {
     {
         std::lock_guard guard(_lock);
         --_framesPending;
         if (written)
             ++_framesWritten;
         else
-            ++_framesDropped;
+            countDropped(1, double(slot) / _rate);
     }
     _framesInFlight.leave();
 }
@@ -352,9 +409,16 @@ void MovieRecorder::countWhatTheFileHolds(const MovieWriter& writer) {
     std::lock_guard guard(_lock);
     // The slots that the file holds are its pictures first, then the held ones.
     const uint64_t kept = std::min(_framesWritten, writer.framesInFile());
-    _framesDropped += _framesWritten - kept;
+    countDropped(_framesWritten - kept, double(writer.framesInFile()) / _rate);
     _framesWritten = kept;
-    _framesHeld = writer.framesInFile() - kept;
+    const uint64_t held = writer.framesInFile() - kept;
+    // The finish holds the last picture until the end, after the slots counted so far; a file that lost
+    // its last fragments holds fewer, which the latest seconds give back.
+    if (held > _framesHeld)
+        countHeldSlots(held - _framesHeld);
+    else
+        countInSecond(_heldEachSecond, 0, int64_t(held) - int64_t(_framesHeld));
+    _framesHeld = held;
     _soundWritten = std::min(_soundWritten, double(writer.soundInFile()) / SoundRate);
 }
 
@@ -476,6 +540,26 @@ uint64_t MovieRecorder::framesHeld() const {
 uint64_t MovieRecorder::framesDropped() const {
     std::lock_guard guard(_lock);
     return _framesDropped;
+}
+
+std::vector<uint32_t> MovieRecorder::framesHeldEachSecond() const {
+    std::lock_guard guard(_lock);
+    return _heldEachSecond;
+}
+
+std::vector<uint32_t> MovieRecorder::framesDroppedEachSecond() const {
+    std::lock_guard guard(_lock);
+    return _droppedEachSecond;
+}
+
+double MovieRecorder::framesPerSecond() const {
+    std::lock_guard guard(_lock);
+    return _rate;
+}
+
+std::string MovieRecorder::encoderName() const {
+    std::lock_guard guard(_lock);
+    return _encoderName;
 }
 
 uint64_t MovieRecorder::framesPending() const {

@@ -20,6 +20,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <string>
 #include <variant>
 #include <vector>
 
@@ -105,6 +106,15 @@ public:
     // slot already filled, and those that a failure kept from reaching the file.
     uint64_t framesDropped() const;
     uint64_t framesPending() const;
+    // The pictures held and dropped in each second of the movie, from its time 0: where the movie
+    // stalled or lost pictures, for the take's report. They add up to framesHeld() and framesDropped().
+    std::vector<uint32_t> framesHeldEachSecond() const;
+    std::vector<uint32_t> framesDroppedEachSecond() const;
+    // The rate of the movie's grid.
+    double framesPerSecond() const;
+    // The encoder that writes the movie, with its speed preset where it has one ("libx264 ultrafast",
+    // "prores_ks"); empty until the movie file exists.
+    std::string encoderName() const;
     // Seconds of sound track written, silence included; once the movie has ended, what its file holds.
     double soundWritten() const;
     // Seconds of received sound that will never be written (queue overflow, trimmed blocks, what was
@@ -136,10 +146,18 @@ private:
     // its movie go on, and cut into fragments, in step with the others.
     void scheduleHold(uint64_t recording);
     void countHeld();
+    // With _lock held: counts drops, and held or dropped pictures (fewer, when `count` is negative) in
+    // the second of the movie at `at` seconds from its time 0.
+    void countDropped(uint64_t count, double at);
+    // With _lock held: `count` more held slots, the first ones after those already counted.
+    void countHeldSlots(uint64_t count);
+    // With _lock held: where a picture at host time `time` lies in the movie.
+    double secondsInto(double time) const;
+    static void countInSecond(std::vector<uint32_t>& seconds, double at, int64_t count);
     Result<> createWriterForFrameOfWidth(uint64_t width, uint64_t height);
     void convertFrame(const FrameContent& content, int64_t slot);
     void appendPixelBuffer(std::shared_ptr<FrameMemory> memory, int64_t slot);
-    void frameDoneWritten(bool written);
+    void frameDoneWritten(bool written, int64_t slot);
     // Brings the counts down to what the file of `writer`, now ended, holds.
     void countWhatTheFileHolds(const MovieWriter& writer);
     void forgetPool();
@@ -191,6 +209,10 @@ private:
     uint64_t _framesHeld = 0;
     uint64_t _framesDropped = 0;
     uint64_t _framesPending = 0;
+    std::vector<uint32_t> _heldEachSecond;
+    int64_t _heldCountedUpTo = 0; // the writer's next slot when held slots were last counted
+    std::vector<uint32_t> _droppedEachSecond;
+    std::string _encoderName;
     Size _outputSize;
     bool _recordsSound = false;
     std::deque<WaitingSound> _waitingSound;

@@ -167,6 +167,9 @@ Result<> Take::start(const TakePlan& plan) {
     _soundSources = plan.soundSources;
     _assembledSoundIndex = assembledSoundIndex;
     _computerSoundMovies = std::move(computerSoundMovies);
+    _stem = urls.stem;
+    _folder = plan.folder;
+    _codec = plan.settings.codec();
     _recording = true;
     return {};
 }
@@ -379,6 +382,21 @@ uint64_t Take::framesPending() const {
     for (const std::shared_ptr<TakeMovie>& movie : movies)
         pending += movie->recorder()->framesPending();
     return pending;
+}
+
+std::string Take::stem() const {
+    std::lock_guard lock(_lock);
+    return _stem;
+}
+
+std::filesystem::path Take::folder() const {
+    std::lock_guard lock(_lock);
+    return _folder;
+}
+
+Codec Take::codec() const {
+    std::lock_guard lock(_lock);
+    return _codec;
 }
 
 void Take::setMovieFailureHandler(MovieFailureHandler handler) {

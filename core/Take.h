@@ -146,6 +146,11 @@ public:
     std::shared_ptr<TakeMovie> assembledMovie() const;
     // Frames in flight in all the take's movies.
     uint64_t framesPending() const;
+    // Of the current or last take: what its files' names begin with ("Show 2"), where they are, and the
+    // codec that its movies share.
+    std::string stem() const;
+    std::filesystem::path folder() const;
+    Codec codec() const;
 
     void setMovieFailureHandler(MovieFailureHandler handler);
 
@@ -168,6 +173,9 @@ private:
     std::set<size_t> _soundSources;
     size_t _assembledSoundIndex = NoIndex;
     std::vector<std::shared_ptr<TakeMovie>> _computerSoundMovies;
+    std::string _stem;
+    std::filesystem::path _folder;
+    Codec _codec = Codec::H264;
     bool _recording = false;
     bool _finishing = false;
     MovieFailureHandler _movieFailureHandler;

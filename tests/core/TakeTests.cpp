@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <numeric>
 #include <ostream>
 #include <random>
 #include <set>
@@ -232,6 +233,38 @@ TEST_P(TakeOnEachEngine, NumbersAWholeTakePastExistingFilesAndNeverOverwritesOne
 }
 
 INSTANTIATE_TEST_SUITE_P(EachEngine, TakeOnEachEngine, testing::EngineNames, testing::EngineTestName);
+
+// The report draws, second by second, where a movie held its last picture because none came, and where
+// it lost pictures: the seconds add up to the movie's counts, and each lies where it happened.
+TEST_F(TakeTest, AMovieCountsItsHeldAndDroppedPicturesInTheSecondWhereTheyLie) {
+    _settings.setFramesPerSecond(30);
+    TakePlan plan = Plan({"Cam"});
+    plan.sizes = {Size{320, 240}};
+    ASSERT_TRUE(_take->start(plan));
+    auto picture = MakeSolidPicture(*_engine, 320, 240, {10, 200, 30, 255});
+    // Half a second of pictures, then none until 2 s, where two come for the same slot.
+    for (int i = 0; i < 15; ++i) {
+        _take->appendPicture(picture, false, 0, i / 30.0);
+        ASSERT_TRUE(Settle());
+    }
+    _take->appendPicture(picture, false, 0, 2.0);
+    _take->appendPicture(picture, false, 0, 2.0);
+    ASSERT_TRUE(Settle());
+    EXPECT_EQ(Finish(2.5), "");
+    const std::shared_ptr<MovieRecorder> recorder = _take->movies()[0]->recorder();
+    const std::vector<uint32_t> held = recorder->framesHeldEachSecond(),
+                                dropped = recorder->framesDroppedEachSecond();
+    auto sum = [](const std::vector<uint32_t>& seconds) {
+        return std::accumulate(seconds.begin(), seconds.end(), uint64_t(0));
+    };
+    EXPECT_EQ(sum(held), recorder->framesHeld());
+    EXPECT_EQ(sum(dropped), recorder->framesDropped());
+    ASSERT_GE(held.size(), 3u);
+    EXPECT_EQ(held[0], 15u); // slots 15 to 29
+    EXPECT_EQ(held[1], 30u); // the whole second without a picture
+    ASSERT_EQ(dropped.size(), 3u);
+    EXPECT_EQ(dropped[2], 1u); // the second picture for the slot at 2 s
+}
 
 // A movie whose pictures never reach its file, as the disk fills up (here a limit on the file's size)
 // when the movie is finished, failed, and says why.
