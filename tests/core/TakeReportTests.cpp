@@ -1,0 +1,166 @@
+#include "core/TakeReport.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+extern "C" {
+#include <libavutil/base64.h>
+}
+
+#include <cstdlib>
+#include <fstream>
+#include <regex>
+#include <sstream>
+
+namespace quorva {
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+TakeReport TwoMovies(const fs::path& folder) {
+    TakeReport report{.name = "Show 2",
+                      .started = "2026-11-26T21:04:05+01:00",
+                      .duration = 3.5,
+                      .timecode = "21:04:05:12",
+                      .folder = folder,
+                      .freeBytesAtStart = 5000000000,
+                      .freeBytesAtEnd = 4000000000};
+    report.movies.push_back({.file = "Show 2 — <Cam> & \"Desk\".mov",
+                             .source = "<Cam> & \"Desk\"",
+                             .width = 320,
+                             .height = 240,
+                             .frameRate = 30,
+                             .codec = "h264",
+                             .encoder = "libx264 ultrafast",
+                             .framesDue = 105,
+                             .framesWritten = 105,
+                             .framesHeld = 4,
+                             .framesDropped = 1,
+                             .soundSeconds = 3.5,
+                             .heldEachSecond = {0, 4},
+                             .droppedEachSecond = {0, 0, 1}});
+    report.movies.push_back({.file = "Show 2.mov",
+                             .assembled = true,
+                             .width = 640,
+                             .height = 240,
+                             .frameRate = 29.97,
+                             .codec = "h264",
+                             .encoder = "libx264 ultrafast",
+                             .error = "The movie could not be written: No space left on device"});
+    return report;
+}
+
+TEST(TakeReport, TheJSONSaysWhatEachMovieHoldsAndNullWhereNothingWentWrong) {
+    const json report = json::parse(ReportJSON(TwoMovies("/shows/day 1")));
+    EXPECT_EQ(report["name"], "Show 2");
+    EXPECT_EQ(report["stop_reason"], nullptr);
+    EXPECT_EQ(report["disk"], json::parse(R"({"folder": "/shows/day 1", "free_bytes_at_start": 5000000000,
+                                              "free_bytes_at_end": 4000000000})"));
+    ASSERT_EQ(report["movies"].size(), 2u);
+    const json& cam = report["movies"][0];
+    EXPECT_EQ(cam["source"], "<Cam> & \"Desk\"");
+    EXPECT_EQ(cam["kind"], "separate");
+    EXPECT_EQ(cam["error"], nullptr);
+    EXPECT_EQ(cam["frames_written"], 105);
+    EXPECT_EQ(cam["frames_held"], 4);
+    EXPECT_EQ(cam["encoder"], "libx264 ultrafast");
+    const json& assembled = report["movies"][1];
+    EXPECT_EQ(assembled["source"], "");
+    EXPECT_EQ(assembled["kind"], "assembled");
+    EXPECT_EQ(assembled["frame_rate"], 29.97);
+    EXPECT_EQ(assembled["error"], "The movie could not be written: No space left on device");
+    for (const char* key : {"file", "source", "kind", "width", "height", "frame_rate", "codec", "encoder",
+                            "frames_due", "frames_written", "frames_held", "frames_dropped", "sound_seconds",
+                            "sound_left_out_seconds", "error"})
+        EXPECT_TRUE(cam.contains(key)) << key;
+
+    TakeReport stopped = TwoMovies("/shows");
+    stopped.stopReason = "The disk of “/shows” is nearly full";
+    EXPECT_EQ(json::parse(ReportJSON(stopped))["stop_reason"], "The disk of “/shows” is nearly full");
+}
+
+TEST(TakeReport, ThePageShowsEachMoviesPictureAndMarksItsSecondsHeldAndDropped) {
+    TakeReport report = TwoMovies("/shows");
+    report.stopReason = "Why <it> stopped";
+    const std::string page = ReportHTML(report, {"data:image/jpeg;base64,AAAA", ""});
+    // Titles of sources are the user's text, never markup.
+    EXPECT_EQ(page.find("<Cam>"), std::string::npos);
+    EXPECT_NE(page.find("&lt;Cam&gt; &amp; &quot;Desk&quot;"), std::string::npos);
+    EXPECT_NE(page.find("Why &lt;it&gt; stopped"), std::string::npos);
+    EXPECT_NE(page.find("<img src=\"data:image/jpeg;base64,AAAA\""), std::string::npos);
+    EXPECT_NE(page.find("No picture could be read from this movie."), std::string::npos); // the second
+    // A strip per movie, as long as the take, with a mark where pictures were held or dropped only.
+    std::smatch match;
+    std::string rest = page;
+    std::vector<std::string> marks;
+    while (std::regex_search(rest, match,
+                             std::regex("class=\"(held|dropped)\" x=\"(\\d+)\"[^>]*><title>([^<]*)"))) {
+        marks.push_back(match[1].str() + " " + match[2].str() + " " + match[3].str());
+        rest = match.suffix();
+    }
+    EXPECT_EQ(marks, (std::vector<std::string>{"held 1 1 s: 4 held, 0 dropped",
+                                               "dropped 2 2 s: 0 held, 1 dropped"}));
+    size_t strips = 0;
+    for (size_t at = page.find("viewBox=\"0 0 4 20\""); at != std::string::npos;
+         at = page.find("viewBox=\"0 0 4 20\"", at + 1))
+        ++strips;
+    EXPECT_EQ(strips, 2u); // 3.5 s: four seconds, the last one begun
+}
+
+TEST(TakeReport, TimesAreWrittenAsISO8601WithTheirOffsetAndTimecodesAsTheMoviesCarryThem) {
+    const char* zone = std::getenv("TZ");
+    const std::string saved = zone ? zone : "";
+    const auto time = std::chrono::system_clock::from_time_t(1795000000); // 2026-11-18 11:06:40 UTC
+    setenv("TZ", "UTC", 1);
+    tzset();
+    EXPECT_EQ(ISO8601(time), "2026-11-18T11:06:40+00:00");
+    setenv("TZ", "America/St_Johns", 1); // half an hour off, west of UTC
+    tzset();
+    EXPECT_EQ(ISO8601(time), "2026-11-18T07:36:40-03:30");
+    zone ? setenv("TZ", saved.c_str(), 1) : unsetenv("TZ");
+    tzset();
+
+    EXPECT_EQ(TimecodeAt(10 * 3600 + 0.5, 25), "10:00:00:12");
+    EXPECT_EQ(TimecodeAt(60, 30000.0 / 1001), "00:00:59;28"); // dropped frame numbers at 29.97
+    EXPECT_EQ(TimecodeAt(60, 60), "00:01:00:00");
+    EXPECT_EQ(TimecodeAt(-1, 30), "");
+}
+
+// A movie that ffmpeg writes, as a user's tool would: its picture comes back small, as a JPEG.
+TEST(TakeReport, APictureIsTakenFromTheMovieAndAReportNeverReplacesAFile) {
+    std::string pattern = (fs::temp_directory_path() / "quorva-report-XXXXXX").string();
+    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+    const fs::path folder = pattern;
+    const fs::path movie = folder / "Show 2 — Cam.mov";
+    ASSERT_EQ(std::system(("ffmpeg -v error -f lavfi -i testsrc2=size=640x360:rate=30 -t 2 -c:v prores_ks '" +
+                           movie.string() + "'")
+                              .c_str()),
+              0);
+    const std::optional<std::string> picture = Thumbnail(movie, 160);
+    ASSERT_TRUE(picture);
+    const std::string prefix = "data:image/jpeg;base64,";
+    ASSERT_EQ(picture->substr(0, prefix.size()), prefix);
+    const std::string text = picture->substr(prefix.size());
+    std::string bytes(text.size(), '\0');
+    const int size =
+        av_base64_decode(reinterpret_cast<uint8_t*>(bytes.data()), text.c_str(), int(bytes.size()));
+    ASSERT_GT(size, 4);
+    EXPECT_EQ(bytes.substr(0, 3), "\xFF\xD8\xFF"); // a JPEG
+    EXPECT_FALSE(Thumbnail(folder / "nothing.mov"));
+
+    TakeReport report = TwoMovies(folder);
+    report.movies[0].file = movie.filename().string();
+    ASSERT_TRUE(WriteTakeReport(report));
+    std::stringstream page;
+    page << std::ifstream(folder / "Show 2.html").rdbuf();
+    EXPECT_NE(page.str().find("<img src=\"data:image/jpeg;base64,"), std::string::npos);
+    EXPECT_EQ(json::parse(std::ifstream(folder / "Show 2.json"))["name"], "Show 2");
+    const Result<> again = WriteTakeReport(report);
+    ASSERT_FALSE(again);
+    EXPECT_NE(again.error().message().find("File exists"), std::string::npos) << again.error().message();
+    fs::remove_all(folder);
+}
+
+} // namespace
+} // namespace quorva
