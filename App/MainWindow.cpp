@@ -19,6 +19,7 @@
 #include <QCheckBox>
 #include <QCloseEvent>
 #include <QComboBox>
+#include <QDesktopServices>
 #include <QDialog>
 #include <QDialogButtonBox>
 #include <QDoubleSpinBox>
@@ -38,6 +39,7 @@
 #include <QStatusBar>
 #include <QTextBrowser>
 #include <QToolButton>
+#include <QUrl>
 #include <QVBoxLayout>
 
 #include <cmath>
@@ -129,6 +131,12 @@ void MainWindow::buildMenus() {
     _recordAction = _recordingMenu->addAction(QString(), this, [this] { _controller->toggle(); });
     // Space records and stops, except where it is typed into a field.
     _recordAction->setShortcut(Qt::Key_Space);
+    // The last take's report, a page that the system's browser shows.
+    _reportAction = _recordingMenu->addAction(QString(), this, [this] {
+        if (!_controller->lastReport().empty())
+            QDesktopServices::openUrl(QUrl::fromLocalFile(Text(_controller->lastReport())));
+    });
+    _reportAction->setObjectName("openReport");
     _performanceAction = _recordingMenu->addAction(QString());
     _performanceAction->setCheckable(true);
     connect(_performanceAction, &QAction::triggered, this,
@@ -345,13 +353,14 @@ QWidget* MainWindow::buildCentre() {
 }
 
 void MainWindow::buildStatusBar() {
-    for (QLabel** label : {&_state, &_elapsed, &_frames, &_file, &_error, &_ndi, &_ports}) {
+    for (QLabel** label : {&_state, &_elapsed, &_frames, &_file, &_error, &_disk, &_ndi, &_ports}) {
         *label = new QLabel(this);
         statusBar()->addWidget(*label, label == &_file || label == &_error ? 1 : 0);
     }
     _state->setObjectName("state");
     _error->setObjectName("error");
     _error->setStyleSheet("color: #d33;");
+    _disk->setObjectName("disk");
 }
 
 void MainWindow::retranslate() {
@@ -361,6 +370,7 @@ void MainWindow::retranslate() {
     _quitAction->setText(tr("&Quit"));
     _recordingMenu->setTitle(tr("&Recording"));
     _performanceAction->setText(tr("&Performance Mode"));
+    _reportAction->setText(tr("Open the Last Take's &Report"));
     _languageMenu->setTitle(tr("&Language"));
     _languageActions[0]->setText(tr("As the System"));
     _languageActions[1]->setText(QStringLiteral("English"));
@@ -529,6 +539,13 @@ void MainWindow::showStatus() {
         _error->setText(Text(_controller->error()));
         _errorTimer.start(ErrorDisplayMilliseconds);
     }
+    const double minutes = _controller->diskMinutes();
+    _disk->setText(tr("%1 min of disk")
+                       .arg(minutes < 100 ? QString::number(minutes, 'f', 1)
+                                          : QString::number(std::floor(minutes), 'f', 0)));
+    // Red once the disk holds less than the recorder warns about.
+    _disk->setStyleSheet(minutes < RecorderController::DiskWarningMinutes ? "color: #d33;" : QString());
+    _reportAction->setEnabled(!_controller->lastReport().empty());
     _ndi->setText(_controller->ndiAvailable() ? tr("NDI on") : tr("NDI off"));
     _ndi->setToolTip(Text(_controller->ndiReason()));
     _ports->setText(tr("OSC %1 · OSCQuery %2").arg(_network->oscPort()).arg(_network->oscQueryPort()));

@@ -81,7 +81,7 @@ private:
     QMenu *_fileMenu = nullptr, *_recordingMenu = nullptr, *_languageMenu = nullptr, *_helpMenu = nullptr;
     QAction *_chooseFolderAction = nullptr, *_quitAction = nullptr, *_recordAction = nullptr,
             *_performanceAction = nullptr, *_helpAction = nullptr, *_aboutAction = nullptr,
-            *_checkUpdatesAction = nullptr, *_autoCheckAction = nullptr;
+            *_checkUpdatesAction = nullptr, *_autoCheckAction = nullptr, *_reportAction = nullptr;
     std::vector<QAction*> _languageActions;
 
     QGroupBox *_sourcesBox = nullptr, *_placesBox = nullptr, *_inspectorBox = nullptr;
@@ -102,7 +102,7 @@ private:
     QButtonGroup* _layoutPicker = nullptr;
 
     QLabel *_state = nullptr, *_elapsed = nullptr, *_frames = nullptr, *_file = nullptr, *_error = nullptr,
-           *_ndi = nullptr, *_ports = nullptr;
+           *_ndi = nullptr, *_ports = nullptr, *_disk = nullptr;
 };
 
 } // namespace quorva

@@ -31,7 +31,8 @@ constexpr const char* Usage =
     "\n"
     "Records one take of the chosen sources for SECONDS seconds, then lists the movies written on\n"
     "standard output, one a line: the path, then, separated by tabs, the frames written, the frames\n"
-    "dropped and the seconds of sound.\n"
+    "dropped and the seconds of sound. A report of the take, <name>.json and <name>.html, is written\n"
+    "beside the movies.\n"
     "\n"
     "  --source TEXT       a source to record: its title, or a part of it in any case (quorvarecorder\n"
     "                      sources lists them); up to 8, placed in the order given. NDI sources not\n"
@@ -58,9 +59,11 @@ constexpr const char* Usage =
     "Progress goes to standard error. SIGINT (Ctrl-C) or SIGTERM ends the take early: its movies are\n"
     "finished and kept; a second one quits at once.\n"
     "\n"
-    "Exit status: 0 when the take was recorded; 1 when the recorder refused to record or a movie\n"
-    "failed; 2 for a mistake on the command line; 130 (SIGINT) or 143 (SIGTERM) when the take was\n"
-    "ended early.\n";
+    "The take is finished early, and says so, when the folder's disk would soon hold no more.\n"
+    "\n"
+    "Exit status: 0 when the take was recorded; 1 when the recorder refused to record, a movie\n"
+    "failed or the disk ended the take; 2 for a mistake on the command line; 130 (SIGINT) or 143\n"
+    "(SIGTERM) when the take was ended early.\n";
 
 // How long the sources may take to send their first picture: their sizes decide the assembled picture.
 constexpr double FirstPictureWait = 10;
@@ -212,7 +215,11 @@ std::string ProgressText(const RecorderController& controller, double elapsed, d
         std::snprintf(text, sizeof text, " (the assembled movie at %g frames a second)", rate);
         line += text;
     }
-    return line;
+    // Hours of room are no news; when the disk fills, the minutes left are worth a glance.
+    const double minutes = controller.diskMinutes();
+    std::snprintf(text, sizeof text, minutes < 100 ? ", %.1f min of disk left" : ", %.0f min of disk left",
+                  minutes);
+    return line + text;
 }
 
 // Lists the movies written and says why any failed; answers whether all went well.
@@ -232,6 +239,8 @@ bool ReportMovies(const RecorderController& controller) {
                         movie->framesDropped(), movie->framesHeld(), movie->soundWritten());
     }
     std::fflush(stdout);
+    if (!controller.lastReport().empty())
+        std::fprintf(stderr, "The take's report: %s\n", controller.lastReport().c_str());
     if (!failed && !controller.recordingError().empty()) {
         Fail(controller.recordingError());
         failed = true;

@@ -1,6 +1,8 @@
 #include "core/RecorderController.h"
 
+#include "core/DiskSpace.h"
 #include "core/SourceSound.h"
+#include "core/TakeReport.h"
 #include "core/TitleMatching.h"
 #include "platform/Log.h"
 #include "platform/MediaClock.h"
@@ -8,7 +10,9 @@
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
+#include <filesystem>
 #include <set>
+#include <system_error>
 #include <utility>
 
 namespace quorva {
@@ -44,6 +48,19 @@ double LocalTimeOfDay() {
     std::tm parts{};
     localtime_r(&now.tv_sec, &parts);
     return parts.tm_hour * 3600.0 + parts.tm_min * 60.0 + parts.tm_sec + now.tv_nsec * 1e-9;
+}
+
+// The movies that a planned take makes.
+size_t MovieCount(const TakePlan& plan) {
+    return (plan.output == TakeOutput::Assembled ? 0 : plan.titles.size()) +
+           (plan.output == TakeOutput::Separate ? 0 : 1);
+}
+
+// Minutes as a warning gives them: tenths under ten, whole ones above.
+std::string MinutesText(double minutes) {
+    char text[32];
+    std::snprintf(text, sizeof text, minutes < 10 ? "%.1f" : "%.0f", minutes);
+    return text;
 }
 
 std::vector<std::string> TitlesOf(const Places& places) {
@@ -388,6 +405,17 @@ bool RecorderController::start() {
     refresh();
     PlannedTake planned = PlanTake(_settings, _places, clockPlace(), _encoderSpeed.get());
     TakePlan& plan = planned.plan;
+    // A take that the disk would hold for only a moment is better not begun: it would end as soon as it
+    // started. A folder whose disk cannot be read is left to the take, which says what is wrong with it.
+    const size_t movieCount = MovieCount(plan);
+    const double estimate = EstimatedBytesPerSecond(planned);
+    const std::optional<uint64_t> freeAtStart = FreeBytes(plan.folder);
+    const double minutesAtStart = freeAtStart ? MinutesLeft(*freeAtStart, estimate, 0, movieCount) : 0;
+    if (freeAtStart && minutesAtStart * 60 < DiskRefusalSeconds)
+        return failWithError(
+            "The disk of “" + plan.folder.string() +
+            "” holds less than ten seconds of these movies: free some space on it, or choose "
+            "another folder");
     // A take whose sound cannot be captured still records its pictures, and says why its sound is silent.
     // The capture takes a moment to be linked: it begins before the take, so that the take's first moments
     // are heard.
@@ -447,6 +475,21 @@ bool RecorderController::start() {
         Log("RecorderController: ", soundFailure);
         setError(soundFailure);
     }
+    _startedAt = std::chrono::system_clock::now();
+    _timeOfDay = plan.timeOfDay;
+    _takeFolder = plan.folder.string();
+    _freeAtStart = freeAtStart.value_or(0);
+    _estimatedBytesPerSecond = estimate;
+    _stopReason.reset();
+    _diskMinutes = minutesAtStart;
+    _diskWarned = freeAtStart && minutesAtStart < DiskWarningMinutes;
+    if (_diskWarned) {
+        const std::string warning = "The disk of “" + _takeFolder + "” has room for only " +
+                                    MinutesText(minutesAtStart) +
+                                    " minutes of these movies: the take will be finished before it is full";
+        Log("RecorderController: ", warning);
+        setError(warning);
+    }
     _activity = SystemActivity::begin("Recording");
     _state = RecorderState::Recording;
     displayLimitChanged();
@@ -503,10 +546,13 @@ void RecorderController::movieAtIndexFailedWithError(size_t index, const Error& 
     const std::string title = index < movies.size() ? movies[index]->sourceTitle() : std::string();
     std::string message = MovieMessage(title, error, all.size());
     _recordingError = message;
-    setError(std::move(message));
+    setError(message);
     // The recording goes on while any movie is still being written.
-    if (std::all_of(all.begin(), all.end(), [](const auto& movie) { return movie->error().has_value(); }))
+    if (std::all_of(all.begin(), all.end(), [](const auto& movie) { return movie->error().has_value(); })) {
+        if (!_stopReason && _state == RecorderState::Recording)
+            _stopReason = message;
         stopWithCompletionHandler({});
+    }
 }
 
 void RecorderController::recordingEndedWithError(const std::optional<Error>& error) {
@@ -531,6 +577,13 @@ void RecorderController::recordingEndedWithError(const std::optional<Error>& err
             setError(std::move(message));
         }
     }
+    if (error && !_stopReason)
+        _stopReason = error->message();
+    if (_lastElapsed > 0) {
+        if (const uint64_t bytes = bytesOfTheTake(); bytes > 0)
+            _lastBytesPerSecond = double(bytes) / _lastElapsed;
+    }
+    writeReport();
     _activity.reset();
     _state = RecorderState::Idle;
     displayLimitChanged();
@@ -549,7 +602,118 @@ void RecorderController::refresh() {
 void RecorderController::refreshAtTime(double now) {
     _connections.checkPlaces(_places, now);
     _composition->refreshAtTime(_places, now);
+    watchDiskAtTime(now);
     changed();
+}
+
+uint64_t RecorderController::bytesOfTheTake() const {
+    uint64_t bytes = 0;
+    for (const auto& movie : moviesOfTheTake()) {
+        std::error_code error;
+        const uintmax_t size = std::filesystem::file_size(movie->url(), error);
+        if (!error)
+            bytes += size;
+    }
+    return bytes;
+}
+
+void RecorderController::watchDiskAtTime(double now) {
+    if (_state != RecorderState::Recording) {
+        if (_state == RecorderState::Finishing)
+            return;
+        const std::string& folder = _settings.text(Setting::Folder);
+        const std::optional<uint64_t> free = FreeBytes(folder);
+        if (!free) {
+            _diskMinutes = 0;
+            return;
+        }
+        const PlannedTake planned = PlanTake(_settings, _places, clockPlace(), nullptr);
+        const double rate = _lastBytesPerSecond > 0 ? _lastBytesPerSecond : EstimatedBytesPerSecond(planned);
+        _diskMinutes = MinutesLeft(*free, rate, 0, MovieCount(planned.plan));
+        return;
+    }
+    const double elapsed = now - _startTime;
+    const size_t movies = moviesOfTheTake().size();
+    // The files grow a fragment (a second) at a time and the first one is late by the encoders' start,
+    // so what they hold is measured over a second less than the take has lasted, and only once a few
+    // fragments have come: until then the estimate serves.
+    double rate = _estimatedBytesPerSecond;
+    if (elapsed >= 3) {
+        if (const uint64_t bytes = bytesOfTheTake(); bytes > 0)
+            rate = double(bytes) / (elapsed - 1);
+    }
+    const std::optional<uint64_t> free = FreeBytes(_takeFolder);
+    if (!free)
+        return;
+    _diskMinutes = MinutesLeft(*free, rate, elapsed, movies);
+    if (*free <= BytesToFinish(rate, elapsed, movies)) {
+        // Finished now, every movie is whole and standard; a moment later the disk would cut them off.
+        const std::string message = "The disk of “" + _takeFolder +
+                                    "” is nearly full: the take was finished while its movies could still be "
+                                    "completed";
+        Log("RecorderController: ", message);
+        _stopReason = message;
+        _recordingError = message;
+        setError(message);
+        stopWithCompletionHandler({});
+        return;
+    }
+    if (!_diskWarned && _diskMinutes < DiskWarningMinutes) {
+        _diskWarned = true;
+        const std::string warning = "The disk of “" + _takeFolder + "” has room for only " +
+                                    MinutesText(_diskMinutes) +
+                                    " minutes of these movies: the take will be finished before it is full";
+        Log("RecorderController: ", warning);
+        setError(warning);
+    }
+}
+
+void RecorderController::writeReport() {
+    const std::string stem = _take->stem();
+    const auto movies = moviesOfTheTake();
+    uint64_t pictures = 0;
+    for (const auto& movie : movies)
+        pictures += movie->framesWritten() + movie->framesHeld();
+    // A take that received no picture leaves no movie, and so nothing to report on.
+    if (stem.empty() || pictures == 0)
+        return;
+    TakeReport report;
+    report.name = stem;
+    report.started = ISO8601(_startedAt);
+    report.duration = _lastElapsed;
+    report.stopReason = _stopReason;
+    report.folder = _take->folder();
+    report.freeBytesAtStart = _freeAtStart;
+    report.freeBytesAtEnd = FreeBytes(report.folder).value_or(0);
+    const std::string& codec = NameOf(_take->codec());
+    for (const auto& movie : movies) {
+        const std::shared_ptr<MovieRecorder>& recorder = movie->recorder();
+        const Size size = recorder->outputSize();
+        const std::optional<Error> failure = movie->error();
+        report.movies.push_back({.file = movie->url().filename().string(),
+                                 .source = movie->sourceTitle(),
+                                 .assembled = movie == _take->assembledMovie(),
+                                 .width = int64_t(size.width),
+                                 .height = int64_t(size.height),
+                                 .frameRate = recorder->framesPerSecond(),
+                                 .codec = codec,
+                                 .encoder = recorder->encoderName(),
+                                 .framesDue = framesDue(*movie),
+                                 .framesWritten = movie->framesWritten() + movie->framesHeld(),
+                                 .framesHeld = movie->framesHeld(),
+                                 .framesDropped = movie->framesDropped(),
+                                 .soundSeconds = movie->soundWritten(),
+                                 .soundLeftOutSeconds = movie->soundLeftOut(),
+                                 .error = failure ? std::optional(failure->message()) : std::nullopt,
+                                 .heldEachSecond = recorder->framesHeldEachSecond(),
+                                 .droppedEachSecond = recorder->framesDroppedEachSecond()});
+    }
+    report.timecode = TimecodeAt(_timeOfDay, report.movies.front().frameRate);
+    if (Result<> written = WriteTakeReport(report); !written) {
+        Log("RecorderController: ", written.error().message());
+        return;
+    }
+    _lastReport = (report.folder / (stem + ".html")).string();
 }
 
 // Status.

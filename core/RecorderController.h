@@ -17,6 +17,7 @@
 #include "platform/SettingsStore.h"
 #include "platform/SystemActivity.h"
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -214,6 +215,18 @@ public:
     uint64_t assembledDropped() const;
     double assembledSoundWritten() const;
     double soundLeftOut() const; // seconds, over every movie of the take
+    // The page that reports on the last take, beside its movies ("<stem>.html", with "<stem>.json"
+    // beside it); empty until a take has one.
+    const std::string& lastReport() const { return _lastReport; }
+
+    // The disk. Minutes of recording that the folder's disk still holds, its movies' finish kept aside:
+    // at the rate the take writes at, while idle at the last take's rate, or before any take at what
+    // the settings are expected to write. Brought up to date at every refresh.
+    double diskMinutes() const { return _diskMinutes; }
+    // Below this the recorder warns, at the start of a take or when a take gets there.
+    static constexpr double DiskWarningMinutes = 10;
+    // A take that the disk holds for less than this is not started.
+    static constexpr double DiskRefusalSeconds = 10;
 
     // Composition: the assembled picture of all places, for the take's assembled movie and the monitor.
     // While recording in performance mode the monitor is held to RecorderLimitedDisplayRate.
@@ -241,6 +254,13 @@ private:
     void compositionChanged();
     // The performance setting or the state changed: so may the monitor's rate.
     void displayLimitChanged();
+    // Measures what the disk still holds and, while recording, finishes the take before the disk would
+    // no longer hold its finish.
+    void watchDiskAtTime(double now);
+    // Bytes the take's movie files hold now.
+    uint64_t bytesOfTheTake() const;
+    // Writes the report of the take that just ended, beside its movies.
+    void writeReport();
 
     const std::shared_ptr<PictureEngine> _engine;
     const std::shared_ptr<SourceDirectory> _directory;
@@ -273,6 +293,17 @@ private:
     std::string _encoderPreset;
     double _loweredAssembledRate = 0;
     double _lastElapsed = 0;
+    // Why the take ended by itself (a full disk, every movie failed); nothing when it was stopped.
+    std::optional<std::string> _stopReason;
+    std::chrono::system_clock::time_point _startedAt;
+    double _timeOfDay = -1;
+    std::string _takeFolder;
+    uint64_t _freeAtStart = 0;
+    double _estimatedBytesPerSecond = 0; // of the take, before anything is measured
+    double _lastBytesPerSecond = 0;      // of the last take, measured
+    double _diskMinutes = 0;
+    bool _diskWarned = false;
+    std::string _lastReport;
     std::vector<std::function<void()>> _stopHandlers;
 };
 

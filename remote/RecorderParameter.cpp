@@ -400,6 +400,15 @@ std::vector<RecorderParameter> MakeRecorderParameters(const std::shared_ptr<Reco
              });
     b.status("/status/ndi/reason", "s", "Why NDI is not available, in one line. Empty when it is.",
              [](C& c) { return StatusText(c.ndiReason()); });
+    b.status(
+        "/status/disk/minutes", "f",
+        "Minutes of recording that the folder's disk still holds, at the rate of the take being recorded "
+        "(while idle: of the last take, or as the settings are expected to write)",
+        [](C& c) { return json::array({c.diskMinutes()}); });
+    b.status("/status/report", "s",
+             "The page that reports on the last take, beside its movies, with its .json beside it. Empty "
+             "before a take has ended.",
+             [](C& c) { return StatusText(c.lastReport()); });
 
     for (size_t n = 1; n <= RecorderMaximumPlaces; ++n) {
         b.placeStatus(n, "online", "i", "1 if the source is delivering frames",

@@ -127,6 +127,12 @@ TEST_F(WindowTest, RecordsTwoTestPatternsWithTheRecordButtonAndShowsThemSideBySi
     QTest::mouseClick(find<QToolButton>("layout-row"), Qt::LeftButton);
     EXPECT_EQ(_recorder.controller->layout(), "row");
 
+    // No take has a report yet; the status bar gives the disk's room as the settings would fill it.
+    auto* report = find<QAction>("openReport");
+    EXPECT_FALSE(report->isEnabled());
+    EXPECT_TRUE(find<QLabel>("disk")->text().endsWith(" min of disk"))
+        << find<QLabel>("disk")->text().toStdString();
+
     auto* record = find<QPushButton>("record");
     QTest::mouseClick(record, Qt::LeftButton);
     ASSERT_EQ(_recorder.controller->state(), RecorderState::Recording) << _recorder.controller->error();
@@ -154,6 +160,8 @@ TEST_F(WindowTest, RecordsTwoTestPatternsWithTheRecordButtonAndShowsThemSideBySi
     QTest::mouseClick(record, Qt::LeftButton);
     ASSERT_TRUE(waitFor([&] { return _recorder.controller->state() == RecorderState::Idle; }, 60));
     EXPECT_EQ(_recorder.controller->recordingError(), "");
+    EXPECT_TRUE(report->isEnabled()) << "the take's report can be opened";
+    EXPECT_TRUE(fs::exists(_recorder.controller->lastReport()));
     const auto movies = _recorder.controller->moviesOfTheTake();
     EXPECT_FALSE(movies.empty());
     for (const auto& movie : movies) {

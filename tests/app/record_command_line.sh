@@ -19,7 +19,7 @@ probe() { # FILE STREAM ENTRIES: one stream's entries, comma-separated
 }
 take() {
     "$recorder" record --source "Test Pattern" --source 180 --source alpha --output both --layout grid \
-        --sound 180 --duration 5 --folder "$work/movies" >"$work/$1.out" 2>"$work/$1.err" ||
+        --sound 180 --duration 5 --name Show --folder "$work/movies" >"$work/$1.out" 2>"$work/$1.err" ||
         fail "$1 take exited with $?: $(cat "$work/$1.err")"
 }
 
@@ -57,6 +57,22 @@ while IFS=$'\t' read -r movie _; do
     [ -s "$movie" ] || fail "the second take lists $movie, which is empty or missing"
 done <"$work/second.out"
 (cd "$work/movies" && md5sum --quiet -c - <<<"$sums") || fail "the second take changed the first one's movies"
+# Each take leaves its report beside its movies, under the movies' own number: every movie in it, holding
+# the pictures that ffprobe decodes, and a picture of each in the page.
+for stem in Show "Show 2"; do
+    report=$work/movies/$stem.json page=$work/movies/$stem.html
+    [ -s "$report" ] && [ -s "$page" ] || fail "no report $stem.json and $stem.html: $(ls "$work/movies")"
+    [ "$(jq -r '.name, (.stop_reason | tostring), (.movies | length)' "$report" 2>/dev/null | paste -sd'|')" = "$stem|null|4" ] ||
+        fail "$stem.json says: $(cat "$report")"
+    while IFS=$'\t' read -r file written; do
+        decoded=$(ffprobe -v error -select_streams v:0 -count_frames -show_entries stream=nb_read_frames \
+            -of csv=p=0 "$work/movies/$file")
+        [ "${decoded:-none}" = "$written" ] || fail "$stem.json: $file holds $written pictures, ffprobe decodes ${decoded:-none}"
+    done < <(jq -r '.movies[] | [.file, .frames_written] | @tsv' "$report")
+    [ "$(grep -o '<img src="data:image/jpeg;base64,' "$page" | wc -l)" -eq 4 ] || fail "$stem.html shows no picture of every movie"
+done
+grep -q "^The take's report: $work/movies/Show 2.html$" "$work/second.err" || fail "the second take did not name its report"
+
 # The take's settings go with it; only how fast this machine encodes is kept, with the user's settings.
 store=$XDG_CONFIG_HOME/org.quorva.QuorvaRecorder.json
 [ "$(ls -A "$XDG_CONFIG_HOME")" = "$(basename "$store")" ] && grep -q '"EncoderSpeed"' "$store" &&

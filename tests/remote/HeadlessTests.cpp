@@ -138,7 +138,7 @@ TEST_F(HeadlessTest, OSCQueryAnswersAttributesAndStatusesAndTheWholeTreeToANodeC
               std::to_string(r.queryPort));
     json walked = json::parse(walk, nullptr, false);
     ASSERT_TRUE(walked.is_object()) << walk;
-    EXPECT_EQ(walked["methods"], 124);
+    EXPECT_EQ(walked["methods"], 126);
     EXPECT_EQ(walked["oscPort"], r.oscPort);
     EXPECT_EQ(walked["gap"]["access"], 3);
     EXPECT_EQ(walked["sources"], 9); // "/source" and "/source/1" to "/source/8", each offering the patterns
@@ -215,14 +215,25 @@ TEST(Headless, ARecordingOverOSCWritesMoviesThatItsStatusDescribesAndSIGTERMFini
         r.send(message);
     ASSERT_EQ(r.value("/name", "take"), "take");
     ASSERT_EQ(r.value("/status/source/1/online", 1), 1) << r.log();
+    // The disk holds some minutes, as the settings are expected to write before any take.
+    const json idle = r.value("/status/disk/minutes");
+    ASSERT_TRUE(idle.is_number()) << idle;
+    EXPECT_GT(idle.get<double>(), 0);
+    EXPECT_EQ(r.value("/status/report"), 0); // no take yet
 
     r.send("/record f 0.5");
     ASSERT_EQ(r.value("/status/state", "recording"), "recording") << r.log();
     EXPECT_EQ(r.value("/record"), 1);
     for (int i = 0; i < 100 && r.value("/status/frames").get<int>() < 10; ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    const json recording = r.value("/status/disk/minutes");
+    ASSERT_TRUE(recording.is_number()) << recording;
+    EXPECT_GT(recording.get<double>(), 0);
     r.send("/record i 0");
     ASSERT_EQ(r.value("/status/state", "idle"), "idle");
+    // The take's report is published once it is written, beside the movie.
+    EXPECT_EQ(r.value("/status/report", r.dir + "/take.html"), r.dir + "/take.html");
+    EXPECT_TRUE(std::filesystem::exists(r.dir + "/take.json"));
 
     std::string file = r.value("/status/file").get<std::string>();
     EXPECT_EQ(file, r.dir + "/take.mov");
