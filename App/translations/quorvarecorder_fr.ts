@@ -252,6 +252,14 @@
         <translation>Prise %1 dans %2</translation>
     </message>
     <message>
+        <source>Open the Last Take&apos;s &amp;Report</source>
+        <translation>Ouvrir le &amp;rapport de la dernière prise</translation>
+    </message>
+    <message>
+        <source>%1 min of disk</source>
+        <translation>%1 min de disque</translation>
+    </message>
+    <message>
         <source>NDI on</source>
         <translation>NDI actif</translation>
     </message>
