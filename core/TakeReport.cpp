@@ -160,11 +160,12 @@ json OrNull(const std::optional<std::string>& text) {
     return text ? json(*text) : json(nullptr);
 }
 
-// A strip of the movie's timeline, a column a second: held pictures rise from the bottom in amber,
+// A strip of the movie's timeline, a column a second (a take stopped a few milliseconds after a whole
+// second has no column for them): held pictures rise from the bottom in amber,
 // dropped ones hang from the top in red, each as tall as its share of the second's pictures.
 std::string TimelineSVG(const TakeReportMovie& movie, double duration) {
-    const size_t seconds = std::max({size_t(std::ceil(std::max(duration, 0.0))), movie.heldEachSecond.size(),
-                                     movie.droppedEachSecond.size(), size_t(1)});
+    const size_t seconds = std::max({size_t(std::ceil(std::max(duration - 0.01, 0.0))),
+                                     movie.heldEachSecond.size(), movie.droppedEachSecond.size(), size_t(1)});
     const double perSecond = std::max(movie.frameRate, 1.0);
     std::string svg =
         "<svg class=\"timeline\" viewBox=\"0 0 " + std::to_string(seconds) +
