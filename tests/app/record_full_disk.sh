@@ -24,6 +24,7 @@ took=$(($(date +%s) - started))
 [ $took -lt 100 ] || fail "the take ran for $took s of its 120"
 grep -q '^quorvarecorder: .*disk' "$work/full.err" || fail "the take did not say that the disk ended it: $(cat "$work/full.err")"
 grep -q 'min of disk left' "$work/full.err" || fail "the progress never gave the disk's minutes"
+grep -q 'has room for only .* minutes' "$work/full.err" || fail "no warning came before the disk ended the take"
 grep -q 'The movie could not be written' "$work/full.err" && fail "a movie ran into the full disk: $(cat "$work/full.err")"
 
 report=$disk/Full.json
@@ -47,6 +48,6 @@ head -c $(($(df --output=avail -B1 "$disk" | tail -1) - 2 * 1024 * 1024)) /dev/z
 status=$?
 [ $status -eq 1 ] && grep -q 'holds less than ten seconds' "$work/refused.err" ||
     fail "a nearly full disk: exit $status, '$(cat "$work/refused.err")'"
-ls "$disk" | grep -q Refused && fail "a refused take left $(ls "$disk")"
+compgen -G "$disk/Refused*" >/dev/null && fail "a refused take left $(ls "$disk")"
 [ $failures -eq 0 ] || exit 1
 echo "all good"
