@@ -175,7 +175,11 @@ private:
     // Sends `frame` to the encoder for `slot`; nothing drains it.
     Result<> encodeVideo(AVFrame* frame, int64_t slot);
     Result<> receiveVideoPackets();
-    // Hands a picture's packet to the muxer for `slot`, and cuts a fragment when one is due.
+    // Whether a held slot repeats the last picture without encoding (ProRes, and H.264 and HEVC where skip
+    // pictures can be made), and muxes that repeat for `slot`.
+    bool repeatsPictures() const;
+    Result<> muxRepeat(int64_t slot);
+    // Hands a picture's packet (which it takes) to the muxer for `slot`, and cuts a fragment when one is due.
     Result<> muxVideoPacket(AVPacket* packet, int64_t slot);
     // Hands a packet from `encoder` (its time stamps in the encoder's time base) to the muxer, in `stream`.
     Result<> muxPacket(AVPacket* packet, AVCodecContext* encoder, AVStream* stream);
