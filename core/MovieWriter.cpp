@@ -194,10 +194,14 @@ int OpenVideoEncoder(const VideoEncoder& choice, const MovieWriter::Format& form
             const int lookahead = std::min(latency, PresetLookahead(choice.name, preset));
             av_dict_set(&options, "preset", preset.c_str(), 0);
             // x265 makes a key frame asked for a CRA, whose picture order count goes on from the pictures
-            // before, unless its GOPs are closed (which without B frames costs nothing).
+            // before, unless its GOPs are closed (which without B frames costs nothing). Temporal motion
+            // vector prediction would take a picture's motion from a skip picture in place of the one it
+            // stands in for, which then could not stand in (see SkipPictures); the fast presets gain
+            // little from it.
             if (kind == Codec::HEVC)
                 av_dict_set(&options, "x265-params",
-                            ("log-level=error:bframes=0:open-gop=0:rc-lookahead=" + std::to_string(lookahead))
+                            ("log-level=error:bframes=0:open-gop=0:temporal-mvp=0:rc-lookahead=" +
+                             std::to_string(lookahead))
                                 .c_str(),
                             0);
             else
@@ -288,13 +292,14 @@ struct MovieWriter::State {
     MovieFrame last;
     // Where a held slot costs no encoding: how many held slots repeat each picture still in the encoder,
     // oldest first. ProRes repeats the last picture's packet (kept once out); H.264 and HEVC write a skip
-    // picture, after which the encoder's next picture must be an IDR.
+    // picture, after which the encoder's pictures are renumbered or its next one is an IDR.
     std::deque<int64_t> repeats;
     Packet lastPacket;
     Packet repeat;
     std::unique_ptr<SkipPictures> skips;
     bool skipping = false; // false once a picture came out that none can follow
-    bool skipped = false;  // since the last picture sent
+    bool skipped = false;  // since the last picture sent, where the encoder must restart after them
+    std::vector<uint8_t> renumbered;
     // Sound not yet encoded, interleaved stereo, from soundRead on; it starts at soundEncoded (frames).
     std::vector<float> sound;
     size_t soundRead = 0;
@@ -446,33 +451,47 @@ Result<> MovieWriter::openVideo() {
     s.videoStream->time_base = s.video->time_base;
     s.videoStream->avg_frame_rate = s.video->framerate;
     if (!IsProRes(codec)) {
-        Result<std::unique_ptr<SkipPictures>> made = SkipPictures::make(
-            s.video->codec_id, s.video->extradata, size_t(std::max(0, s.video->extradata_size)));
-        if (made) {
-            // The skip pictures' parameter set joins the encoder's in the global header, which the muxer
-            // turns into the sample description.
-            AVCodecParameters* p = s.videoStream->codecpar;
-            const std::vector<uint8_t>& set = made.value()->parameterSet();
-            const size_t size = size_t(p->extradata_size) + set.size();
-            auto* extradata = static_cast<uint8_t*>(av_mallocz(size + AV_INPUT_BUFFER_PADDING_SIZE));
-            if (!extradata)
-                return RecorderError("The movie file could not be set up");
-            std::memcpy(extradata, p->extradata, size_t(p->extradata_size));
-            std::memcpy(extradata + p->extradata_size, set.data(), set.size());
-            av_free(p->extradata);
-            p->extradata = extradata;
-            p->extradata_size = int(size);
-            s.skips = std::move(made).value();
-            s.skipping = true;
-        } else {
-            Log("MovieRecorder: ", _path.filename().string() + ": held slots are encoded again, as " +
-                                       _encoderName +
-                                       "'s pictures cannot be skipped: " + made.error().message());
-        }
+        if (Result<> skipping = setUpSkipPictures(); !skipping)
+            return skipping;
     }
     // Apple's players want HEVC tagged hvc1 (parameter sets in the sample description), not hev1.
     if (codec == Codec::HEVC)
         s.videoStream->codecpar->codec_tag = MKTAG('h', 'v', 'c', '1');
+    return {};
+}
+
+// Held slots of H.264 and HEVC become skip pictures where the encoder's headers allow: their parameter set
+// joins the encoder's in the global header, which the muxer turns into the sample description.
+Result<> MovieWriter::setUpSkipPictures() {
+    State& s = *_state;
+    // x265's ultrafast and superfast presets refer to the last picture only, which its headers do not say.
+    const std::string preset = SoftwarePreset(_format);
+    const bool lastPictureOnly =
+        _encoderName == "libx265" && (preset == "ultrafast" || preset == "superfast");
+    Result<std::unique_ptr<SkipPictures>> made = SkipPictures::make(
+        s.video->codec_id, s.video->extradata, size_t(std::max(0, s.video->extradata_size)), lastPictureOnly);
+    // An IDR after skip pictures costs x265 several times what a picture that refers to the one before does,
+    // more than encoding the held slots.
+    if (made && made.value()->restartsEncoder() && _encoderName == "libx265")
+        made = RecorderError("x265 would have to start afresh after them");
+    if (!made) {
+        Log("MovieRecorder: ", _path.filename().string() + ": held slots are encoded again, as " +
+                                   _encoderName + "'s pictures cannot be skipped: " + made.error().message());
+        return {};
+    }
+    AVCodecParameters* p = s.videoStream->codecpar;
+    const std::vector<uint8_t>& set = made.value()->parameterSet();
+    const size_t size = size_t(p->extradata_size) + set.size();
+    auto* extradata = static_cast<uint8_t*>(av_mallocz(size + AV_INPUT_BUFFER_PADDING_SIZE));
+    if (!extradata)
+        return RecorderError("The movie file could not be set up");
+    std::memcpy(extradata, p->extradata, size_t(p->extradata_size));
+    std::memcpy(extradata + p->extradata_size, set.data(), set.size());
+    av_free(p->extradata);
+    p->extradata = extradata;
+    p->extradata_size = int(size);
+    s.skips = std::move(made).value();
+    s.skipping = true;
     return {};
 }
 
@@ -640,7 +659,7 @@ Result<> MovieWriter::holdUntil(int64_t slot) {
                 ++s.repeats.back();
             else
                 held = muxRepeat(_nextSlot);
-            s.skipped = s.skipping;
+            s.skipped = s.skipping && s.skips->restartsEncoder();
             ++_nextSlot;
         } else {
             // The encoder takes a reference of its own each time, so one frame serves every slot it holds.
@@ -693,8 +712,8 @@ Result<> MovieWriter::encodeVideo(AVFrame* frame, int64_t slot) {
     State& s = *_state;
     if (frame) {
         frame->pts = slot;
-        // Skip pictures went out since the encoder's last picture, numbered after it: the encoder must
-        // start afresh.
+        // Skip pictures went out since the encoder's last picture, numbered after it, and its pictures
+        // cannot be renumbered to follow them: it must start afresh.
         frame->pict_type = s.skipped ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
         s.skipped = false;
     }
@@ -726,7 +745,17 @@ Result<> MovieWriter::receiveVideoPackets() {
             s.repeats.pop_front();
         }
         if (s.skips) {
-            if (!s.skips->follow(s.packet->data, size_t(s.packet->size)) && s.skipping) {
+            const bool followed = s.skips->follow(s.packet->data, size_t(s.packet->size), s.renumbered);
+            if (!s.renumbered.empty()) {
+                const int grown = int(s.renumbered.size()) - s.packet->size;
+                if (av_packet_make_writable(s.packet.get()) < 0 ||
+                    (grown > 0 && av_grow_packet(s.packet.get(), grown) < 0))
+                    return fail("The movie could not be written", AVERROR(ENOMEM));
+                if (grown < 0)
+                    av_shrink_packet(s.packet.get(), int(s.renumbered.size()));
+                std::memcpy(s.packet->data, s.renumbered.data(), s.renumbered.size());
+            }
+            if (!followed && s.skipping) {
                 // Skip pictures after this one would show an older picture: later held slots are encoded
                 // again (those already counted against it show the last picture the encoder kept).
                 Log("MovieRecorder: ",

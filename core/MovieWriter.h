@@ -168,6 +168,7 @@ private:
 
     Result<> openFile();
     Result<> openVideo();
+    Result<> setUpSkipPictures();
     Result<> openAudio();
     Result<> writeHeader();
     // A picture over `buffer` (taken over), laid out as frameFormat() says.

@@ -1,6 +1,7 @@
 #include "core/SkipPictures.h"
 
 #include "core/MovieWriter.h"
+#include "platform/Log.h"
 
 #include <algorithm>
 #include <array>
@@ -107,12 +108,47 @@ public:
         return code & 1 ? int32_t((code + 1) / 2) : -int32_t(code / 2);
     }
 
+    size_t position() const { return _position; }
+
     bool failed = false;
 
 private:
     std::vector<uint8_t> _bytes;
     size_t _position;
 };
+
+// Writes `count` bits of `value` over those at bit `position` of `bytes`.
+void Overwrite(std::vector<uint8_t>& bytes, size_t position, uint32_t value, int count) {
+    for (int i = count - 1; i >= 0; --i, ++position) {
+        const auto mask = uint8_t(0x80 >> (position % 8));
+        if ((value >> i) & 1)
+            bytes[position / 8] |= mask;
+        else
+            bytes[position / 8] &= uint8_t(~mask);
+    }
+}
+
+// A packet's NAL units again, each after a start code: those that `renumber` changes (given each unit's
+// header of `headerBytes` and its payload without emulation prevention) written anew, the others as
+// they were.
+template <class Renumber>
+std::vector<uint8_t> Rewritten(const std::vector<std::pair<const uint8_t*, size_t>>& units,
+                               size_t headerBytes, Renumber renumber) {
+    std::vector<uint8_t> out;
+    for (auto [unit, length] : units) {
+        std::vector<uint8_t> payload;
+        if (length > headerBytes)
+            payload = Unescape(unit + headerBytes, length - headerBytes);
+        if (length > headerBytes && renumber(unit, payload)) {
+            const std::vector<uint8_t> nal = Escape(std::vector<uint8_t>(unit, unit + headerBytes), payload);
+            out.insert(out.end(), nal.begin(), nal.end());
+        } else {
+            out.insert(out.end(), {0, 0, 0, 1});
+            out.insert(out.end(), unit, unit + length);
+        }
+    }
+    return out;
+}
 
 class BitWriter {
 public:
@@ -168,7 +204,14 @@ public:
         int log2MaxFrameNum = 4;
         int pocType = 0;
         int log2MaxPocLsb = 4;
+        uint32_t referenceFrames = 0;
         uint32_t macroblocks = 0;
+    };
+    // Where a slice header's numbers lie, in bits of its payload.
+    struct Numbers {
+        bool read = false;
+        uint32_t frameNum = 0, pocLsb = 0;
+        size_t frameNumAt = 0, pocLsbAt = 0;
     };
 
     static Result<std::unique_ptr<SkipPictures>> make(const uint8_t* extradata, size_t size) {
@@ -209,6 +252,7 @@ public:
         const Sequence& sequence = made->_sequences[made->_sequenceId];
         if (sequence.separatePlanes)
             return Unsupported("it codes its colour planes apart");
+        made->_restarts = sequence.referenceFrames > 1;
 
         // ITU-T H.264 7.3.2.2: CAVLC, one slice group, one reference, no weighted prediction, and the
         // deblocking filter under the slice's control.
@@ -233,8 +277,32 @@ public:
         return std::unique_ptr<SkipPictures>(std::move(made));
     }
 
-    bool follow(const uint8_t* data, size_t size) override {
-        for (auto [unit, length] : NalUnits(data, size)) {
+    bool follow(const uint8_t* data, size_t size, std::vector<uint8_t>& renumbered) override {
+        renumbered.clear();
+        std::vector<std::pair<const uint8_t*, size_t>> units = NalUnits(data, size);
+        for (auto [unit, length] : units)
+            if (length > 0 && (unit[0] & 0x1f) == 5) // an IDR starts the numbering afresh
+                _shift = 0;
+        const Sequence& sequence = _sequences[_sequenceId];
+        if (_shift > 0 && !_restarts) {
+            // Skip pictures stand in for this picture's reference frame, the encoder's last picture: its
+            // frame_num and picture order count go on from them.
+            renumbered = Rewritten(units, 1, [&](const uint8_t* unit, std::vector<uint8_t>& payload) {
+                const Numbers numbers = (unit[0] & 0x1f) == 1 ? Read(payload, 1) : Numbers{};
+                if (!numbers.read)
+                    return false;
+                Overwrite(payload, numbers.frameNumAt,
+                          (numbers.frameNum + _shift) % (1u << sequence.log2MaxFrameNum),
+                          sequence.log2MaxFrameNum);
+                if (sequence.pocType == 0)
+                    Overwrite(payload, numbers.pocLsbAt,
+                              (numbers.pocLsb + 2 * _shift) % (1u << sequence.log2MaxPocLsb),
+                              sequence.log2MaxPocLsb);
+                return true;
+            });
+            units = NalUnits(renumbered.data(), renumbered.size());
+        }
+        for (auto [unit, length] : units) {
             if (length < 2)
                 continue;
             const int type = unit[0] & 0x1f;
@@ -242,21 +310,11 @@ public:
                 continue;
             if ((unit[0] >> 5) == 0) // nal_ref_idc: not kept for reference
                 return false;
-            BitReader bits(Unescape(unit + 1, std::min<size_t>(length - 1, 64)));
-            bits.ue(); // first_mb_in_slice
-            bits.ue(); // slice_type
-            const auto set = _pictureSets.find(bits.ue());
-            if (set == _pictureSets.end() || set->second != _sequenceId)
+            const Numbers numbers = Read(Unescape(unit + 1, std::min<size_t>(length - 1, 64)), type);
+            if (!numbers.read)
                 return false;
-            const Sequence& sequence = _sequences[_sequenceId];
-            const uint32_t frameNum = bits.bits(sequence.log2MaxFrameNum);
-            if (type == 5)
-                bits.ue(); // idr_pic_id
-            const uint32_t pocLsb = sequence.pocType == 0 ? bits.bits(sequence.log2MaxPocLsb) : 0;
-            if (bits.failed)
-                return false;
-            _frameNum = frameNum;
-            _pocLsb = pocLsb;
+            _frameNum = numbers.frameNum;
+            _pocLsb = numbers.pocLsb;
             return true;
         }
         return false;
@@ -265,6 +323,7 @@ public:
     std::vector<uint8_t> next() override {
         const Sequence& sequence = _sequences[_sequenceId];
         _frameNum = (_frameNum + 1) % (1u << sequence.log2MaxFrameNum);
+        ++_shift;
         // Pictures of picture order count type 0 count two a frame, as the encoders do.
         _pocLsb = (_pocLsb + 2) % (1u << sequence.log2MaxPocLsb);
         // ITU-T H.264 7.3.3.
@@ -286,6 +345,29 @@ public:
     }
 
 private:
+    // The numbers of a slice of nal_unit_type `type` of a picture of the encoder's sequence, from its
+    // header (ITU-T H.264 7.3.3).
+    Numbers Read(const std::vector<uint8_t>& payload, int type) {
+        // The numbers lie well within the first bytes.
+        BitReader bits(std::vector<uint8_t>(payload.begin(),
+                                            payload.begin() + std::min<ptrdiff_t>(64, std::ssize(payload))));
+        bits.ue(); // first_mb_in_slice
+        bits.ue(); // slice_type
+        const auto set = _pictureSets.find(bits.ue());
+        if (set == _pictureSets.end() || set->second != _sequenceId)
+            return {};
+        const Sequence& sequence = _sequences[_sequenceId];
+        Numbers numbers;
+        numbers.frameNumAt = bits.position();
+        numbers.frameNum = bits.bits(sequence.log2MaxFrameNum);
+        if (type == 5)
+            bits.ue(); // idr_pic_id
+        numbers.pocLsbAt = bits.position();
+        numbers.pocLsb = sequence.pocType == 0 ? bits.bits(sequence.log2MaxPocLsb) : 0;
+        numbers.read = !bits.failed;
+        return numbers;
+    }
+
     // ITU-T H.264 7.3.2.1.1, as far as the frame size; returns the id.
     static uint32_t ReadSequence(BitReader& bits, Sequence& sequence) {
         const uint32_t profile = bits.bits(8);
@@ -320,7 +402,7 @@ private:
         if (sequence.pocType == 1 || sequence.pocType > 2 || sequence.log2MaxFrameNum > 16 ||
             sequence.log2MaxPocLsb > 16)
             return id;
-        bits.ue();  // max_num_ref_frames
+        sequence.referenceFrames = bits.ue();
         bits.bit(); // gaps_in_frame_num_value_allowed_flag
         const uint32_t width = bits.ue() + 1;
         const uint32_t height = bits.ue() + 1;
@@ -452,6 +534,10 @@ private:
 // before it), so no set of the encoder's is needed.
 class HevcSkips final : public SkipPictures {
 public:
+    struct RefSet {
+        std::vector<int> deltas;
+        std::vector<bool> used;
+    };
     struct Sequence {
         bool valid = false;
         bool chroma = true; // ChromaArrayType != 0
@@ -460,17 +546,31 @@ public:
         int log2MinCb = 3, log2Ctb = 4;
         bool sao = false;
         uint32_t shortTermSets = 0;
+        std::vector<RefSet> sets;
         bool longTerm = false;
         uint32_t longTermSps = 0;
         bool temporalMvp = false;
+        uint32_t maxDecPicBufferingMinus1 = 0;
+        int addressBits = 0; // of slice_segment_address
     };
     struct PictureSet {
         uint32_t sequence = 0;
+        bool dependentSlices = false;
         bool outputFlag = false;
         int extraBits = 0;
+        uint32_t references = 1; // num_ref_idx_l0_default_active_minus1 + 1
+    };
+    // Where a slice header's picture order count lies, in bits of its payload, and whether the slice
+    // refers to the picture before it only, and at most to the one before that.
+    struct Numbers {
+        bool read = false;
+        uint32_t pocLsb = 0;
+        size_t pocLsbAt = 0;
+        bool lastOnly = false;
     };
 
-    static Result<std::unique_ptr<SkipPictures>> make(const uint8_t* extradata, size_t size) {
+    static Result<std::unique_ptr<SkipPictures>> make(const uint8_t* extradata, size_t size,
+                                                      bool lastPictureOnly) {
         auto made = std::unique_ptr<HevcSkips>(new HevcSkips());
         for (auto [unit, length] : NalUnits(extradata, size)) {
             if (length < 3)
@@ -489,9 +589,11 @@ public:
                 PictureSet set;
                 const uint32_t id = bits.ue();
                 set.sequence = bits.ue();
-                bits.bit(); // dependent_slice_segments_enabled_flag
+                set.dependentSlices = bits.bit();
                 set.outputFlag = bits.bit();
                 set.extraBits = int(bits.bits(3));
+                bits.skip(2); // sign_data_hiding_enabled_flag, cabac_init_present_flag
+                set.references = bits.ue() + 1;
                 if (bits.failed || id > 63)
                     return Unsupported("its picture parameter set could not be read");
                 made->_pictureSets[id] = set;
@@ -507,6 +609,9 @@ public:
             return Unsupported("it uses every picture parameter set id");
         made->_ownId = id;
         made->_sequenceId = made->_pictureSets.begin()->second.sequence;
+        const Sequence& sequence = made->_sequences[made->_sequenceId];
+        made->_restarts = !lastPictureOnly || sequence.longTerm || sequence.temporalMvp ||
+                          made->_pictureSets.begin()->second.references > 1;
 
         // ITU-T H.265 7.3.2.3.1: one reference, no tiles, no wavefronts, and no loop filter.
         BitWriter w;
@@ -546,8 +651,36 @@ public:
         return std::unique_ptr<SkipPictures>(std::move(made));
     }
 
-    bool follow(const uint8_t* data, size_t size) override {
-        for (auto [unit, length] : NalUnits(data, size)) {
+    bool follow(const uint8_t* data, size_t size, std::vector<uint8_t>& renumbered) override {
+        renumbered.clear();
+        std::vector<std::pair<const uint8_t*, size_t>> units = NalUnits(data, size);
+        for (auto [unit, length] : units)
+            if (length > 0 && IsIdr((unit[0] >> 1) & 0x3f)) // an IDR starts the count afresh
+                _shift = 0;
+        const Sequence& sequence = _sequences[_sequenceId];
+        if (_shift > 0 && !_restarts) {
+            // Skip pictures stand in for the only picture this one refers to, the encoder's last: its
+            // picture order count goes on from them, and its reference picture set, relative to it, then
+            // names the last skip picture.
+            renumbered = Rewritten(units, 2, [&](const uint8_t* unit, std::vector<uint8_t>& payload) {
+                const Numbers numbers = Read(payload, (unit[0] >> 1) & 0x3f);
+                if (!numbers.read)
+                    return false;
+                Overwrite(payload, numbers.pocLsbAt,
+                          (numbers.pocLsb + _shift) % (1u << sequence.log2MaxPocLsb), sequence.log2MaxPocLsb);
+                // The encoder was taken to refer to its last picture only; one that refers to more cannot
+                // be put right, but the encoder restarts after the next skip pictures.
+                if (!numbers.lastOnly && !_restarts) {
+                    Log("MovieRecorder: ",
+                        "an HEVC picture after skip pictures refers to more than the picture "
+                        "before; the encoder restarts after skip pictures from now on");
+                    _restarts = true;
+                }
+                return true;
+            });
+            units = NalUnits(renumbered.data(), renumbered.size());
+        }
+        for (auto [unit, length] : units) {
             if (length < 3)
                 continue;
             const int type = (unit[0] >> 1) & 0x3f;
@@ -558,24 +691,11 @@ public:
             const bool reference = (type <= 14 && type % 2 == 1) || type >= 16;
             if (!reference || (unit[1] & 7) != 1)
                 return false;
-            BitReader bits(Unescape(unit + 2, std::min<size_t>(length - 2, 64)));
-            if (!bits.bit()) // first_slice_segment_in_pic_flag
+            const Numbers numbers = Read(Unescape(unit + 2, std::min<size_t>(length - 2, 64)), type);
+            if (!numbers.read && !IsIdr(type))
                 return false;
-            if (type >= 16)
-                bits.bit(); // no_output_of_prior_pics_flag
-            const auto set = _pictureSets.find(bits.ue());
-            if (set == _pictureSets.end() || set->second.sequence != _sequenceId)
-                return false;
-            const Sequence& sequence = _sequences[_sequenceId];
-            bits.skip(set->second.extraBits);
-            bits.ue(); // slice_type
-            if (set->second.outputFlag)
-                bits.bit();
-            const bool idr = type == 19 || type == 20;
-            const uint32_t pocLsb = idr ? 0 : bits.bits(sequence.log2MaxPocLsb);
-            if (bits.failed)
-                return false;
-            _pocLsb = pocLsb;
+            _pocLsb = IsIdr(type) ? 0 : numbers.pocLsb;
+            _pictures = IsIdr(type) ? 1 : _pictures + 1;
             return true;
         }
         return false;
@@ -584,6 +704,11 @@ public:
     std::vector<uint8_t> next() override {
         const Sequence& sequence = _sequences[_sequenceId];
         _pocLsb = (_pocLsb + 1) % (1u << sequence.log2MaxPocLsb);
+        ++_shift;
+        // Where the encoder's pictures are renumbered, they name the picture two before them too (x265
+        // does), which must then still be there: kept, though not referred to.
+        const bool keepsTwo = !_restarts && _pictures >= 2 && sequence.maxDecPicBufferingMinus1 >= 2;
+        ++_pictures;
         // ITU-T H.265 7.3.6.1.
         BitWriter w;
         w.bit(1);     // first_slice_segment_in_pic_flag
@@ -592,11 +717,15 @@ public:
         w.bits(_pocLsb, sequence.log2MaxPocLsb);
         w.bit(0); // short_term_ref_pic_set_sps_flag: the set follows
         if (sequence.shortTermSets > 0)
-            w.bit(0); // inter_ref_pic_set_prediction_flag
-        w.ue(1);      // num_negative_pics
-        w.ue(0);      // num_positive_pics
-        w.ue(0);      // delta_poc_s0_minus1: the picture before
-        w.bit(1);     // used_by_curr_pic_s0_flag
+            w.bit(0);           // inter_ref_pic_set_prediction_flag
+        w.ue(keepsTwo ? 2 : 1); // num_negative_pics
+        w.ue(0);                // num_positive_pics
+        w.ue(0);                // delta_poc_s0_minus1: the picture before
+        w.bit(1);               // used_by_curr_pic_s0_flag
+        if (keepsTwo) {
+            w.ue(0);  // delta_poc_s0_minus1: the one before that
+            w.bit(0); // used_by_curr_pic_s0_flag
+        }
         if (sequence.longTerm) {
             if (sequence.longTermSps > 0)
                 w.ue(0); // num_long_term_sps
@@ -619,6 +748,67 @@ public:
 
 private:
     HevcSkips() = default;
+
+    static bool IsIdr(int type) { return type == 19 || type == 20; }
+
+    // Where the picture order count of a slice segment of nal_unit_type `type` of the encoder's sequence
+    // lies (ITU-T H.265 7.3.6.1); nothing for an IDR, a dependent slice segment or any other NAL unit.
+    Numbers Read(const std::vector<uint8_t>& payload, int type) {
+        if (type > 21 || IsIdr(type))
+            return {};
+        BitReader bits(std::vector<uint8_t>(payload.begin(),
+                                            payload.begin() + std::min<ptrdiff_t>(64, std::ssize(payload))));
+        const bool first = bits.bit(); // first_slice_segment_in_pic_flag
+        if (type >= 16)
+            bits.bit(); // no_output_of_prior_pics_flag
+        const auto set = _pictureSets.find(bits.ue());
+        if (set == _pictureSets.end() || set->second.sequence != _sequenceId)
+            return {};
+        const Sequence& sequence = _sequences[_sequenceId];
+        if (!first) {
+            if (set->second.dependentSlices && bits.bit()) // dependent_slice_segment_flag
+                return {};
+            bits.skip(sequence.addressBits); // slice_segment_address
+        }
+        bits.skip(set->second.extraBits);
+        const uint32_t sliceType = bits.ue(); // 0 B, 1 P, 2 I
+        if (set->second.outputFlag)
+            bits.bit(); // pic_output_flag
+        Numbers numbers;
+        numbers.pocLsbAt = bits.position();
+        numbers.pocLsb = bits.bits(sequence.log2MaxPocLsb);
+        numbers.read = !bits.failed;
+        // What it refers to: its reference picture set (its own or one of the sequence's) and how many of
+        // the set it takes.
+        RefSet references;
+        if (!bits.bit()) { // short_term_ref_pic_set_sps_flag
+            references = ReadShortTermSet(bits, sequence.sets, true);
+        } else {
+            int indexBits = 0;
+            while ((1u << indexBits) < sequence.shortTermSets)
+                ++indexBits;
+            const uint32_t index = bits.bits(indexBits);
+            if (index < sequence.sets.size())
+                references = sequence.sets[index];
+        }
+        if (sequence.longTerm || sequence.temporalMvp)
+            return numbers;
+        if (sequence.sao)
+            bits.skip(sequence.chroma ? 2 : 1);
+        uint32_t active = set->second.references;
+        if (sliceType != 2 && bits.bit()) // num_ref_idx_active_override_flag
+            active = bits.ue() + 1;
+        // The picture before it first (the nearest it refers to), and nothing older than the one before
+        // that, which the skip pictures keep.
+        bool before = false, older = false;
+        for (size_t i = 0; i < references.deltas.size(); ++i) {
+            before = before || (references.deltas[i] == -1 && references.used[i]);
+            older = older || references.deltas[i] < -2 || references.deltas[i] > 0;
+        }
+        numbers.lastOnly =
+            !bits.failed && (sliceType == 2 || (sliceType == 1 && active == 1 && before && !older));
+        return numbers;
+    }
 
     // ITU-T H.265 7.3.2.2.1, as far as sps_temporal_mvp_enabled_flag; returns the id.
     static uint32_t ReadSequence(BitReader& bits, Sequence& sequence) {
@@ -649,9 +839,11 @@ private:
         bits.ue(); // bit_depth_chroma_minus8
         sequence.log2MaxPocLsb = int(bits.ue()) + 4;
         const bool orderingForEach = bits.bit();
-        for (int i = orderingForEach ? 0 : subLayers; i <= subLayers; ++i)
-            for (int j = 0; j < 3; ++j)
-                bits.ue();
+        for (int i = orderingForEach ? 0 : subLayers; i <= subLayers; ++i) {
+            sequence.maxDecPicBufferingMinus1 = bits.ue(); // of the highest sub-layer, last
+            bits.ue();                                     // sps_max_num_reorder_pics
+            bits.ue();                                     // sps_max_latency_increase_plus1
+        }
         sequence.log2MinCb = int(bits.ue()) + 3;
         sequence.log2Ctb = sequence.log2MinCb + int(bits.ue());
         for (int i = 0; i < 4; ++i)
@@ -669,9 +861,8 @@ private:
         sequence.shortTermSets = bits.ue();
         if (sequence.shortTermSets > 64)
             return id;
-        std::vector<std::vector<int>> sets; // the deltas of each set's pictures, negative and positive
         for (uint32_t i = 0; i < sequence.shortTermSets && !bits.failed; ++i)
-            sets.push_back(ReadShortTermSet(bits, sets));
+            sequence.sets.push_back(ReadShortTermSet(bits, sequence.sets, false));
         sequence.longTerm = bits.bit();
         if (sequence.longTerm) {
             sequence.longTermSps = bits.ue();
@@ -682,6 +873,12 @@ private:
         sequence.valid = !separatePlanes && sequence.log2MaxPocLsb <= 16 && sequence.log2Ctb <= 6 &&
                          sequence.width > 0 && sequence.height > 0 && sequence.width <= 16888 &&
                          sequence.height <= 16888;
+        if (sequence.valid) {
+            const uint32_t ctbs = ((sequence.width + (1u << sequence.log2Ctb) - 1) >> sequence.log2Ctb) *
+                                  ((sequence.height + (1u << sequence.log2Ctb) - 1) >> sequence.log2Ctb);
+            while ((1u << sequence.addressBits) < ctbs)
+                ++sequence.addressBits;
+        }
         return id;
     }
 
@@ -700,41 +897,45 @@ private:
             }
     }
 
-    // ITU-T H.265 7.3.7 and 7.4.8 for a set of the sequence: the deltas of its pictures' order counts.
-    static std::vector<int> ReadShortTermSet(BitReader& bits, const std::vector<std::vector<int>>& sets) {
-        std::vector<int> deltas;
-        if (!sets.empty() && bits.bit()) { // inter_ref_pic_set_prediction_flag
+    // ITU-T H.265 7.3.7 and 7.4.8: a set of the sequence's, or of a slice header (after the sequence's
+    // `sets`): the deltas of its pictures' order counts, and which the picture refers to.
+    static RefSet ReadShortTermSet(BitReader& bits, const std::vector<RefSet>& sets, bool inSlice) {
+        RefSet set;
+        if (!sets.empty() && bits.bit()) {                     // inter_ref_pic_set_prediction_flag
+            const uint32_t back = inSlice ? bits.ue() + 1 : 1; // delta_idx_minus1 + 1
+            if (back > sets.size()) {
+                bits.failed = true;
+                return set;
+            }
             const int sign = bits.bit() ? -1 : 1;
             const int deltaRps = sign * int(bits.ue() + 1);
-            const std::vector<int>& reference = sets.back();
+            const RefSet& reference = sets[sets.size() - back];
             // Every picture of the set it is predicted from, then deltaRps itself, each kept or not.
-            for (size_t j = 0; j <= reference.size() && !bits.failed; ++j) {
+            for (size_t j = 0; j <= reference.deltas.size() && !bits.failed; ++j) {
                 const bool used = bits.bit();
                 const bool kept = used || bits.bit();
-                const int delta = j < reference.size() ? reference[j] + deltaRps : deltaRps;
-                if (kept && delta != 0)
-                    deltas.push_back(delta);
+                const int delta = j < reference.deltas.size() ? reference.deltas[j] + deltaRps : deltaRps;
+                if (kept && delta != 0) {
+                    set.deltas.push_back(delta);
+                    set.used.push_back(used);
+                }
             }
-            return deltas;
+            return set;
         }
         const uint32_t negatives = bits.ue(), positives = bits.ue();
         if (negatives > 16 || positives > 16) {
             bits.failed = true;
-            return deltas;
+            return set;
         }
-        int delta = 0;
-        for (uint32_t i = 0; i < negatives; ++i) {
-            delta -= int(bits.ue() + 1);
-            bits.bit();
-            deltas.push_back(delta);
+        for (int sign : {-1, 1}) {
+            int delta = 0;
+            for (uint32_t i = 0; i < (sign < 0 ? negatives : positives); ++i) {
+                delta += sign * int(bits.ue() + 1);
+                set.deltas.push_back(delta);
+                set.used.push_back(bits.bit());
+            }
         }
-        delta = 0;
-        for (uint32_t i = 0; i < positives; ++i) {
-            delta += int(bits.ue() + 1);
-            bits.bit();
-            deltas.push_back(delta);
-        }
-        return deltas;
+        return set;
     }
 
     // The slice data, the same for every skip picture (7.3.8): each coding tree unit's quadtree split only
@@ -798,20 +999,21 @@ private:
     uint32_t _sequenceId = 0;
     uint32_t _ownId = 0;
     uint32_t _pocLsb = 0;
+    uint32_t _pictures = 0; // since the last IDR
     std::vector<uint8_t> _data;
 };
 
 } // namespace
 
 Result<std::unique_ptr<SkipPictures>> SkipPictures::make(AVCodecID codec, const uint8_t* extradata,
-                                                         size_t size) {
+                                                         size_t size, bool lastPictureOnly) {
     if (!extradata || size == 0)
         return Unsupported("it has no global header");
     switch (codec) {
     case AV_CODEC_ID_H264:
         return H264Skips::make(extradata, size);
     case AV_CODEC_ID_HEVC:
-        return HevcSkips::make(extradata, size);
+        return HevcSkips::make(extradata, size, lastPictureOnly);
     default:
         return Unsupported("its codec has no skip pictures here");
     }
