@@ -59,7 +59,9 @@ AVRational GridRate(double framesPerSecond);
 //
 // Pictures lie on slots of the frame-rate grid, counted from the movie's time 0; a slot that gets no
 // picture shows the one before it (black before the first), so that every slot holds a picture and
-// editors read a constant rate. Positions of sound are in frames at 48000 a second from time 0.
+// editors read a constant rate. Such a held slot costs no encoding where the encoder allows: ProRes
+// repeats the picture's packet, H.264 and HEVC write a skip picture (see SkipPictures); otherwise the
+// picture is encoded again. Positions of sound are in frames at 48000 a second from time 0.
 class MovieWriter {
 public:
     static constexpr int SoundRate = 48000;
