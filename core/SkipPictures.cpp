@@ -65,14 +65,16 @@ std::vector<uint8_t> Escape(const std::vector<uint8_t>& header, const std::vecto
         zeros = byte == 0 ? zeros + 1 : 0;
         out.push_back(byte);
     }
+    // A payload that ends in zeros (cabac_zero_words) must not run into the next start code.
+    if (!payload.empty() && payload.back() == 0)
+        out.push_back(3);
     return out;
 }
 
 // Reads the bits of a payload; reading past its end sets `failed` and gives zeros.
 class BitReader {
 public:
-    explicit BitReader(std::vector<uint8_t> bytes, size_t skipBytes = 0)
-        : _bytes(std::move(bytes)), _position(skipBytes * 8) {}
+    explicit BitReader(std::vector<uint8_t> bytes) : _bytes(std::move(bytes)) {}
     uint32_t bit() {
         if (_position >= _bytes.size() * 8) {
             failed = true;
@@ -114,7 +116,7 @@ public:
 
 private:
     std::vector<uint8_t> _bytes;
-    size_t _position;
+    size_t _position = 0;
 };
 
 // Writes `count` bits of `value` over those at bit `position` of `bytes`.
