@@ -464,10 +464,13 @@ Result<> MovieWriter::openVideo() {
 // joins the encoder's in the global header, which the muxer turns into the sample description.
 Result<> MovieWriter::setUpSkipPictures() {
     State& s = *_state;
-    // x265's ultrafast and superfast presets refer to the last picture only, which its headers do not say.
+    // The encoders whose pictures after skip pictures have been seen to decode exactly once renumbered:
+    // x264 where its headers say it refers to one frame (ultrafast to veryfast), and x265's ultrafast and
+    // superfast presets, which refer to the last picture only (its headers cannot say so). NVENC restarts.
     const std::string preset = SoftwarePreset(_format);
     const bool lastPictureOnly =
-        _encoderName == "libx265" && (preset == "ultrafast" || preset == "superfast");
+        _encoderName == "libx264" ||
+        (_encoderName == "libx265" && (preset == "ultrafast" || preset == "superfast"));
     Result<std::unique_ptr<SkipPictures>> made = SkipPictures::make(
         s.video->codec_id, s.video->extradata, size_t(std::max(0, s.video->extradata_size)), lastPictureOnly);
     // An IDR after skip pictures costs x265 several times what a picture that refers to the one before does,

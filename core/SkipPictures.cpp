@@ -216,7 +216,8 @@ public:
         size_t frameNumAt = 0, pocLsbAt = 0;
     };
 
-    static Result<std::unique_ptr<SkipPictures>> make(const uint8_t* extradata, size_t size) {
+    static Result<std::unique_ptr<SkipPictures>> make(const uint8_t* extradata, size_t size,
+                                                      bool lastPictureOnly) {
         auto made = std::unique_ptr<H264Skips>(new H264Skips());
         std::map<uint32_t, uint32_t> pictureSets; // id → its sequence's id
         for (auto [unit, length] : NalUnits(extradata, size)) {
@@ -254,7 +255,7 @@ public:
         const Sequence& sequence = made->_sequences[made->_sequenceId];
         if (sequence.separatePlanes)
             return Unsupported("it codes its colour planes apart");
-        made->_restarts = sequence.referenceFrames > 1;
+        made->_restarts = !lastPictureOnly || sequence.referenceFrames > 1;
 
         // ITU-T H.264 7.3.2.2: CAVLC, one slice group, one reference, no weighted prediction, and the
         // deblocking filter under the slice's control.
@@ -1013,7 +1014,7 @@ Result<std::unique_ptr<SkipPictures>> SkipPictures::make(AVCodecID codec, const 
         return Unsupported("it has no global header");
     switch (codec) {
     case AV_CODEC_ID_H264:
-        return H264Skips::make(extradata, size);
+        return H264Skips::make(extradata, size, lastPictureOnly);
     case AV_CODEC_ID_HEVC:
         return HevcSkips::make(extradata, size, lastPictureOnly);
     default:

@@ -30,9 +30,10 @@ class SkipPictures {
 public:
     // For a stream whose encoder gave out `extradata` (Annex B parameter sets). Refused, with the reason,
     // for a codec other than H.264 and HEVC and for what these pictures do not cover: field coding, colour
-    // planes coded apart, H.264's picture order count type 1. `lastPictureOnly` says that the encoder
-    // refers to its last picture only, which HEVC's parameter sets cannot tell (x265 keeps room for more
-    // whatever it refers to); H.264's say it themselves.
+    // planes coded apart, H.264's picture order count type 1. `lastPictureOnly` says that the encoder is
+    // known to refer to its last picture only, so that its pictures may be renumbered where its parameter
+    // sets agree (H.264: one reference frame; HEVC's cannot tell, as x265 keeps room for more whatever it
+    // refers to, so each renumbered picture is checked); otherwise it restarts after skip pictures.
     static Result<std::unique_ptr<SkipPictures>> make(AVCodecID codec, const uint8_t* extradata, size_t size,
                                                       bool lastPictureOnly = false);
     virtual ~SkipPictures() = default;

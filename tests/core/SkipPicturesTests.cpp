@@ -226,6 +226,13 @@ TEST(SkipPictures, RefusesWhatItCannotFollow) {
         SkipPictures::make(AV_CODEC_ID_H264, encoder->extradata, size_t(encoder->extradata_size));
     ASSERT_TRUE(made) << made.error().message();
     SkipPictures& skips = *made.value();
+    // x264's pictures are renumbered after skip pictures only when the caller knows the encoder for one
+    // that refers to its last picture and its sequence says one reference frame.
+    EXPECT_TRUE(skips.restartsEncoder());
+    EXPECT_FALSE(
+        SkipPictures::make(AV_CODEC_ID_H264, encoder->extradata, size_t(encoder->extradata_size), true)
+            .value()
+            ->restartsEncoder());
     // Its own picture parameter set takes the first id that x264 leaves free, 1: ue(v) 010.
     const std::vector<uint8_t>& set = skips.parameterSet();
     ASSERT_GE(set.size(), 6u);
