@@ -141,6 +141,11 @@ std::string SoftwarePreset(const MovieWriter::Format& format) {
     return format.codec == Codec::HEVC ? "ultrafast" : "veryfast";
 }
 
+// Whether x265's preset refers to the last picture only (--ref 1).
+bool X265RefersToLastPictureOnly(const std::string& preset) {
+    return preset == "ultrafast" || preset == "superfast";
+}
+
 // Opens one encoder for the movie, or answers why not.
 int OpenVideoEncoder(const VideoEncoder& choice, const MovieWriter::Format& format, AVPixelFormat pixelFormat,
                      bool globalHeader, CodecContext& opened) {
@@ -194,14 +199,15 @@ int OpenVideoEncoder(const VideoEncoder& choice, const MovieWriter::Format& form
             const int lookahead = std::min(latency, PresetLookahead(choice.name, preset));
             av_dict_set(&options, "preset", preset.c_str(), 0);
             // x265 makes a key frame asked for a CRA, whose picture order count goes on from the pictures
-            // before, unless its GOPs are closed (which without B frames costs nothing). Temporal motion
-            // vector prediction would take a picture's motion from a skip picture in place of the one it
-            // stands in for, which then could not stand in (see SkipPictures); the fast presets gain
-            // little from it.
+            // before, unless its GOPs are closed (which without B frames costs nothing). Where its
+            // pictures follow skip pictures, temporal motion vector prediction would take a picture's
+            // motion from a skip picture in place of the one it stands in for (see SkipPictures); the
+            // fastest presets gain little from it.
+            const std::string tmvp = X265RefersToLastPictureOnly(preset) ? ":temporal-mvp=0" : "";
             if (kind == Codec::HEVC)
                 av_dict_set(&options, "x265-params",
-                            ("log-level=error:bframes=0:open-gop=0:temporal-mvp=0:rc-lookahead=" +
-                             std::to_string(lookahead))
+                            ("log-level=error:bframes=0:open-gop=0" + tmvp +
+                             ":rc-lookahead=" + std::to_string(lookahead))
                                 .c_str(),
                             0);
             else
@@ -465,12 +471,11 @@ Result<> MovieWriter::openVideo() {
 Result<> MovieWriter::setUpSkipPictures() {
     State& s = *_state;
     // The encoders whose pictures after skip pictures have been seen to decode exactly once renumbered:
-    // x264 where its headers say it refers to one frame (ultrafast to veryfast), and x265's ultrafast and
-    // superfast presets, which refer to the last picture only (its headers cannot say so). NVENC restarts.
-    const std::string preset = SoftwarePreset(_format);
+    // x264 where its headers say it refers to one frame (ultrafast to veryfast), and x265 where it refers
+    // to the last picture only (its headers cannot say so). NVENC restarts.
     const bool lastPictureOnly =
         _encoderName == "libx264" ||
-        (_encoderName == "libx265" && (preset == "ultrafast" || preset == "superfast"));
+        (_encoderName == "libx265" && X265RefersToLastPictureOnly(SoftwarePreset(_format)));
     Result<std::unique_ptr<SkipPictures>> made = SkipPictures::make(
         s.video->codec_id, s.video->extradata, size_t(std::max(0, s.video->extradata_size)), lastPictureOnly);
     // An IDR after skip pictures costs x265 several times what a picture that refers to the one before does,
