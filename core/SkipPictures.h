@@ -42,9 +42,10 @@ public:
     // at the end of the stream's extradata, before the muxer writes its header.
     const std::vector<uint8_t>& parameterSet() const { return _parameterSet; }
     // Whether the encoder's next picture after skip pictures must be an IDR: its pictures cannot be
-    // renumbered, as it may refer to a picture before its last (H.264: more than one reference frame;
-    // HEVC: a decoded picture buffer of more than two, long-term pictures, or temporal motion vector
-    // prediction, which would take the skip pictures' motion for the last picture's).
+    // renumbered, as it may refer to a picture before its last (not known to refer to the last only;
+    // H.264: more than one reference frame; HEVC: more than one reference by default, long-term pictures,
+    // or temporal motion vector prediction, which would take the skip pictures' motion for the last
+    // picture's), or a renumbered HEVC picture was found to refer to more.
     bool restartsEncoder() const { return _restarts; }
     // Reads how a picture that the encoder gave out (Annex B) is numbered, so that the skip pictures after
     // it follow on. Where skip pictures came since the encoder's last IDR and it is not restarted, the
