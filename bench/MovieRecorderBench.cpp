@@ -1,9 +1,10 @@
 // How many 1920 × 1080 frames a second one MovieRecorder sustains for each codec, beside the ffmpeg
 // command-line tool turning the same BGRA pictures into a movie with the same encoder settings, timed
 // in the same run; the ratio is what to read. A second benchmark times the picture engine's conversion of
-// one picture into each codec's pixel format alone, and a third what fragments of one second cost a movie
-// against fragments of ten: its size, and the processor time of writing it. QUORVA_VULKAN_DEVICE names part
-// of the device to use and QUORVA_PICTURES the engine; their names are in the report's context.
+// one picture into each codec's pixel format alone, a third what fragments of one second cost a movie
+// against fragments of ten (its size, and the processor time of writing it), and a fourth the processor
+// time of a movie where every other slot is held. QUORVA_VULKAN_DEVICE names part of the device to use and
+// QUORVA_PICTURES the engine; their names are in the report's context.
 #include "bench/BenchSetup.h"
 #include "core/MovieRecorder.h"
 #include "platform/HeadlessEventLoop.h"
@@ -169,54 +170,90 @@ double ProcessorSeconds() {
            double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) * 1e-6;
 }
 
-// Ten seconds of 1080p60 in codec state.range(0), cut into fragments of state.range(1) seconds, written
-// straight by a movie writer from pictures converted once: the file's size and the processor time that
-// the whole process spent writing it (the encoder's threads included), to compare one second with ten.
+// The test pictures converted once into what `writer` takes.
+std::vector<std::shared_ptr<FrameMemory>> ConvertedPictures(MovieWriter& writer) {
+    auto converter = BenchEngine->makeFrameConverter().value();
+    std::vector<std::shared_ptr<FrameMemory>> converted;
+    for (const auto& picture : TestPictures().pictures) {
+        std::promise<std::shared_ptr<FrameMemory>> done;
+        (void)converter->convert(picture, false, false, writer.frameFormat(),
+                                 [&](std::shared_ptr<FrameMemory> memory) { done.set_value(memory); });
+        converted.push_back(done.get_future().get());
+    }
+    return converted;
+}
+
+// Writes ten seconds of 1080p60 of `format` straight with a movie writer, from pictures converted once, a
+// picture every `step` slots (the slots between held), with silence where the format records sound: the
+// processor time that the whole process spent writing it (the encoder's threads included), and the
+// file's size. False, the benchmark skipped, when the movie could not be written.
+bool WriteTenSeconds(benchmark::State& state, const MovieWriter::Format& format, int step, double& processor,
+                     double& size) {
+    const std::filesystem::path output = BenchFolder / "ten-seconds.mov";
+    std::filesystem::remove(output);
+    auto writer = MovieWriter::make(output, format).value();
+    const std::vector<std::shared_ptr<FrameMemory>> converted = ConvertedPictures(*writer);
+    const double start = ProcessorSeconds();
+    for (int i = 0; i < 600; i += step) {
+        const auto& memory = converted[size_t(i % Distinct)];
+        if (!writer->appendFrame(writer->wrapFrame(memory->data(), [memory] {}), i) ||
+            (format.recordsSound && !writer->appendSound(nullptr, 800 * step, int64_t(i) * 800))) {
+            state.SkipWithError("the movie could not be written");
+            return false;
+        }
+    }
+    if (!writer->finish(600)) {
+        state.SkipWithError("the movie could not be finished");
+        return false;
+    }
+    processor = ProcessorSeconds() - start;
+    size = double(std::filesystem::file_size(output));
+    std::filesystem::remove(output);
+    return true;
+}
+
+// Ten seconds of 1080p60 in codec state.range(0), cut into fragments of state.range(1) seconds: the file's
+// size and the processor time of writing it, to compare one second with ten.
 void WriteWithFragmentsOf(benchmark::State& state) {
     const Codec codec = Codec(state.range(0));
-    const Pictures& pictures = TestPictures();
-    auto converter = BenchEngine->makeFrameConverter().value();
-    const std::filesystem::path output = BenchFolder / "fragments.mov";
-    MovieWriter::Format format{.codec = codec,
-                               .width = Width,
-                               .height = Height,
-                               .framesPerSecond = 60,
-                               .recordsSound = true,
-                               .fragmentSeconds = double(state.range(1))};
+    const MovieWriter::Format format{.codec = codec,
+                                     .width = Width,
+                                     .height = Height,
+                                     .framesPerSecond = 60,
+                                     .recordsSound = true,
+                                     .fragmentSeconds = double(state.range(1))};
     double size = 0, processor = 0;
-    for (auto _ : state) {
-        std::filesystem::remove(output);
-        auto writer = MovieWriter::make(output, format).value();
-        std::vector<std::shared_ptr<FrameMemory>> converted;
-        for (const auto& picture : pictures.pictures) {
-            std::promise<std::shared_ptr<FrameMemory>> done;
-            (void)converter->convert(picture, false, false, writer->frameFormat(),
-                                     [&](std::shared_ptr<FrameMemory> memory) { done.set_value(memory); });
-            converted.push_back(done.get_future().get());
-        }
-        const double start = ProcessorSeconds();
-        for (int i = 0; i < 600; ++i) {
-            const auto& memory = converted[size_t(i % Distinct)];
-            if (!writer->appendFrame(writer->wrapFrame(memory->data(), [memory] {}), i) ||
-                !writer->appendSound(nullptr, 800, int64_t(i) * 800)) {
-                state.SkipWithError("the movie could not be written");
-                return;
-            }
-        }
-        if (!writer->finish(600)) {
-            state.SkipWithError("the movie could not be finished");
+    for (auto _ : state)
+        if (!WriteTenSeconds(state, format, 1, processor, size))
             return;
-        }
-        processor = ProcessorSeconds() - start;
-        size = double(std::filesystem::file_size(output));
-    }
-    std::filesystem::remove(output);
     state.counters["file_MB"] = size / 1e6;
     state.counters["processor_s"] = processor;
     state.SetLabel(NameOf(codec) + ", fragments of " + std::to_string(state.range(1)) + " s");
 }
 BENCHMARK(WriteWithFragmentsOf)
     ->ArgsProduct({{0, 2}, {1, 10}})
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+// Ten seconds of 1080p60 in codec state.range(0) where every other slot gets no picture (state.range(1)
+// 1) or every slot gets one (0): the processor time of writing it. What a held slot costs is the
+// difference between the two, against half of what the pictures cost; an encoder starved of processor
+// time drops pictures, and each dropped one is a held slot.
+void WriteWithHeldSlots(benchmark::State& state) {
+    const Codec codec = Codec(state.range(0));
+    const bool holds = state.range(1) != 0;
+    const MovieWriter::Format format{.codec = codec, .width = Width, .height = Height, .framesPerSecond = 60};
+    double processor = 0, size = 0;
+    for (auto _ : state)
+        if (!WriteTenSeconds(state, format, holds ? 2 : 1, processor, size))
+            return;
+    state.counters["processor_s"] = processor;
+    state.counters["file_MB"] = size / 1e6;
+    state.SetLabel(NameOf(codec) + (holds ? ", every other slot held" : ", a picture every slot"));
+}
+BENCHMARK(WriteWithHeldSlots)
+    ->ArgsProduct({{0, 1}, {0, 1}})
     ->Iterations(1)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();

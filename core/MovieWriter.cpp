@@ -1,6 +1,7 @@
 #include "core/MovieWriter.h"
 
 #include "core/FFmpegHandles.h"
+#include "core/SkipPictures.h"
 #include "core/StandardMovie.h"
 #include "platform/Log.h"
 
@@ -140,6 +141,11 @@ std::string SoftwarePreset(const MovieWriter::Format& format) {
     return format.codec == Codec::HEVC ? "ultrafast" : "veryfast";
 }
 
+// Whether x265's preset refers to the last picture only (--ref 1).
+bool X265RefersToLastPictureOnly(const std::string& preset) {
+    return preset == "ultrafast" || preset == "superfast";
+}
+
 // Opens one encoder for the movie, or answers why not.
 int OpenVideoEncoder(const VideoEncoder& choice, const MovieWriter::Format& format, AVPixelFormat pixelFormat,
                      bool globalHeader, CodecContext& opened) {
@@ -180,6 +186,8 @@ int OpenVideoEncoder(const VideoEncoder& choice, const MovieWriter::Format& form
         // No reordering: a picture leaves the encoder as soon as it can, so little is held back and the
         // time stamps stay the presentation order.
         c->max_b_frames = 0;
+        // A picture asked for as I is an IDR: the one after skip pictures must be (see SkipPictures).
+        av_dict_set(&options, "forced-idr", "1", 0);
         const int latency = EncoderLatency(rate);
         if (choice.hardware) {
             av_dict_set(&options, "preset", "p4", 0);
@@ -190,9 +198,17 @@ int OpenVideoEncoder(const VideoEncoder& choice, const MovieWriter::Format& form
             const std::string preset = SoftwarePreset(format);
             const int lookahead = std::min(latency, PresetLookahead(choice.name, preset));
             av_dict_set(&options, "preset", preset.c_str(), 0);
+            // x265 makes a key frame asked for a CRA, whose picture order count goes on from the pictures
+            // before, unless its GOPs are closed (which without B frames costs nothing). Where its
+            // pictures follow skip pictures, temporal motion vector prediction would take a picture's
+            // motion from a skip picture in place of the one it stands in for (see SkipPictures); the
+            // fastest presets gain little from it.
+            const std::string tmvp = X265RefersToLastPictureOnly(preset) ? ":temporal-mvp=0" : "";
             if (kind == Codec::HEVC)
                 av_dict_set(&options, "x265-params",
-                            ("log-level=error:bframes=0:rc-lookahead=" + std::to_string(lookahead)).c_str(),
+                            ("log-level=error:bframes=0:open-gop=0" + tmvp +
+                             ":rc-lookahead=" + std::to_string(lookahead))
+                                .c_str(),
                             0);
             else
                 av_dict_set_int(&options, "rc-lookahead", lookahead, 0);
@@ -280,10 +296,16 @@ struct MovieWriter::State {
     Packet packet;
     // The last picture sent, which the slots after it show until the next one comes.
     MovieFrame last;
-    // ProRes only: how many held slots repeat each picture still in the encoder, oldest first, and the
-    // last picture's packet once out, for those held after it.
+    // Where a held slot costs no encoding: how many held slots repeat each picture still in the encoder,
+    // oldest first. ProRes repeats the last picture's packet (kept once out); H.264 and HEVC write a skip
+    // picture, after which the encoder's pictures are renumbered or its next one is an IDR.
     std::deque<int64_t> repeats;
     Packet lastPacket;
+    Packet repeat;
+    std::unique_ptr<SkipPictures> skips;
+    bool skipping = false; // false once a picture came out that none can follow
+    bool skipped = false;  // since the last picture sent, where the encoder must restart after them
+    std::vector<uint8_t> renumbered;
     // Sound not yet encoded, interleaved stereo, from soundRead on; it starts at soundEncoded (frames).
     std::vector<float> sound;
     size_t soundRead = 0;
@@ -378,7 +400,8 @@ Result<> MovieWriter::openFile() {
     s.muxer->flags |= AVFMT_FLAG_CUSTOM_IO;
     s.packet.reset(av_packet_alloc());
     s.lastPacket.reset(av_packet_alloc());
-    if (!s.packet || !s.lastPacket)
+    s.repeat.reset(av_packet_alloc());
+    if (!s.packet || !s.lastPacket || !s.repeat)
         return RecorderError("The movie file could not be created");
     return {};
 }
@@ -433,9 +456,50 @@ Result<> MovieWriter::openVideo() {
         return RecorderError("The movie file could not be set up");
     s.videoStream->time_base = s.video->time_base;
     s.videoStream->avg_frame_rate = s.video->framerate;
+    if (!IsProRes(codec)) {
+        if (Result<> skipping = setUpSkipPictures(); !skipping)
+            return skipping;
+    }
     // Apple's players want HEVC tagged hvc1 (parameter sets in the sample description), not hev1.
     if (codec == Codec::HEVC)
         s.videoStream->codecpar->codec_tag = MKTAG('h', 'v', 'c', '1');
+    return {};
+}
+
+// Held slots of H.264 and HEVC become skip pictures where the encoder's headers allow: their parameter set
+// joins the encoder's in the global header, which the muxer turns into the sample description.
+Result<> MovieWriter::setUpSkipPictures() {
+    State& s = *_state;
+    // The encoders whose pictures after skip pictures have been seen to decode exactly once renumbered:
+    // x264 where its headers say it refers to one frame (ultrafast to veryfast), and x265 where it refers
+    // to the last picture only (its headers cannot say so). NVENC restarts.
+    const bool lastPictureOnly =
+        _encoderName == "libx264" ||
+        (_encoderName == "libx265" && X265RefersToLastPictureOnly(SoftwarePreset(_format)));
+    Result<std::unique_ptr<SkipPictures>> made = SkipPictures::make(
+        s.video->codec_id, s.video->extradata, size_t(std::max(0, s.video->extradata_size)), lastPictureOnly);
+    // An IDR after skip pictures costs x265 several times what a picture that refers to the one before does,
+    // more than encoding the held slots.
+    if (made && made.value()->restartsEncoder() && _encoderName == "libx265")
+        made = RecorderError("x265 would have to start afresh after them");
+    if (!made) {
+        Log("MovieRecorder: ", _path.filename().string() + ": held slots are encoded again, as " +
+                                   _encoderName + "'s pictures cannot be skipped: " + made.error().message());
+        return {};
+    }
+    AVCodecParameters* p = s.videoStream->codecpar;
+    const std::vector<uint8_t>& set = made.value()->parameterSet();
+    const size_t size = size_t(p->extradata_size) + set.size();
+    auto* extradata = static_cast<uint8_t*>(av_mallocz(size + AV_INPUT_BUFFER_PADDING_SIZE));
+    if (!extradata)
+        return RecorderError("The movie file could not be set up");
+    std::memcpy(extradata, p->extradata, size_t(p->extradata_size));
+    std::memcpy(extradata + p->extradata_size, set.data(), set.size());
+    av_free(p->extradata);
+    p->extradata = extradata;
+    p->extradata_size = int(size);
+    s.skips = std::move(made).value();
+    s.skipping = true;
     return {};
 }
 
@@ -596,14 +660,14 @@ Result<> MovieWriter::holdUntil(int64_t slot) {
     }
     while (_nextSlot < slot) {
         Result<> held;
-        if (IsProRes(_format.codec) && _nextSlot > 0) {
-            // Every ProRes picture stands alone: a held slot repeats the last picture's packet, which
-            // costs nothing, rather than encoding it again, which costs as much as a new one. A packet
-            // still in the encoder is repeated once it comes out.
+        if (repeatsPictures() && _nextSlot > 0) {
+            // A held slot repeats the last picture without encoding it again, which would cost most of
+            // what a new one does (all of it for ProRes): once its packet is out of the encoder.
             if (!s.repeats.empty())
                 ++s.repeats.back();
             else
-                held = muxVideoPacket(s.lastPacket.get(), _nextSlot);
+                held = muxRepeat(_nextSlot);
+            s.skipped = s.skipping && s.skips->restartsEncoder();
             ++_nextSlot;
         } else {
             // The encoder takes a reference of its own each time, so one frame serves every slot it holds.
@@ -635,18 +699,39 @@ MovieFrame MovieWriter::blackFrame() {
     return frame;
 }
 
+bool MovieWriter::repeatsPictures() const {
+    return IsProRes(_format.codec) || _state->skipping;
+}
+
+Result<> MovieWriter::muxRepeat(int64_t slot) {
+    State& s = *_state;
+    if (s.skips) {
+        std::vector<uint8_t> picture = s.skips->next();
+        if (av_new_packet(s.repeat.get(), int(picture.size())) < 0)
+            return fail("The movie could not be written", AVERROR(ENOMEM));
+        std::memcpy(s.repeat->data, picture.data(), picture.size());
+    } else if (av_packet_ref(s.repeat.get(), s.lastPacket.get()) < 0) {
+        return fail("The movie could not be written", AVERROR(ENOMEM));
+    }
+    return muxVideoPacket(s.repeat.get(), slot);
+}
+
 Result<> MovieWriter::encodeVideo(AVFrame* frame, int64_t slot) {
+    State& s = *_state;
     if (frame) {
         frame->pts = slot;
-        frame->pict_type = AV_PICTURE_TYPE_NONE;
+        // Skip pictures went out since the encoder's last picture, numbered after it, and its pictures
+        // cannot be renumbered to follow them: it must start afresh.
+        frame->pict_type = s.skipped ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
+        s.skipped = false;
     }
-    const int result = avcodec_send_frame(_state->video.get(), frame);
+    const int result = avcodec_send_frame(s.video.get(), frame);
     if (result < 0)
         return fail("The movie could not be written", result);
     if (frame) {
         _nextSlot = slot + 1;
-        if (IsProRes(_format.codec))
-            _state->repeats.push_back(0);
+        if (repeatsPictures())
+            s.repeats.push_back(0);
     }
     return {};
 }
@@ -666,13 +751,35 @@ Result<> MovieWriter::receiveVideoPackets() {
         if (!s.repeats.empty()) {
             repeats = s.repeats.front();
             s.repeats.pop_front();
+        }
+        if (s.skips) {
+            const bool followed = s.skips->follow(s.packet->data, size_t(s.packet->size), s.renumbered);
+            if (!s.renumbered.empty()) {
+                const int grown = int(s.renumbered.size()) - s.packet->size;
+                if (av_packet_make_writable(s.packet.get()) < 0 ||
+                    (grown > 0 && av_grow_packet(s.packet.get(), grown) < 0))
+                    return fail("The movie could not be written", AVERROR(ENOMEM));
+                if (grown < 0)
+                    av_shrink_packet(s.packet.get(), int(s.renumbered.size()));
+                std::memcpy(s.packet->data, s.renumbered.data(), s.renumbered.size());
+            }
+            if (!followed && s.skipping) {
+                // Skip pictures after this one would show an older picture: later held slots are encoded
+                // again (those already counted against it show the last picture the encoder kept).
+                Log("MovieRecorder: ",
+                    _path.filename().string() + ": held slots are encoded again from slot " +
+                        std::to_string(slot) + ", as " + _encoderName + "'s picture there cannot be skipped");
+                s.skipping = false;
+            }
+        } else if (IsProRes(_format.codec)) {
             av_packet_unref(s.lastPacket.get());
             if (av_packet_ref(s.lastPacket.get(), s.packet.get()) < 0)
                 return fail("The movie could not be written", AVERROR(ENOMEM));
         }
-        for (int64_t i = 0; i <= repeats; ++i) {
-            if (Result<> muxed = muxVideoPacket(i == 0 ? s.packet.get() : s.lastPacket.get(), slot + i);
-                !muxed)
+        if (Result<> muxed = muxVideoPacket(s.packet.get(), slot); !muxed)
+            return muxed;
+        for (int64_t i = 1; i <= repeats; ++i) {
+            if (Result<> muxed = muxRepeat(slot + i); !muxed)
                 return muxed;
         }
     }
@@ -680,13 +787,6 @@ Result<> MovieWriter::receiveVideoPackets() {
 
 Result<> MovieWriter::muxVideoPacket(AVPacket* packet, int64_t slot) {
     State& s = *_state;
-    Packet copy;
-    if (packet != s.packet.get()) {
-        copy.reset(av_packet_clone(packet));
-        if (!copy)
-            return fail("The movie could not be written", AVERROR(ENOMEM));
-        packet = copy.get();
-    }
     packet->pts = packet->dts = slot;
     packet->duration = 1;
     if (Result<> muxed = muxPacket(packet, s.video.get(), s.videoStream); !muxed)

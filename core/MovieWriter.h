@@ -59,7 +59,9 @@ AVRational GridRate(double framesPerSecond);
 //
 // Pictures lie on slots of the frame-rate grid, counted from the movie's time 0; a slot that gets no
 // picture shows the one before it (black before the first), so that every slot holds a picture and
-// editors read a constant rate. Positions of sound are in frames at 48000 a second from time 0.
+// editors read a constant rate. Such a held slot costs no encoding where the encoder allows: ProRes
+// repeats the picture's packet, H.264 and HEVC write a skip picture (see SkipPictures); otherwise the
+// picture is encoded again. Positions of sound are in frames at 48000 a second from time 0.
 class MovieWriter {
 public:
     static constexpr int SoundRate = 48000;
@@ -168,6 +170,7 @@ private:
 
     Result<> openFile();
     Result<> openVideo();
+    Result<> setUpSkipPictures();
     Result<> openAudio();
     Result<> writeHeader();
     // A picture over `buffer` (taken over), laid out as frameFormat() says.
@@ -175,7 +178,11 @@ private:
     // Sends `frame` to the encoder for `slot`; nothing drains it.
     Result<> encodeVideo(AVFrame* frame, int64_t slot);
     Result<> receiveVideoPackets();
-    // Hands a picture's packet to the muxer for `slot`, and cuts a fragment when one is due.
+    // Whether a held slot repeats the last picture without encoding (ProRes, and H.264 and HEVC where skip
+    // pictures can be made), and muxes that repeat for `slot`.
+    bool repeatsPictures() const;
+    Result<> muxRepeat(int64_t slot);
+    // Hands a picture's packet (which it takes) to the muxer for `slot`, and cuts a fragment when one is due.
     Result<> muxVideoPacket(AVPacket* packet, int64_t slot);
     // Hands a packet from `encoder` (its time stamps in the encoder's time base) to the muxer, in `stream`.
     Result<> muxPacket(AVPacket* packet, AVCodecContext* encoder, AVStream* stream);
