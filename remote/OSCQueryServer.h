@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -14,19 +15,18 @@
 namespace quorva {
 
 class DNSSDService;
-class HTTPListener;
+class OSCQueryListener;
 class SerialQueue;
 
 // A small HTTP/1.1 server that answers OSCQuery requests: the JSON tree of the OSC address space with
 // its current values, single attributes of a node, and the host information that tells a client where
 // to send OSC. It announces itself with DNS-SD as "_oscjson._tcp.".
 //
-// Threads: the tree and the listening state belong to a serial state queue
-// ("<application identifier>.oscquery.state"); connections are read by the listener's thread and each
-// request is answered on a thread of its own (see HTTPListener), so a slow client delays nobody else;
-// values are read on the main thread, waited for at most a second, and the DNS-SD outcome is handled
-// there too. Registration is asynchronous: a request sees a new address once its registration has run
-// on the state queue.
+// Threads: the tree belongs to a serial state queue ("<application identifier>.oscquery.state");
+// connections are served on the remote thread (see OSCQueryListener), so a slow client delays nobody
+// else; values are read on the main thread, while the request waits without a thread, at most a
+// second; the DNS-SD outcome is handled on the main thread too. Registration is asynchronous: a request
+// sees a new address once its registration has run on the state queue.
 //
 // Whoever fills the tree (the parameter table) needs only the registration calls and a value provider
 // for each readable address.
@@ -72,15 +72,16 @@ public:
     // On the main thread: announces `name` if the server still listens on `port`.
     void publishBonjourWithName(const std::string& name, int64_t port);
 
-    // The status and body that a GET of `path` with the query item `query` ("" for none) answers, on a
-    // request thread. Waits up to a second for values on the main thread.
-    std::pair<int64_t, std::string> responseForPath(const std::string& path, const std::string& query);
+    // Answers a GET of `path` with the query item `query` ("" for none) through `respond`, once, from
+    // the remote thread: at once, or after the main thread has read the values (the tree without them
+    // after a second).
+    void respondToPath(const std::string& path, const std::string& query,
+                       std::function<void(int64_t status, std::string body)> respond);
     nlohmann::json hostInfoDictionary() const;
 
 private:
     OSCQueryServer();
 
-    void fillValuesForJobs(nlohmann::json& json, const std::vector<OSCQueryValueJob>& jobs);
     void netServiceDidPublish(uint64_t publication, const std::string& name, int64_t port);
     void netServiceDidNotPublish(uint64_t publication, const std::string& name, int64_t port,
                                  bool isCollision, const std::string& message);
@@ -89,12 +90,11 @@ private:
     // Owned by the state queue.
     std::unique_ptr<OSCQueryNode> _root;
     std::shared_ptr<SerialQueue> _stateQueue;
-    std::unique_ptr<HTTPListener> _listener;
-    int64_t _httpPort = 0;
-    bool _running = false;
 
     // Read from connections and the main thread alike.
     mutable std::mutex _lock;
+    std::shared_ptr<OSCQueryListener> _listener;
+    int64_t _httpPort = 0;
     std::string _serverName;
     int64_t _oscPort = 0;
     std::unique_ptr<DNSSDService> _netService;

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace quorva {
+
+// The OSCQuery server's connections, on the remote thread (see RemoteContext): HTTP/1.1 requests, one
+// per connection. Boost.Beast reads and writes them; what the requests mean stays the server's.
+//
+// No client, nor many of them, keeps others waiting:
+// - a connection has `deadline` seconds from its acceptance to send its whole head (16 KiB at most),
+//   else it is closed without an answer, and as long again to take the answer;
+// - at most `inService` requests wait for their answers at once; a well-formed request beyond that is
+//   answered 503 at once.
+class OSCQueryListener {
+public:
+    struct Limits {
+        double deadline = 5;
+        size_t inService = 32;
+    };
+    // Called once, from any thread, with the status and the body of a GET (for HEAD the body is dropped).
+    using Respond = std::function<void(int64_t status, std::string body)>;
+    struct Callbacks {
+        // A GET or HEAD of `path` with the query item `query` (see HTTPRequest), on the remote thread.
+        std::function<void(const std::string& path, const std::string& query, Respond respond)> request;
+    };
+
+    // Listens on the first free TCP port of `port` and the `portsTried` - 1 that follow (never past
+    // 65535), on every interface (dual-stack where the machine has IPv6). Nothing when no port could be
+    // had.
+    static std::unique_ptr<OSCQueryListener> make(int64_t port, int64_t portsTried, Limits limits,
+                                                  Callbacks callbacks);
+    // Stops accepting; requests in service are still answered.
+    // Waits at most a second for the remote thread, and not at all on it.
+    ~OSCQueryListener();
+    OSCQueryListener(const OSCQueryListener&) = delete;
+    OSCQueryListener& operator=(const OSCQueryListener&) = delete;
+
+    int64_t port() const { return _port; }
+
+    struct State;
+
+private:
+    OSCQueryListener() = default;
+    std::shared_ptr<State> _state;
+    int64_t _port = 0;
+};
+
+} // namespace quorva
