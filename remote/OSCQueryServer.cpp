@@ -5,6 +5,7 @@
 #include "platform/SerialQueue.h"
 #include "remote/DNSSDService.h"
 #include "remote/OSCQueryListener.h"
+#include "remote/OSCReceiver.h"
 #include "remote/RemoteContext.h"
 
 #include <algorithm>
@@ -62,6 +63,30 @@ bool OSCQueryServer::startOnPort(int64_t port) {
         else
             respond(503, ""); // the server is going away
     };
+    callbacks.listened = [weak](const std::string& address) {
+        auto self = weak.lock();
+        if (!self)
+            return;
+        std::function<void(const std::string&)> handler;
+        {
+            std::lock_guard guard(self->_lock);
+            handler = self->_listenHandler;
+        }
+        if (handler)
+            EventLoop::postToMain([handler, address] { handler(address); });
+    };
+    callbacks.packet = [weak](const uint8_t* bytes, size_t length) {
+        auto self = weak.lock();
+        if (!self)
+            return;
+        std::function<void(const OSCMessage&)> handler;
+        {
+            std::lock_guard guard(self->_lock);
+            handler = self->_messageHandler;
+        }
+        if (handler)
+            OSCReceiver::deliverPacket(bytes, length, handler);
+    };
     std::shared_ptr<OSCQueryListener> listener;
     if (port > 0) // as the header says, the search ends at 0
         listener = OSCQueryListener::make(port, PortsTried, OSCQueryListener::Limits{}, std::move(callbacks));
@@ -105,6 +130,35 @@ int64_t OSCQueryServer::httpPort() const {
 bool OSCQueryServer::isRunning() const {
     std::lock_guard guard(_lock);
     return _listener != nullptr;
+}
+
+void OSCQueryServer::setMessageHandler(std::function<void(const OSCMessage&)> handler) {
+    std::lock_guard guard(_lock);
+    _messageHandler = std::move(handler);
+}
+
+void OSCQueryServer::setListenHandler(std::function<void(const std::string&)> handler) {
+    std::lock_guard guard(_lock);
+    _listenHandler = std::move(handler);
+}
+
+std::vector<std::string> OSCQueryServer::listenedAddresses() const {
+    std::shared_ptr<OSCQueryListener> listener;
+    {
+        std::lock_guard guard(_lock);
+        listener = _listener;
+    }
+    return listener ? listener->listenedAddresses() : std::vector<std::string>();
+}
+
+void OSCQueryServer::pushMessage(const OSCMessage& message) {
+    std::shared_ptr<OSCQueryListener> listener;
+    {
+        std::lock_guard guard(_lock);
+        listener = _listener;
+    }
+    if (listener)
+        listener->push(message.address(), message.packet());
 }
 
 std::string OSCQueryServer::serverName() const {
@@ -235,12 +289,14 @@ nlohmann::json OSCQueryServer::hostInfoDictionary() const {
         {"NAME", name.empty() ? DefaultHostName : name},
         {"OSC_PORT", oscPort()},
         {"OSC_TRANSPORT", "UDP"},
+        // The WebSocket of LISTEN and IGNORE is served on the HTTP port, at the root.
+        {"WS_PORT", httpPort()},
         {"EXTENSIONS",
          {{"ACCESS", true},
           {"CLIPMODE", false},
           {"CRITICAL", false},
           {"DESCRIPTION", true},
-          {"LISTEN", false},
+          {"LISTEN", true},
           {"PATH_CHANGED", false},
           {"RANGE", true},
           {"TAGS", false},

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "remote/OSCMessage.h"
 #include "remote/OSCQueryNode.h"
 
 #include <nlohmann/json.hpp>
@@ -21,6 +22,10 @@ class SerialQueue;
 // A small HTTP/1.1 server that answers OSCQuery requests: the JSON tree of the OSC address space with
 // its current values, single attributes of a node, and the host information that tells a client where
 // to send OSC. It announces itself with DNS-SD as "_oscjson._tcp.".
+//
+// WebSocket clients that upgrade at the root may LISTEN to addresses: whoever knows when values change
+// pushes them (pushMessage), and the server sends them on to the clients that listen. OSC packets that
+// such clients send are applied as if they came over UDP.
 //
 // Threads: the tree belongs to a serial state queue ("<application identifier>.oscquery.state");
 // connections are served on the remote thread (see OSCQueryListener), so a slow client delays nobody
@@ -65,6 +70,17 @@ public:
     // Replaces the tree by an empty root.
     void clearRegisteredAddresses();
 
+    // Where the OSC packets that WebSocket clients send go, as the OSC receiver's are handled: on the
+    // main thread. Set before starting.
+    void setMessageHandler(std::function<void(const OSCMessage&)> handler);
+    // Told on the main thread that a WebSocket client has begun to listen to an address, before any
+    // packet that the client sent after its LISTEN is handled: the moment from which changes count.
+    void setListenHandler(std::function<void(const std::string& address)> handler);
+    // The addresses that WebSocket clients listen to now. Any thread.
+    std::vector<std::string> listenedAddresses() const;
+    // Sends a value's message to the WebSocket clients that listen to its address. Any thread.
+    void pushMessage(const OSCMessage& message);
+
     // Announces the server under its name ("Torvane OSCQuery" without one), from the main thread. After
     // a collision the name is tried once more with the HTTP port added. The log says "published" once
     // Avahi has established the service, or why it is not announced.
@@ -95,6 +111,8 @@ private:
     mutable std::mutex _lock;
     std::shared_ptr<OSCQueryListener> _listener;
     int64_t _httpPort = 0;
+    std::function<void(const OSCMessage&)> _messageHandler;
+    std::function<void(const std::string&)> _listenHandler;
     std::string _serverName;
     int64_t _oscPort = 0;
     std::unique_ptr<DNSSDService> _netService;

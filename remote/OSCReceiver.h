@@ -35,7 +35,8 @@ public:
     // The UDP port bound, 0 while stopped.
     int64_t port() const { return _port.load(); }
 
-    // Parses one packet and posts its messages to `handler` on the main thread: what a datagram gets.
+    // Parses one packet and posts its messages to `handler` on the main thread: what a datagram gets,
+    // and an OSC packet that arrives another way (a WebSocket's binary frame).
     static void deliverPacket(const uint8_t* bytes, size_t length, const Handler& handler);
 
     struct State;

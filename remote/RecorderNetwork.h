@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/EventLoop.h"
 #include "remote/OSCMessage.h"
 #include "remote/RecorderParameter.h"
 
@@ -60,6 +61,10 @@ private:
     // Follows the controller: when its places or the sources offered change, the lists that some
     // ranges give are published again.
     void controllerChanged();
+    // Sends the values that changed since last read to the WebSocket clients that listen to them: all
+    // of them, or only those that do not move with every picture.
+    void pushChangedValues(bool withEveryPicture);
+    void startedListening(const std::string& address);
 
     std::weak_ptr<RecorderController> _controller;
     std::vector<RecorderParameter> _parameters;
@@ -70,6 +75,8 @@ private:
     int64_t _oscQueryPort = 0;
     uint64_t _observer = 0;
     std::filesystem::path _folderRoot;
+    std::map<std::string, nlohmann::json> _listenedValues; // as last pushed, or read when listening began
+    TimerId _pushTimer = 0;
     std::vector<std::string> _placeTitles;
     std::vector<std::string> _sourceTitles;
 };

@@ -1,5 +1,5 @@
 // A running `quorvarecorder --headless` driven by real clients only: oscsend and oscsendfile, curl, the
-// npm package oscquery, and raw sockets for what no polite client sends.
+// npm package oscquery, python3-websockets, and raw sockets for what no polite client sends.
 #include "NetworkTesting.h"
 
 #include <algorithm>
@@ -237,6 +237,48 @@ TEST(Headless, ARecordingOverOSCWritesMoviesThatItsStatusDescribesAndSIGTERMFini
     std::this_thread::sleep_for(std::chrono::seconds(1));
     EXPECT_EQ(r.stop(), 0);
     EXPECT_GT(FramesIn(second), 0) << r.log();
+    Shell("rm -rf " + r.dir);
+}
+
+// A controller listens over the WebSocket with python3-websockets while a take starts and stops over OSC,
+// then ignores the state and starts a take through the WebSocket itself.
+TEST(Headless, AWebSocketClientHearsWhatItListensToUntilItIgnoresItAndItsOSCIsApplied) {
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
+    HeadlessRecorder r(Folder("listen"), 39350, 39351);
+    ASSERT_NE(r.queryPort, 0) << r.log();
+    json info = json::parse(Curl(r.queryPort, "/?HOST_INFO").body);
+    EXPECT_EQ(info["EXTENSIONS"]["LISTEN"], true);
+    EXPECT_EQ(info["WS_PORT"], r.queryPort);
+    for (const std::string& message : std::vector<std::string>{"/source/1 s 720p30", "/output s separate",
+                                                               "/folder s " + r.dir, "/name s take"})
+        r.send(message);
+    ASSERT_EQ(r.value("/status/source/1/online", 1), 1) << r.log();
+
+    std::string out = Shell("/usr/bin/python3 " QUORVA_TEST_SOURCE_DIR "/websocket_client.py drive " +
+                            std::to_string(r.queryPort) + " " + std::to_string(r.oscPort));
+    json result = json::parse(out, nullptr, false);
+    ASSERT_TRUE(result.contains("pushed")) << out << r.log();
+    std::vector<json> states, gaps;
+    for (size_t i = 0; i < result["pushed"].size(); ++i) {
+        const json& push = result["pushed"][i];
+        if (push[0] == "/status/state") {
+            EXPECT_EQ(push[1], ",s");
+            EXPECT_LT(i, result["ignoredFrom"].get<size_t>()) << "pushed after IGNORE: " << push;
+            states.push_back(push[2][0]);
+        } else if (push[0] == "/gap") {
+            EXPECT_EQ(push[1], ",i");
+            gaps.push_back(push[2][0]);
+        }
+    }
+    EXPECT_EQ(gaps, (std::vector<json>{17, 18}));
+    ASSERT_FALSE(states.empty()) << out;
+    EXPECT_EQ(states.front(), "recording") << out;
+    EXPECT_EQ(states.back(), "idle") << out;
+    // The take that the WebSocket started, unheard since the state was ignored.
+    EXPECT_EQ(r.value("/status/state", "recording"), "recording");
+    r.send("/record i 0");
+    EXPECT_EQ(r.value("/status/state", "idle"), "idle");
+    EXPECT_EQ(r.stop(), 0);
     Shell("rm -rf " + r.dir);
 }
 

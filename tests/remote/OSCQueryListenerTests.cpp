@@ -2,6 +2,7 @@
 
 #include "NetworkTesting.h"
 #include "platform/Semaphore.h"
+#include "remote/OSCMessage.h"
 
 #include <atomic>
 #include <gtest/gtest.h>
@@ -73,9 +74,34 @@ struct SlowClients {
     }
 };
 
+// A WebSocket client that upgrades, listens to `address` and then never reads, with as small a receive
+// buffer as the system gives: what is pushed to it piles up at the server at once.
+int StuckListener(int port, const std::string& address) {
+    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    int smallest = 1;
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &smallest, sizeof smallest);
+    sockaddr_in to = Loopback(port);
+    ::connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to);
+    std::string upgrade = "GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+                          "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n";
+    ::send(fd, upgrade.data(), upgrade.size(), MSG_NOSIGNAL);
+    // The answer to the upgrade, and only it, is read: a client sends its frames once upgraded.
+    std::string answer;
+    char byte;
+    while (answer.find("\r\n\r\n") == std::string::npos && ::recv(fd, &byte, 1, 0) == 1)
+        answer += byte;
+    // A client's frames are masked; a mask of zeros leaves the text as it is.
+    std::string text = R"({"COMMAND":"LISTEN","DATA":")" + address + R"("})";
+    std::string frame = {char(0x81), char(0x80 | text.size()), 0, 0, 0, 0};
+    frame += text;
+    ::send(fd, frame.data(), frame.size(), MSG_NOSIGNAL);
+    return fd;
+}
+
 struct OSCQueryListenerTest : ::testing::Test {
     std::unique_ptr<OSCQueryListener> listener;
     int port = 0;
+    std::atomic<int> listening{0};
 
     void start(
         OSCQueryListener::Limits limits,
@@ -83,6 +109,7 @@ struct OSCQueryListenerTest : ::testing::Test {
             [](auto&, auto&, OSCQueryListener::Respond respond) { respond(200, "{}"); }) {
         OSCQueryListener::Callbacks callbacks;
         callbacks.request = std::move(request);
+        callbacks.listened = [this](const std::string&) { ++listening; };
         listener = OSCQueryListener::make(0, 1, limits, std::move(callbacks));
         ASSERT_TRUE(listener);
         port = int(listener->port());
@@ -129,6 +156,41 @@ TEST_F(OSCQueryListenerTest, AWellFormedRequestBeyondThoseInServiceIsAnswered503
         held(200, "{}");
     }
     first.join();
+}
+
+// Forty python3-websockets clients listen while a forty-first never reads: it is let go once what waits
+// for it is full, the others get every push, and HTTP requests are answered meanwhile.
+TEST_F(OSCQueryListenerTest, AListenerThatNeverReadsIsLetGoWithoutDelayingTheOthers) {
+    LogLines log;
+    start({.backlog = 16384});
+    int stuck = StuckListener(port, "/x");
+    std::string out = ::testing::TempDir() + "listeners-" + std::to_string(::getpid());
+    pid_t clients = Spawn("/usr/bin/python3 " QUORVA_TEST_SOURCE_DIR "/websocket_client.py listeners " +
+                          std::to_string(port) + " 40 /x >" + out);
+    for (int i = 0; i < 3000 && listening < 41; ++i)
+        std::this_thread::sleep_for(10ms);
+    ASSERT_EQ(listening, 41);
+
+    const std::string letGo = "OSCQuery: a WebSocket client that does not read what it listens to was let go";
+    const std::vector<uint8_t> packet = OSCMessage("/x", {std::string(8000, 'x')}).packet();
+    for (int i = 0; i < 1000 && !log.has(letGo); ++i) {
+        listener->push("/x", packet);
+        auto asked = std::chrono::steady_clock::now();
+        EXPECT_EQ(StatusLine(port, Request), OK);
+        // Far more than an answer takes even on a busy machine, far less than a stuck write would hold it.
+        EXPECT_LT(std::chrono::steady_clock::now() - asked, 1s);
+        std::this_thread::sleep_for(20ms);
+    }
+    EXPECT_TRUE(log.has(letGo));
+    listener->push("/x", OSCMessage("/x", {std::string("done")}).packet());
+    int status = 0;
+    ::waitpid(clients, &status, 0);
+    std::string received = Shell("cat " + out);
+    EXPECT_EQ(received, "40\n");
+    std::string all = log.all();
+    EXPECT_EQ(all.find(letGo), all.rfind(letGo)) << all; // only the one that never read
+    ::close(stuck);
+    Shell("rm -f " + out);
 }
 
 } // namespace
