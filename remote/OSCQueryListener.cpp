@@ -2,6 +2,7 @@
 
 #include "platform/Log.h"
 #include "platform/Semaphore.h"
+#include "remote/AsioAddress.h"
 #include "remote/HTTPRequest.h"
 #include "remote/RemoteContext.h"
 
@@ -40,9 +41,9 @@ std::chrono::steady_clock::duration Seconds(double seconds) {
         std::chrono::duration<double>(seconds));
 }
 
-// Opens, binds and listens on every interface: IPv6's "::" taking IPv4 too where the machine has IPv6,
-// else IPv4's.
-bool Listen(tcp::acceptor& acceptor, uint16_t port) {
+// Opens, binds and listens: on `bindAddress`, or on every interface when it is empty, IPv6's "::" taking
+// IPv4 too where the machine has IPv6, else IPv4's.
+bool Listen(tcp::acceptor& acceptor, const std::string& bindAddress, uint16_t port) {
     auto on = [&](tcp::endpoint endpoint, bool dualStack) {
         error_code error;
         if (acceptor.open(endpoint.protocol(), error))
@@ -57,6 +58,11 @@ bool Listen(tcp::acceptor& acceptor, uint16_t port) {
         acceptor.close(ignored);
         return error;
     };
+    if (!bindAddress.empty()) {
+        error_code error;
+        asio::ip::address address = asio::ip::make_address(bindAddress, error);
+        return !error && !on(tcp::endpoint(address, port), false);
+    }
     error_code error = on(tcp::endpoint(tcp::v6(), port), true);
     if (!error)
         return true;
@@ -80,6 +86,7 @@ struct OSCQueryListener::State : std::enable_shared_from_this<State> {
     asio::steady_timer acceptAgain{RemoteContext()};
     Limits limits;
     Callbacks callbacks;
+    AllowedNetworks allowed;
 
     // The remote thread's own.
     bool stopped = false;
@@ -223,8 +230,8 @@ private:
 // or, for an upgrade at the root, handed to a WebSocket session.
 class HTTPSession : public std::enable_shared_from_this<HTTPSession> {
 public:
-    HTTPSession(tcp::socket socket, std::shared_ptr<State> state)
-        : _stream(std::move(socket)), _state(std::move(state)) {}
+    HTTPSession(tcp::socket socket, std::shared_ptr<State> state, bool allowed)
+        : _stream(std::move(socket)), _state(std::move(state)), _allowed(allowed) {}
 
     void start() {
         _parser.header_limit(LargestHead);
@@ -244,6 +251,8 @@ private:
                 return;
             return answer(400, "");
         }
+        if (!_allowed)
+            return answer(403, "");
         http::request<http::string_body>& request = _parser.get();
         HTTPRequest parsed = HTTPRequest::Parse(ViewOf(request.method_string()), ViewOf(request.target()));
         if (parsed.status != 0)
@@ -289,6 +298,7 @@ private:
 
     beast::tcp_stream _stream;
     std::shared_ptr<State> _state;
+    bool _allowed;
     bool _isHead = false;
     beast::flat_buffer _buffer;
     http::request_parser<http::string_body> _parser;
@@ -313,7 +323,9 @@ void OSCQueryListener::State::accept() {
         }
         error_code ignored;
         socket.set_option(tcp::no_delay(true), ignored);
-        std::make_shared<HTTPSession>(std::move(socket), self)->start();
+        tcp::endpoint peer = socket.remote_endpoint(ignored);
+        bool allowed = !ignored && Allows(self->allowed, Unmapped(peer.address()));
+        std::make_shared<HTTPSession>(std::move(socket), self, allowed)->start();
         self->accept();
     });
 }
@@ -330,16 +342,18 @@ void OSCQueryListener::State::stop() {
     sessions.clear();
 }
 
-std::unique_ptr<OSCQueryListener> OSCQueryListener::make(int64_t port, int64_t portsTried, Limits limits,
+std::unique_ptr<OSCQueryListener> OSCQueryListener::make(int64_t port, int64_t portsTried,
+                                                         const NetworkAccess& access, Limits limits,
                                                          Callbacks callbacks) {
     auto state = std::make_shared<State>();
     state->limits = limits;
     state->callbacks = std::move(callbacks);
+    state->allowed = access.allowed;
     int64_t bound = 0;
     for (int64_t candidate = port; candidate < port + portsTried; ++candidate) {
         if (candidate < 0 || candidate > 65535)
             break;
-        if (Listen(state->acceptor, uint16_t(candidate))) {
+        if (Listen(state->acceptor, access.bindAddress, uint16_t(candidate))) {
             error_code error;
             bound = state->acceptor.local_endpoint(error).port();
             break;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "remote/AllowedNetworks.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -21,6 +23,7 @@ namespace quorva {
 //   answered 503 at once;
 // - a WebSocket client that reads slower than its pushes come has at most `backlog` bytes waiting for
 //   it, and is let go when one more push would exceed them.
+// Hosts that the access does not allow are answered 403, their WebSocket upgrades included.
 class OSCQueryListener {
 public:
     struct Limits {
@@ -40,10 +43,10 @@ public:
     };
 
     // Listens on the first free TCP port of `port` and the `portsTried` - 1 that follow (never past
-    // 65535), on every interface (dual-stack where the machine has IPv6). Nothing when no port could be
-    // had.
-    static std::unique_ptr<OSCQueryListener> make(int64_t port, int64_t portsTried, Limits limits,
-                                                  Callbacks callbacks);
+    // 65535), on the access's address or, when it names none, on every interface (dual-stack where the
+    // machine has IPv6). Nothing when no port could be had.
+    static std::unique_ptr<OSCQueryListener>
+    make(int64_t port, int64_t portsTried, const NetworkAccess& access, Limits limits, Callbacks callbacks);
     // Stops accepting and closes the WebSocket connections; requests in service are still answered.
     // Waits at most a second for the remote thread, and not at all on it.
     ~OSCQueryListener();

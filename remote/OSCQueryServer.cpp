@@ -51,7 +51,7 @@ OSCQueryServer::~OSCQueryServer() {
 
 // --- Listening ----------------------------------------------------------------------------------------
 
-bool OSCQueryServer::startOnPort(int64_t port) {
+bool OSCQueryServer::startOnPort(int64_t port, const NetworkAccess& access) {
     stop();
     // Weakly held: the server owns the listener, whose requests may be answered after the server is gone.
     std::weak_ptr<OSCQueryServer> weak = weak_from_this();
@@ -89,9 +89,11 @@ bool OSCQueryServer::startOnPort(int64_t port) {
     };
     std::shared_ptr<OSCQueryListener> listener;
     if (port > 0) // as the header says, the search ends at 0
-        listener = OSCQueryListener::make(port, PortsTried, OSCQueryListener::Limits{}, std::move(callbacks));
+        listener = OSCQueryListener::make(port, PortsTried, access, OSCQueryListener::Limits{},
+                                          std::move(callbacks));
     if (!listener) {
-        Log("OSCQuery: ", "could not bind a TCP port starting at " + std::to_string(port));
+        Log("OSCQuery: ", "could not bind a TCP port starting at " + std::to_string(port) +
+                              (access.bindAddress.empty() ? "" : " on " + access.bindAddress));
         return false;
     }
     {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "remote/AllowedNetworks.h"
 #include "remote/OSCMessage.h"
 #include "remote/OSCQueryNode.h"
 
@@ -46,8 +47,9 @@ public:
 
     // Stops, then listens on the first free TCP port of `port` and the 15 that follow (the search ends
     // at 0 or past 65535), logs the start and asks for the DNS-SD announcement. Answers whether it
-    // listens; failures are logged, and the caller words its own error for the user.
-    bool startOnPort(int64_t port);
+    // listens; failures are logged, and the caller words its own error for the user. Serves only the
+    // hosts that `access` allows, on its address.
+    bool startOnPort(int64_t port, const NetworkAccess& access = {});
     // Stops listening and withdraws the announcement. Requests already being served are finished.
     void stop();
 

@@ -3,6 +3,7 @@
 #include "platform/EventLoop.h"
 #include "platform/Log.h"
 #include "platform/Semaphore.h"
+#include "remote/AsioAddress.h"
 #include "remote/RemoteContext.h"
 
 #include <boost/asio/io_context.hpp>
@@ -10,6 +11,8 @@
 #include <boost/asio/ip/v6_only.hpp>
 
 #include <algorithm>
+#include <chrono>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -23,11 +26,17 @@ namespace {
 
 constexpr int64_t PortsTried = 16;
 constexpr size_t LargestDatagram = 65535;
+constexpr auto RefusalLogInterval = std::chrono::minutes(1);
 
-// Opens `socket` on `port` of every interface: IPv6's "::" taking IPv4 too where the machine has IPv6,
-// else IPv4's.
-bool Bind(udp::socket& socket, uint16_t port) {
+// Opens `socket` on `bindAddress` and `port`, or on every interface when the address is empty: IPv6's
+// "::" taking IPv4 too where the machine has IPv6, else IPv4's.
+bool Bind(udp::socket& socket, const std::string& bindAddress, uint16_t port) {
     boost::system::error_code error;
+    if (!bindAddress.empty()) {
+        asio::ip::address address = asio::ip::make_address(bindAddress, error);
+        udp::endpoint endpoint(address, port);
+        return !error && !socket.open(endpoint.protocol(), error) && !socket.bind(endpoint, error);
+    }
     if (!socket.open(udp::v6(), error)) {
         socket.set_option(asio::ip::v6_only(false), error);
         if (!socket.bind(udp::endpoint(udp::v6(), port), error))
@@ -50,18 +59,36 @@ struct OSCReceiver::State : std::enable_shared_from_this<State> {
     udp::endpoint from;
     std::vector<uint8_t> buffer = std::vector<uint8_t>(LargestDatagram);
     Handler handler;
+    AllowedNetworks allowed;
+    std::map<asio::ip::address, std::chrono::steady_clock::time_point> refusalsLogged;
 
-    // On the remote thread: one datagram at a time, each handled before the next
-    // is asked for.
+    // On the remote thread: one datagram at a time, each handled before the next is asked for.
     void receive() {
         socket.async_receive_from(asio::buffer(buffer), from,
                                   [self = shared_from_this()](boost::system::error_code error, size_t n) {
                                       if (error == asio::error::operation_aborted || !self->socket.is_open())
                                           return;
                                       if (!error)
-                                          deliverPacket(self->buffer.data(), n, self->handler);
+                                          self->received(n);
                                       self->receive();
                                   });
+    }
+
+    void received(size_t length) {
+        asio::ip::address peer = Unmapped(from.address());
+        if (Allows(allowed, peer)) {
+            deliverPacket(buffer.data(), length, handler);
+            return;
+        }
+        auto now = std::chrono::steady_clock::now();
+        auto logged = refusalsLogged.find(peer);
+        if (logged != refusalsLogged.end() && now - logged->second < RefusalLogInterval)
+            return;
+        // Emptied rather than grown without end: a host then logs once more.
+        if (refusalsLogged.size() >= 1024)
+            refusalsLogged.clear();
+        refusalsLogged[peer] = now;
+        Log("OSC: ", "ignoring messages from " + peer.to_string() + ", which is not an allowed host");
     }
 };
 
@@ -81,23 +108,25 @@ void OSCReceiver::deliverPacket(const uint8_t* bytes, size_t length, const Handl
     });
 }
 
-bool OSCReceiver::startOnPort(int64_t port, Handler handler) {
+bool OSCReceiver::startOnPort(int64_t port, Handler handler, const NetworkAccess& access) {
     stop();
     auto state = std::make_shared<State>();
     state->handler = std::move(handler);
+    state->allowed = access.allowed;
     int64_t bound = 0;
     int64_t last = std::min<int64_t>(port, 65520) + PortsTried - 1;
     for (int64_t candidate = port; candidate <= last && candidate <= 65535; ++candidate) {
         if (candidate < 0)
             continue;
-        if (Bind(state->socket, uint16_t(candidate))) {
+        if (Bind(state->socket, access.bindAddress, uint16_t(candidate))) {
             boost::system::error_code error;
             bound = state->socket.local_endpoint(error).port();
             break;
         }
     }
     if (bound == 0) {
-        Log("OSC: ", "no free UDP port from " + std::to_string(port) + " to " + std::to_string(port + 15));
+        Log("OSC: ", "no free UDP port from " + std::to_string(port) + " to " + std::to_string(port + 15) +
+                         (access.bindAddress.empty() ? "" : " on " + access.bindAddress));
         return false;
     }
     PostToRemote([state] { state->receive(); });
@@ -119,8 +148,7 @@ void OSCReceiver::stop() {
         close();
         return;
     }
-    // Closed on the remote thread, after any datagram being handled; the
-    // semaphore outlives a late close.
+    // Closed on the remote thread, after any datagram being handled; the semaphore outlives a late close.
     auto closed = std::make_shared<Semaphore>();
     PostToRemote([close, closed] {
         close();

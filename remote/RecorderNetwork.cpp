@@ -1,6 +1,7 @@
 #include "remote/RecorderNetwork.h"
 
 #include "core/RecorderController.h"
+#include "platform/Log.h"
 #include "platform/UserFolders.h"
 #include "remote/OSCQueryServer.h"
 #include "remote/OSCReceiver.h"
@@ -120,7 +121,14 @@ bool RecorderNetwork::startNetworkWithOSCPort(int64_t oscPort, int64_t queryPort
         if (auto network = weak.lock())
             network->handleMessage(message);
     };
-    if (!_receiver->startOnPort(oscPort, handler)) {
+    if (_access.allowed.allowsEveryone())
+        Log("OSC: ", "every host may drive this recorder" + std::string(_access.bindAddress.empty()
+                                                                            ? ", on every interface"
+                                                                            : ", on " + _access.bindAddress));
+    else
+        Log("OSC: ", "only " + _access.allowed.description() + " may drive this recorder" +
+                         (_access.bindAddress.empty() ? "" : ", on " + _access.bindAddress));
+    if (!_receiver->startOnPort(oscPort, handler, _access)) {
         _receiver.reset();
         return controller->failWithError("OSC could not listen on UDP port " + std::to_string(oscPort) +
                                          " or those which follow");
@@ -146,7 +154,7 @@ bool RecorderNetwork::startNetworkWithOSCPort(int64_t oscPort, int64_t queryPort
     for (const SourceDescription& source : controller->availableSources())
         _sourceTitles.push_back(source.title());
 
-    if (!_server->startOnPort(queryPort)) {
+    if (!_server->startOnPort(queryPort, _access)) {
         _server->clearRegisteredAddresses();
         _server.reset();
         return controller->failWithError("OSCQuery could not listen on TCP port " +

@@ -110,7 +110,7 @@ struct OSCQueryListenerTest : ::testing::Test {
         OSCQueryListener::Callbacks callbacks;
         callbacks.request = std::move(request);
         callbacks.listened = [this](const std::string&) { ++listening; };
-        listener = OSCQueryListener::make(0, 1, limits, std::move(callbacks));
+        listener = OSCQueryListener::make(0, 1, {}, limits, std::move(callbacks));
         ASSERT_TRUE(listener);
         port = int(listener->port());
     }
