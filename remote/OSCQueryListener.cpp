@@ -272,10 +272,16 @@ private:
         ++_state->inService;
         _state->callbacks.request(parsed.path, parsed.query,
                                   [self = shared_from_this()](int64_t status, std::string body) {
-                                      PostToRemote([self, status, body = std::move(body)]() mutable {
+                                      auto finish = [self, status, body = std::move(body)]() mutable {
                                           --self->_state->inService;
                                           self->answer(status, std::move(body));
-                                      });
+                                      };
+                                      // Most answers come from the remote thread itself: no need to
+                                      // queue them behind everything else.
+                                      if (IsRemoteThread())
+                                          finish();
+                                      else
+                                          PostToRemote(std::move(finish));
                                   });
     }
 
