@@ -336,6 +336,23 @@ TEST(Headless, OnlyTheAllowedHostsDriveOrReadTheRecorder) {
     Shell("rm -rf " + r.dir);
 }
 
+// With --bind, OSC and OSCQuery listen on that address alone.
+TEST(Headless, BindListensOnTheAddressGivenAlone) {
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
+    HeadlessRecorder r(Folder("bind"), 39370, 39371, "--bind 127.0.0.1");
+    ASSERT_NE(r.queryPort, 0) << r.log();
+    EXPECT_NE(r.log().find("OSC: every host may drive this recorder, on 127.0.0.1"), std::string::npos)
+        << r.log();
+    r.send("/gap i 31");
+    EXPECT_EQ(r.value("/gap", 31), 31);
+    // The loopback has other addresses than the one bound: nothing listens there.
+    EXPECT_EQ(Shell("curl -s -o /dev/null -w '%{http_code}' --max-time 10 'http://127.0.0.2:" +
+                    std::to_string(r.queryPort) + "/gap'"),
+              "000");
+    EXPECT_EQ(r.stop(), 0);
+    Shell("rm -rf " + r.dir);
+}
+
 TEST(Headless, AMalformedAllowOrBindIsRefusedAtStart) {
     struct Case {
         const char* options;
