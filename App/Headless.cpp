@@ -11,30 +11,80 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <netdb.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 namespace quorva {
+namespace {
+
+// Whether a socket can be bound to `address`: the one test of "an address of this machine" that asks
+// the system itself, IPv6 link-local scopes ("fe80::1%eth0") included.
+bool IsAddressOfThisMachine(const std::string& address) {
+    addrinfo hints{};
+    hints.ai_flags = AI_NUMERICHOST | AI_PASSIVE;
+    hints.ai_socktype = SOCK_DGRAM;
+    addrinfo* found = nullptr;
+    if (::getaddrinfo(address.c_str(), "0", &hints, &found) != 0 || !found)
+        return false;
+    bool bound = false;
+    int fd = ::socket(found->ai_family, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd >= 0) {
+        bound = ::bind(fd, found->ai_addr, found->ai_addrlen) == 0;
+        ::close(fd);
+    }
+    ::freeaddrinfo(found);
+    return bound;
+}
+
+} // namespace
 
 int RunHeadless(const std::vector<std::string>& arguments) {
     std::filesystem::path folderRoot;
+    NetworkAccess access;
     for (size_t i = 0; i < arguments.size(); ++i) {
-        if (arguments[i] != "--folder-root") {
-            std::fprintf(stderr, "quorvarecorder: --headless takes only --folder-root DIR, not '%s'\n",
-                         arguments[i].c_str());
+        const std::string& option = arguments[i];
+        const bool hasValue = i + 1 < arguments.size();
+        const std::string value = hasValue ? arguments[i + 1] : "";
+        const std::string given = hasValue ? ", not '" + value + "'" : "";
+        if (option == "--allow") {
+            if (!hasValue || !access.allowed.add(value)) {
+                std::fprintf(
+                    stderr,
+                    "quorvarecorder: --allow needs an address or a network (address/prefix), IPv4 or "
+                    "IPv6%s\n",
+                    given.c_str());
+                return ExitUsage;
+            }
+        } else if (option == "--bind") {
+            if (!hasValue || !IsAddressOfThisMachine(value)) {
+                std::fprintf(stderr, "quorvarecorder: --bind needs an address of this machine%s\n",
+                             given.c_str());
+                return ExitUsage;
+            }
+            access.bindAddress = value;
+        } else if (option == "--folder-root") {
+            std::error_code error;
+            if (!hasValue || !std::filesystem::is_directory(ExpandTilde(value), error)) {
+                std::fprintf(stderr, "quorvarecorder: --folder-root needs a folder that exists%s\n",
+                             given.c_str());
+                return ExitUsage;
+            }
+            folderRoot = std::filesystem::canonical(ExpandTilde(value), error);
+        } else {
+            std::fprintf(
+                stderr,
+                "quorvarecorder: --headless takes only --folder-root DIR, --allow NETWORK and --bind "
+                "ADDRESS, not '%s'\n",
+                option.c_str());
             return ExitUsage;
         }
-        std::error_code error;
-        if (i + 1 == arguments.size() ||
-            !std::filesystem::is_directory(ExpandTilde(arguments[i + 1]), error)) {
-            std::fprintf(stderr, "quorvarecorder: --folder-root needs a folder that exists%s\n",
-                         i + 1 == arguments.size() ? "" : (", not '" + arguments[i + 1] + "'").c_str());
-            return ExitUsage;
-        }
-        folderRoot = std::filesystem::canonical(ExpandTilde(arguments[++i]), error);
+        ++i;
     }
     const sigset_t terminationSignals = BlockTerminationSignals();
     auto loop = std::make_shared<HeadlessEventLoop>();
     EventLoop::setMainLoop(loop);
-    auto recorder = StartRecorder("Headless: ");
+    auto recorder = StartRecorder("Headless: ", access);
     if (!recorder) {
         std::fprintf(stderr, "%s\n", recorder.error().message().c_str());
         EventLoop::setMainLoop(nullptr);

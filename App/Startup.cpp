@@ -17,7 +17,7 @@
 
 namespace quorva {
 
-Result<RunningRecorder> StartRecorder(const char* logPrefix) {
+Result<RunningRecorder> StartRecorder(const char* logPrefix, const NetworkAccess& access) {
     auto engine = MakePictureEngine();
     if (!engine)
         return engine.error();
@@ -35,6 +35,7 @@ Result<RunningRecorder> StartRecorder(const char* logPrefix) {
                                  recorder.defaults, std::move(encoderSpeed));
     TellNdiAvailability(*recorder.controller);
     recorder.network = RecorderNetwork::make(recorder.controller, std::string(ThisRelease().version));
+    recorder.network->setAccess(access);
     if (!recorder.network->startNetworkWithOSCPort(
             PortFromEnvironment(OSCPortVariable, DefaultOSCPort),
             PortFromEnvironment(OSCQueryPortVariable, DefaultOSCQueryPort), "QuorvaRecorder"))

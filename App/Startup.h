@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/Error.h"
+#include "remote/AllowedNetworks.h"
 
 #include <csignal>
 #include <functional>
@@ -22,9 +23,10 @@ struct RunningRecorder {
 // Makes the recorder in this order: the picture engine ("QuorvaRecorder needs Vulkan: …" without a
 // device), the earlier companion application's settings brought over once, the NDI runtime and its log
 // line, the directory of sources, the controller with the computer's sound, and the network on the ports
-// that QUORVA_OSC_PORT and QUORVA_OSCQUERY_PORT name. A network that cannot start is logged with
-// `logPrefix` and left to the controller's error: the recorder still records. The main loop must be set.
-Result<RunningRecorder> StartRecorder(const char* logPrefix);
+// that QUORVA_OSC_PORT and QUORVA_OSCQUERY_PORT name, serving the hosts that `access` allows on its
+// address. A network that cannot start is logged with `logPrefix` and left to the controller's error: the
+// recorder still records. The main loop must be set.
+Result<RunningRecorder> StartRecorder(const char* logPrefix, const NetworkAccess& access = {});
 
 // SIGTERM and SIGINT, blocked in the calling thread and so in every thread made after it: call this
 // before any other thread exists.

@@ -3,7 +3,6 @@
 #include "platform/UTF8.h"
 
 #include <optional>
-#include <vector>
 
 namespace quorva {
 namespace {
@@ -54,43 +53,21 @@ std::optional<std::string> PercentDecoded(std::string_view text) {
     return decoded;
 }
 
-std::vector<std::string_view> SplitAtBlanks(std::string_view line) {
-    std::vector<std::string_view> parts;
-    size_t start = 0;
-    while (start < line.size()) {
-        size_t blank = line.find(' ', start);
-        size_t end = blank == std::string_view::npos ? line.size() : blank;
-        if (end > start)
-            parts.push_back(line.substr(start, end - start));
-        start = end + 1;
-    }
-    return parts;
-}
-
 } // namespace
 
-HTTPRequest HTTPRequest::Parse(std::string_view head) {
+HTTPRequest HTTPRequest::Parse(std::string_view method, std::string_view target) {
     HTTPRequest request;
-    std::string text = IsValidUTF8(head) ? std::string(head) : FromLatin1(head);
-    std::string_view line = text;
-    if (size_t end = line.find("\r\n"); end != std::string_view::npos)
-        line = line.substr(0, end);
-    std::vector<std::string_view> parts = SplitAtBlanks(line);
-    if (parts.size() < 2) {
-        request.status = 400;
-        return request;
-    }
-    if (parts[0] != "GET" && parts[0] != "HEAD") {
+    if (method != "GET" && method != "HEAD") {
         request.status = 405;
         return request;
     }
-    request.isHead = parts[0] == "HEAD";
+    request.isHead = method == "HEAD";
 
-    std::string_view target = parts[1];
-    std::string_view path = target, query;
-    if (size_t mark = target.find('?'); mark != std::string_view::npos) {
-        path = target.substr(0, mark);
-        query = target.substr(mark + 1);
+    std::string text = IsValidUTF8(target) ? std::string(target) : FromLatin1(target);
+    std::string_view path = text, query;
+    if (size_t mark = path.find('?'); mark != std::string_view::npos) {
+        query = path.substr(mark + 1);
+        path = path.substr(0, mark);
         query = query.substr(0, query.find('&'));
         query = query.substr(0, query.find('='));
     }
@@ -99,43 +76,6 @@ HTTPRequest HTTPRequest::Parse(std::string_view head) {
         request.path = "/";
     request.query = std::string(query);
     return request;
-}
-
-bool HTTPRequest::IsComplete(std::string_view buffer) {
-    return buffer.size() >= LargestHead || buffer.find("\r\n\r\n") != std::string_view::npos;
-}
-
-std::string_view HTTPReason(int64_t status) {
-    switch (status) {
-    case 200:
-        return "OK";
-    case 204:
-        return "No Content";
-    case 400:
-        return "Bad Request";
-    case 404:
-        return "Not Found";
-    case 405:
-        return "Method Not Allowed";
-    case 503:
-        return "Service Unavailable";
-    default:
-        return "Error";
-    }
-}
-
-std::string HTTPResponse(int64_t status, std::string_view body) {
-    std::string response =
-        "HTTP/1.1 " + std::to_string(status) + " " + std::string(HTTPReason(status)) + "\r\n";
-    // Browsers' OSCQuery clients run from other origins; the tree is public on the local network anyway.
-    response += "Content-Type: application/json; charset=utf-8\r\n"
-                "Access-Control-Allow-Origin: *\r\n"
-                "Content-Length: " +
-                std::to_string(body.size()) +
-                "\r\n"
-                "Connection: close\r\n\r\n";
-    response += body;
-    return response;
 }
 
 } // namespace quorva

@@ -2,25 +2,20 @@
 
 #include "platform/EventLoop.h"
 #include "platform/Log.h"
-#include "platform/Semaphore.h"
 #include "platform/SerialQueue.h"
 #include "remote/DNSSDService.h"
-#include "remote/HTTPListener.h"
+#include "remote/OSCQueryListener.h"
+#include "remote/OSCReceiver.h"
+#include "remote/RemoteContext.h"
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
-#include <cstring>
 #include <exception>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 namespace quorva {
 namespace {
 
 constexpr int64_t PortsTried = 16;
-constexpr int Backlog = 16;
 constexpr double ValueTimeout = 1.0;
 
 constexpr const char* ServiceType = "_oscjson._tcp";
@@ -56,52 +51,56 @@ OSCQueryServer::~OSCQueryServer() {
 
 // --- Listening ----------------------------------------------------------------------------------------
 
-bool OSCQueryServer::startOnPort(int64_t port) {
+bool OSCQueryServer::startOnPort(int64_t port, const NetworkAccess& access) {
     stop();
-    bool listening = false;
-    _stateQueue->sync([&] {
-        int fd = -1;
-        int64_t bound = 0;
-        for (int64_t candidate = port; candidate < port + PortsTried; ++candidate) {
-            if (candidate <= 0 || candidate > 65535)
-                break;
-            int s = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-            if (s < 0) {
-                Log("OSCQuery: ", std::string("socket() failed: ") + std::strerror(errno));
-                return;
-            }
-            int on = 1;
-            ::setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-            sockaddr_in address{};
-            address.sin_family = AF_INET;
-            address.sin_addr.s_addr = htonl(INADDR_ANY);
-            address.sin_port = htons(uint16_t(candidate));
-            if (::bind(s, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-                ::listen(s, Backlog) == 0) {
-                fd = s;
-                bound = candidate;
-                break;
-            }
-            ::close(s);
-        }
-        if (fd < 0) {
-            Log("OSCQuery: ", "could not bind a TCP port starting at " + std::to_string(port));
+    // Weakly held: the server owns the listener, whose requests may be answered after the server is gone.
+    std::weak_ptr<OSCQueryServer> weak = weak_from_this();
+    OSCQueryListener::Callbacks callbacks;
+    callbacks.request = [weak](const std::string& path, const std::string& query,
+                               OSCQueryListener::Respond respond) {
+        if (auto self = weak.lock())
+            self->respondToPath(path, query, std::move(respond));
+        else
+            respond(503, ""); // the server is going away
+    };
+    callbacks.listened = [weak](const std::string& address) {
+        auto self = weak.lock();
+        if (!self)
             return;
+        std::function<void(const std::string&)> handler;
+        {
+            std::lock_guard guard(self->_lock);
+            handler = self->_listenHandler;
         }
-        _httpPort = bound;
-        // Weakly held: the server owns the listener, whose request threads may finish after the server.
-        _listener = std::make_unique<HTTPListener>(
-            fd, HTTPListener::Limits{},
-            [weak = weak_from_this()](const std::string& path, const std::string& query) {
-                if (auto self = weak.lock())
-                    return self->responseForPath(path, query);
-                return std::pair<int64_t, std::string>{503, ""}; // the server is going away
-            });
-        _running = true;
-        listening = true;
-    });
-    if (!listening)
+        if (handler)
+            EventLoop::postToMain([handler, address] { handler(address); });
+    };
+    callbacks.packet = [weak](const uint8_t* bytes, size_t length) {
+        auto self = weak.lock();
+        if (!self)
+            return;
+        std::function<void(const OSCMessage&)> handler;
+        {
+            std::lock_guard guard(self->_lock);
+            handler = self->_messageHandler;
+        }
+        if (handler)
+            OSCReceiver::deliverPacket(bytes, length, handler);
+    };
+    std::shared_ptr<OSCQueryListener> listener;
+    if (port > 0) // as the header says, the search ends at 0
+        listener = OSCQueryListener::make(port, PortsTried, access, OSCQueryListener::Limits{},
+                                          std::move(callbacks));
+    if (!listener) {
+        Log("OSCQuery: ", "could not bind a TCP port starting at " + std::to_string(port) +
+                              (access.bindAddress.empty() ? "" : " on " + access.bindAddress));
         return false;
+    }
+    {
+        std::lock_guard guard(_lock);
+        _listener = listener;
+        _httpPort = listener->port();
+    }
     Log("OSCQuery ", "server started on TCP port " + std::to_string(httpPort()) + " (namespace of OSC port " +
                          std::to_string(oscPort()) + ")");
     publishBonjour();
@@ -109,32 +108,59 @@ bool OSCQueryServer::startOnPort(int64_t port) {
 }
 
 void OSCQueryServer::stop() {
-    _stateQueue->sync([&] {
-        _listener.reset();
-        _httpPort = 0;
-        _running = false;
-    });
+    std::shared_ptr<OSCQueryListener> listener;
     std::unique_ptr<DNSSDService> service;
     {
         std::lock_guard guard(_lock);
+        listener = std::move(_listener);
+        _httpPort = 0;
         service = std::move(_netService);
         ++_publication; // outcomes still on their way to the main thread are about a withdrawn service
     }
+    // Closed outside the lock: the remote thread, which the listener waits for, takes it to answer.
+    listener.reset();
     // Withdrawn here rather than on the main thread: Avahi does not mind which thread, and a stop that
     // returns with the service still announced would only surprise.
     service.reset();
 }
 
 int64_t OSCQueryServer::httpPort() const {
-    int64_t port = 0;
-    _stateQueue->sync([&] { port = _httpPort; });
-    return port;
+    std::lock_guard guard(_lock);
+    return _httpPort;
 }
 
 bool OSCQueryServer::isRunning() const {
-    bool running = false;
-    _stateQueue->sync([&] { running = _running; });
-    return running;
+    std::lock_guard guard(_lock);
+    return _listener != nullptr;
+}
+
+void OSCQueryServer::setMessageHandler(std::function<void(const OSCMessage&)> handler) {
+    std::lock_guard guard(_lock);
+    _messageHandler = std::move(handler);
+}
+
+void OSCQueryServer::setListenHandler(std::function<void(const std::string&)> handler) {
+    std::lock_guard guard(_lock);
+    _listenHandler = std::move(handler);
+}
+
+std::vector<std::string> OSCQueryServer::listenedAddresses() const {
+    std::shared_ptr<OSCQueryListener> listener;
+    {
+        std::lock_guard guard(_lock);
+        listener = _listener;
+    }
+    return listener ? listener->listenedAddresses() : std::vector<std::string>();
+}
+
+void OSCQueryServer::pushMessage(const OSCMessage& message) {
+    std::shared_ptr<OSCQueryListener> listener;
+    {
+        std::lock_guard guard(_lock);
+        listener = _listener;
+    }
+    if (listener)
+        listener->push(message.address(), message.packet());
 }
 
 std::string OSCQueryServer::serverName() const {
@@ -159,10 +185,30 @@ void OSCQueryServer::setOscPort(int64_t port) {
 
 // --- Requests -----------------------------------------------------------------------------------------
 
-std::pair<int64_t, std::string> OSCQueryServer::responseForPath(const std::string& path,
-                                                                const std::string& query) {
+namespace {
+
+// The answer to a request once its tree has its values: the whole object, or one attribute of it.
+std::pair<int64_t, nlohmann::json> Attribute(nlohmann::json json, const std::string& query) {
+    if (query.empty())
+        return {200, std::move(json)};
+    if (std::find(AttributeNames.begin(), AttributeNames.end(), query) == AttributeNames.end())
+        return {400, nullptr};
+    if (!json.contains(query))
+        return {204, nullptr};
+    nlohmann::json attribute = nlohmann::json::object();
+    attribute[query] = std::move(json[query]);
+    return {200, std::move(attribute)};
+}
+
+} // namespace
+
+void OSCQueryServer::respondToPath(const std::string& path, const std::string& query,
+                                   std::function<void(int64_t status, std::string body)> respond) {
     if (query == "HOST_INFO")
-        return {200, jsonDataForObject(hostInfoDictionary())};
+        return respond(200, jsonDataForObject(hostInfoDictionary()));
+    if (!query.empty() &&
+        std::find(AttributeNames.begin(), AttributeNames.end(), query) == AttributeNames.end())
+        return respond(400, "");
 
     nlohmann::json json;
     std::vector<OSCQueryValueJob> jobs;
@@ -174,33 +220,37 @@ std::pair<int64_t, std::string> OSCQueryServer::responseForPath(const std::strin
         }
     });
     if (!found)
-        return {404, ""};
-    fillValuesForJobs(json, jobs);
-
-    if (query.empty())
-        return {200, jsonDataForObject(json)};
-    if (std::find(AttributeNames.begin(), AttributeNames.end(), query) == AttributeNames.end())
-        return {400, ""};
-    if (!json.contains(query))
-        return {204, ""};
-    nlohmann::json attribute = nlohmann::json::object();
-    attribute[query] = std::move(json[query]);
-    return {200, jsonDataForObject(attribute)};
-}
-
-void OSCQueryServer::fillValuesForJobs(nlohmann::json& json, const std::vector<OSCQueryValueJob>& jobs) {
-    if (jobs.empty())
-        return;
-    // Shared with the main thread's task, which may finish after this request has given up on it.
-    struct Reading {
-        std::vector<OSCQueryValueJob> jobs;
-        std::vector<nlohmann::json> values;
-        Semaphore done;
+        return respond(404, "");
+    auto finish = [query, respond](nlohmann::json json) {
+        auto [status, object] = Attribute(std::move(json), query);
+        respond(status, object.is_null() ? "" : jsonDataForObject(object));
     };
-    auto reading = std::make_shared<Reading>();
-    reading->jobs = jobs;
-    bool posted = EventLoop::postToMain([reading] {
-        for (const OSCQueryValueJob& job : reading->jobs) {
+    if (jobs.empty())
+        return finish(std::move(json));
+
+    // Shared by the main thread's reading and the time-out, both of which end on the remote thread;
+    // whichever comes first answers. The main thread reads the providers through a copy of its own.
+    using Jobs = std::shared_ptr<const std::vector<OSCQueryValueJob>>;
+    struct Reading {
+        nlohmann::json json;
+        Jobs jobs;
+        std::function<void(nlohmann::json)> finish;
+        bool answered = false; // on the remote thread
+
+        // Lets go of the tree, the providers and the connection at once: the time-out keeps the
+        // reading for a second after most answers.
+        void answer() {
+            auto respond = std::move(finish);
+            finish = nullptr;
+            jobs.reset();
+            respond(std::move(json));
+        }
+    };
+    auto shared = std::make_shared<const std::vector<OSCQueryValueJob>>(std::move(jobs));
+    auto reading = std::make_shared<Reading>(Reading{std::move(json), shared, std::move(finish)});
+    bool posted = EventLoop::postToMain([reading, jobs = shared] {
+        std::vector<nlohmann::json> values;
+        for (const OSCQueryValueJob& job : *jobs) {
             nlohmann::json value;
             try {
                 value = job.provider();
@@ -211,20 +261,28 @@ void OSCQueryServer::fillValuesForJobs(nlohmann::json& json, const std::vector<O
                 Log("OSCQuery: ", "value provider raised: an exception of unknown type");
                 value = nullptr;
             }
-            reading->values.push_back(value.is_discarded() ? nlohmann::json() : std::move(value));
+            values.push_back(value.is_discarded() ? nlohmann::json() : std::move(value));
         }
-        reading->done.signal();
+        PostToRemote([reading, values = std::move(values)] {
+            if (std::exchange(reading->answered, true))
+                return;
+            for (size_t i = 0; i < values.size(); ++i) {
+                if (!values[i].is_null())
+                    reading->json[(*reading->jobs)[i].where]["VALUE"] = values[i];
+            }
+            reading->answer();
+        });
     });
-    if (!posted)
-        return;
-    if (!reading->done.wait(ValueTimeout)) {
+    if (!posted) {
+        reading->answered = true;
+        return reading->answer();
+    }
+    PostToRemoteAfter(ValueTimeout, [reading] {
+        if (std::exchange(reading->answered, true))
+            return;
         Log("OSCQuery: ", "timed out reading values (main thread busy)");
-        return;
-    }
-    for (size_t i = 0; i < jobs.size(); ++i) {
-        if (!reading->values[i].is_null())
-            json[jobs[i].where]["VALUE"] = reading->values[i];
-    }
+        reading->answer();
+    });
 }
 
 nlohmann::json OSCQueryServer::hostInfoDictionary() const {
@@ -233,12 +291,14 @@ nlohmann::json OSCQueryServer::hostInfoDictionary() const {
         {"NAME", name.empty() ? DefaultHostName : name},
         {"OSC_PORT", oscPort()},
         {"OSC_TRANSPORT", "UDP"},
+        // The WebSocket of LISTEN and IGNORE is served on the HTTP port, at the root.
+        {"WS_PORT", httpPort()},
         {"EXTENSIONS",
          {{"ACCESS", true},
           {"CLIPMODE", false},
           {"CRITICAL", false},
           {"DESCRIPTION", true},
-          {"LISTEN", false},
+          {"LISTEN", true},
           {"PATH_CHANGED", false},
           {"RANGE", true},
           {"TAGS", false},

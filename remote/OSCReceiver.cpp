@@ -3,98 +3,155 @@
 #include "platform/EventLoop.h"
 #include "platform/Log.h"
 #include "platform/Semaphore.h"
-#include "platform/SerialQueue.h"
-#include "remote/ReadSource.h"
+#include "remote/AsioAddress.h"
+#include "remote/RemoteContext.h"
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/udp.hpp>
+#include <boost/asio/ip/v6_only.hpp>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
-#include <fcntl.h>
-#include <netinet/in.h>
+#include <chrono>
+#include <map>
 #include <string>
-#include <sys/socket.h>
-#include <unistd.h>
 #include <utility>
 #include <vector>
 
 namespace quorva {
+
+namespace asio = boost::asio;
+using asio::ip::udp;
+
 namespace {
 
 constexpr int64_t PortsTried = 16;
 constexpr size_t LargestDatagram = 65535;
+constexpr auto RefusalLogInterval = std::chrono::minutes(1);
 
-// Reads every datagram waiting on the socket and posts the messages of each to the main thread.
-void ReceiveDatagrams(int fd, const OSCReceiver::Handler& handler) {
-    std::vector<uint8_t> buffer(LargestDatagram);
-    for (;;) {
-        ssize_t n = ::recv(fd, buffer.data(), buffer.size(), 0);
-        if (n <= 0)
-            break; // EAGAIN: nothing more is waiting
-        std::vector<OSCMessage> messages = OSCMessage::messagesFromPacket(buffer.data(), size_t(n));
-        if (messages.empty())
-            continue;
-        EventLoop::postToMain([handler, messages = std::move(messages)] {
-            for (const OSCMessage& message : messages)
-                handler(message);
-        });
+// Opens `socket` on `bindAddress` and `port`, or on every interface when the address is empty: IPv6's
+// "::" taking IPv4 too where the machine has IPv6, else IPv4's.
+bool Bind(udp::socket& socket, const std::string& bindAddress, uint16_t port) {
+    boost::system::error_code error;
+    if (!bindAddress.empty()) {
+        asio::ip::address address = asio::ip::make_address(bindAddress, error);
+        udp::endpoint endpoint(address, port);
+        return !error && !socket.open(endpoint.protocol(), error) && !socket.bind(endpoint, error);
     }
+    if (!socket.open(udp::v6(), error)) {
+        socket.set_option(asio::ip::v6_only(false), error);
+        if (!socket.bind(udp::endpoint(udp::v6(), port), error))
+            return true;
+        // Taken on IPv6 is taken: falling back to IPv4 would listen beside another program.
+        if (error != asio::error::address_family_not_supported &&
+            error != boost::system::errc::address_not_available) {
+            socket.close(error);
+            return false;
+        }
+        socket.close(error);
+    }
+    return !socket.open(udp::v4(), error) && !socket.bind(udp::endpoint(udp::v4(), port), error);
 }
 
 } // namespace
 
-OSCReceiver::OSCReceiver() : _queue(std::make_shared<SerialQueue>("osc-receiver")) {}
+struct OSCReceiver::State : std::enable_shared_from_this<State> {
+    udp::socket socket{RemoteContext()};
+    udp::endpoint from;
+    std::vector<uint8_t> buffer = std::vector<uint8_t>(LargestDatagram);
+    Handler handler;
+    AllowedNetworks allowed;
+    std::map<asio::ip::address, std::chrono::steady_clock::time_point> refusalsLogged;
+
+    // On the remote thread: one datagram at a time, each handled before the next is asked for.
+    void receive() {
+        socket.async_receive_from(asio::buffer(buffer), from,
+                                  [self = shared_from_this()](boost::system::error_code error, size_t n) {
+                                      if (error == asio::error::operation_aborted || !self->socket.is_open())
+                                          return;
+                                      if (!error)
+                                          self->received(n);
+                                      self->receive();
+                                  });
+    }
+
+    void received(size_t length) {
+        asio::ip::address peer = Unmapped(from.address());
+        if (Allows(allowed, peer)) {
+            deliverPacket(buffer.data(), length, handler);
+            return;
+        }
+        auto now = std::chrono::steady_clock::now();
+        auto logged = refusalsLogged.find(peer);
+        if (logged != refusalsLogged.end() && now - logged->second < RefusalLogInterval)
+            return;
+        // Emptied rather than grown without end: a host then logs once more.
+        if (refusalsLogged.size() >= 1024)
+            refusalsLogged.clear();
+        refusalsLogged[peer] = now;
+        Log("OSC: ", "ignoring messages from " + peer.to_string() + ", which is not an allowed host");
+    }
+};
+
+OSCReceiver::OSCReceiver() = default;
 
 OSCReceiver::~OSCReceiver() {
     stop();
 }
 
-bool OSCReceiver::startOnPort(int64_t port, Handler handler) {
+void OSCReceiver::deliverPacket(const uint8_t* bytes, size_t length, const Handler& handler) {
+    std::vector<OSCMessage> messages = OSCMessage::messagesFromPacket(bytes, length);
+    if (messages.empty())
+        return;
+    EventLoop::postToMain([handler, messages = std::move(messages)] {
+        for (const OSCMessage& message : messages)
+            handler(message);
+    });
+}
+
+bool OSCReceiver::startOnPort(int64_t port, Handler handler, const NetworkAccess& access) {
     stop();
-    int fd = -1;
+    auto state = std::make_shared<State>();
+    state->handler = std::move(handler);
+    state->allowed = access.allowed;
     int64_t bound = 0;
     int64_t last = std::min<int64_t>(port, 65520) + PortsTried - 1;
     for (int64_t candidate = port; candidate <= last && candidate <= 65535; ++candidate) {
         if (candidate < 0)
             continue;
-        int s = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        if (s < 0) {
-            Log("OSC: ", std::string("socket() failed: ") + std::strerror(errno));
-            return false;
-        }
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_ANY);
-        address.sin_port = htons(uint16_t(candidate));
-        if (::bind(s, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
-            socklen_t length = sizeof address;
-            ::getsockname(s, reinterpret_cast<sockaddr*>(&address), &length);
-            fd = s;
-            bound = ntohs(address.sin_port);
+        if (Bind(state->socket, access.bindAddress, uint16_t(candidate))) {
+            boost::system::error_code error;
+            bound = state->socket.local_endpoint(error).port();
             break;
         }
-        ::close(s);
     }
-    if (fd < 0) {
-        Log("OSC: ", "no free UDP port from " + std::to_string(port) + " to " + std::to_string(port + 15));
+    if (bound == 0) {
+        Log("OSC: ", "no free UDP port from " + std::to_string(port) + " to " + std::to_string(port + 15) +
+                         (access.bindAddress.empty() ? "" : " on " + access.bindAddress));
         return false;
     }
-    ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
-    _source = std::make_unique<ReadSource>(
-        fd, _queue, [fd, handler = std::move(handler)] { ReceiveDatagrams(fd, handler); });
-    _fd = fd;
+    PostToRemote([state] { state->receive(); });
+    _state = std::move(state);
     _port = bound;
     return true;
 }
 
 void OSCReceiver::stop() {
-    if (!_source)
+    if (!_state)
         return;
-    std::unique_ptr<ReadSource> source = std::move(_source);
+    std::shared_ptr<State> state = std::move(_state);
     _port = 0;
-    // The socket is closed on the queue, after any read under way; the semaphore outlives a late close.
+    auto close = [state] {
+        boost::system::error_code error;
+        state->socket.close(error);
+    };
+    if (IsRemoteThread()) {
+        close();
+        return;
+    }
+    // Closed on the remote thread, after any datagram being handled; the semaphore outlives a late close.
     auto closed = std::make_shared<Semaphore>();
-    source->cancel([fd = std::exchange(_fd, -1), closed] {
-        ::close(fd);
+    PostToRemote([close, closed] {
+        close();
         closed->signal();
     });
     closed->wait(1.0);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/EventLoop.h"
+#include "remote/AllowedNetworks.h"
 #include "remote/OSCMessage.h"
 #include "remote/RecorderParameter.h"
 
@@ -46,6 +48,11 @@ public:
     // Publishes one parameter to the OSCQuery server, its range as it is now.
     void registerParameter(const RecorderParameter& parameter);
 
+    // Where the network listens and whom it serves, from the next start: every host on every interface
+    // unless told otherwise.
+    void setAccess(NetworkAccess access) { _access = std::move(access); }
+    const NetworkAccess& access() const { return _access; }
+
     // Listens for OSC on `oscPort` or one of the 15 after it, then serves OSCQuery on `queryPort` or one
     // of the 15 after it, announced as `name`. Answers true when both listen; a failure becomes the
     // controller's error, and the OSC receiver stays up when only OSCQuery failed.
@@ -60,6 +67,10 @@ private:
     // Follows the controller: when its places or the sources offered change, the lists that some
     // ranges give are published again.
     void controllerChanged();
+    // Sends the values that changed since last read to the WebSocket clients that listen to them: all
+    // of them, or only those that do not move with every picture.
+    void pushChangedValues(bool withEveryPicture);
+    void startedListening(const std::string& address);
 
     std::weak_ptr<RecorderController> _controller;
     std::vector<RecorderParameter> _parameters;
@@ -70,6 +81,9 @@ private:
     int64_t _oscQueryPort = 0;
     uint64_t _observer = 0;
     std::filesystem::path _folderRoot;
+    NetworkAccess _access;
+    std::map<std::string, nlohmann::json> _listenedValues; // as last pushed, or read when listening began
+    TimerId _pushTimer = 0;
     std::vector<std::string> _placeTitles;
     std::vector<std::string> _sourceTitles;
 };

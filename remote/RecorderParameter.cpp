@@ -434,6 +434,15 @@ std::vector<RecorderParameter> MakeRecorderParameters(const std::shared_ptr<Reco
                       "Seconds of sound in the source's movie, being written or last written",
                       [](const Place& p) { return json(p.soundWritten()); });
     }
+    for (RecorderParameter& parameter : b.table) {
+        const std::string& a = parameter.address;
+        parameter.movesWithEveryPicture =
+            a == "/status/elapsed" || a == "/status/frames" || a == "/status/dropped" ||
+            a == "/status/sound/written" || a == "/status/sound/leftout" || a == "/status/assembled/frames" ||
+            a == "/status/assembled/dropped" ||
+            (a.starts_with("/status/source/") && (a.ends_with("/frames") || a.ends_with("/dropped") ||
+                                                  a.ends_with("/soundwritten") || a.ends_with("/fps")));
+    }
     return std::move(b.table);
 }
 

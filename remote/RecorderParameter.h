@@ -30,6 +30,10 @@ struct RecorderParameter {
     // Applies a message's arguments; answers the error text when it refuses, which then changes nothing.
     std::function<std::optional<std::string>(const std::vector<OSCArgument>&)> set;
 
+    // A counter or clock that moves with every picture recorded: pushed to listeners at most four times a
+    // second rather than at each change.
+    bool movesWithEveryPicture = false;
+
     // 3 read-write, 1 read-only, 2 write-only.
     int64_t access() const { return get ? (set ? 3 : 1) : 2; }
 };

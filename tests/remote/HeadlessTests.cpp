@@ -1,5 +1,5 @@
 // A running `quorvarecorder --headless` driven by real clients only: oscsend and oscsendfile, curl, the
-// npm package oscquery, and raw sockets for what no polite client sends.
+// npm package oscquery, python3-websockets, and raw sockets for what no polite client sends.
 #include "NetworkTesting.h"
 
 #include <algorithm>
@@ -249,6 +249,138 @@ TEST(Headless, ARecordingOverOSCWritesMoviesThatItsStatusDescribesAndSIGTERMFini
     EXPECT_EQ(r.stop(), 0);
     EXPECT_GT(FramesIn(second), 0) << r.log();
     Shell("rm -rf " + r.dir);
+}
+
+// A controller listens over the WebSocket with python3-websockets while a take starts and stops over OSC,
+// then ignores the state and starts a take through the WebSocket itself.
+TEST(Headless, AWebSocketClientHearsWhatItListensToUntilItIgnoresItAndItsOSCIsApplied) {
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
+    HeadlessRecorder r(Folder("listen"), 39350, 39351);
+    ASSERT_NE(r.queryPort, 0) << r.log();
+    json info = json::parse(Curl(r.queryPort, "/?HOST_INFO").body);
+    EXPECT_EQ(info["EXTENSIONS"]["LISTEN"], true);
+    EXPECT_EQ(info["WS_PORT"], r.queryPort);
+    for (const std::string& message : std::vector<std::string>{"/source/1 s 720p30", "/output s separate",
+                                                               "/folder s " + r.dir, "/name s take"})
+        r.send(message);
+    ASSERT_EQ(r.value("/status/source/1/online", 1), 1) << r.log();
+
+    std::string out = Shell("/usr/bin/python3 " QUORVA_TEST_SOURCE_DIR "/websocket_client.py drive " +
+                            std::to_string(r.queryPort) + " " + std::to_string(r.oscPort));
+    json result = json::parse(out, nullptr, false);
+    ASSERT_TRUE(result.contains("pushed")) << out << r.log();
+    std::vector<json> states, gaps;
+    for (size_t i = 0; i < result["pushed"].size(); ++i) {
+        const json& push = result["pushed"][i];
+        if (push[0] == "/status/state") {
+            EXPECT_EQ(push[1], ",s");
+            EXPECT_LT(i, result["ignoredFrom"].get<size_t>()) << "pushed after IGNORE: " << push;
+            states.push_back(push[2][0]);
+        } else if (push[0] == "/gap") {
+            EXPECT_EQ(push[1], ",i");
+            gaps.push_back(push[2][0]);
+        }
+    }
+    EXPECT_EQ(gaps, (std::vector<json>{17, 18}));
+    ASSERT_FALSE(states.empty()) << out;
+    EXPECT_EQ(states.front(), "recording") << out;
+    EXPECT_EQ(states.back(), "idle") << out;
+    // The take that the WebSocket started, unheard since the state was ignored.
+    EXPECT_EQ(r.value("/status/state", "recording"), "recording");
+    r.send("/record i 0");
+    EXPECT_EQ(r.value("/status/state", "idle"), "idle");
+    EXPECT_EQ(r.stop(), 0);
+    Shell("rm -rf " + r.dir);
+}
+
+// An OSC message from `host` (127.0.0.x) with one integer, over UDP.
+void SendFrom(const std::string& host, int port, const std::string& address, int32_t value) {
+    std::string packet = address + std::string(4 - address.size() % 4, '\0') + ",i\0\0"s;
+    uint32_t big = htonl(uint32_t(value));
+    packet.append(reinterpret_cast<const char*>(&big), 4);
+    int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in from = Loopback(0), to = Loopback(port);
+    ::inet_pton(AF_INET, host.c_str(), &from.sin_addr);
+    ::bind(fd, reinterpret_cast<sockaddr*>(&from), sizeof from);
+    ::sendto(fd, packet.data(), packet.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
+    ::close(fd);
+}
+
+// With --allow, only the hosts named drive the recorder or read it, over OSC, OSCQuery and its WebSocket
+// alike; the recorder listens on IPv6 too where the machine has it.
+TEST(Headless, OnlyTheAllowedHostsDriveOrReadTheRecorder) {
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
+    HeadlessRecorder r(Folder("allow"), 39360, 39361, "--allow 127.0.0.2 --allow ::1");
+    ASSERT_NE(r.queryPort, 0) << r.log();
+    EXPECT_NE(r.log().find("OSC: only 127.0.0.2, ::1 may drive this recorder"), std::string::npos) << r.log();
+    const std::string allowed = "--interface 127.0.0.2";
+    auto gap = [&] { return Curl(r.queryPort, "/gap?VALUE", allowed).body; };
+
+    SendFrom("127.0.0.2", r.oscPort, "/gap", 23);
+    for (int i = 0; i < 200 && gap() != R"({"VALUE":[23]})"; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(gap(), R"({"VALUE":[23]})");
+    // Handled in the order sent: once the allowed host's second message is applied, the other's was seen.
+    SendFrom("127.0.0.1", r.oscPort, "/gap", 24);
+    SendFrom("127.0.0.1", r.oscPort, "/gap", 25);
+    SendFrom("127.0.0.2", r.oscPort, "/width", 642);
+    for (int i = 0; i < 200 && Curl(r.queryPort, "/width?VALUE", allowed).body != R"({"VALUE":[642]})"; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(gap(), R"({"VALUE":[23]})");
+    const std::string refusal = "OSC: ignoring messages from 127.0.0.1, which is not an allowed host";
+    std::string log = r.log();
+    EXPECT_NE(log.find(refusal), std::string::npos) << log;
+    EXPECT_EQ(log.find(refusal), log.rfind(refusal)) << "logged once a minute at most";
+
+    EXPECT_EQ(Curl(r.queryPort, "/gap?VALUE").status, 403);
+    EXPECT_EQ(Curl(r.queryPort, "/",
+                   "-H 'Connection: Upgrade' -H 'Upgrade: websocket' -H 'Sec-WebSocket-Version: 13' "
+                   "-H 'Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ=='")
+                  .status,
+              403);
+    if (Shell("grep -c ' lo$' /proc/net/if_inet6 2>/dev/null") == "1\n") {
+        EXPECT_EQ(
+            Shell("curl -s -g --max-time 10 'http://[::1]:" + std::to_string(r.queryPort) + "/gap?VALUE'"),
+            R"({"VALUE":[23]})");
+    }
+    EXPECT_EQ(r.stop(), 0);
+    Shell("rm -rf " + r.dir);
+}
+
+// With --bind, OSC and OSCQuery listen on that address alone.
+TEST(Headless, BindListensOnTheAddressGivenAlone) {
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
+    HeadlessRecorder r(Folder("bind"), 39370, 39371, "--bind 127.0.0.1");
+    ASSERT_NE(r.queryPort, 0) << r.log();
+    EXPECT_NE(r.log().find("OSC: every host may drive this recorder, on 127.0.0.1"), std::string::npos)
+        << r.log();
+    r.send("/gap i 31");
+    EXPECT_EQ(r.value("/gap", 31), 31);
+    // The loopback has other addresses than the one bound: nothing listens there.
+    EXPECT_EQ(Shell("curl -s -o /dev/null -w '%{http_code}' --max-time 10 'http://127.0.0.2:" +
+                    std::to_string(r.queryPort) + "/gap'"),
+              "000");
+    EXPECT_EQ(r.stop(), 0);
+    Shell("rm -rf " + r.dir);
+}
+
+TEST(Headless, AMalformedAllowOrBindIsRefusedAtStart) {
+    struct Case {
+        const char* options;
+        const char* message;
+    } cases[] = {
+        {"--allow 10.0.0.0/33", "--allow needs an address or a network (address/prefix), IPv4 or IPv6, "
+                                "not '10.0.0.0/33'"},
+        {"--allow recorder.local", "not 'recorder.local'"},
+        {"--allow", "--allow needs an address or a network"},
+        {"--bind 10.1.2.300", "--bind needs an address of this machine, not '10.1.2.300'"},
+        {"--bind 192.0.2.1", "--bind needs an address of this machine, not '192.0.2.1'"},
+    };
+    for (const Case& c : cases) {
+        std::string out = Shell(QUORVA_RECORDER_PATH " --headless "s + c.options + " 2>&1; echo \"exit $?\"");
+        EXPECT_NE(out.find(c.message), std::string::npos) << out;
+        EXPECT_NE(out.find("exit 2"), std::string::npos) << out;
+    }
 }
 
 } // namespace

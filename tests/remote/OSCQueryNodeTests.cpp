@@ -36,27 +36,25 @@ TEST(OSCQueryNode, RegistrationBuildsContainersAndMergesRepeatedAddresses) {
     EXPECT_EQ(root->nodeForPath("/a/c"), nullptr);
 }
 
-TEST(HTTPRequest, RequestLinesGiveStatusPathAndQuery) {
+TEST(HTTPRequest, MethodsAndTargetsGiveStatusPathAndQuery) {
     struct Case {
-        std::string head;
+        std::string method, target;
         int64_t status;
         std::string path, query;
     } cases[] = {
-        {"GET /gap?VALUE HTTP/1.1\r\nHost: x\r\n\r\n", 0, "/gap", "VALUE"},
-        {"HEAD /a%20b?VALUE=1&x HTTP/1.1\r\n\r\n", 0, "/a b", "VALUE"},
-        {"GET ?HOST_INFO HTTP/1.1\r\n\r\n", 0, "/", "HOST_INFO"},
-        {"GET /%zz%e9%4 HTTP/1.1\r\n\r\n", 0, "/%zz%e9%4", ""},
-        {"GET /\xe9t\xe9\r\n\r\n", 0, "/\xc3\xa9t\xc3\xa9", ""},
-        {"POST / HTTP/1.1\r\n\r\n", 405, "", ""},
-        {"get / HTTP/1.1\r\n\r\n", 405, "", ""},
-        {"GET\r\n/ HTTP/1.1\r\n\r\n", 400, "", ""},
-        {"", 400, "", ""},
+        {"GET", "/gap?VALUE", 0, "/gap", "VALUE"},
+        {"HEAD", "/a%20b?VALUE=1&x", 0, "/a b", "VALUE"},
+        {"GET", "?HOST_INFO", 0, "/", "HOST_INFO"},
+        {"GET", "/%zz%e9%4", 0, "/%zz%e9%4", ""},
+        {"GET", "/\xe9t\xe9", 0, "/\xc3\xa9t\xc3\xa9", ""},
+        {"POST", "/", 405, "", ""},
+        {"get", "/", 405, "", ""},
     };
     for (const Case& c : cases) {
-        HTTPRequest request = HTTPRequest::Parse(c.head);
-        EXPECT_EQ(request.status, c.status) << c.head;
-        EXPECT_EQ(request.path, c.path) << c.head;
-        EXPECT_EQ(request.query, c.query) << c.head;
+        HTTPRequest request = HTTPRequest::Parse(c.method, c.target);
+        EXPECT_EQ(request.status, c.status) << c.method << " " << c.target;
+        EXPECT_EQ(request.path, c.path) << c.target;
+        EXPECT_EQ(request.query, c.query) << c.target;
     }
 }
 

@@ -1,0 +1,38 @@
+#pragma once
+
+// Between Asio's addresses and the remote side's own rules; included only by the files that hold sockets.
+
+#include "remote/AllowedNetworks.h"
+
+#include <boost/asio/ip/address.hpp>
+
+#include <array>
+#include <cstdint>
+#include <cstring>
+#include <string>
+
+namespace quorva {
+
+// A dual-stack socket's IPv4 peers come as IPv4-mapped IPv6 addresses; they are said as IPv4 ones.
+inline boost::asio::ip::address Unmapped(const boost::asio::ip::address& address) {
+    if (address.is_v6() && address.to_v6().is_v4_mapped())
+        return boost::asio::ip::make_address_v4(boost::asio::ip::v4_mapped, address.to_v6());
+    return address;
+}
+
+inline bool Allows(const AllowedNetworks& allowed, const boost::asio::ip::address& peer) {
+    if (allowed.allowsEveryone())
+        return true;
+    std::array<uint8_t, 16> bytes{};
+    if (peer.is_v4()) {
+        bytes[10] = bytes[11] = 0xff;
+        auto v4 = peer.to_v4().to_bytes();
+        std::memcpy(bytes.data() + 12, v4.data(), 4);
+    } else {
+        auto v6 = peer.to_v6().to_bytes();
+        std::memcpy(bytes.data(), v6.data(), 16);
+    }
+    return allowed.allows(bytes);
+}
+
+} // namespace quorva
