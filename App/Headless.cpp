@@ -11,44 +11,22 @@
 
 #include <cstdio>
 #include <filesystem>
-#include <netdb.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 namespace quorva {
-namespace {
-
-// Whether a socket can be bound to `address`: the one test of "an address of this machine" that asks
-// the system itself, IPv6 link-local scopes ("fe80::1%eth0") included.
-bool IsAddressOfThisMachine(const std::string& address) {
-    addrinfo hints{};
-    hints.ai_flags = AI_NUMERICHOST | AI_PASSIVE;
-    hints.ai_socktype = SOCK_DGRAM;
-    addrinfo* found = nullptr;
-    if (::getaddrinfo(address.c_str(), "0", &hints, &found) != 0 || !found)
-        return false;
-    bool bound = false;
-    int fd = ::socket(found->ai_family, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd >= 0) {
-        bound = ::bind(fd, found->ai_addr, found->ai_addrlen) == 0;
-        ::close(fd);
-    }
-    ::freeaddrinfo(found);
-    return bound;
-}
-
-} // namespace
 
 int RunHeadless(const std::vector<std::string>& arguments) {
     std::filesystem::path folderRoot;
-    NetworkAccess access;
+    // Given on the command line, --allow and --bind replace what the window saved.
+    std::optional<NetworkAccess> access;
     for (size_t i = 0; i < arguments.size(); ++i) {
         const std::string& option = arguments[i];
         const bool hasValue = i + 1 < arguments.size();
         const std::string value = hasValue ? arguments[i + 1] : "";
         const std::string given = hasValue ? ", not '" + value + "'" : "";
         if (option == "--allow") {
-            if (!hasValue || !access.allowed.add(value)) {
+            if (!access)
+                access.emplace();
+            if (!hasValue || !access->allowed.add(value)) {
                 std::fprintf(
                     stderr,
                     "quorvarecorder: --allow needs an address or a network (address/prefix), IPv4 or "
@@ -62,7 +40,9 @@ int RunHeadless(const std::vector<std::string>& arguments) {
                              given.c_str());
                 return ExitUsage;
             }
-            access.bindAddress = value;
+            if (!access)
+                access.emplace();
+            access->bindAddress = value;
         } else if (option == "--folder-root") {
             std::error_code error;
             if (!hasValue || !std::filesystem::is_directory(ExpandTilde(value), error)) {

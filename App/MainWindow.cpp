@@ -122,6 +122,7 @@ MainWindow::~MainWindow() {
 void MainWindow::buildMenus() {
     _fileMenu = menuBar()->addMenu(QString());
     _chooseFolderAction = _fileMenu->addAction(QString(), this, &MainWindow::chooseFolder);
+    _networkAction = _fileMenu->addAction(QString(), this, &MainWindow::showNetworkAccess);
     _fileMenu->addSeparator();
     _quitAction = _fileMenu->addAction(QString(), this, &QWidget::close);
     _quitAction->setShortcut(QKeySequence::Quit);
@@ -367,6 +368,7 @@ void MainWindow::retranslate() {
     setWindowTitle(tr("QuorvaRecorder"));
     _fileMenu->setTitle(tr("&File"));
     _chooseFolderAction->setText(tr("Choose &Folder…"));
+    _networkAction->setText(tr("&Network Access…"));
     _quitAction->setText(tr("&Quit"));
     _recordingMenu->setTitle(tr("&Recording"));
     _performanceAction->setText(tr("&Performance Mode"));
@@ -556,6 +558,55 @@ void MainWindow::chooseFolder() {
         QFileDialog::getExistingDirectory(this, tr("Folder for the Movies"), Text(_controller->folder()));
     if (!folder.isEmpty())
         _controller->setFolder(folder.toStdString());
+}
+
+void MainWindow::showNetworkAccess() {
+    auto* dialog = new QDialog(this);
+    dialog->setAttribute(Qt::WA_DeleteOnClose);
+    dialog->setObjectName("networkAccess");
+    dialog->setWindowTitle(tr("Network Access"));
+    auto* form = new QFormLayout(dialog);
+    const NetworkAccess& access = _network->access();
+    auto* allowed = new QLineEdit(
+        access.allowed.allowsEveryone() ? QString() : Text(access.allowed.description()), dialog);
+    allowed->setObjectName("allowedNetworks");
+    allowed->setPlaceholderText(tr("every host"));
+    auto* bind = new QLineEdit(Text(access.bindAddress), dialog);
+    bind->setObjectName("bindAddress");
+    bind->setPlaceholderText(tr("every interface"));
+    form->addRow(tr("Hosts that may drive this recorder:"), allowed);
+    form->addRow(tr("Listen on the address:"), bind);
+    auto* problem = new QLabel(dialog);
+    problem->setObjectName("networkProblem");
+    form->addRow(problem);
+    auto* buttons = new QDialogButtonBox(QDialogButtonBox::Ok | QDialogButtonBox::Cancel, dialog);
+    form->addRow(buttons);
+    connect(buttons, &QDialogButtonBox::rejected, dialog, &QDialog::reject);
+    connect(buttons, &QDialogButtonBox::accepted, dialog, [this, dialog, allowed, bind, problem] {
+        NetworkAccess chosen;
+        std::vector<std::string> networks;
+        for (const QString& entry : allowed->text().split(',', Qt::SkipEmptyParts)) {
+            const std::string network = entry.trimmed().toStdString();
+            if (!chosen.allowed.add(network)) {
+                problem->setText(
+                    tr("“%1” is not an address or a network (address/prefix)").arg(entry.trimmed()));
+                return;
+            }
+            networks.push_back(network);
+        }
+        chosen.bindAddress = bind->text().trimmed().toStdString();
+        if (!chosen.bindAddress.empty() && !IsAddressOfThisMachine(chosen.bindAddress)) {
+            problem->setText(tr("“%1” is not an address of this machine").arg(bind->text().trimmed()));
+            return;
+        }
+        // A write that fails is logged by the store, which keeps the values for its next write.
+        (void)_defaults->setStringArray(networks, AllowedNetworksKey);
+        (void)_defaults->setString(chosen.bindAddress, BindAddressKey);
+        _network->setAccess(std::move(chosen));
+        StartNetwork({_defaults, _controller, _network}, "QuorvaRecorder: ");
+        dialog->accept();
+    });
+    dialog->show();
 }
 
 void MainWindow::chooseLanguage(const QString& code) {

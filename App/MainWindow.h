@@ -63,6 +63,9 @@ private:
     void showSettings();
     void showStatus();
     void chooseFolder();
+    // Whom the network serves: the hosts that may drive the recorder and the address it listens on,
+    // saved and applied at once.
+    void showNetworkAccess();
     void chooseLanguage(const QString& code);
     // Shows the updater's state: its menu items, and the update sheet while it is presented.
     void updaterChanged();
@@ -79,9 +82,10 @@ private:
     QTimer _errorTimer;
 
     QMenu *_fileMenu = nullptr, *_recordingMenu = nullptr, *_languageMenu = nullptr, *_helpMenu = nullptr;
-    QAction *_chooseFolderAction = nullptr, *_quitAction = nullptr, *_recordAction = nullptr,
-            *_performanceAction = nullptr, *_helpAction = nullptr, *_aboutAction = nullptr,
-            *_checkUpdatesAction = nullptr, *_autoCheckAction = nullptr, *_reportAction = nullptr;
+    QAction *_chooseFolderAction = nullptr, *_networkAction = nullptr, *_quitAction = nullptr,
+            *_recordAction = nullptr, *_performanceAction = nullptr, *_helpAction = nullptr,
+            *_aboutAction = nullptr, *_checkUpdatesAction = nullptr, *_autoCheckAction = nullptr,
+            *_reportAction = nullptr;
     std::vector<QAction*> _languageActions;
 
     QGroupBox *_sourcesBox = nullptr, *_placesBox = nullptr, *_inspectorBox = nullptr;

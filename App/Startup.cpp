@@ -17,7 +17,7 @@
 
 namespace quorva {
 
-Result<RunningRecorder> StartRecorder(const char* logPrefix, const NetworkAccess& access) {
+Result<RunningRecorder> StartRecorder(const char* logPrefix, std::optional<NetworkAccess> access) {
     auto engine = MakePictureEngine();
     if (!engine)
         return engine.error();
@@ -35,12 +35,33 @@ Result<RunningRecorder> StartRecorder(const char* logPrefix, const NetworkAccess
                                  recorder.defaults, std::move(encoderSpeed));
     TellNdiAvailability(*recorder.controller);
     recorder.network = RecorderNetwork::make(recorder.controller, std::string(ThisRelease().version));
-    recorder.network->setAccess(access);
+    recorder.network->setAccess(access ? std::move(*access)
+                                       : SavedNetworkAccess(*recorder.defaults, logPrefix));
+    StartNetwork(recorder, logPrefix);
+    return recorder;
+}
+
+void StartNetwork(const RunningRecorder& recorder, const char* logPrefix) {
     if (!recorder.network->startNetworkWithOSCPort(
             PortFromEnvironment(OSCPortVariable, DefaultOSCPort),
             PortFromEnvironment(OSCQueryPortVariable, DefaultOSCQueryPort), "QuorvaRecorder"))
         Log(logPrefix, recorder.controller->error());
-    return recorder;
+}
+
+NetworkAccess SavedNetworkAccess(const SettingsStore& settings, const char* logPrefix) {
+    NetworkAccess access;
+    for (const std::string& network :
+         settings.stringArrayForKey(AllowedNetworksKey).value_or(std::vector<std::string>{})) {
+        if (!access.allowed.add(network))
+            Log(logPrefix, "the saved network “" + network + "” is not an address or a network: left out");
+    }
+    const std::string bind = settings.stringForKey(BindAddressKey).value_or("");
+    if (!bind.empty() && !IsAddressOfThisMachine(bind))
+        Log(logPrefix,
+            "the saved address “" + bind + "” is not this machine's: listening on every interface");
+    else
+        access.bindAddress = bind;
+    return access;
 }
 
 sigset_t BlockTerminationSignals() {

@@ -6,6 +6,9 @@
 #include <csignal>
 #include <functional>
 #include <memory>
+#include <optional>
+#include <string>
+#include <vector>
 
 namespace quorva {
 
@@ -20,13 +23,24 @@ struct RunningRecorder {
     std::shared_ptr<RecorderNetwork> network;
 };
 
+// Whom the network serves, as the window saves it: the networks that may drive the recorder (none: every
+// host) and the address it listens on (empty: every interface).
+inline constexpr const char* AllowedNetworksKey = "RemoteAllowedNetworks";
+inline constexpr const char* BindAddressKey = "RemoteBindAddress";
+// The saved access; an entry that is no longer an address or a network, or an address that is no longer
+// this machine's, is logged with `logPrefix` and left out.
+NetworkAccess SavedNetworkAccess(const SettingsStore& settings, const char* logPrefix);
+
 // Makes the recorder in this order: the picture engine ("QuorvaRecorder needs Vulkan: …" without a
 // device), the earlier companion application's settings brought over once, the NDI runtime and its log
-// line, the directory of sources, the controller with the computer's sound, and the network on the ports
-// that QUORVA_OSC_PORT and QUORVA_OSCQUERY_PORT name, serving the hosts that `access` allows on its
-// address. A network that cannot start is logged with `logPrefix` and left to the controller's error: the
-// recorder still records. The main loop must be set.
-Result<RunningRecorder> StartRecorder(const char* logPrefix, const NetworkAccess& access = {});
+// line, the directory of sources, the controller with the computer's sound, and the network (see
+// StartNetwork), serving `access`, else the saved access. The main loop must be set.
+Result<RunningRecorder> StartRecorder(const char* logPrefix, std::optional<NetworkAccess> access = {});
+
+// (Re)starts the recorder's network on the ports that QUORVA_OSC_PORT and QUORVA_OSCQUERY_PORT name,
+// with the access it was given. A network that cannot start is logged with `logPrefix` and left to the
+// controller's error: the recorder still records.
+void StartNetwork(const RunningRecorder& recorder, const char* logPrefix);
 
 // SIGTERM and SIGINT, blocked in the calling thread and so in every thread made after it: call this
 // before any other thread exists.

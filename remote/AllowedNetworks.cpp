@@ -3,8 +3,10 @@
 #include <arpa/inet.h>
 #include <charconv>
 #include <cstring>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 namespace quorva {
 namespace {
@@ -98,6 +100,23 @@ std::string AllowedNetworks::description() const {
     for (const Network& network : _networks)
         text += (text.empty() ? "" : ", ") + network.text;
     return text;
+}
+
+bool IsAddressOfThisMachine(const std::string& address) {
+    addrinfo hints{};
+    hints.ai_flags = AI_NUMERICHOST | AI_PASSIVE;
+    hints.ai_socktype = SOCK_DGRAM;
+    addrinfo* found = nullptr;
+    if (::getaddrinfo(address.c_str(), "0", &hints, &found) != 0 || !found)
+        return false;
+    bool bound = false;
+    int fd = ::socket(found->ai_family, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd >= 0) {
+        bound = ::bind(fd, found->ai_addr, found->ai_addrlen) == 0;
+        ::close(fd);
+    }
+    ::freeaddrinfo(found);
+    return bound;
 }
 
 } // namespace quorva

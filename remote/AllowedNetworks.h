@@ -48,4 +48,8 @@ struct NetworkAccess {
     AllowedNetworks allowed;
 };
 
+// Whether a socket can be bound to `address`: the one test of "an address of this machine" that asks
+// the system itself, IPv6 link-local scopes ("fe80::1%eth0") included.
+bool IsAddressOfThisMachine(const std::string& address);
+
 } // namespace quorva

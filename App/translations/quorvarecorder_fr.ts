@@ -291,6 +291,38 @@
         <source>Auto-check updates</source>
         <translation>Rechercher les mises à jour automatiquement</translation>
     </message>
+    <message>
+        <source>&amp;Network Access…</source>
+        <translation>Accès par le &amp;réseau…</translation>
+    </message>
+    <message>
+        <source>Network Access</source>
+        <translation>Accès par le réseau</translation>
+    </message>
+    <message>
+        <source>every host</source>
+        <translation>toutes les machines</translation>
+    </message>
+    <message>
+        <source>every interface</source>
+        <translation>toutes les interfaces</translation>
+    </message>
+    <message>
+        <source>Hosts that may drive this recorder:</source>
+        <translation>Machines qui peuvent piloter cet enregistreur :</translation>
+    </message>
+    <message>
+        <source>Listen on the address:</source>
+        <translation>Écouter à l’adresse :</translation>
+    </message>
+    <message>
+        <source>“%1” is not an address or a network (address/prefix)</source>
+        <translation>« %1 » n’est ni une adresse ni un réseau (adresse/préfixe)</translation>
+    </message>
+    <message>
+        <source>“%1” is not an address of this machine</source>
+        <translation>« %1 » n’est pas une adresse de cette machine</translation>
+    </message>
 </context>
 <context>
     <name>quorva::UpdateDialog</name>

@@ -16,6 +16,8 @@
 #include "tests/updater/ReleaseTesting.h"
 #include "updater/QuorvaUpdater.h"
 
+#include <QDialog>
+#include <QDialogButtonBox>
 #include <QLabel>
 #include <QLineEdit>
 #include <QListWidget>
@@ -27,6 +29,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 
@@ -228,6 +231,65 @@ TEST_F(WindowTest, ChecksForUpdatesFromItsMenu) {
     sheet->close();
     QCoreApplication::processEvents();
     EXPECT_FALSE(_updater->isUpdateSheetPresented());
+}
+
+// The HTTP status that the recorder's OSCQuery server gives curl, sent from `from`.
+std::string StatusFrom(const char* from, int64_t port) {
+    const std::string command = std::string("curl -s -o /dev/null -w '%{http_code}' --interface ") + from +
+                                " http://127.0.0.1:" + std::to_string(port) + "/";
+    std::string status;
+    if (FILE* curl = ::popen(command.c_str(), "r")) {
+        char buffer[16] = {};
+        status = std::fgets(buffer, sizeof buffer, curl) ? buffer : "";
+        ::pclose(curl);
+    }
+    return status;
+}
+
+TEST_F(WindowTest, NetworkAccessIsCheckedSavedAndServedAtOnce) {
+    ASSERT_EQ(StatusFrom("127.0.0.1", _recorder.network->oscQueryPort()), "200");
+    QAction* access = nullptr;
+    for (QAction* action : _window->menuBar()->actions().front()->menu()->actions())
+        access = action->text() == "&Network Access…" ? action : access;
+    ASSERT_TRUE(access);
+    const auto open = [&] {
+        access->trigger();
+        auto* dialog = find<QDialog>("networkAccess");
+        EXPECT_TRUE(dialog && QTest::qWaitForWindowExposed(dialog));
+        return dialog;
+    };
+
+    QDialog* dialog = open();
+    ASSERT_TRUE(dialog);
+    dialog->findChild<QLineEdit*>("allowedNetworks")->setText("127.0.0.2, 10.0.0.0/33");
+    dialog->findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Ok)->click();
+    EXPECT_EQ(dialog->findChild<QLabel*>("networkProblem")->text(),
+              "“10.0.0.0/33” is not an address or a network (address/prefix)");
+    dialog->findChild<QLineEdit*>("allowedNetworks")->setText("127.0.0.2");
+    dialog->findChild<QLineEdit*>("bindAddress")->setText("192.0.2.1");
+    dialog->findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Ok)->click();
+    EXPECT_EQ(dialog->findChild<QLabel*>("networkProblem")->text(),
+              "“192.0.2.1” is not an address of this machine");
+    EXPECT_TRUE(_recorder.network->access().allowed.allowsEveryone()) << "nothing applied while refused";
+
+    dialog->findChild<QLineEdit*>("bindAddress")->setText("127.0.0.1");
+    dialog->findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Ok)->click();
+    QCoreApplication::processEvents();
+    const int64_t port = _recorder.network->oscQueryPort();
+    ASSERT_GT(port, 0) << "the network restarted";
+    EXPECT_EQ(StatusFrom("127.0.0.1", port), "403");
+    EXPECT_EQ(StatusFrom("127.0.0.2", port), "200");
+
+    // The next start serves the same hosts, and the dialog shows them.
+    ASSERT_TRUE(_recorder.defaults->flush());
+    const NetworkAccess saved =
+        SavedNetworkAccess(SettingsStore(ApplicationIdentifier, _home / "config"), "");
+    EXPECT_EQ(saved.allowed.description(), "127.0.0.2");
+    EXPECT_EQ(saved.bindAddress, "127.0.0.1");
+    dialog = open();
+    ASSERT_TRUE(dialog);
+    EXPECT_EQ(dialog->findChild<QLineEdit*>("allowedNetworks")->text(), "127.0.0.2");
+    dialog->reject();
 }
 
 // A user of the earlier companion application finds the settings they chose there, once.
