@@ -3,10 +3,10 @@
 # read back with ffprobe, MediaInfo and GStreamer as an editor reads it, then in each other codec; a second
 # identical take beside the first; takes ended by SIGINT and killed; the list of sources without the NDI
 # runtime; and the mistakes a user makes. Usage: record_command_line.sh PATH_TO_QUORVARECORDER
-# The patterns are the small ones made for tests: each source's own movie keeps every picture due, give
-# or take four, on a slow or busy machine too (a sanitised build included). The assembled movie, encoded
-# at a lower priority, is what a starved take gives up first: it must count every picture it lost, and
-# how many it writes is the benchmark's to measure (recording_bench).
+# The patterns are the small ones made for tests. A slow or busy machine (a sanitised build with another
+# program taking a core) may still drop some of their pictures, the assembled movie's first, as it is
+# encoded at the lowest priority: every picture due must be written or counted as dropped. How many a
+# machine writes is the benchmark's to measure (recording_bench).
 set -uo pipefail
 recorder=$1
 # No saved settings come in, and the take must save none.
@@ -37,9 +37,8 @@ while IFS=$'\t' read -r movie listed due dropped held _; do
         fail "$movie holds $frames frames, but the listing says $listed and $held"
     [ "${due% due}" -ge $((5 * rate - 4)) ] && [ "${due% due}" -le $((5 * rate + 4)) ] ||
         fail "$movie lists $due, not $((5 * rate))"
-    kept=${listed% frames}
-    [ "$movie" != "${assembled:-}" ] || kept=$((kept + ${dropped% dropped}))
-    [ "$kept" -ge $((5 * rate - 4)) ] || fail "$movie has $listed written and $dropped, not $((5 * rate))"
+    [ $((${listed% frames} + ${dropped% dropped})) -ge $((5 * rate - 4)) ] ||
+        fail "$movie has $listed written and $dropped, not $((5 * rate))"
     [ "$frames" -ge $((5 * rate - 1)) ] && [ "$frames" -le $((5 * rate + 1)) ] ||
         fail "$movie has $frames frames, not $((5 * rate))"
     editor_ready "$movie" "$rate.000" "$work/first.ready"
@@ -148,7 +147,7 @@ done <<'EOF'
 1|There is no source called “Nothing Such”|record --source 'Nothing Such' --duration 1
 1|No source being recorded is called “1080p60”|record --source 720 --sound 1080p60 --duration 1
 2|--folder-root needs a folder that exists, not '/nonexistent'|--headless --folder-root /nonexistent
-2|--headless takes only --folder-root DIR, not '--gui'|--headless --gui
+2|--headless takes only --folder-root DIR, --allow NETWORK and --bind ADDRESS, not '--gui'|--headless --gui
 EOF
 [ $failures -eq 0 ] || exit 1
 echo "all good"
