@@ -61,11 +61,12 @@ double EstimatedBytesPerSecond(const PlannedTake& planned) {
     double bytes = 0;
     if (plan.output != TakeOutput::Assembled) {
         for (size_t i = 0; i < plan.titles.size(); ++i) {
-            const std::optional<Size> size = i < plan.sizes.size() ? plan.sizes[i] : std::nullopt;
+            // A size not known yet is 0 × 0, which the estimate counts as 1080p.
+            const Size size = i < plan.sizes.size() ? plan.sizes[i].value_or(Size{}) : Size{};
             const double rate = i < plan.framesPerSecond.size() ? plan.framesPerSecond[i] : 0;
             const bool sound =
                 plan.soundSources.count(i) > 0 || (plan.computerSound && plan.output == TakeOutput::Separate);
-            bytes += EstimatedBytesPerSecond(codec, size ? size->width : 0, size ? size->height : 0,
+            bytes += EstimatedBytesPerSecond(codec, size.width, size.height,
                                              rate > 0 ? rate : settings.framesPerSecond(),
                                              settings.megabitsPerSecond(), sound);
         }
