@@ -2,7 +2,7 @@
 #include "App/CommandLine.h"
 #include "App/Startup.h"
 
-#include "core/RecorderController.h"
+#include "core/control/RecorderController.h"
 #include "platform/HeadlessEventLoop.h"
 #include "remote/RecorderNetwork.h"
 

@@ -7,10 +7,10 @@
 #include "App/Updates.h"
 #include "updater/QuorvaUpdater.h"
 
-#include "core/Layout.h"
-#include "core/MovieRecorderSettings.h"
-#include "core/RecorderController.h"
-#include "core/TakeNaming.h"
+#include "core/composition/Layout.h"
+#include "core/control/RecorderController.h"
+#include "core/movie/MovieRecorderSettings.h"
+#include "core/movie/TakeNaming.h"
 #include "remote/RecorderNetwork.h"
 
 #include <QAbstractItemModel>

@@ -1,7 +1,7 @@
 #include "App/Preview.h"
 #include "App/VulkanPreview.h"
 
-#include "core/CompositionScheduler.h"
+#include "core/composition/CompositionScheduler.h"
 #include "platform/Log.h"
 #include "platform/MemoryPicture.h"
 #include "platform/PictureEngine.h"

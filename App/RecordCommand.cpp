@@ -1,9 +1,9 @@
 // quorvarecorder record: one take through the recorder, exactly as the window or a remote client would
 // make it (the same matching of titles, the same settings and the same messages), for a given time.
 #include "App/CommandLine.h"
-#include "core/RecorderController.h"
-#include "core/Take.h"
-#include "core/TitleMatching.h"
+#include "core/control/RecorderController.h"
+#include "core/control/TitleMatching.h"
+#include "core/movie/Take.h"
 #include "platform/HeadlessEventLoop.h"
 #include "platform/Log.h"
 #include "platform/MediaClock.h"

@@ -1,6 +1,6 @@
 // quorvarecorder sources: what can be recorded now, so that a user knows what --source may name.
 #include "App/CommandLine.h"
-#include "core/RecorderController.h"
+#include "core/control/RecorderController.h"
 #include "sources/NDILibrary.h"
 
 #include <algorithm>

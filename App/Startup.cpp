@@ -3,7 +3,7 @@
 #include "App/ReleaseIdentity.h"
 #include "App/SettingsMigration.h"
 
-#include "core/RecorderController.h"
+#include "core/control/RecorderController.h"
 #include "platform/EventLoop.h"
 #include "platform/Log.h"
 #include "platform/SettingsStore.h"

@@ -7,7 +7,7 @@
 #include "App/Updates.h"
 #include "updater/QuorvaUpdater.h"
 
-#include "core/RecorderController.h"
+#include "core/control/RecorderController.h"
 #include "remote/RecorderNetwork.h"
 
 #include <QApplication>

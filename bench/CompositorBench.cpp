@@ -3,7 +3,7 @@
 // to use (say "NVIDIA" or "llvmpipe") and QUORVA_PICTURES the engine; their names are in the report's
 // context.
 #include "bench/BenchSetup.h"
-#include "core/Compositor.h"
+#include "core/composition/Compositor.h"
 #include "sources/TestPattern.h"
 
 #include <benchmark/benchmark.h>

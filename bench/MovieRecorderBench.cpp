@@ -6,7 +6,7 @@
 // time of a movie where every other slot is held. QUORVA_VULKAN_DEVICE names part of the device to use and
 // QUORVA_PICTURES the engine; their names are in the report's context.
 #include "bench/BenchSetup.h"
-#include "core/MovieRecorder.h"
+#include "core/movie/MovieRecorder.h"
 #include "platform/HeadlessEventLoop.h"
 #include "platform/MediaClock.h"
 #include "sources/TestPattern.h"

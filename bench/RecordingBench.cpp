@@ -23,10 +23,10 @@
 // context. Where ffmpeg (or GNU time) is missing, as on a GPU machine lent bare, the takes are measured
 // without the comparison.
 #include "bench/BenchSetup.h"
-#include "core/Layout.h"
-#include "core/MovieWriter.h"
-#include "core/RecorderController.h"
-#include "core/Take.h"
+#include "core/composition/Layout.h"
+#include "core/control/RecorderController.h"
+#include "core/movie/MovieWriter.h"
+#include "core/movie/Take.h"
 #include "platform/HeadlessEventLoop.h"
 #include "platform/MediaClock.h"
 #include "sources/TestPatternDirectory.h"

@@ -2,7 +2,7 @@
 // movie): OSC messages applied each second, OSCQuery requests answered each second, one value or the
 // whole tree with its 123 values, and how long the main thread stalls while a show controller changes
 // settings. A small client on the loopback plays the remote.
-#include "core/RecorderController.h"
+#include "core/control/RecorderController.h"
 #include "platform/HeadlessEventLoop.h"
 #include "platform/SettingsStore.h"
 #include "platform/gpu/GpuDevice.h"

@@ -1,7 +1,7 @@
 #include "bench/SourceToEncoder.h"
 
-#include "core/MovieRecorder.h"
-#include "core/MovieWriter.h"
+#include "core/movie/MovieRecorder.h"
+#include "core/movie/MovieWriter.h"
 #include "platform/HeadlessEventLoop.h"
 #include "platform/MediaClock.h"
 

@@ -3,7 +3,7 @@
 // each synced. The movie is 1080p60 ProRes 422 with 24-bit stereo sound and a timecode, cut into a
 // fragment a second; a two-second clip repeated without encoding makes it quickly. QUORVA_MOVIE_GB sets
 // its size (10 by default); it is removed at the end. Its size and fragments are in the report's context.
-#include "core/StandardMovie.h"
+#include "core/movie/StandardMovie.h"
 
 #include <benchmark/benchmark.h>
 

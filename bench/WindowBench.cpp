@@ -8,7 +8,7 @@
 #include "App/Updates.h"
 #include "updater/QuorvaUpdater.h"
 
-#include "core/RecorderController.h"
+#include "core/control/RecorderController.h"
 #include "platform/MediaClock.h"
 #include "remote/RecorderNetwork.h"
 

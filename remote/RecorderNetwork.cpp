@@ -1,6 +1,6 @@
 #include "remote/RecorderNetwork.h"
 
-#include "core/RecorderController.h"
+#include "core/control/RecorderController.h"
 #include "platform/Log.h"
 #include "platform/UserFolders.h"
 #include "remote/OSCQueryServer.h"

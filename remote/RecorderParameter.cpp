@@ -1,9 +1,9 @@
 #include "remote/RecorderParameter.h"
 
-#include "core/Layout.h"
-#include "core/MovieRecorderSettings.h"
-#include "core/RecorderController.h"
-#include "core/TakeNaming.h"
+#include "core/composition/Layout.h"
+#include "core/control/RecorderController.h"
+#include "core/movie/MovieRecorderSettings.h"
+#include "core/movie/TakeNaming.h"
 
 #include <algorithm>
 #include <cctype>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/SoundSource.h"
+#include "core/source/SoundSource.h"
 #include "platform/Error.h"
 
 #include <cstddef>

@@ -1,6 +1,6 @@
 #include "sources/NDISource.h"
 
-#include "core/SourceDescription.h"
+#include "core/source/SourceDescription.h"
 #include "platform/JoinThread.h"
 #include "platform/Log.h"
 #include "platform/MediaClock.h"

@@ -1,6 +1,6 @@
 #include "sources/PipeWireSource.h"
 
-#include "core/SourceDescription.h"
+#include "core/source/SourceDescription.h"
 #include "platform/Log.h"
 #include "platform/MediaClock.h"
 #include "platform/MemoryPicture.h"

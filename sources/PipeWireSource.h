@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/FrameSource.h"
+#include "core/source/FrameSource.h"
 #include "platform/Error.h"
 #include "platform/PictureEngine.h"
 #include "sources/PipeWireConnection.h"

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/Geometry.h"
+#include "core/source/Geometry.h"
 #include "platform/Error.h"
 #include "platform/MemoryPicture.h"
 

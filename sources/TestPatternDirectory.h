@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/SourceDirectory.h"
+#include "core/source/SourceDirectory.h"
 #include "sources/TestPatternSource.h"
 
 #include <mutex>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/SourceSound.h"
+#include "core/source/SourceSound.h"
 
 #include <cstdint>
 #include <memory>

@@ -8,7 +8,7 @@
 #include "App/Startup.h"
 #include "App/Updates.h"
 
-#include "core/RecorderController.h"
+#include "core/control/RecorderController.h"
 #include "platform/SettingsStore.h"
 #include "remote/RecorderNetwork.h"
 #include "tests/app/QtTesting.h"

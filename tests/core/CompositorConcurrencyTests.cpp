@@ -1,4 +1,4 @@
-#include "core/Compositor.h"
+#include "core/composition/Compositor.h"
 #include "tests/platform/PictureTesting.h"
 
 #include <gtest/gtest.h>

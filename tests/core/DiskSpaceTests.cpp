@@ -1,4 +1,4 @@
-#include "core/DiskSpace.h"
+#include "core/control/DiskSpace.h"
 
 #include <gtest/gtest.h>
 

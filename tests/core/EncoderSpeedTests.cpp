@@ -1,4 +1,4 @@
-#include "core/EncoderSpeed.h"
+#include "core/movie/EncoderSpeed.h"
 
 #include "platform/Log.h"
 

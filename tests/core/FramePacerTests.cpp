@@ -1,4 +1,4 @@
-#include "core/FramePacer.h"
+#include "core/movie/FramePacer.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "core/Layout.h"
+#include "core/composition/Layout.h"
 
 #include <gtest/gtest.h>
 

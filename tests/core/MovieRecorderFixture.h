@@ -3,7 +3,7 @@
 // What the movie recorder's tests share: a recorder on a picture engine (the processor's unless a test
 // asks for another), a folder of their own, and a main loop that delivers its completions.
 
-#include "core/MovieRecorder.h"
+#include "core/movie/MovieRecorder.h"
 #include "platform/HeadlessEventLoop.h"
 #include "tests/core/Limits.h"
 #include "tests/core/MovieReading.h"

@@ -1,6 +1,6 @@
-#include "core/Layout.h"
-#include "core/MovieRecorderSettings.h"
-#include "core/TakeNaming.h"
+#include "core/composition/Layout.h"
+#include "core/movie/MovieRecorderSettings.h"
+#include "core/movie/TakeNaming.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "core/MovieWriter.h"
+#include "core/movie/MovieWriter.h"
 #include "platform/Log.h"
 #include "tests/core/Limits.h"
 #include "tests/core/MovieReading.h"

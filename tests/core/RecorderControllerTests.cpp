@@ -1,7 +1,7 @@
-#include "core/RecorderController.h"
+#include "core/control/RecorderController.h"
 
-#include "core/Take.h"
-#include "core/TakePlanning.h"
+#include "core/control/TakePlanning.h"
+#include "core/movie/Take.h"
 #include "platform/HeadlessEventLoop.h"
 #include "platform/MediaClock.h"
 #include "platform/Semaphore.h"

@@ -1,8 +1,8 @@
 // Movies of H.264 and HEVC whose held slots are skip pictures, read back with programs that nobody here
 // wrote: ffmpeg decodes them strictly, ffprobe counts their packets and keys, MediaInfo and GStreamer
 // read their rate and length.
-#include "core/MovieWriter.h"
-#include "core/SkipPictures.h"
+#include "core/movie/MovieWriter.h"
+#include "core/movie/SkipPictures.h"
 #include "platform/Log.h"
 #include "tests/Processes.h"
 #include "tests/core/MovieReading.h"

@@ -1,4 +1,4 @@
-#include "core/SoundTimeline.h"
+#include "core/movie/SoundTimeline.h"
 
 #include "platform/Log.h"
 

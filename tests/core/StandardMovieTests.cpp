@@ -1,8 +1,8 @@
 // Fragmented movies, made by the ffmpeg tool and by the movie writer, turned standard and read back with
 // programs that nobody here wrote: ffprobe and ffmpeg, MediaInfo and GStreamer. FFmpeg's own standard
 // movie of the same encoding is what a converted one must play like.
-#include "core/MovieWriter.h"
-#include "core/StandardMovie.h"
+#include "core/movie/MovieWriter.h"
+#include "core/movie/StandardMovie.h"
 #include "tests/Processes.h"
 #include "tests/core/MovieReading.h"
 

@@ -1,4 +1,4 @@
-#include "core/TakeNaming.h"
+#include "core/movie/TakeNaming.h"
 
 #include <gtest/gtest.h>
 

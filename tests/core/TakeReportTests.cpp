@@ -1,4 +1,4 @@
-#include "core/TakeReport.h"
+#include "core/movie/TakeReport.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>

@@ -1,6 +1,6 @@
-#include "core/Take.h"
+#include "core/movie/Take.h"
 
-#include "core/SourceSound.h"
+#include "core/source/SourceSound.h"
 #include "platform/HeadlessEventLoop.h"
 #include "platform/Log.h"
 #include "tests/core/Limits.h"

@@ -1,6 +1,6 @@
 // A take of two NDI senders of the fake runtime through the controller, output "both", read back as a
 // player reads it.
-#include "core/RecorderController.h"
+#include "core/control/RecorderController.h"
 #include "platform/HeadlessEventLoop.h"
 #include "sources/NDIDirectory.h"
 #include "tests/core/MovieReading.h"
