@@ -35,14 +35,23 @@ struct RecordOptions {
 // recorder keeps them within its ranges as it does for every other way of setting them.
 Result<RecordOptions> ParseRecordOptions(const std::vector<std::string>& arguments);
 
-// The sources this program can record, in the order in which they are matched.
+// The factories below are called on the main thread, once, as the program starts and before anything
+// records; each may block it for a moment, which a start can afford and a running window cannot.
+
+// The sources this program can record, in the order in which they are matched. Loads the NDI runtime on
+// the process's first call (a search of the library folders and a dlopen), and starts the threads that
+// hear the PipeWire daemon and NDI discovery: the directory's change handler runs on those threads.
 std::shared_ptr<SourceDirectory> MakeSourceDirectory();
-// Tells the controller whether NDI is available and why not, and logs it.
+// Tells the controller whether NDI is available and why not, and logs it. On the controller's thread
+// (the main one); the runtime was loaded by MakeSourceDirectory(), so nothing waits here.
 void TellNdiAvailability(RecorderController& controller);
 
 // Where the pictures are drawn: the Vulkan device's engine, or the processor's where that device is a
 // processor itself (the device is then let go of). "QuorvaRecorder needs Vulkan: …" without a device;
-// the reason QUORVA_PICTURES is refused. The log names the engine chosen.
+// the reason QUORVA_PICTURES is refused. The log names the engine chosen. Blocks while Vulkan loads
+// and opens the device; the GPU's engine starts the thread that hears its work complete (shaders are
+// compiled later, as compositors and converters are made). The engine answered may then be used from
+// any thread.
 Result<std::shared_ptr<PictureEngine>> MakePictureEngine();
 
 // The subcommands; each takes the arguments after its name and answers the exit status.

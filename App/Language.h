@@ -8,6 +8,11 @@ class SettingsStore;
 
 // The window speaks English, the language it is written in, or French. The recorder's own messages stay
 // English whatever the choice: they are the texts that OSC reads too.
+//
+// Threads: the main thread only, once the application object exists. use() and choose() swap the
+// translator that the whole application reads, and widgets retranslate themselves from the change event
+// it sends, at once, on that thread; isFrench() reads the same unguarded translator. None of them waits:
+// choose() saves the choice without waiting for the disk.
 class Language {
 public:
     static constexpr const char* Key = "org.quorva.QuorvaRecorder.language";

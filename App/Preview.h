@@ -35,6 +35,13 @@ std::array<float, 16> PreviewVertices(PreviewExtent extent, bool flipped);
 
 // The monitor: the provider's picture letterboxed on black, redrawn at the full rate, or at
 // RecorderLimitedDisplayRate while limited. An empty frame shows black, still redrawn every time.
+//
+// Threads: a view is a widget, made, driven and destroyed on the main thread only, and it calls its
+// provider and watch handler there: the provider at every redraw, so it must answer at once with a
+// picture already composed (never compose or wait for a composition itself, or the window stutters);
+// the handler when watching starts or stops, and once more, with false, from the destructor. The
+// processor's view fits the picture into the view's size on the main thread too. FittedExtent and
+// PreviewVertices touch nothing shared and may be called from any thread.
 class PreviewView : public QWidget {
 public:
     // Draws with the engine's own means: Vulkan into a window surface on the GPU, the processor's

@@ -11,6 +11,12 @@
 namespace quorva {
 
 // One GET over HTTP or HTTPS (redirects followed, to HTTP or HTTPS only), never answered from a cache.
+//
+// Threads: text() and download() block their caller for the whole transfer: up to timeoutSeconds to
+// connect, then as long as bytes keep coming, each silence up to timeoutSeconds again. So they run on
+// the updater's own thread, never on the main thread or a recording's. Each call has a transfer of its
+// own and raises no signal, so any number may run at once on different threads; only `cancelled` is
+// meant to be touched by another thread meanwhile.
 struct HTTPFetch {
     std::string url;
     std::vector<std::string> headers; // "Name: value"

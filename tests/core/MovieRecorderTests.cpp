@@ -286,20 +286,6 @@ TEST_F(MovieRecorderTest, AfterAFullDiskTheCountsSayWhatTheFileHolds) {
     EXPECT_DOUBLE_EQ(recorder->soundWritten(), double(movie.soundFrames) / 48000);
 }
 
-// The recorder's queue is labelled after the application and its work, and its thread after its work.
-TEST_F(MovieRecorderTest, ItsQueueThreadIsNamedAfterItsWork) {
-    // The thread names itself as it begins.
-    EXPECT_TRUE(testing::WaitFor(
-        [] {
-            std::string name;
-            for (const auto& task : std::filesystem::directory_iterator("/proc/self/task"))
-                if (std::getline(std::ifstream(task.path() / "comm"), name) && name == "movie-recorder")
-                    return true;
-            return false;
-        },
-        10));
-}
-
 INSTANTIATE_TEST_SUITE_P(EachEngine, MovieRecorderEngineTest, testing::EngineNames, testing::EngineTestName);
 
 } // namespace

@@ -1,5 +1,4 @@
 #include "core/movie/MovieWriter.h"
-#include "platform/Log.h"
 #include "tests/core/Limits.h"
 #include "tests/core/MovieReading.h"
 
@@ -7,14 +6,11 @@
 
 #include <atomic>
 #include <cmath>
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <numeric>
 #include <string>
-#include <sys/wait.h>
-#include <unistd.h>
 #include <vector>
 
 namespace quorva {
@@ -75,38 +71,6 @@ protected:
 };
 
 // --- Tests -------------------------------------------------------------------------------------------
-
-TEST(MovieWriterBitRate, FollowsTheRuleAndItsFloor) {
-    EXPECT_EQ(MovieBitRate(H264, 1920, 1080, 0, 0), 12441600);
-    EXPECT_EQ(MovieBitRate(HEVC, 320, 240, 10, 0), 1000000);
-    EXPECT_EQ(MovieBitRate(HEVC, 1920, 1080, 30, 0), 3732480);
-    EXPECT_EQ(MovieBitRate(H264, 1920, 1080, 30, 0), 6220800);
-    EXPECT_EQ(MovieBitRate(H264, 1920, 1080, 30, 8), 8000000);
-    EXPECT_EQ(MovieBitRate(HEVC, 16, 16, 60, 0.25), 250000); // asked for: no floor
-    EXPECT_EQ(MovieBitRate(H264, 1920, 1080, -5, -1), 12441600);
-}
-
-// The journal says how each movie is encoded: the preset asked for, else the default of its codec.
-TEST_F(MovieWriterTest, TheLogNamesTheEncoderAndThePresetOfAProcessorsEncoder) {
-    std::vector<std::string> lines;
-    SetLogSink([&](const std::string& line) { lines.push_back(line); });
-    MovieWriter::Format superfast = Small(HEVC);
-    superfast.preset = "superfast";
-    for (const MovieWriter::Format& format : {superfast, Small(HEVC), Small(H264), Small(ProRes422)}) {
-        lines.clear();
-        std::unique_ptr<MovieWriter> writer = Make("logged.mov", format);
-        ASSERT_TRUE(writer);
-        writer->cancel();
-        ASSERT_FALSE(lines.empty());
-        const std::string& encoder = writer->encoderName();
-        const std::string preset =
-            format.preset.empty() ? (format.codec == HEVC ? "ultrafast" : "veryfast") : format.preset;
-        EXPECT_EQ(lines.back(), "MovieRecorder: writing logged.mov with " + encoder +
-                                    (encoder.starts_with("libx26") ? " preset " + preset : "") +
-                                    " (320 × 240)");
-    }
-    SetLogSink({});
-}
 
 // The slots of a movie's pictures at `rate`, from their times.
 std::vector<int64_t> Slots(const Movie& movie, double rate) {
@@ -273,24 +237,6 @@ TEST_F(MovieWriterTest, SoundPastTheEndIsCutAndAMovieWithoutSoundRefusesIt) {
     silent->cancel();
 }
 
-TEST_F(MovieWriterTest, CancelAndAFinishWithoutPicturesLeaveNoFile) {
-    std::unique_ptr<MovieWriter> cancelled = Make("cancelled.mov", Small(H264, true));
-    ASSERT_TRUE(cancelled);
-    ASSERT_TRUE(cancelled->appendFrame(cancelled->makeFrame(), 0));
-    cancelled->cancel();
-    EXPECT_FALSE(fs::exists(_folder / "cancelled.mov"));
-    EXPECT_FALSE(cancelled->appendFrame(cancelled->makeFrame(), 1));
-
-    std::unique_ptr<MovieWriter> empty = Make("empty.mov", Small(HEVC, true));
-    ASSERT_TRUE(empty);
-    std::vector<float> tone = Tone(0, 4800);
-    ASSERT_TRUE(empty->appendSound(tone.data(), 4800, 0));
-    Result<> finished = empty->finish(30);
-    ASSERT_FALSE(finished);
-    EXPECT_EQ(finished.error().message(), "No frame was received, so no movie was written");
-    EXPECT_FALSE(fs::exists(_folder / "empty.mov"));
-}
-
 TEST_F(MovieWriterTest, CreationRefusesWhatCannotBeWrittenAndLeavesNoFile) {
     // Never overwrite, even a file that appeared after the recorder looked.
     std::ofstream(_folder / "taken.mov") << "precious";
@@ -333,51 +279,6 @@ TEST_F(MovieWriterTest, AMovieWithoutACompleteFragmentOnAFullDiskSaysSoAndLeaves
     EXPECT_EQ(appended ? "" : appended.error().message(), "The movie could not be written: File too large");
     cut.reset(); // abandoned, as a failed recording leaves it
     EXPECT_FALSE(fs::exists(_folder / "cut.mov"));
-}
-
-// The movie that a writer leaves when it is killed after `frames` pictures at 30 a second, with their
-// sound, as abruptly as a crash or a power cut: nothing is finished.
-Movie MovieOfAWriterKilledAfter(const fs::path& path, int frames) {
-    const pid_t child = fork();
-    if (child < 0) {
-        ADD_FAILURE() << "no child process: " << std::strerror(errno);
-        return {};
-    }
-    if (child == 0) {
-        Result<std::unique_ptr<MovieWriter>> made = MovieWriter::make(path, Small(H264, true, 30, 160, 120));
-        if (!made)
-            _exit(1);
-        MovieWriter& writer = *made.value();
-        for (int i = 0; i < frames; ++i) {
-            if (!writer.appendFrame(writer.makeFrame(), i) || !writer.appendSound(nullptr, 1600, i * 1600))
-                _exit(2);
-        }
-        raise(SIGKILL);
-    }
-    int status = 0;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFSIGNALED(status)) << "the writer did not get through its pictures, status " << status;
-    return ReadMovie(path);
-}
-
-// A writer killed half-way leaves a movie that plays up to its last complete fragment: a fragment is cut
-// at each second of pictures that left the encoder, which holds a quarter of a second at most.
-TEST_F(MovieWriterTest, AMovieWhoseWriterIsKilledStaysReadableUpToItsLastFragment) {
-    // 25 s: every second that left the encoder is on the disk.
-    const Movie movie = MovieOfAWriterKilledAfter(_folder / "killed.mov", 750);
-    ASSERT_GE(movie.times.size(), 690u); // 23 s or more
-    EXPECT_LE(movie.times.size(), 750u);
-    std::vector<int64_t> slots(movie.times.size());
-    std::iota(slots.begin(), slots.end(), 0);
-    EXPECT_EQ(Slots(movie, 30), slots);
-    EXPECT_GE(movie.keyFrames, int(movie.times.size()) / 60) << "a key frame at least every two seconds";
-    EXPECT_NEAR(double(movie.soundFrames) / 48000, double(movie.times.size()) / 30, 0.5);
-
-    // 3.5 s: at least 2 s.
-    const Movie early = MovieOfAWriterKilledAfter(_folder / "early.mov", 105);
-    EXPECT_GE(early.times.size(), 60u);
-    EXPECT_LE(early.times.size(), 90u);
-    EXPECT_GE(early.keyFrames, 1);
 }
 
 } // namespace

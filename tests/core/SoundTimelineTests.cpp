@@ -119,13 +119,6 @@ TEST(SourceSound, SilenceIsZerosOrAnExceptionThatSaysHowMuchMemoryWasMissing) {
     }
 }
 
-TEST(SourceSoundDeathTest, SilenceAbortsOnProgrammingErrorsWithTheBrokenCondition) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_DEATH(SourceSound::silenceOfFrameCount(10, 0), "IsUsableRate\\(sampleRate\\)");
-    EXPECT_DEATH(SourceSound::silenceOfFrameCount(std::numeric_limits<uint64_t>::max() / 8 + 1, 48000),
-                 "frameCount <= NSUIntegerMax / \\(2 \\* sizeof\\(float\\)\\)");
-}
-
 // Plays `script`, steps separated by ";": "F R T = SHAPE" places a ramp of F frames at rate R that
 // arrived at T and expects SHAPE; "rate R" starts a run.
 void Play(SoundTimeline& timeline, const std::string& script) {

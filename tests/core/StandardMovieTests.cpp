@@ -213,65 +213,9 @@ std::vector<Packet> Converted(const fs::path& movie) {
     return after;
 }
 
-struct Recipe {
-    std::string name;
-    std::string inputs; // and encoders
-    double seconds;     // of the pictures
-};
-
-class StandardMovieOfCodec : public StandardMovieTest, public ::testing::WithParamInterface<Recipe> {};
-
-TEST_P(StandardMovieOfCodec, EveryReaderGetsEveryPictureAndSoundForTheWholeDuration) {
-    const Recipe& recipe = GetParam();
-    // As the movie writer cuts them, but a fragment a second, so that a short movie has several.
-    const fs::path movie = Make("fragmented", recipe.inputs,
-                                "-movie_timescale 60000 -movflags +delay_moov -frag_duration 1000000");
-    const fs::path native = Make("native", recipe.inputs, "-movie_timescale 60000");
-    const std::string timecode = MediaInfo(movie, "Other;%TimeCode_FirstFrame%");
-    ASSERT_FALSE(timecode.empty());
-
-    const std::vector<Packet> after = Converted(movie);
-    // FFmpeg reads its fragments with a few liberties (durations unknown in the first one, the sound's
-    // priming kept): its standard movie of the same encoding is the measure.
-    EXPECT_EQ(Timing(after), Timing(Packets(native)));
-    // Every picture decodes, as in FFmpeg's own movie.
-    const std::string decoded = Decoded(movie);
-    EXPECT_EQ(decoded, Decoded(native));
-    EXPECT_EQ(Count(decoded, "\n0,"),
-              std::count_if(after.begin(), after.end(), [](const Packet& p) { return p.stream == "0"; }));
-
-    const double duration = FFprobeDuration(movie);
-    EXPECT_NEAR(duration, recipe.seconds, 0.001);
-    EXPECT_EQ(MediaInfo(movie, "Video;%FrameRate_Mode/String%"), "Constant");
-    EXPECT_EQ(MediaInfo(movie, "Other;%TimeCode_FirstFrame%"), timecode);
-    // The timecode lasts as long as the movie.
-    EXPECT_NEAR(std::atof(MediaInfo(movie, "General;%Duration%").c_str()) / 1000, duration, 0.05);
-    EXPECT_NEAR(std::atof(MediaInfo(movie, "Other;%Duration%").c_str()) / 1000, duration, 0.05);
-    EXPECT_NEAR(GStreamerDuration(movie), duration, 0.05);
-}
-
 const std::string NTSC = "-f lavfi -i testsrc=rate=30000/1001:size=160x120 ";
-const std::string Sixty = "-f lavfi -i testsrc=rate=60:size=160x120 ";
 const std::string Tone = "-f lavfi -i sine=r=48000 -ac 2 ";
-const std::string DropFrame = " -timecode '01:02:03;04'", Hours = " -timecode 10:00:00:00";
-
-void PrintTo(const Recipe& recipe, std::ostream* out) {
-    *out << recipe.name;
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    EachCodec, StandardMovieOfCodec,
-    ::testing::Values(
-        Recipe{"H264WithAAC", NTSC + Tone + "-t 3 -c:v libx264 -g 30 -bf 0 -c:a aac" + DropFrame, 3.003},
-        Recipe{"HEVCWithAAC",
-               Sixty + Tone + "-t 3 -c:v libx265 -g 60 -x265-params log-level=error:bframes=0 -c:a aac" +
-                   Hours,
-               3},
-        Recipe{"ProRes422WithPCM",
-               NTSC + Tone + "-t 3 -c:v prores_ks -profile:v standard -c:a pcm_s24le" + DropFrame, 3.003},
-        Recipe{"ProRes4444WithAlpha",
-               Sixty + "-t 2 -c:v prores_ks -profile:v 4444 -pix_fmt yuva444p10le" + Hours, 2}),
-    [](const ::testing::TestParamInfo<Recipe>& info) { return info.param.name; });
+const std::string DropFrame = " -timecode '01:02:03;04'";
 
 // The forms of fragments that FFmpeg writes only when asked: several runs of a track in one fragment,
 // data offsets from the fragment's start, signed composition offsets in version 1 runs; a track

@@ -336,14 +336,5 @@ TEST_F(SettingsStoreTest, SettersDoNotWaitForTheDiskAndChangesMadeMeanwhileShare
     EXPECT_EQ(nlohmann::json::parse(read(file())), nlohmann::json({{"RecorderGap", 100}}));
 }
 
-TEST_F(SettingsStoreTest, WhatIsNotWrittenYetIsWrittenWhenTheStoreGoes) {
-    {
-        SettingsStore store(ApplicationIdentifier, _folder);
-        for (int64_t width = 1; width <= 50; ++width)
-            ASSERT_TRUE(store.setInteger(width, "RecorderWidth"));
-    }
-    EXPECT_EQ(nlohmann::json::parse(read(file())), nlohmann::json({{"RecorderWidth", 50}}));
-}
-
 } // namespace
 } // namespace quorva

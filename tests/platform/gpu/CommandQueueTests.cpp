@@ -108,35 +108,5 @@ TEST(CommandQueue, HoldsWhatItsBuffersUseUntilDoneAndClosingWaitsForCommittedWor
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
 }
 
-TEST(CommandQueue, ThreadsRecordAndCommitAtOnce) {
-    auto queue = MakeQueue();
-    ASSERT_TRUE(queue);
-    constexpr int Threads = 4, Buffers = 40;
-    std::atomic<int> completed = 0;
-    std::vector<std::shared_ptr<Texture>> targets(Threads);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < Threads; ++t) {
-        threads.emplace_back([&, t] {
-            targets[t] = MakeSolidTexture(128, 64 + t, {});
-            for (int i = 0; i < Buffers; ++i) {
-                auto buffer = Clear(*queue, targets[t], {0.2f * float(t), float(i) / (Buffers - 1), 0.2f, 1});
-                ASSERT_TRUE(buffer);
-                buffer->addCompletedHandler([&] { ++completed; });
-                ASSERT_TRUE(buffer->commit());
-            }
-        });
-    }
-    for (auto& thread : threads)
-        thread.join();
-    for (int t = 0; t < Threads; ++t) {
-        ASSERT_TRUE(targets[t]);
-        Pixel pixel = Pixels(targets[t], 0, 0, 1, 1).at(0, 0);
-        EXPECT_EQ(pixel, (Pixel{51, 255, uint8_t(51 * t), 255}))
-            << "thread " << t << " ends with its last clear";
-    }
-    queue.reset();
-    EXPECT_EQ(completed, Threads * Buffers);
-}
-
 } // namespace
 } // namespace quorva

@@ -12,8 +12,6 @@ namespace quorva {
 namespace {
 
 using testing::MakeSolidTexture;
-using testing::Pixel;
-using testing::Pixels;
 using testing::SharedDevice;
 
 // The names of a SPIR-V module's entry points.
@@ -90,33 +88,9 @@ protected:
         return buffer.value();
     }
 
-    Pixels copy(const std::shared_ptr<Texture>& source, bool opaque, std::vector<float> tint) {
-        auto target = MakeSolidTexture(source->width(), source->height(), {});
-        Result<void> committed = record(target, source, opaque, tint)->commit();
-        EXPECT_TRUE(committed) << committed.error().message();
-        return Pixels(target);
-    }
-
     std::shared_ptr<RenderPipeline> pipeline;
     std::shared_ptr<CommandQueue> queue;
 };
-
-Pixel Pattern(uint32_t x, uint32_t y) {
-    return {uint8_t(16 * x), uint8_t(30 * y), uint8_t(x == 0 ? 255 : 0), 64};
-}
-
-TEST_F(RenderPipelineTest, DrawsTheFirstRowAtTheTopPixelForPixelAndTheOpaqueViewReadsAlphaAsOne) {
-    auto source = testing::MakeTexture(16, 8, Pattern);
-    Pixels pixels = copy(source, false, {1, 1, 1, 1});
-    for (uint32_t y = 0; y < 8; ++y) {
-        for (uint32_t x = 0; x < 16; ++x)
-            ASSERT_EQ(pixels.at(x, y), Pattern(x, y)) << x << ", " << y;
-    }
-    Pixel opaque = Pattern(3, 5);
-    opaque.a = 255;
-    EXPECT_EQ(copy(source, true, {1, 1, 1, 1}).at(3, 5), opaque);
-    EXPECT_EQ(copy(source, true, {1, 1, 1, 0.5f}).at(3, 5).a, 128) << "constants reach the shader";
-}
 
 TEST_F(RenderPipelineTest, MisuseFailsTheCommitWithItsReason) {
     auto buffer =
