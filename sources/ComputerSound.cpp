@@ -177,24 +177,12 @@ void ComputerSound::stop() {
     _capture.reset();
 }
 
-ComputerSound::SoundHandler ComputerSound::soundHandler() const {
-    std::lock_guard guard(_lock);
-    return _soundHandler;
-}
-
-void ComputerSound::setSoundHandler(SoundHandler handler) {
-    std::lock_guard guard(_lock);
-    _soundHandler = std::move(handler);
-}
-
 void ComputerSound::deliver(const float* samples, size_t frames, uint32_t channels, double sampleRate) {
-    SoundHandler handler;
     bool heard = false;
     {
         std::lock_guard guard(_lock);
-        if (!_active || !_soundHandler)
+        if (!_active)
             return;
-        handler = _soundHandler;
         heard = _heardSound;
     }
     auto sound = soundFromSamples(samples, frames, channels, sampleRate, !heard);
@@ -204,7 +192,7 @@ void ComputerSound::deliver(const float* samples, size_t frames, uint32_t channe
         std::lock_guard guard(_lock);
         _heardSound = true;
     }
-    handler(sound);
+    _output.deliverSound(sound);
 }
 
 std::shared_ptr<SourceSound> ComputerSound::soundFromSamples(const float* samples, size_t frames,

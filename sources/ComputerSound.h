@@ -29,8 +29,7 @@ public:
     Result<> start() override;
     // No handler is called once it has returned; harmless when not capturing.
     void stop() override;
-    SoundHandler soundHandler() const override;
-    void setSoundHandler(SoundHandler handler) override;
+    SourceOutput& output() override { return _output; }
 
     // `frames` interleaved frames of `channels` 32-bit floats as a block of stereo sound: one channel is
     // doubled, channels past the second are dropped. Nothing when the samples cannot be sound, or when
@@ -45,8 +44,8 @@ private:
     // Called on the capture's thread.
     void deliver(const float* samples, size_t frames, uint32_t channels, double sampleRate);
 
+    SourceOutput _output;
     mutable std::mutex _lock; // guards what follows
-    SoundHandler _soundHandler;
     bool _active = false;
     bool _heardSound = false;
 

@@ -65,8 +65,8 @@ void PlaceConnections::connectPlace(const std::shared_ptr<RecorderPlace>& place)
     bool flipped = source->flipped();
 
     std::weak_ptr<RecorderPlace> weakPlace = place;
-    source->setFrameHandler([weakPlace, take = _take, flipped,
-                             arrived = _pictureArrived](const std::shared_ptr<Picture>& picture) {
+    source->output().setFrameHandler([weakPlace, take = _take, flipped,
+                                      arrived = _pictureArrived](const std::shared_ptr<Picture>& picture) {
         double time = MediaClock::now();
         auto place = weakPlace.lock();
         if (!place)
@@ -77,7 +77,7 @@ void PlaceConnections::connectPlace(const std::shared_ptr<RecorderPlace>& place)
             take->appendPicture(picture, flipped, takeIndex, time);
         arrived(place, time);
     });
-    source->setSoundHandler([weakPlace, take = _take](const std::shared_ptr<SourceSound>& sound) {
+    source->output().setSoundHandler([weakPlace, take = _take](const std::shared_ptr<SourceSound>& sound) {
         double time = MediaClock::now();
         auto place = weakPlace.lock();
         if (!place)

@@ -98,7 +98,7 @@ std::shared_ptr<RecorderController> RecorderController::make(std::shared_ptr<Pic
         if (auto controller = weak.lock())
             controller->movieAtIndexFailedWithError(index, error);
     });
-    controller->_directory->setChangeHandler([weak] {
+    controller->_directory->changes().setHandler([weak] {
         // Directories learn of changes on their own threads; the places belong to the main thread.
         auto loop = EventLoop::mainLoop();
         if (loop && !loop->isCurrent()) {
@@ -140,7 +140,7 @@ RecorderController::RecorderController(Private, std::shared_ptr<PictureEngine> e
       _settings(_defaults) {
     if (_computerSound) {
         // Holds the take, not the controller: the sound's thread never reaches the controller.
-        _computerSound->setSoundHandler([take = _take](const std::shared_ptr<SourceSound>& sound) {
+        _computerSound->output().setSoundHandler([take = _take](const std::shared_ptr<SourceSound>& sound) {
             take->appendComputerSound(sound, MediaClock::now());
         });
     }

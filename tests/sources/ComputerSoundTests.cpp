@@ -53,7 +53,7 @@ TEST(ComputerSoundTest, WithoutADaemonAStartSaysWhyAndLeavesNothingBehind) {
 // What the capture hands over: how many blocks, and how many of them silent.
 struct Heard {
     explicit Heard(ComputerSound& sound) {
-        sound.setSoundHandler([this](const std::shared_ptr<SourceSound>& block) {
+        sound.output().setSoundHandler([this](const std::shared_ptr<SourceSound>& block) {
             bool silent = true;
             for (uint64_t i = 0; i < 2 * block->frameCount(); ++i)
                 silent = silent && block->samples()[i] == 0;
