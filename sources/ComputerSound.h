@@ -2,24 +2,26 @@
 
 #include "core/source/SoundSource.h"
 #include "platform/Error.h"
+#include "sources/PipeWireConnection.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 
-struct pw_stream;
-struct pw_thread_loop;
-
 namespace quorva {
 
 // What the computer itself plays: a PipeWire capture stream of the default output's monitor, so every
-// program's sound is heard as it goes to the speakers (which keep playing it), at the graph's rate, on a
-// thread of its own. Silence before the first sound heard is skipped; from the first sound on every block
-// is delivered, silent or not, so that the sound stays continuous.
+// program's sound is heard as it goes to the speakers (which keep playing it), at the graph's rate. Silence
+// before the first sound heard is skipped; from the first sound on every block is delivered, silent or
+// not, so that the sound stays continuous.
+//
+// Threads: the sound handler runs on the connection's PipeWire thread. Start and stop are called on one
+// other thread, never the PipeWire thread, for both wait for it: a start up to two seconds while the
+// stream is linked.
 class ComputerSound final : public SoundSource {
 public:
-    ComputerSound();
+    explicit ComputerSound(std::shared_ptr<PipeWireConnection> connection = PipeWireConnection::shared());
     ~ComputerSound() override;
     ComputerSound(const ComputerSound&) = delete;
     ComputerSound& operator=(const ComputerSound&) = delete;
@@ -49,6 +51,7 @@ private:
     bool _active = false;
     bool _heardSound = false;
 
+    const std::shared_ptr<PipeWireConnection> _connection;
     // The start's and stop's alone.
     std::unique_ptr<Capture> _capture;
 };
