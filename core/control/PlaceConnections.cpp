@@ -71,10 +71,9 @@ void PlaceConnections::connectPlace(const std::shared_ptr<RecorderPlace>& place)
         auto place = weakPlace.lock();
         if (!place)
             return;
-        // While a take runs, the index names this place's movie in it; between takes it is NoIndex.
-        size_t takeIndex = place->receivedFrame(picture, flipped, time);
-        if (takeIndex != NoIndex)
-            take->appendPicture(picture, flipped, takeIndex, time);
+        // While a take runs, the index names this place among its sources; between takes it is NoIndex,
+        // which the take ignores.
+        take->appendPicture(picture, flipped, place->receivedFrame(picture, flipped, time), time);
         arrived(place, time);
     });
     source->output().setSoundHandler([weakPlace, take = _take](const std::shared_ptr<SourceSound>& sound) {
@@ -82,9 +81,7 @@ void PlaceConnections::connectPlace(const std::shared_ptr<RecorderPlace>& place)
         auto place = weakPlace.lock();
         if (!place)
             return;
-        size_t soundIndex = place->receivedSoundAtTime(time);
-        if (soundIndex != NoIndex)
-            take->appendSound(sound, soundIndex, time);
+        take->appendSound(sound, place->receivedSoundAtTime(time), time);
     });
     place->setSource(std::move(source));
 }

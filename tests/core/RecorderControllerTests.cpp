@@ -164,8 +164,8 @@ TEST(RecorderPlaceTest, MeasuresOnlineRateSoundAndRouting) {
         EXPECT_EQ(place.isOnline(), step.online);
     }
 
-    place.setTakeIndex(2, false);
-    EXPECT_EQ(place.receivedFrame(nullptr, false, 105), NoIndex);
+    place.setTakeIndex(2);
+    EXPECT_EQ(place.receivedFrame(nullptr, false, 105), 2u);
     EXPECT_EQ(place.receivedSoundAtTime(200), 2u);
     EXPECT_TRUE(place.hasSoundAtTime(202.9));
     EXPECT_FALSE(place.hasSoundAtTime(203.0));
