@@ -18,10 +18,11 @@ namespace quorva {
 //
 // Threads: the sound handler runs on the connection's PipeWire thread. Start and stop are called on one
 // other thread, never the PipeWire thread, for both wait for it: a start up to two seconds while the
-// stream is linked.
+// stream is linked. By default the connection is one of its own, whose thread no video source shares,
+// so that converting pictures never holds up the capture.
 class ComputerSound final : public SoundSource {
 public:
-    explicit ComputerSound(std::shared_ptr<PipeWireConnection> connection = PipeWireConnection::shared());
+    explicit ComputerSound(std::shared_ptr<PipeWireConnection> connection = PipeWireConnection::make());
     ~ComputerSound() override;
     ComputerSound(const ComputerSound&) = delete;
     ComputerSound& operator=(const ComputerSound&) = delete;

@@ -122,18 +122,6 @@ std::shared_ptr<PipeWireConnection> PipeWireConnection::make() {
     return std::shared_ptr<PipeWireConnection>(new PipeWireConnection());
 }
 
-std::shared_ptr<PipeWireConnection> PipeWireConnection::shared() {
-    static std::mutex lock;
-    static std::weak_ptr<PipeWireConnection> held;
-    std::lock_guard guard(lock);
-    std::shared_ptr<PipeWireConnection> connection = held.lock();
-    if (!connection) {
-        connection = make();
-        held = connection;
-    }
-    return connection;
-}
-
 PipeWireConnection::PipeWireConnection() {
     pw_init(nullptr, nullptr);
     _threadLoop = pw_thread_loop_new("pipewire", nullptr);

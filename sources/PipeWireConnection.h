@@ -34,8 +34,6 @@ public:
 
     // Never null: a connection whose daemon is not there lists nothing.
     static std::shared_ptr<PipeWireConnection> make();
-    // The connection that the program's directory and computer sound share, made when none is held.
-    static std::shared_ptr<PipeWireConnection> shared();
     ~PipeWireConnection();
     PipeWireConnection(const PipeWireConnection&) = delete;
     PipeWireConnection& operator=(const PipeWireConnection&) = delete;

@@ -19,7 +19,7 @@ namespace quorva {
 // connect either; it posts to the thread that does.
 class PipeWireDirectory final : public SourceDirectory {
 public:
-    explicit PipeWireDirectory(std::shared_ptr<PipeWireConnection> connection = PipeWireConnection::shared());
+    explicit PipeWireDirectory(std::shared_ptr<PipeWireConnection> connection = PipeWireConnection::make());
 
     // "name - application", or whichever of the two there is, or "Untitled Server". Equal titles stay equal.
     static std::string title(const std::string& name, const std::string& application);
