@@ -122,11 +122,11 @@ public:
         }
         return nullptr;
     }
-    ChangeHandler changeHandler() const override { return {}; }
-    void setChangeHandler(ChangeHandler) override {}
+    ChangeNotifier& changes() override { return _changes; }
 
 private:
     const std::vector<TestPatternFormat> _formats;
+    ChangeNotifier _changes;
 };
 
 // The peak resident memory of this process since the last reset, in megabytes.

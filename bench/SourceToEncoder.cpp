@@ -47,7 +47,7 @@ void MeasureSourceToEncoder(benchmark::State& state, FrameSource& source,
             state.SkipWithError("the movie could not be started");
             break;
         }
-        source.setFrameHandler([&](const std::shared_ptr<Picture>& picture) {
+        source.output().setFrameHandler([&](const std::shared_ptr<Picture>& picture) {
             const double start = CpuSeconds(CLOCK_THREAD_CPUTIME_ID);
             (void)converter->convert(picture, false, false, format, [](std::shared_ptr<FrameMemory>) {});
             const double converted = CpuSeconds(CLOCK_THREAD_CPUTIME_ID);

@@ -4,7 +4,9 @@
 
 #include "remote/AllowedNetworks.h"
 
+#include <boost/asio/error.hpp>
 #include <boost/asio/ip/address.hpp>
+#include <boost/system/error_code.hpp>
 
 #include <array>
 #include <cstdint>
@@ -33,6 +35,28 @@ inline bool Allows(const AllowedNetworks& allowed, const boost::asio::ip::addres
         std::memcpy(bytes.data(), v6.data(), 16);
     }
     return allowed.allows(bytes);
+}
+
+// Opens a socket on `bindAddress` and `port`, or on every interface when the address is empty: IPv6's
+// "::" taking IPv4 too where the machine has IPv6, else IPv4's. `open(endpoint, dualStack)` opens the
+// socket at that endpoint (bound, and listening where it listens), closes it again when it fails, and
+// answers why it failed.
+template <typename Protocol, typename Open>
+bool OpenOnAddress(const std::string& bindAddress, uint16_t port, Open open) {
+    using Endpoint = typename Protocol::endpoint;
+    boost::system::error_code error;
+    if (!bindAddress.empty()) {
+        boost::asio::ip::address address = boost::asio::ip::make_address(bindAddress, error);
+        return !error && !open(Endpoint(address, port), false);
+    }
+    error = open(Endpoint(Protocol::v6(), port), true);
+    if (!error)
+        return true;
+    // Taken on IPv6 is taken: falling back to IPv4 would listen beside another program.
+    if (error != boost::asio::error::address_family_not_supported &&
+        error != boost::system::errc::address_not_available)
+        return false;
+    return !open(Endpoint(Protocol::v4(), port), false);
 }
 
 } // namespace quorva

@@ -18,4 +18,16 @@ int64_t PortFromEnvironment(const char* variable, int64_t fallback) {
     return value;
 }
 
+int64_t SearchPorts(int64_t port, int64_t count, const std::function<int64_t(uint16_t port)>& bind) {
+    for (int64_t candidate = port; candidate < port + count && candidate <= 65535; ++candidate) {
+        if (candidate < 0)
+            continue;
+        if (int64_t bound = bind(uint16_t(candidate)))
+            return bound;
+        if (candidate == 0)
+            break;
+    }
+    return 0;
+}
+
 } // namespace quorva

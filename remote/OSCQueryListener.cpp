@@ -4,6 +4,7 @@
 #include "platform/Semaphore.h"
 #include "remote/AsioAddress.h"
 #include "remote/HTTPRequest.h"
+#include "remote/NetworkPorts.h"
 #include "remote/RemoteContext.h"
 
 #include <boost/asio/ip/tcp.hpp>
@@ -41,10 +42,9 @@ std::chrono::steady_clock::duration Seconds(double seconds) {
         std::chrono::duration<double>(seconds));
 }
 
-// Opens, binds and listens: on `bindAddress`, or on every interface when it is empty, IPv6's "::" taking
-// IPv4 too where the machine has IPv6, else IPv4's.
-bool Listen(tcp::acceptor& acceptor, const std::string& bindAddress, uint16_t port) {
-    auto on = [&](tcp::endpoint endpoint, bool dualStack) {
+// Opens, binds and listens as OpenOnAddress says; the port it got, or 0.
+int64_t Listen(tcp::acceptor& acceptor, const std::string& bindAddress, uint16_t port) {
+    const bool opened = OpenOnAddress<tcp>(bindAddress, port, [&](tcp::endpoint endpoint, bool dualStack) {
         error_code error;
         if (acceptor.open(endpoint.protocol(), error))
             return error;
@@ -57,20 +57,9 @@ bool Listen(tcp::acceptor& acceptor, const std::string& bindAddress, uint16_t po
         error_code ignored;
         acceptor.close(ignored);
         return error;
-    };
-    if (!bindAddress.empty()) {
-        error_code error;
-        asio::ip::address address = asio::ip::make_address(bindAddress, error);
-        return !error && !on(tcp::endpoint(address, port), false);
-    }
-    error_code error = on(tcp::endpoint(tcp::v6(), port), true);
-    if (!error)
-        return true;
-    // Taken on IPv6 is taken: falling back to IPv4 would listen beside another program.
-    if (error != asio::error::address_family_not_supported &&
-        error != boost::system::errc::address_not_available)
-        return false;
-    return !on(tcp::endpoint(tcp::v4(), port), false);
+    });
+    error_code error;
+    return opened ? acceptor.local_endpoint(error).port() : 0;
 }
 
 std::string_view ViewOf(beast::string_view text) {
@@ -355,18 +344,9 @@ std::unique_ptr<OSCQueryListener> OSCQueryListener::make(int64_t port, int64_t p
     state->limits = limits;
     state->callbacks = std::move(callbacks);
     state->allowed = access.allowed;
-    int64_t bound = 0;
-    for (int64_t candidate = port; candidate < port + portsTried; ++candidate) {
-        if (candidate < 0 || candidate > 65535)
-            break;
-        if (Listen(state->acceptor, access.bindAddress, uint16_t(candidate))) {
-            error_code error;
-            bound = state->acceptor.local_endpoint(error).port();
-            break;
-        }
-        if (candidate == 0)
-            break;
-    }
+    const int64_t bound = SearchPorts(port, portsTried, [&](uint16_t candidate) {
+        return Listen(state->acceptor, access.bindAddress, candidate);
+    });
     if (bound == 0)
         return nullptr;
     std::unique_ptr<OSCQueryListener> listener(new OSCQueryListener());

@@ -42,8 +42,8 @@ public:
         std::function<void(const uint8_t* bytes, size_t length)> packet;
     };
 
-    // Listens on the first free TCP port of `port` and the `portsTried` - 1 that follow (never past
-    // 65535), on the access's address or, when it names none, on every interface (dual-stack where the
+    // Listens on the first free TCP port of the `portsTried` from `port` (see SearchPorts), on the
+    // access's address or, when it names none, on every interface (dual-stack where the
     // machine has IPv6). Nothing when no port could be had.
     static std::unique_ptr<OSCQueryListener>
     make(int64_t port, int64_t portsTried, const NetworkAccess& access, Limits limits, Callbacks callbacks);

@@ -4,6 +4,7 @@
 #include "platform/Log.h"
 #include "platform/SerialQueue.h"
 #include "remote/DNSSDService.h"
+#include "remote/NetworkPorts.h"
 #include "remote/OSCQueryListener.h"
 #include "remote/OSCReceiver.h"
 #include "remote/RemoteContext.h"
@@ -15,7 +16,6 @@
 namespace quorva {
 namespace {
 
-constexpr int64_t PortsTried = 16;
 constexpr double ValueTimeout = 1.0;
 
 constexpr const char* ServiceType = "_oscjson._tcp";
@@ -89,7 +89,7 @@ bool OSCQueryServer::startOnPort(int64_t port, const NetworkAccess& access) {
     };
     std::shared_ptr<OSCQueryListener> listener;
     if (port > 0) // as the header says, the search ends at 0
-        listener = OSCQueryListener::make(port, PortsTried, access, OSCQueryListener::Limits{},
+        listener = OSCQueryListener::make(port, PortsSearched, access, OSCQueryListener::Limits{},
                                           std::move(callbacks));
     if (!listener) {
         Log("OSCQuery: ", "could not bind a TCP port starting at " + std::to_string(port) +

@@ -4,6 +4,7 @@
 #include "platform/Log.h"
 #include "platform/Semaphore.h"
 #include "remote/AsioAddress.h"
+#include "remote/NetworkPorts.h"
 #include "remote/RemoteContext.h"
 
 #include <boost/asio/io_context.hpp>
@@ -24,32 +25,25 @@ using asio::ip::udp;
 
 namespace {
 
-constexpr int64_t PortsTried = 16;
 constexpr size_t LargestDatagram = 65535;
 constexpr auto RefusalLogInterval = std::chrono::minutes(1);
 
-// Opens `socket` on `bindAddress` and `port`, or on every interface when the address is empty: IPv6's
-// "::" taking IPv4 too where the machine has IPv6, else IPv4's.
-bool Bind(udp::socket& socket, const std::string& bindAddress, uint16_t port) {
+// Opens and binds `socket` as OpenOnAddress says; the port it got, or 0.
+int64_t Bind(udp::socket& socket, const std::string& bindAddress, uint16_t port) {
+    const bool opened = OpenOnAddress<udp>(bindAddress, port, [&](udp::endpoint endpoint, bool dualStack) {
+        boost::system::error_code error;
+        if (socket.open(endpoint.protocol(), error))
+            return error;
+        if (dualStack)
+            socket.set_option(asio::ip::v6_only(false), error);
+        if (!socket.bind(endpoint, error))
+            return boost::system::error_code();
+        boost::system::error_code ignored;
+        socket.close(ignored);
+        return error;
+    });
     boost::system::error_code error;
-    if (!bindAddress.empty()) {
-        asio::ip::address address = asio::ip::make_address(bindAddress, error);
-        udp::endpoint endpoint(address, port);
-        return !error && !socket.open(endpoint.protocol(), error) && !socket.bind(endpoint, error);
-    }
-    if (!socket.open(udp::v6(), error)) {
-        socket.set_option(asio::ip::v6_only(false), error);
-        if (!socket.bind(udp::endpoint(udp::v6(), port), error))
-            return true;
-        // Taken on IPv6 is taken: falling back to IPv4 would listen beside another program.
-        if (error != asio::error::address_family_not_supported &&
-            error != boost::system::errc::address_not_available) {
-            socket.close(error);
-            return false;
-        }
-        socket.close(error);
-    }
-    return !socket.open(udp::v4(), error) && !socket.bind(udp::endpoint(udp::v4(), port), error);
+    return opened ? socket.local_endpoint(error).port() : 0;
 }
 
 } // namespace
@@ -113,19 +107,12 @@ bool OSCReceiver::startOnPort(int64_t port, Handler handler, const NetworkAccess
     auto state = std::make_shared<State>();
     state->handler = std::move(handler);
     state->allowed = access.allowed;
-    int64_t bound = 0;
-    int64_t last = std::min<int64_t>(port, 65520) + PortsTried - 1;
-    for (int64_t candidate = port; candidate <= last && candidate <= 65535; ++candidate) {
-        if (candidate < 0)
-            continue;
-        if (Bind(state->socket, access.bindAddress, uint16_t(candidate))) {
-            boost::system::error_code error;
-            bound = state->socket.local_endpoint(error).port();
-            break;
-        }
-    }
+    const int64_t bound = SearchPorts(port, PortsSearched, [&](uint16_t candidate) {
+        return Bind(state->socket, access.bindAddress, candidate);
+    });
     if (bound == 0) {
-        Log("OSC: ", "no free UDP port from " + std::to_string(port) + " to " + std::to_string(port + 15) +
+        Log("OSC: ", "no free UDP port from " + std::to_string(port) + " to " +
+                         std::to_string(port + PortsSearched - 1) +
                          (access.bindAddress.empty() ? "" : " on " + access.bindAddress));
         return false;
     }

@@ -25,7 +25,7 @@ public:
     OSCReceiver(const OSCReceiver&) = delete;
     OSCReceiver& operator=(const OSCReceiver&) = delete;
 
-    // Stops, then binds the first free port of `port` and the 15 that follow it (never past 65535) on
+    // Stops, then binds the first free port of `port` and the 15 that follow it (see SearchPorts) on
     // the access's address (every interface, dual-stack where IPv6 is available, when it names none),
     // and answers whether it listens. Port 0 lets the system choose. Failures are logged; the caller
     // words its own error for the user.

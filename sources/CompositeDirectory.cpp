@@ -7,7 +7,14 @@
 namespace quorva {
 
 CompositeDirectory::CompositeDirectory(std::vector<std::shared_ptr<SourceDirectory>> members)
-    : _members(std::move(members)) {}
+    : _members(std::move(members)) {
+    for (const auto& member : _members) {
+        member->changes().setHandler([weak = std::weak_ptr<const ChangeNotifier>(_changes)] {
+            if (auto changes = weak.lock())
+                changes->notify();
+        });
+    }
+}
 
 std::vector<SourceDescription> CompositeDirectory::availableSources() {
     std::vector<SourceDescription> sources;
@@ -34,34 +41,6 @@ CompositeDirectory::connectToSourceWithTitle(const std::string& title,
             return source;
     }
     return nullptr;
-}
-
-SourceDirectory::ChangeHandler CompositeDirectory::changeHandler() const {
-    std::lock_guard guard(_lock);
-    return _changeHandler;
-}
-
-void CompositeDirectory::setChangeHandler(ChangeHandler handler) {
-    bool empty = !handler;
-    {
-        std::lock_guard guard(_lock);
-        _changeHandler = std::move(handler);
-    }
-    for (const auto& member : _members) {
-        if (empty) {
-            member->setChangeHandler(nullptr);
-            continue;
-        }
-        // The member's callback looks up the handler when it fires, so a later replacement here needs no
-        // trip through the members, and a union that is gone leaves the callback doing nothing.
-        member->setChangeHandler([weak = weak_from_this()] {
-            auto self = weak.lock();
-            if (!self)
-                return;
-            if (auto current = self->changeHandler())
-                current();
-        });
-    }
 }
 
 } // namespace quorva

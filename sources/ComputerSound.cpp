@@ -25,25 +25,21 @@ Error SoundError(const std::string& message) {
 
 } // namespace
 
-// One capture, from a start to its stop: a PipeWire thread loop and the stream on it.
+// One capture, from a start to its stop: a stream on the connection's loop.
 struct ComputerSound::Capture {
-    explicit Capture(ComputerSound* owner) : owner(owner) {}
+    Capture(ComputerSound* owner, std::shared_ptr<PipeWireConnection> connection)
+        : owner(owner), connection(std::move(connection)) {}
 
     // The stream goes under the loop's lock, so no callback is running, and none will once it has gone.
     ~Capture() {
-        if (!loop)
-            return;
-        pw_thread_loop_lock(loop);
+        PipeWireConnection::Lock lock(*connection);
         capturing = false; // a stop is no loss
         if (stream)
             pw_stream_destroy(stream);
-        pw_thread_loop_unlock(loop);
-        pw_thread_loop_stop(loop);
-        pw_thread_loop_destroy(loop);
     }
 
     ComputerSound* owner;
-    pw_thread_loop* loop = nullptr;
+    const std::shared_ptr<PipeWireConnection> connection;
     pw_stream* stream = nullptr;
     // On the loop's thread, or under its lock.
     pw_stream_state state = PW_STREAM_STATE_UNCONNECTED;
@@ -65,7 +61,7 @@ struct ComputerSound::Capture {
         if (self->capturing && (state == PW_STREAM_STATE_ERROR || state == PW_STREAM_STATE_UNCONNECTED))
             Log("ComputerSound: ", "the capture of the computer's sound ended" +
                                        (error ? std::string(": ") + error : std::string()));
-        pw_thread_loop_signal(self->loop, false);
+        pw_thread_loop_signal(self->connection->threadLoop(), false);
     }
 
     static void paramChanged(void* data, uint32_t id, const spa_pod* param) {
@@ -79,7 +75,7 @@ struct ComputerSound::Capture {
         }
         self->channels = info.channels;
         self->rate = info.rate;
-        pw_thread_loop_signal(self->loop, false);
+        pw_thread_loop_signal(self->connection->threadLoop(), false);
     }
 
     static void process(void* data) {
@@ -100,7 +96,8 @@ struct ComputerSound::Capture {
     }
 };
 
-ComputerSound::ComputerSound() = default;
+ComputerSound::ComputerSound(std::shared_ptr<PipeWireConnection> connection)
+    : _connection(std::move(connection)) {}
 
 ComputerSound::~ComputerSound() {
     stop();
@@ -109,13 +106,9 @@ ComputerSound::~ComputerSound() {
 Result<> ComputerSound::start() {
     if (_capture)
         return {};
-    pw_init(nullptr, nullptr);
-    auto capture = std::make_unique<Capture>(this);
-    capture->loop = pw_thread_loop_new("computer-sound", nullptr);
-    if (!capture->loop || pw_thread_loop_start(capture->loop) < 0)
-        return SoundError("no thread to capture it on");
+    auto capture = std::make_unique<Capture>(this, _connection);
     {
-        pw_thread_loop_lock(capture->loop);
+        PipeWireConnection::Lock lock(*_connection);
         static const pw_stream_events Events = [] {
             pw_stream_events events{};
             events.version = PW_VERSION_STREAM_EVENTS;
@@ -124,9 +117,10 @@ Result<> ComputerSound::start() {
             events.process = Capture::process;
             return events;
         }();
-        // The default output's monitor: what the speakers are playing.
+        // The default output's monitor: what the speakers are playing. Like every stream of the
+        // connection, it has a link to the daemon of its own.
         capture->stream = pw_stream_new_simple(
-            pw_thread_loop_get_loop(capture->loop), "QuorvaRecorder",
+            _connection->loop(), "QuorvaRecorder",
             pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Capture", PW_KEY_MEDIA_ROLE,
                               "Production", PW_KEY_STREAM_CAPTURE_SINK, "true", nullptr),
             &Events, capture.get());
@@ -149,12 +143,11 @@ Result<> ComputerSound::start() {
         const double deadline = MediaClock::now() + LinkTimeout;
         while (failure.empty() && capture->failure.empty() && !capture->linked() &&
                MediaClock::now() < deadline)
-            pw_thread_loop_timed_wait(capture->loop, 1);
+            pw_thread_loop_timed_wait(_connection->threadLoop(), 1);
         if (failure.empty() && !capture->linked())
             failure = "no sound output to listen to" +
                       (capture->failure.empty() ? std::string() : " (" + capture->failure + ")");
         capture->capturing = failure.empty();
-        pw_thread_loop_unlock(capture->loop);
         if (!failure.empty())
             return SoundError(failure);
     }
@@ -177,24 +170,12 @@ void ComputerSound::stop() {
     _capture.reset();
 }
 
-ComputerSound::SoundHandler ComputerSound::soundHandler() const {
-    std::lock_guard guard(_lock);
-    return _soundHandler;
-}
-
-void ComputerSound::setSoundHandler(SoundHandler handler) {
-    std::lock_guard guard(_lock);
-    _soundHandler = std::move(handler);
-}
-
 void ComputerSound::deliver(const float* samples, size_t frames, uint32_t channels, double sampleRate) {
-    SoundHandler handler;
     bool heard = false;
     {
         std::lock_guard guard(_lock);
-        if (!_active || !_soundHandler)
+        if (!_active)
             return;
-        handler = _soundHandler;
         heard = _heardSound;
     }
     auto sound = soundFromSamples(samples, frames, channels, sampleRate, !heard);
@@ -204,7 +185,7 @@ void ComputerSound::deliver(const float* samples, size_t frames, uint32_t channe
         std::lock_guard guard(_lock);
         _heardSound = true;
     }
-    handler(sound);
+    _output.deliverSound(sound);
 }
 
 std::shared_ptr<SourceSound> ComputerSound::soundFromSamples(const float* samples, size_t frames,

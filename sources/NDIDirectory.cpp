@@ -18,18 +18,13 @@ constexpr uint32_t PollMilliseconds = 250;
 
 struct NDIFinder::State {
     std::shared_ptr<const NDILibrary> library;
+    std::shared_ptr<const ChangeNotifier> changes;
     void* find = nullptr; // the thread's alone, which destroys it on leaving
 
     mutable std::mutex lock; // guards what follows
     bool stopping = false;
     std::vector<std::string> names;
     std::vector<std::optional<std::string>> urls;
-
-    // Held across every handler call, so that stop waits for a call under way; recursive, so that the
-    // handler may ask the finder for its names or stop it.
-    std::recursive_mutex callLock;
-    bool stopped = false;
-    ChangeHandler handler;
 
     void run() {
         pthread_setname_np(pthread_self(), "NDIFinder");
@@ -63,17 +58,15 @@ struct NDIFinder::State {
                 names = std::move(newNames);
                 urls = std::move(newUrls);
             }
-            if (changed) {
-                std::lock_guard guard(callLock);
-                if (!stopped && handler)
-                    handler();
-            }
+            if (changed)
+                changes->notify();
         }
         functions.findDestroy(find);
     }
 };
 
-std::unique_ptr<NDIFinder> NDIFinder::make(std::shared_ptr<const NDILibrary> library) {
+std::unique_ptr<NDIFinder> NDIFinder::make(std::shared_ptr<const NDILibrary> library,
+                                           std::shared_ptr<const ChangeNotifier> changes) {
     const ndi::Functions* functions = library->functions();
     if (!functions)
         return nullptr;
@@ -85,6 +78,7 @@ std::unique_ptr<NDIFinder> NDIFinder::make(std::shared_ptr<const NDILibrary> lib
     }
     auto state = std::make_shared<State>();
     state->library = std::move(library);
+    state->changes = std::move(changes);
     state->find = find;
     return std::unique_ptr<NDIFinder>(new NDIFinder(std::move(state)));
 }
@@ -129,22 +123,7 @@ bool NDIFinder::copyName(std::string& name, std::optional<std::string>& url, con
     return true;
 }
 
-NDIFinder::ChangeHandler NDIFinder::changeHandler() const {
-    std::lock_guard guard(_state->callLock);
-    return _state->handler;
-}
-
-void NDIFinder::setChangeHandler(ChangeHandler handler) {
-    std::lock_guard guard(_state->callLock);
-    _state->handler = std::move(handler);
-}
-
 void NDIFinder::stop() {
-    {
-        std::lock_guard guard(_state->callLock);
-        _state->stopped = true;
-        _state->handler = nullptr;
-    }
     {
         std::lock_guard guard(_state->lock);
         _state->stopping = true;
@@ -155,14 +134,7 @@ void NDIFinder::stop() {
 }
 
 NDIDirectory::NDIDirectory(std::shared_ptr<const NDILibrary> library)
-    : _library(std::move(library)), _finder(NDIFinder::make(_library)) {
-    if (_finder) {
-        _finder->setChangeHandler([this] {
-            if (ChangeHandler handler = changeHandler())
-                handler();
-        });
-    }
-}
+    : _library(std::move(library)), _finder(NDIFinder::make(_library, _changes)) {}
 
 std::vector<SourceDescription> NDIDirectory::availableSources() {
     std::vector<SourceDescription> sources;
@@ -186,16 +158,6 @@ NDIDirectory::connectToSourceWithTitle(const std::string& title,
         return nullptr;
     }
     return source.value();
-}
-
-SourceDirectory::ChangeHandler NDIDirectory::changeHandler() const {
-    std::lock_guard guard(_lock);
-    return _changeHandler;
-}
-
-void NDIDirectory::setChangeHandler(ChangeHandler handler) {
-    std::lock_guard guard(_lock);
-    _changeHandler = std::move(handler);
 }
 
 } // namespace quorva

@@ -4,7 +4,6 @@
 #include "sources/NDILibrary.h"
 
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -13,14 +12,14 @@
 namespace quorva {
 
 // Keeps the list of NDI sources on the network current: a thread of its own asks the runtime's finder at
-// least four times a second and calls the change handler, on that thread, when the names or their order
-// change. A change of address alone is kept without a call.
+// least four times a second and notifies `changes`, on that thread, when the names or their order
+// change. A change of address alone is kept without a notification.
 class NDIFinder {
 public:
-    using ChangeHandler = std::function<void()>;
-
-    // Nothing when the runtime is not available or makes no finder.
-    static std::unique_ptr<NDIFinder> make(std::shared_ptr<const NDILibrary> library);
+    // Nothing when the runtime is not available or makes no finder. `changes` is kept as long as the
+    // thread runs, so that a handler may let go of the finder's owner.
+    static std::unique_ptr<NDIFinder> make(std::shared_ptr<const NDILibrary> library,
+                                           std::shared_ptr<const ChangeNotifier> changes);
     ~NDIFinder();
     NDIFinder(const NDIFinder&) = delete;
     NDIFinder& operator=(const NDIFinder&) = delete;
@@ -34,10 +33,8 @@ public:
     static bool copyName(std::string& name, std::optional<std::string>& url, const char* sourceName,
                          const char* sourceUrl);
 
-    ChangeHandler changeHandler() const;
-    void setChangeHandler(ChangeHandler handler);
-    // Ends the thread, which lets go of the runtime's finder; no handler is called once it has returned.
-    // From the handler itself it returns at once and the thread ends after the handler.
+    // Ends the thread, which lets go of the runtime's finder; nothing is notified once it has returned.
+    // From the change handler itself it returns at once and the thread ends after the handler.
     void stop();
 
     struct State;
@@ -61,15 +58,13 @@ public:
     // be made.
     std::shared_ptr<FrameSource>
     connectToSourceWithTitle(const std::string& title, const std::shared_ptr<PictureEngine>& engine) override;
-    // Called on the finder's thread.
-    ChangeHandler changeHandler() const override;
-    void setChangeHandler(ChangeHandler handler) override;
+    // Notified on the finder's thread.
+    ChangeNotifier& changes() override { return *_changes; }
 
 private:
     const std::shared_ptr<const NDILibrary> _library;
-    mutable std::mutex _lock; // guards _changeHandler
-    ChangeHandler _changeHandler;
-    // Last, so that it stops, and calls the handler no more, before the rest goes.
+    const std::shared_ptr<ChangeNotifier> _changes = std::make_shared<ChangeNotifier>();
+    // Last, so that it stops, and notifies no more, before the rest goes.
     const std::unique_ptr<NDIFinder> _finder;
 };
 

@@ -80,12 +80,7 @@ struct NDISource::State {
     double lastSoundTime = 0;
     double rate = 0;
 
-    // Held across every handler call, so that stop waits for a call under way; recursive, so that a
-    // handler may call back into the source.
-    mutable std::recursive_mutex callLock;
-    bool stopped = false;
-    FrameHandler frameHandler;
-    SoundHandler soundHandler;
+    SourceOutput output;
 
     void run() {
         pthread_setname_np(pthread_self(), "NDISource");
@@ -150,9 +145,7 @@ struct NDISource::State {
             rate = video.frameRateN > 0 && video.frameRateD > 0 ? double(video.frameRateN) / video.frameRateD
                                                                 : 0;
         }
-        std::lock_guard guard(callLock);
-        if (!stopped && frameHandler)
-            frameHandler(picture);
+        output.deliverFrame(picture);
     }
 
     void receiveSound(const ndi::AudioFrameV3& audio) {
@@ -174,9 +167,7 @@ struct NDISource::State {
             std::lock_guard guard(lock);
             lastSoundTime = MediaClock::now();
         }
-        std::lock_guard guard(callLock);
-        if (!stopped && soundHandler)
-            soundHandler(sound);
+        output.deliverSound(sound);
     }
 };
 
@@ -224,26 +215,8 @@ double NDISource::framesPerSecond() const {
     return _state->rate;
 }
 
-FrameSource::FrameHandler NDISource::frameHandler() const {
-    std::lock_guard guard(_state->callLock);
-    return _state->frameHandler;
-}
-
-void NDISource::setFrameHandler(FrameHandler handler) {
-    std::lock_guard guard(_state->callLock);
-    if (!_state->stopped)
-        _state->frameHandler = std::move(handler);
-}
-
-FrameSource::SoundHandler NDISource::soundHandler() const {
-    std::lock_guard guard(_state->callLock);
-    return _state->soundHandler;
-}
-
-void NDISource::setSoundHandler(SoundHandler handler) {
-    std::lock_guard guard(_state->callLock);
-    if (!_state->stopped)
-        _state->soundHandler = std::move(handler);
+SourceOutput& NDISource::output() {
+    return _state->output;
 }
 
 bool NDISource::hasSound() const {
@@ -261,12 +234,7 @@ bool NDISource::isAlive() const {
 }
 
 void NDISource::stop() {
-    {
-        std::lock_guard guard(_state->callLock);
-        _state->stopped = true;
-        _state->frameHandler = nullptr;
-        _state->soundHandler = nullptr;
-    }
+    _state->output.close();
     {
         std::lock_guard guard(_state->lock);
         _state->stopping = true;

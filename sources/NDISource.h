@@ -37,17 +37,12 @@ public:
     int64_t kind() const override;
     // As the last picture said.
     double framesPerSecond() const override;
-    FrameHandler frameHandler() const override;
-    // Ignored once stopped.
-    void setFrameHandler(FrameHandler handler) override;
-    SoundHandler soundHandler() const override;
-    void setSoundHandler(SoundHandler handler) override;
+    SourceOutput& output() override;
     // While a block of sound arrived in the last three seconds.
     bool hasSound() const override;
     // For three seconds after it was made, then while the sender counts the connection.
     bool isAlive() const override;
-    // May be called from a handler, on the source's own thread: it then returns at once, and the receiver
-    // goes once the handler has returned.
+    // From a handler, the receiver goes once the handler has returned.
     void stop() override;
 
     struct State;

@@ -77,7 +77,7 @@ struct PipeWireConnection::Registry {
             std::lock_guard guard(owner._lock);
             owner._nodes.push_back(std::move(node));
         }
-        owner.changed();
+        owner._nodeChanges.notify();
     }
 
     static void globalRemove(void* data, uint32_t id) {
@@ -89,7 +89,7 @@ struct PipeWireConnection::Registry {
             wasNode = std::erase_if(owner._nodes, [id](const Node& node) { return node.id == id; }) > 0;
         }
         if (wasNode)
-            owner.changed();
+            owner._nodeChanges.notify();
     }
 
     static void done(void* data, uint32_t id, int sequence) {
@@ -113,7 +113,7 @@ struct PipeWireConnection::Registry {
             owner._nodes.clear();
             owner._clients.clear();
         }
-        owner.changed();
+        owner._nodeChanges.notify();
         pw_thread_loop_signal(owner._threadLoop, false);
     }
 };
@@ -249,26 +249,6 @@ std::vector<PipeWireConnection::Node> PipeWireConnection::videoNodes() {
 bool PipeWireConnection::hasNode(uint32_t id) const {
     std::lock_guard guard(_lock);
     return std::any_of(_nodes.begin(), _nodes.end(), [id](const Node& node) { return node.id == id; });
-}
-
-std::function<void()> PipeWireConnection::changeHandler() const {
-    std::lock_guard guard(_lock);
-    return _changeHandler;
-}
-
-void PipeWireConnection::setChangeHandler(std::function<void()> handler) {
-    std::lock_guard guard(_lock);
-    _changeHandler = std::move(handler);
-}
-
-void PipeWireConnection::changed() {
-    std::function<void()> handler;
-    {
-        std::lock_guard guard(_lock);
-        handler = _changeHandler;
-    }
-    if (handler)
-        handler();
 }
 
 } // namespace quorva

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "core/source/ChangeNotifier.h"
+
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -40,9 +42,8 @@ public:
     std::vector<Node> videoNodes();
     // Whether the registry still lists the node.
     bool hasNode(uint32_t id) const;
-    // Called on the loop's thread when a node comes or goes, and when the daemon goes away.
-    std::function<void()> changeHandler() const;
-    void setChangeHandler(std::function<void()> handler);
+    // Notified on the loop's thread when a node comes or goes, and when the daemon goes away.
+    ChangeNotifier& nodeChanges() { return _nodeChanges; }
 
     pw_thread_loop* threadLoop() const { return _threadLoop; }
     pw_loop* loop() const;
@@ -68,7 +69,6 @@ private:
     PipeWireConnection();
     // Under the loop's lock.
     void connect();
-    void changed();
 
     pw_thread_loop* _threadLoop = nullptr;
     pw_context* _context = nullptr;
@@ -78,10 +78,10 @@ private:
     spa_source* _laterEvent = nullptr;
     std::mutex _laterLock; // guards _laterTasks
     std::vector<std::function<void()>> _laterTasks;
-    mutable std::mutex _lock; // guards _nodes, _clients and _changeHandler, read by other threads
+    mutable std::mutex _lock; // guards _nodes and _clients, read by other threads
     std::vector<Node> _nodes;
     std::vector<std::pair<uint32_t, std::string>> _clients; // id and application name
-    std::function<void()> _changeHandler;
+    ChangeNotifier _nodeChanges;
 };
 
 } // namespace quorva

@@ -36,12 +36,4 @@ PipeWireDirectory::connectToSourceWithTitle(const std::string& title,
     return nullptr;
 }
 
-SourceDirectory::ChangeHandler PipeWireDirectory::changeHandler() const {
-    return _connection->changeHandler();
-}
-
-void PipeWireDirectory::setChangeHandler(ChangeHandler handler) {
-    _connection->setChangeHandler(std::move(handler));
-}
-
 } // namespace quorva

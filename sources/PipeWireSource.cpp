@@ -76,10 +76,9 @@ struct PipeWireSource::State {
     bool bt709 = false;
     bool unreadableLogged = false;
     PicturePool<MemoryPicture> pool{KeptPictures};
+    SourceOutput output;
 
     mutable std::mutex lock; // guards what follows, read on other threads
-    FrameHandler frameHandler;
-    SoundHandler soundHandler;
     double rate = 0;
     bool stopped = false;
     bool failed = false;
@@ -172,14 +171,8 @@ struct PipeWireSource::State {
     }
 
     void deliver(const spa_buffer& buffer) {
-        FrameHandler handler;
-        {
-            std::lock_guard guard(lock);
-            if (stopped)
-                return;
-            handler = frameHandler;
-        }
-        if (!handler || !layout)
+        // A picture that nobody would receive is not converted.
+        if (!layout || !output.wantsFrames())
             return;
         cpu::PixelPlanes planes;
         if (!planesOf(buffer, planes)) {
@@ -203,7 +196,7 @@ struct PipeWireSource::State {
             Log(LogPrefix, title + ": " + adopted.error().message());
             return;
         }
-        handler(adopted.value());
+        output.deliverFrame(adopted.value());
     }
 
     // Where each plane of the picture lies: one block of memory for each plane, or all of them one after
@@ -339,24 +332,8 @@ double PipeWireSource::framesPerSecond() const {
     return _state->rate;
 }
 
-FrameSource::FrameHandler PipeWireSource::frameHandler() const {
-    std::lock_guard guard(_state->lock);
-    return _state->frameHandler;
-}
-
-void PipeWireSource::setFrameHandler(FrameHandler handler) {
-    std::lock_guard guard(_state->lock);
-    _state->frameHandler = std::move(handler);
-}
-
-FrameSource::SoundHandler PipeWireSource::soundHandler() const {
-    std::lock_guard guard(_state->lock);
-    return _state->soundHandler;
-}
-
-void PipeWireSource::setSoundHandler(SoundHandler handler) {
-    std::lock_guard guard(_state->lock);
-    _state->soundHandler = std::move(handler);
+SourceOutput& PipeWireSource::output() {
+    return _state->output;
 }
 
 bool PipeWireSource::isAlive() const {
@@ -369,11 +346,10 @@ bool PipeWireSource::isAlive() const {
 }
 
 void PipeWireSource::stop() {
+    _state->output.close();
     {
         std::lock_guard guard(_state->lock);
         _state->stopped = true;
-        _state->frameHandler = nullptr;
-        _state->soundHandler = nullptr;
     }
     if (_connection->inLoopThread()) {
         // From a handler: the stream goes once its callback has returned, and none calls a handler again.

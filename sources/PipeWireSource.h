@@ -31,15 +31,12 @@ public:
     bool flipped() const override { return false; }
     int64_t kind() const override;
     double framesPerSecond() const override;
-    FrameHandler frameHandler() const override;
-    void setFrameHandler(FrameHandler handler) override;
-    // Stored, never called.
-    SoundHandler soundHandler() const override;
-    void setSoundHandler(SoundHandler handler) override;
+    // Its sound handler is never called.
+    SourceOutput& output() override;
     bool hasSound() const override { return false; }
     // While the registry lists the node and the stream stands.
     bool isAlive() const override;
-    // May be called from a handler, on the connection's thread.
+    // From a handler, on the connection's thread, the stream goes once the handler has returned.
     void stop() override;
 
     struct State;

@@ -61,14 +61,4 @@ TestPatternDirectory::connectToSourceWithTitle(const std::string& title,
     return nullptr;
 }
 
-SourceDirectory::ChangeHandler TestPatternDirectory::changeHandler() const {
-    std::lock_guard guard(_lock);
-    return _changeHandler;
-}
-
-void TestPatternDirectory::setChangeHandler(ChangeHandler handler) {
-    std::lock_guard guard(_lock);
-    _changeHandler = std::move(handler);
-}
-
 } // namespace quorva

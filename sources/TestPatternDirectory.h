@@ -3,7 +3,6 @@
 #include "core/source/SourceDirectory.h"
 #include "sources/TestPatternSource.h"
 
-#include <mutex>
 #include <vector>
 
 namespace quorva {
@@ -24,12 +23,11 @@ public:
     // title is not one of the patterns or the pattern cannot be drawn.
     std::shared_ptr<FrameSource>
     connectToSourceWithTitle(const std::string& title, const std::shared_ptr<PictureEngine>& engine) override;
-    ChangeHandler changeHandler() const override;
-    void setChangeHandler(ChangeHandler handler) override;
+    // Never notified.
+    ChangeNotifier& changes() override { return _changes; }
 
 private:
-    mutable std::mutex _lock; // guards _changeHandler
-    ChangeHandler _changeHandler;
+    ChangeNotifier _changes;
 };
 
 } // namespace quorva

@@ -19,10 +19,10 @@ const char* const LogPrefix = "TestPattern: ";
 } // namespace
 
 struct TestPatternSource::State {
-    // Guarded by `lock`. Declared first so that they go last: whoever waits for the handlers to be let
-    // go knows that the pictures are gone too.
-    FrameHandler frameHandler;
-    SoundHandler soundHandler;
+    // Declared first so that it goes last: whoever waits for the handlers to be let go knows that the
+    // pictures are gone too.
+    SourceOutput output;
+    // Guarded by `lock`.
     bool stopping = false;
     bool failed = false;
     mutable std::mutex lock;
@@ -66,24 +66,8 @@ double TestPatternSource::framesPerSecond() const {
     return _state->format.rate;
 }
 
-FrameSource::FrameHandler TestPatternSource::frameHandler() const {
-    std::lock_guard guard(_state->lock);
-    return _state->frameHandler;
-}
-
-void TestPatternSource::setFrameHandler(FrameHandler handler) {
-    std::lock_guard guard(_state->lock);
-    _state->frameHandler = std::move(handler);
-}
-
-FrameSource::SoundHandler TestPatternSource::soundHandler() const {
-    std::lock_guard guard(_state->lock);
-    return _state->soundHandler;
-}
-
-void TestPatternSource::setSoundHandler(SoundHandler handler) {
-    std::lock_guard guard(_state->lock);
-    _state->soundHandler = std::move(handler);
+SourceOutput& TestPatternSource::output() {
+    return _state->output;
 }
 
 bool TestPatternSource::isAlive() const {
@@ -92,6 +76,7 @@ bool TestPatternSource::isAlive() const {
 }
 
 void TestPatternSource::stop() {
+    _state->output.close();
     {
         std::lock_guard guard(_state->lock);
         _state->stopping = true;
@@ -119,27 +104,21 @@ void TestPatternSource::run(const std::shared_ptr<State>& state) {
             return;
         }
 
-        FrameHandler frameHandler;
-        SoundHandler soundHandler;
         {
             std::lock_guard guard(state->lock);
             if (state->stopping)
                 return;
-            frameHandler = state->frameHandler;
-            soundHandler = state->soundHandler;
         }
         // Let go of the picture at once, so that the pattern can draw into it again when the
         // receiver is done with it.
-        if (std::shared_ptr<Picture> handed = std::move(picture.value()); frameHandler)
-            frameHandler(handed);
+        state->output.deliverFrame(std::shared_ptr<Picture>(std::move(picture.value())));
 
         // Sound follows the clock, not the pictures, so a late picture never stretches it.
         double now = MediaClock::now();
         auto due = uint64_t((now - start) * ToneGenerator::SampleRate);
         if (due > tone.position()) {
-            auto sound = tone.nextSound(due - tone.position());
-            if (sound && soundHandler)
-                soundHandler(sound);
+            if (auto sound = tone.nextSound(due - tone.position()))
+                state->output.deliverSound(sound);
         }
 
         ++frame;

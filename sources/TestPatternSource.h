@@ -36,13 +36,10 @@ public:
     bool flipped() const override { return false; }
     int64_t kind() const override;
     double framesPerSecond() const override;
-    FrameHandler frameHandler() const override;
-    void setFrameHandler(FrameHandler handler) override;
-    SoundHandler soundHandler() const override;
-    void setSoundHandler(SoundHandler handler) override;
+    SourceOutput& output() override;
     bool hasSound() const override { return isAlive(); }
     bool isAlive() const override;
-    // May be called from a handler, on the source's own thread.
+    // From a handler, the thread ends once the handler has returned.
     void stop() override;
 
 private:

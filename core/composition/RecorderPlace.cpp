@@ -58,7 +58,7 @@ size_t RecorderPlace::receivedFrame(std::shared_ptr<Picture> picture, bool flipp
 size_t RecorderPlace::receivedSoundAtTime(double time) {
     std::lock_guard guard(_lock);
     _lastSoundTime = time;
-    return _soundIndex;
+    return _takeIndex;
 }
 
 void RecorderPlace::letGoOfSource() {
@@ -74,10 +74,9 @@ void RecorderPlace::letGoOfSource() {
     }
 }
 
-void RecorderPlace::setTakeIndex(size_t index, bool hasMovie) {
+void RecorderPlace::setTakeIndex(size_t index) {
     std::lock_guard guard(_lock);
-    _takeIndex = hasMovie ? index : NoIndex;
-    _soundIndex = index;
+    _takeIndex = index;
 }
 
 void RecorderPlace::measureAtTime(double now) {

@@ -16,11 +16,12 @@ namespace quorva {
 
 // One numbered place of the recorder: the title of the chosen source (which need not be online), the
 // connected source if any, the latest picture it delivered, its measured frame rate and whether it
-// counts as online, and, during a take, which of the take's movies its pictures and sound go to.
+// counts as online, and, during a take, which of the take's sources it is (the take's routes say where
+// that source's pictures and sound go).
 //
 // Pictures and sound arrive on the source's thread; everything else happens on the main thread. The
-// lock guards what the callbacks write and the two take indices, so that a callback reads a take index
-// that belongs with the picture it stores. It is held for a few loads and stores only.
+// lock guards what the callbacks write and the take index, so that a callback reads a take index that
+// belongs with the picture it stores. It is held for a few loads and stores only.
 class RecorderPlace {
 public:
     // A source counts as online while its last picture is younger than this.
@@ -39,18 +40,17 @@ public:
     std::shared_ptr<MovieStatus> movie() const;
     void setMovie(std::shared_ptr<MovieStatus> movie);
 
-    // On the source's thread, for every picture: keeps it as the latest frame and answers the index of
-    // this place's movie in the take, or NoIndex.
+    // On the source's thread, for every picture: keeps it as the latest frame and answers the place's
+    // take index.
     size_t receivedFrame(std::shared_ptr<Picture> picture, bool flipped, double time);
-    // On the source's thread, for every block of sound: answers this place's sound index, or NoIndex.
+    // On the source's thread, for every block of sound: answers the place's take index.
     size_t receivedSoundAtTime(double time);
 
     // Stops the source and forgets it with its latest picture and its sound; the counts, the size and
     // the kind stay.
     void letGoOfSource();
-    // Pictures go to movie `index` only when the place has a movie of its own; sound is routed by
-    // `index` either way.
-    void setTakeIndex(size_t index, bool hasMovie);
+    // The place's index among the take's sources while a take records, NoIndex between takes.
+    void setTakeIndex(size_t index);
     // Decides whether the source is online and blends the frame rate since the last measurement.
     void measureAtTime(double now);
 
@@ -95,7 +95,6 @@ private:
     double _lastFrameTime = 0;
     double _lastSoundTime = 0;
     size_t _takeIndex = NoIndex;
-    size_t _soundIndex = NoIndex;
     std::string _title;
     std::shared_ptr<FrameSource> _source;
     std::shared_ptr<MovieStatus> _movie;

@@ -65,26 +65,23 @@ void PlaceConnections::connectPlace(const std::shared_ptr<RecorderPlace>& place)
     bool flipped = source->flipped();
 
     std::weak_ptr<RecorderPlace> weakPlace = place;
-    source->setFrameHandler([weakPlace, take = _take, flipped,
-                             arrived = _pictureArrived](const std::shared_ptr<Picture>& picture) {
+    source->output().setFrameHandler([weakPlace, take = _take, flipped,
+                                      arrived = _pictureArrived](const std::shared_ptr<Picture>& picture) {
         double time = MediaClock::now();
         auto place = weakPlace.lock();
         if (!place)
             return;
-        // While a take runs, the index names this place's movie in it; between takes it is NoIndex.
-        size_t takeIndex = place->receivedFrame(picture, flipped, time);
-        if (takeIndex != NoIndex)
-            take->appendPicture(picture, flipped, takeIndex, time);
+        // While a take runs, the index names this place among its sources; between takes it is NoIndex,
+        // which the take ignores.
+        take->appendPicture(picture, flipped, place->receivedFrame(picture, flipped, time), time);
         arrived(place, time);
     });
-    source->setSoundHandler([weakPlace, take = _take](const std::shared_ptr<SourceSound>& sound) {
+    source->output().setSoundHandler([weakPlace, take = _take](const std::shared_ptr<SourceSound>& sound) {
         double time = MediaClock::now();
         auto place = weakPlace.lock();
         if (!place)
             return;
-        size_t soundIndex = place->receivedSoundAtTime(time);
-        if (soundIndex != NoIndex)
-            take->appendSound(sound, soundIndex, time);
+        take->appendSound(sound, place->receivedSoundAtTime(time), time);
     });
     place->setSource(std::move(source));
 }

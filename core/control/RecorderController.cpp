@@ -98,7 +98,7 @@ std::shared_ptr<RecorderController> RecorderController::make(std::shared_ptr<Pic
         if (auto controller = weak.lock())
             controller->movieAtIndexFailedWithError(index, error);
     });
-    controller->_directory->setChangeHandler([weak] {
+    controller->_directory->changes().setHandler([weak] {
         // Directories learn of changes on their own threads; the places belong to the main thread.
         auto loop = EventLoop::mainLoop();
         if (loop && !loop->isCurrent()) {
@@ -140,7 +140,7 @@ RecorderController::RecorderController(Private, std::shared_ptr<PictureEngine> e
       _settings(_defaults) {
     if (_computerSound) {
         // Holds the take, not the controller: the sound's thread never reaches the controller.
-        _computerSound->setSoundHandler([take = _take](const std::shared_ptr<SourceSound>& sound) {
+        _computerSound->output().setSoundHandler([take = _take](const std::shared_ptr<SourceSound>& sound) {
             take->appendComputerSound(sound, MediaClock::now());
         });
     }
@@ -439,8 +439,9 @@ bool RecorderController::start() {
         const bool hasMovie = i < movies.size();
         _places[i]->setMovie(hasMovie ? movies[i] : nullptr);
         _places[i]->setInTake(hasMovie);
-        // A place without a movie of its own may still give the assembled movie its sound.
-        _places[i]->setTakeIndex(i, hasMovie);
+        // A place without a movie of its own may still give the assembled movie its sound: the take's
+        // routes decide.
+        _places[i]->setTakeIndex(i);
     }
     _composition->takeStarted(planned.layout, LayoutSizes(plan.sizes), gap(),
                               plan.settings.codec() == Codec::ProRes4444);
@@ -514,7 +515,7 @@ void RecorderController::stopWithCompletionHandler(std::function<void()> complet
         _computerSound->stop();
     // From here on a picture or sound block that arrives is not appended, whichever thread it is on.
     for (const auto& place : _places)
-        place->setTakeIndex(NoIndex, false);
+        place->setTakeIndex(NoIndex);
     _composition->takeStopped();
     _state = RecorderState::Finishing;
     displayLimitChanged();

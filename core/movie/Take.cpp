@@ -110,7 +110,8 @@ Result<> Take::start(const TakePlan& plan) {
             ? NoIndex
             : plan.assembledSoundIndex;
 
-    std::vector<std::shared_ptr<TakeMovie>> computerSoundMovies;
+    auto routes = std::make_shared<TakeRoutes>();
+    routes->sources.resize(titles.size());
     std::vector<std::shared_ptr<TakeMovie>> started;
     std::shared_ptr<TakeMovie> assembledMovie;
     if (assembled) {
@@ -125,11 +126,12 @@ Result<> Take::start(const TakePlan& plan) {
             movieSettings.setEncoderThreads(plan.assembledEncoderThreads);
         assembledMovie = std::make_shared<TakeMovie>(movieSettings.recordsSound(), std::string(),
                                                      *urls.assembled, _assembledRecorder);
-        if (computerSound)
-            computerSoundMovies.push_back(assembledMovie);
         if (Result<> begun = startMovie(assembledMovie, NoIndex, movieSettings, plan.time); !begun)
             return begun;
         started.push_back(assembledMovie);
+        routes->assembled = _assembledRecorder;
+        if (computerSound)
+            routes->computerSound.push_back(_assembledRecorder);
     }
 
     std::vector<std::shared_ptr<TakeMovie>> movies;
@@ -155,22 +157,27 @@ Result<> Take::start(const TakePlan& plan) {
                 other->recorder()->finishAtTime(plan.time, [](std::optional<Error>) {});
             return begun;
         }
+        routes->sources[i].pictures = _recorders[i];
+        if (ownSound)
+            routes->sources[i].sound.push_back(_recorders[i]);
         if (hearsComputer)
-            computerSoundMovies.push_back(movie);
+            routes->computerSound.push_back(_recorders[i]);
         movies.push_back(movie);
         started.push_back(movie);
     }
+    if (assembledSoundIndex != NoIndex)
+        routes->sources[assembledSoundIndex].sound.push_back(_assembledRecorder);
 
-    std::lock_guard lock(_lock);
-    _movies = std::move(movies);
-    _assembledMovie = std::move(assembledMovie);
-    _soundSources = plan.soundSources;
-    _assembledSoundIndex = assembledSoundIndex;
-    _computerSoundMovies = std::move(computerSoundMovies);
-    _stem = urls.stem;
-    _folder = plan.folder;
-    _codec = plan.settings.codec();
-    _recording = true;
+    {
+        std::lock_guard lock(_lock);
+        _movies = std::move(movies);
+        _assembledMovie = std::move(assembledMovie);
+        _stem = urls.stem;
+        _folder = plan.folder;
+        _codec = plan.settings.codec();
+        _recording = true;
+    }
+    _routes.store(std::move(routes));
     return {};
 }
 
@@ -236,23 +243,16 @@ void Take::movieFailed(const std::shared_ptr<TakeMovie>& movie, size_t index, Er
         handler(index, error);
 }
 
-std::shared_ptr<MovieRecorder> Take::separateRecorder(size_t index) const {
-    std::lock_guard lock(_lock);
-    if (!_recording || index >= _movies.size())
-        return nullptr;
-    return _movies[index]->recorder();
-}
-
 void Take::appendPicture(const std::shared_ptr<Picture>& picture, bool flipped, size_t index, double time) {
-    if (std::shared_ptr<MovieRecorder> recorder = separateRecorder(index))
-        recorder->appendPicture(picture, flipped, time);
+    const std::shared_ptr<const TakeRoutes> routes = _routes.load();
+    const TakeRoutes::Source* source = routes ? routes->source(index) : nullptr;
+    if (source && source->pictures)
+        source->pictures->appendPicture(picture, flipped, time);
 }
 
 std::shared_ptr<MovieRecorder> Take::assembledRecorder() const {
-    std::lock_guard lock(_lock);
-    if (!_recording || !_assembledMovie)
-        return nullptr;
-    return _assembledMovie->recorder();
+    const std::shared_ptr<const TakeRoutes> routes = _routes.load();
+    return routes ? routes->assembled : nullptr;
 }
 
 bool Take::wantsAssembledFrameAtTime(double time) {
@@ -271,32 +271,18 @@ void Take::appendAssembledPlacements(std::vector<PicturePlacement> placements, d
 }
 
 void Take::appendSound(const std::shared_ptr<SourceSound>& sound, size_t index, double time) {
-    std::shared_ptr<MovieRecorder> own, assembled;
-    {
-        std::lock_guard lock(_lock);
-        if (!_recording)
-            return;
-        if (index < _movies.size() && _soundSources.count(index))
-            own = _movies[index]->recorder();
-        if (_assembledMovie && index == _assembledSoundIndex)
-            assembled = _assembledMovie->recorder();
+    const std::shared_ptr<const TakeRoutes> routes = _routes.load();
+    if (const TakeRoutes::Source* source = routes ? routes->source(index) : nullptr) {
+        for (const std::shared_ptr<MovieRecorder>& recorder : source->sound)
+            recorder->appendSound(sound, time);
     }
-    if (own)
-        own->appendSound(sound, time);
-    if (assembled)
-        assembled->appendSound(sound, time);
 }
 
 void Take::appendComputerSound(const std::shared_ptr<SourceSound>& sound, double time) {
-    std::vector<std::shared_ptr<TakeMovie>> movies;
-    {
-        std::lock_guard lock(_lock);
-        if (!_recording)
-            return;
-        movies = _computerSoundMovies;
+    if (const std::shared_ptr<const TakeRoutes> routes = _routes.load()) {
+        for (const std::shared_ptr<MovieRecorder>& recorder : routes->computerSound)
+            recorder->appendSound(sound, time);
     }
-    for (const std::shared_ptr<TakeMovie>& movie : movies)
-        movie->recorder()->appendSound(sound, time);
 }
 
 void Take::finishAtTime(double time, CompletionHandler completionHandler) {
@@ -312,6 +298,8 @@ void Take::finishAtTime(double time, CompletionHandler completionHandler) {
         }
         _recording = false;
         _finishing = true;
+        // From here on nothing that arrives reaches a movie, whichever thread it comes on.
+        _routes.store(nullptr);
         movies = _movies;
         if (_assembledMovie)
             movies.push_back(_assembledMovie);

@@ -4,10 +4,12 @@
 #include "core/movie/MovieRecorderSettings.h"
 #include "core/movie/MovieStatus.h"
 #include "core/movie/TakeNaming.h"
+#include "core/movie/TakeRoutes.h"
 #include "core/source/Geometry.h"
 #include "core/source/NoIndex.h"
 #include "platform/Error.h"
 
+#include <atomic>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -101,7 +103,8 @@ struct TakePlan {
 // movies. Its recorders are kept from take to take, so a new take does not compile shaders again.
 //
 // Start and finish are called on the main thread; pictures and sound arrive on the sources' threads, the
-// assembled picture's placements on the composition's.
+// assembled picture's placements on the composition's. Those take no lock of the take's: they follow the
+// routes that the start made (see TakeRoutes).
 // A movie that fails while recording is reported through the movie failure handler and the others go
 // on; completions and failures are delivered on the main queue.
 class Take : public std::enable_shared_from_this<Take> {
@@ -123,7 +126,8 @@ public:
     // and as none has a picture yet, their files go with them.
     Result<> start(const TakePlan& plan);
 
-    // A picture of source `index`; ignored when the take has no movie of that source.
+    // A picture of source `index`; ignored when the take records no movie of that source (NoIndex, or
+    // while not recording).
     void appendPicture(const std::shared_ptr<Picture>& picture, bool flipped, size_t index, double time);
     // Whether the assembled movie would keep a picture at `time`: ask before composing one.
     bool wantsAssembledFrameAtTime(double time);
@@ -161,7 +165,6 @@ private:
     Result<> startMovie(const std::shared_ptr<TakeMovie>& movie, size_t index,
                         const MovieRecorderSettings& settings, double time);
     void movieFailed(const std::shared_ptr<TakeMovie>& movie, size_t index, Error error);
-    std::shared_ptr<MovieRecorder> separateRecorder(size_t index) const;
     // The assembled movie's recorder while the take records; nothing otherwise.
     std::shared_ptr<MovieRecorder> assembledRecorder() const;
 
@@ -170,9 +173,6 @@ private:
     std::vector<std::shared_ptr<TakeMovie>> _movies;
     std::shared_ptr<MovieRecorder> _assembledRecorder;
     std::shared_ptr<TakeMovie> _assembledMovie;
-    std::set<size_t> _soundSources;
-    size_t _assembledSoundIndex = NoIndex;
-    std::vector<std::shared_ptr<TakeMovie>> _computerSoundMovies;
     std::string _stem;
     std::filesystem::path _folder;
     Codec _codec = Codec::H264;
@@ -180,7 +180,9 @@ private:
     bool _finishing = false;
     MovieFailureHandler _movieFailureHandler;
     // Guards the fields above. Held only to read or swap them, never across a call into a recorder.
-    mutable std::recursive_mutex _lock;
+    mutable std::mutex _lock;
+    // While recording, where what arrives goes; nothing otherwise.
+    std::atomic<std::shared_ptr<const TakeRoutes>> _routes;
 };
 
 } // namespace quorva

@@ -1,27 +1,25 @@
 #pragma once
 
-#include "core/source/SourceSound.h"
+#include "core/source/SourceOutput.h"
 #include "platform/Error.h"
-
-#include <functional>
-#include <memory>
 
 namespace quorva {
 
 // The computer's own sound, captured on demand.
+//
+// Threads: started and stopped on one thread (the main thread, in the program); starting may block while
+// the capture is linked, up to a few seconds. Its sound handler runs on the capture's thread.
 class SoundSource {
 public:
-    using SoundHandler = std::function<void(const std::shared_ptr<SourceSound>& sound)>;
-
     virtual ~SoundSource() = default;
 
     // Begins capture; refused, with the reason, when it cannot begin.
     virtual Result<> start() = 0;
+    // No handler is called once it has returned. The output stays open: the next start delivers again.
     virtual void stop() = 0;
 
-    // Called with each captured block. Stored as a copy.
-    virtual SoundHandler soundHandler() const = 0;
-    virtual void setSoundHandler(SoundHandler handler) = 0;
+    // Where the captured blocks go, as sound; its frame handler is never called.
+    virtual SourceOutput& output() = 0;
 };
 
 } // namespace quorva

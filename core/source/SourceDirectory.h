@@ -1,10 +1,10 @@
 #pragma once
 
+#include "core/source/ChangeNotifier.h"
 #include "core/source/FrameSource.h"
 #include "core/source/SourceDescription.h"
 #include "platform/PictureEngine.h"
 
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -12,10 +12,14 @@
 namespace quorva {
 
 // Lists the sources that can be connected to now and connects to one by its title.
+//
+// Threads: listing and connecting happen on one thread at a time, never on a thread of the directory's
+// own (where PipeWire's callbacks run, say), and they block: a listing may wait for a daemon's first
+// answer (up to two seconds), a connection until the source is linked (up to a second per attempt). The
+// program does both on its main thread. The change handler runs on whichever thread the directory learns
+// of a change: a handler that touches the places posts to the main thread.
 class SourceDirectory {
 public:
-    using ChangeHandler = std::function<void()>;
-
     virtual ~SourceDirectory() = default;
 
     virtual std::vector<SourceDescription> availableSources() = 0;
@@ -24,10 +28,8 @@ public:
     virtual std::shared_ptr<FrameSource>
     connectToSourceWithTitle(const std::string& title, const std::shared_ptr<PictureEngine>& engine) = 0;
 
-    // Called, on whichever thread the directory learns it, whenever the list may have changed. Stored
-    // as a copy.
-    virtual ChangeHandler changeHandler() const = 0;
-    virtual void setChangeHandler(ChangeHandler handler) = 0;
+    // Notified whenever the list may have changed; the same for the directory's whole life.
+    virtual ChangeNotifier& changes() = 0;
 };
 
 } // namespace quorva

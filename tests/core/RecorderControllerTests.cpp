@@ -49,15 +49,12 @@ struct FakeSource final : FrameSource {
     bool flipped() const override { return false; }
     int64_t kind() const override { return SourceKindNDI; }
     double framesPerSecond() const override { return 0; }
-    FrameHandler frameHandler() const override { return frames; }
-    void setFrameHandler(FrameHandler handler) override { frames = std::move(handler); }
-    SoundHandler soundHandler() const override { return nullptr; }
-    void setSoundHandler(SoundHandler) override {}
+    SourceOutput& output() override { return handover; }
     bool hasSound() const override { return false; }
     bool isAlive() const override { return !stopped; }
     void stop() override { stopped = true; }
     std::string name;
-    FrameHandler frames;
+    SourceOutput handover;
     bool stopped = false;
 };
 
@@ -73,14 +70,13 @@ struct FakeDirectory final : SourceDirectory {
         bool listed = std::find(titles.begin(), titles.end(), title) != titles.end();
         return listed ? std::make_shared<FakeSource>(title) : nullptr;
     }
-    ChangeHandler changeHandler() const override { return changed; }
-    void setChangeHandler(ChangeHandler handler) override { changed = std::move(handler); }
+    ChangeNotifier& changes() override { return changed; }
     void list(std::vector<std::string> newTitles) {
         titles = std::move(newTitles);
-        changed();
+        changed.notify();
     }
     std::vector<std::string> titles;
-    ChangeHandler changed;
+    ChangeNotifier changed;
 };
 
 struct FakeMovie final : MovieStatus {
@@ -127,7 +123,8 @@ protected:
     void Deliver(RecorderController& recorder) {
         for (const auto& place : recorder.places())
             std::dynamic_pointer_cast<FakeSource>(place->source())
-                ->frames(testing::MakeSolidPicture(*recorder.engine(), 64, 36, {0, 0, 255, 255}));
+                ->handover.deliverFrame(
+                    testing::MakeSolidPicture(*recorder.engine(), 64, 36, {0, 0, 255, 255}));
         ASSERT_TRUE(testing::WaitFor([&] { return recorder.take()->framesPending() == 0; }));
     }
     static std::vector<std::string> Titles(const RecorderController& controller) {
@@ -167,8 +164,8 @@ TEST(RecorderPlaceTest, MeasuresOnlineRateSoundAndRouting) {
         EXPECT_EQ(place.isOnline(), step.online);
     }
 
-    place.setTakeIndex(2, false);
-    EXPECT_EQ(place.receivedFrame(nullptr, false, 105), NoIndex);
+    place.setTakeIndex(2);
+    EXPECT_EQ(place.receivedFrame(nullptr, false, 105), 2u);
     EXPECT_EQ(place.receivedSoundAtTime(200), 2u);
     EXPECT_TRUE(place.hasSoundAtTime(202.9));
     EXPECT_FALSE(place.hasSoundAtTime(203.0));
@@ -343,7 +340,7 @@ TEST_F(RecorderControllerTest,
     auto first = std::dynamic_pointer_cast<FakeSource>(place->source());
     ASSERT_TRUE(first);
     EXPECT_EQ(place->kindName(), "ndi");
-    first->frameHandler()(
+    first->handover.deliverFrame(
         testing::MakeMemoryPicture(16, 8, [](uint32_t, uint32_t) { return testing::Pixel{}; }));
     EXPECT_EQ(place->width(), 16);
 

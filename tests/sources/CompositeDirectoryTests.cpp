@@ -13,16 +13,14 @@ public:
     bool flipped() const override { return false; }
     int64_t kind() const override { return SourceKindPattern; }
     double framesPerSecond() const override { return 0; }
-    FrameHandler frameHandler() const override { return {}; }
-    void setFrameHandler(FrameHandler) override {}
-    SoundHandler soundHandler() const override { return {}; }
-    void setSoundHandler(SoundHandler) override {}
+    SourceOutput& output() override { return _output; }
     bool hasSound() const override { return false; }
     bool isAlive() const override { return true; }
     void stop() override {}
 
 private:
     std::string _title;
+    SourceOutput _output;
 };
 
 // A member whose list the test sets; it counts connection attempts and fails them when told to.
@@ -42,14 +40,13 @@ public:
         ++connects;
         return failing ? nullptr : std::make_shared<StubSource>(name + ":" + title);
     }
-    ChangeHandler changeHandler() const override { return handler; }
-    void setChangeHandler(ChangeHandler newHandler) override { handler = std::move(newHandler); }
+    ChangeNotifier& changes() override { return notifier; }
 
     std::string name;
     std::vector<std::string> titles;
     bool failing = false;
     int connects = 0;
-    ChangeHandler handler;
+    ChangeNotifier notifier;
 };
 
 std::shared_ptr<CompositeDirectory> Union(const std::shared_ptr<StubDirectory>& first,
@@ -91,25 +88,18 @@ TEST(CompositeDirectoryTest, MemberNotificationsFollowTheUnionsHandler) {
     auto first = std::make_shared<StubDirectory>("first", std::vector<std::string>{});
     auto second = std::make_shared<StubDirectory>("second", std::vector<std::string>{});
     auto directory = Union(first, second);
-    EXPECT_FALSE(first->handler);
 
     int early = 0, late = 0;
-    directory->setChangeHandler([&] { ++early; });
-    auto notify = second->handler;
-    ASSERT_TRUE(first->handler && notify);
-    directory->setChangeHandler([&] { ++late; });
-    notify();
+    directory->changes().setHandler([&] { ++early; });
+    directory->changes().setHandler([&] { ++late; });
+    second->notifier.notify();
+    first->notifier.notify();
     EXPECT_EQ(early, 0);
-    EXPECT_EQ(late, 1);
+    EXPECT_EQ(late, 2);
 
-    directory->setChangeHandler(nullptr);
-    EXPECT_FALSE(first->handler);
-    EXPECT_FALSE(second->handler);
-
-    directory->setChangeHandler([&] { ++late; });
     directory.reset();
-    first->handler();
-    EXPECT_EQ(late, 1);
+    first->notifier.notify();
+    EXPECT_EQ(late, 2);
 }
 
 } // namespace

@@ -133,7 +133,7 @@ TEST_F(NDITest, ListsSendersInTheRuntimesOrderAndCallsTheHandlerWhenNamesOrTheir
     {
         NDIDirectory directory(library);
         std::atomic<int> changes = 0;
-        directory.setChangeHandler([&] { ++changes; });
+        directory.changes().setHandler([&] { ++changes; });
         add(Sender("HOST (A)"));
         add(Sender("HOST (\xff B)")); // not UTF-8
         const int c = add(Sender("HOST (C)"));
@@ -183,7 +183,7 @@ TEST_P(NDIPictureTest, BGRXArrivesOpaqueAndBGRAKeepsItsAlphaWhateverTheRowPaddin
         ASSERT_NE(source, nullptr);
         std::mutex lock;
         std::shared_ptr<Picture> received;
-        source->setFrameHandler([&](const std::shared_ptr<Picture>& picture) {
+        source->output().setFrameHandler([&](const std::shared_ptr<Picture>& picture) {
             std::lock_guard guard(lock);
             received = picture;
         });
@@ -231,8 +231,8 @@ TEST_F(NDITest, WhatItCannotTakeIsDroppedAndLoggedOncePerSourceWhileTheSourceSta
     for (const char* title : {"HOST (U)", "HOST (W)", "HOST (O)"}) {
         sources.push_back(connect(directory, title));
         ASSERT_NE(sources.back(), nullptr);
-        sources.back()->setFrameHandler([&](const std::shared_ptr<Picture>&) { ++delivered; });
-        sources.back()->setSoundHandler([&](const std::shared_ptr<SourceSound>&) { ++delivered; });
+        sources.back()->output().setFrameHandler([&](const std::shared_ptr<Picture>&) { ++delivered; });
+        sources.back()->output().setSoundHandler([&](const std::shared_ptr<SourceSound>&) { ++delivered; });
     }
     // Long enough for several pictures and blocks of each.
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
@@ -259,7 +259,7 @@ TEST_F(NDITest, SoundAndLifeFollowTheirThreeSecondRules) {
     ASSERT_NE(source, nullptr);
     const double made = MediaClock::now();
     std::atomic<double> last = 0;
-    source->setSoundHandler([&](const std::shared_ptr<SourceSound>&) { last = MediaClock::now(); });
+    source->output().setSoundHandler([&](const std::shared_ptr<SourceSound>&) { last = MediaClock::now(); });
     ASSERT_TRUE(WaitFor([&] { return source->hasSound(); }));
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     FakeNDI_RemoveSender(id);
@@ -281,11 +281,11 @@ TEST_F(NDITest, StopLetsGoOfTheReceiverAndFromAHandlerReturnsAtOnce) {
     outside->stop();
     EXPECT_EQ(FakeNDI_ReceiverCount(id), 1);
     EXPECT_FALSE(outside->isAlive());
-    outside->setFrameHandler([](const std::shared_ptr<Picture>&) {});
-    EXPECT_EQ(outside->frameHandler(), nullptr);
+    outside->output().setFrameHandler([](const std::shared_ptr<Picture>&) {});
+    EXPECT_FALSE(outside->output().wantsFrames());
 
     std::atomic<int> calls = 0;
-    inside->setFrameHandler([&, source = inside.get()](const std::shared_ptr<Picture>&) {
+    inside->output().setFrameHandler([&, source = inside.get()](const std::shared_ptr<Picture>&) {
         ++calls;
         source->stop();
     });

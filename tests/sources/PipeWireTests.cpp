@@ -65,7 +65,7 @@ protected:
 // The latest picture a source handed over, and how many it has.
 struct Received {
     explicit Received(FrameSource& source) {
-        source.setFrameHandler([this](const std::shared_ptr<Picture>& picture) {
+        source.output().setFrameHandler([this](const std::shared_ptr<Picture>& picture) {
             std::lock_guard guard(lock);
             latest = picture;
             ++count;
@@ -91,7 +91,7 @@ TEST(PipeWireTitles, TheNameThenTheApplicationOrWhicheverThereIs) {
 // handler hears it come and go, and a source connected to it dies with it.
 TEST_F(PipeWireTest, PublishersAreListedWhileTheyRunAndTheirSourcesDieWithThem) {
     std::atomic<int> changes = 0;
-    directory.setChangeHandler([&] { ++changes; });
+    directory.changes().setHandler([&] { ++changes; });
     auto publisher = std::make_unique<Publisher>("Main", "BGRx");
     ASSERT_TRUE(WaitFor([&] { return listed("Main - Mixer") == 1 && publisher->waiting(); }, 20));
     EXPECT_GE(changes, 1);

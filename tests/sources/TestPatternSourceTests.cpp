@@ -30,11 +30,11 @@ TEST(TestPatternSourceTest, SourcesDeliverPicturesAtTheirRateWithTheirSound) {
         feed.source = directory.connectToSourceWithTitle(feed.title, testing::Engine("processor"));
         ASSERT_TRUE(feed.source);
         EXPECT_EQ(feed.source->framesPerSecond(), feed.rate);
-        feed.source->setFrameHandler([&feed](const std::shared_ptr<Picture>& picture) {
+        feed.source->output().setFrameHandler([&feed](const std::shared_ptr<Picture>& picture) {
             EXPECT_EQ(picture->width(), feed.width);
             ++feed.pictures;
         });
-        feed.source->setSoundHandler([&feed](const std::shared_ptr<SourceSound>& sound) {
+        feed.source->output().setSoundHandler([&feed](const std::shared_ptr<SourceSound>& sound) {
             EXPECT_EQ(sound->sampleRate(), 48000);
             feed.soundFrames += sound->frameCount();
         });
@@ -74,7 +74,7 @@ TEST(TestPatternSourceTest, ASourceReleasedFromItsOwnHandlerEndsItsThread) {
     ASSERT_TRUE(*holder);
     auto ended = std::make_shared<Semaphore>();
     std::shared_ptr<void> endsWithTheHandler(nullptr, [ended](void*) { ended->signal(); });
-    (*holder)->setFrameHandler(
+    (*holder)->output().setFrameHandler(
         [holder, endsWithTheHandler](const std::shared_ptr<Picture>&) { holder->reset(); });
     endsWithTheHandler.reset();
     holder.reset();
