@@ -82,6 +82,7 @@ void PlaceConnections::connectPlace(const std::shared_ptr<RecorderPlace>& place)
         auto place = weakPlace.lock();
         if (!place)
             return;
+        place->soundLevels().measure(*sound, time);
         size_t soundIndex = place->receivedSoundAtTime(time);
         if (soundIndex != NoIndex)
             take->appendSound(sound, soundIndex, time);
