@@ -42,29 +42,22 @@ TEST(SoundLevels, ATonesPeakAndRmsReadItsLevelOnEachSide) {
     EXPECT_EQ(reading.lastClip, 0) << "never clipped";
 }
 
-TEST(SoundLevels, EachReadingHoldsOnlyWhatCameSinceTheLast) {
+// A reading holds what came since the last one; when the last block came and clipped stays known.
+TEST(SoundLevels, EachReadingHoldsWhatCameSinceTheLastAndAFullScaleSampleClips) {
     SoundLevels levels;
-    levels.measure(*Sine(480, 0.5f, 0.5f), 1);
-    EXPECT_NEAR(levels.read().peakDecibels(0), 20 * std::log10(0.5), 0.05);
+    levels.measure(*Constant(10, 0.99f), 1);
+    EXPECT_NEAR(levels.read().peakDecibels(0), 20 * std::log10(0.99), 0.01);
     const SoundLevels::Reading nothing = levels.read();
     EXPECT_EQ(nothing.frames[0], 0u);
     EXPECT_EQ(nothing.peakDecibels(0), SoundLevels::Floor);
     EXPECT_EQ(nothing.rmsDecibels(1), SoundLevels::Floor);
-    EXPECT_EQ(nothing.lastSound, 1) << "when the last block came stays known";
+    EXPECT_EQ(nothing.lastSound, 1);
+    EXPECT_EQ(nothing.lastClip, 0) << "0.99 is not a clip";
 
-    levels.measure(*Constant(100, 0), 2);
-    const SoundLevels::Reading silence = levels.read();
-    EXPECT_EQ(silence.frames[1], 100u);
-    EXPECT_EQ(silence.peakDecibels(0), SoundLevels::Floor);
-}
-
-TEST(SoundLevels, AFullScaleSampleIsAClip) {
-    SoundLevels levels;
-    levels.measure(*Constant(10, 0.99f), 1);
-    EXPECT_EQ(levels.read().lastClip, 0);
     levels.measure(*Constant(10, -1.0f), 2);
-    levels.measure(*Constant(10, 0.5f), 3);
+    levels.measure(*Constant(100, 0), 3);
     const SoundLevels::Reading reading = levels.read();
+    EXPECT_EQ(reading.frames[1], 110u);
     EXPECT_EQ(reading.lastClip, 2);
     EXPECT_NEAR(reading.peakDecibels(0), 0, 1e-6);
 }
