@@ -219,6 +219,7 @@ TEST_F(WindowTest, RecordsTwoTestPatternsWithTheRecordButtonAndShowsThemSideBySi
         return true;
     };
     EXPECT_TRUE(waitFor(bothShown, 10));
+    screenshot("window-default-size");
 
     ASSERT_TRUE(waitFor([&] { return _recorder.controller->elapsed() >= 3; }, 30));
     QTest::mouseClick(record, Qt::LeftButton);
@@ -235,9 +236,10 @@ TEST_F(WindowTest, RecordsTwoTestPatternsWithTheRecordButtonAndShowsThemSideBySi
     }
 }
 
-double Median(std::vector<double> values) {
+// The value that `fraction` of `values` are below.
+double Quantile(std::vector<double> values, double fraction) {
     std::sort(values.begin(), values.end());
-    return values.empty() ? 0 : values[values.size() / 2];
+    return values.empty() ? 0 : values[size_t(fraction * double(values.size() - 1))];
 }
 
 bool AllTiles(const PlaceTiles& tiles, PlaceTile::State state) {
@@ -338,7 +340,8 @@ TEST_F(WindowTest, ATakeOfTheThreePatternsShowsLiveTilesTheirSoundAndTheTakeAtAG
     const QString began = timecode->text();
 
     // Every meter reads the patterns' tone at the level it plays, peak and RMS alike, and moves with its
-    // click once a second.
+    // click once a second. (The peak is read between clicks: on a busy machine the patterns' blocks of
+    // sound grow, and more of the readings hold a click.)
     const double tone = 20 * std::log10(double(ToneGenerator::Amplitude));
     std::vector<std::vector<double>> peaks(3), levels(3);
     for (int tick = 0; tick < 60; ++tick) {
@@ -352,13 +355,13 @@ TEST_F(WindowTest, ATakeOfTheThreePatternsShowsLiveTilesTheirSoundAndTheTakeAtAG
         }
     }
     for (size_t i = 0; i < 3; ++i) {
-        EXPECT_NEAR(Median(peaks[i]), tone, 1) << three[i];
-        EXPECT_NEAR(Median(levels[i]), tone, 1) << three[i];
+        EXPECT_NEAR(Quantile(peaks[i], 0.1), tone, 1) << three[i];
+        EXPECT_NEAR(Quantile(levels[i], 0.5), tone, 1) << three[i];
         EXPECT_GT(*std::max_element(peaks[i].begin(), peaks[i].end()), tone + 6) << three[i] << ": the click";
         EXPECT_TRUE(tiles()->tiles()[i]->meter().isVisible());
     }
     EXPECT_NE(timecode->text(), began) << "the timecode runs";
-    EXPECT_TRUE(find<QLabel>("elapsed")->text().startsWith("0:00:0"))
+    EXPECT_TRUE(QRegularExpression("^0:00:\\d\\d$").match(find<QLabel>("elapsed")->text()).hasMatch())
         << find<QLabel>("elapsed")->text().toStdString();
     EXPECT_TRUE(find<QLabel>("disk")->text().endsWith(" min of disk"));
     for (const PlaceTile* tile : tiles()->tiles()) {
