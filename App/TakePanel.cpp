@@ -29,8 +29,9 @@ QString Duration(double seconds) {
         .arg(whole % 60, 2, 10, QChar('0'));
 }
 
-// Figures that a crew reads from across the room: large, each digit as wide as the others.
-QLabel* LargeFigures(QWidget* parent, const char* name) {
+// Figures that a crew reads from across the room: large, each digit as wide as the others, and never cut:
+// the label keeps the room that `widest` needs.
+QLabel* LargeFigures(QWidget* parent, const char* name, const char* widest) {
     auto* label = new QLabel(parent);
     label->setObjectName(name);
     QFont font("DejaVu Sans Mono");
@@ -39,6 +40,7 @@ QLabel* LargeFigures(QWidget* parent, const char* name) {
     font.setBold(true);
     label->setFont(font);
     label->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    label->setMinimumWidth(label->fontMetrics().horizontalAdvance(widest));
     return label;
 }
 
@@ -90,10 +92,10 @@ TakePanel::TakePanel(std::shared_ptr<RecorderController> controller, QWidget* pa
         top->addSpacing(18);
     };
     _elapsedCaption = Caption(this);
-    _elapsed = LargeFigures(this, "elapsed");
+    _elapsed = LargeFigures(this, "elapsed", "00:00:00");
     column(_elapsedCaption, _elapsed);
     _timecodeCaption = Caption(this);
-    _timecode = LargeFigures(this, "timecode");
+    _timecode = LargeFigures(this, "timecode", NoTimecode);
     column(_timecodeCaption, _timecode);
     _state = new QLabel(this);
     _state->setObjectName("state");

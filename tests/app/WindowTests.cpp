@@ -113,6 +113,7 @@ protected:
 
     // The screen as the user sees it, saved as build/screenshots/NAME.png for people to look at.
     QImage screenshot(const char* name) {
+        QTest::qWait(200); // drawn on the screen
         const QImage shot = _window->screen()->grabWindow(_window->winId()).toImage();
         fs::create_directories(QUORVA_SCREENSHOTS);
         EXPECT_TRUE(
@@ -521,6 +522,7 @@ TEST_F(WindowTest, SpeaksFrenchWhenChosenAndRemembersIt) {
     EXPECT_TRUE(find<QLabel>("addPlaceHere")->text().startsWith("Ajoutez une source"));
     EXPECT_TRUE(find<QLabel>("takeSummary")->text().startsWith("Ajoutez des sources"));
     EXPECT_TRUE(find<QLabel>("disk")->text().endsWith(" min de disque"));
+    screenshot("window-idle-fr");
     auto* sources = find<SourcesList>("availableSources");
     EXPECT_TRUE(sources->kindAndDetail(*sources->findItems("Test Pattern 720p30", Qt::MatchExactly).value(0))
                     .startsWith("Mire · "));
