@@ -1,8 +1,11 @@
 #include "App/MainWindow.h"
 #include "App/Language.h"
+#include "App/PlaceTiles.h"
 #include "App/Preview.h"
 #include "App/ReleaseIdentity.h"
+#include "App/SourcesList.h"
 #include "App/Startup.h"
+#include "App/TakePanel.h"
 #include "App/UpdateDialog.h"
 #include "App/Updates.h"
 #include "updater/QuorvaUpdater.h"
@@ -11,9 +14,9 @@
 #include "core/control/RecorderController.h"
 #include "core/movie/MovieRecorderSettings.h"
 #include "core/movie/TakeNaming.h"
+#include "platform/MediaClock.h"
 #include "remote/RecorderNetwork.h"
 
-#include <QAbstractItemModel>
 #include <QActionGroup>
 #include <QButtonGroup>
 #include <QCheckBox>
@@ -29,13 +32,13 @@
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QLineEdit>
-#include <QListWidget>
 #include <QMenuBar>
 #include <QMessageBox>
 #include <QPointer>
 #include <QPushButton>
 #include <QSpinBox>
 #include <QSplitter>
+#include <QStackedWidget>
 #include <QStatusBar>
 #include <QTextBrowser>
 #include <QToolButton>
@@ -80,14 +83,6 @@ void ShowText(QLineEdit* edit, const QString& text) {
     edit->setText(text);
 }
 
-QString Duration(double seconds) {
-    const auto whole = int64_t(std::max(0.0, seconds));
-    return QString("%1:%2:%3")
-        .arg(whole / 3600)
-        .arg(whole / 60 % 60, 2, 10, QChar('0'))
-        .arg(whole % 60, 2, 10, QChar('0'));
-}
-
 } // namespace
 
 MainWindow::MainWindow(std::shared_ptr<RecorderController> controller,
@@ -105,6 +100,14 @@ MainWindow::MainWindow(std::shared_ptr<RecorderController> controller,
     buildStatusBar();
     _errorTimer.setSingleShot(true);
     connect(&_errorTimer, &QTimer::timeout, this, [this] { _error->clear(); });
+    // The meters read what the sound's threads measured since the last tick: drawing them costs the
+    // take nothing but these reads.
+    connect(&_meterTimer, &QTimer::timeout, this, [this] {
+        const double now = MediaClock::now();
+        _places->showLevels(now);
+        _takePanel->tick(now);
+    });
+    _meterTimer.start(50);
     _errorsSeen = _controller->errorCount();
     retranslate();
     controllerChanged();
@@ -190,13 +193,9 @@ void MainWindow::updaterChanged() {
 }
 
 QWidget* MainWindow::buildSidebar() {
-    auto* sidebar = new QWidget(this);
-    auto* layout = new QVBoxLayout(sidebar);
-
-    _sourcesBox = new QGroupBox(sidebar);
+    _sourcesBox = new QGroupBox(this);
     auto* sources = new QVBoxLayout(_sourcesBox);
-    _available = new QListWidget(_sourcesBox);
-    _available->setObjectName("availableSources");
+    _available = new SourcesList(_sourcesBox);
     _addButton = new QPushButton(_sourcesBox);
     _addButton->setObjectName("addSource");
     auto add = [this] {
@@ -207,32 +206,8 @@ QWidget* MainWindow::buildSidebar() {
     connect(_available, &QListWidget::itemDoubleClicked, this, add);
     sources->addWidget(_available);
     sources->addWidget(_addButton);
-
-    _placesBox = new QGroupBox(sidebar);
-    auto* places = new QVBoxLayout(_placesBox);
-    _places = new QListWidget(_placesBox);
-    _places->setObjectName("places");
-    _places->setDragDropMode(QAbstractItemView::InternalMove);
-    _places->setDefaultDropAction(Qt::MoveAction);
-    connect(
-        _places->model(), &QAbstractItemModel::rowsMoved, this,
-        [this](const QModelIndex&, int start, int, const QModelIndex&, int row) {
-            placesReordered(start, row);
-        },
-        Qt::QueuedConnection);
-    _removeButton = new QPushButton(_placesBox);
-    _removeButton->setObjectName("removePlace");
-    connect(_removeButton, &QPushButton::clicked, this, [this] {
-        if (int row = _places->currentRow(); row >= 0)
-            _controller->removeSourceAtPlace(row + 1);
-    });
-    places->addWidget(_places);
-    places->addWidget(_removeButton);
-
-    layout->addWidget(_sourcesBox, 1);
-    layout->addWidget(_placesBox, 1);
-    sidebar->setMinimumWidth(260);
-    return sidebar;
+    _sourcesBox->setMinimumWidth(260);
+    return _sourcesBox;
 }
 
 QWidget* MainWindow::buildInspector() {
@@ -312,7 +287,18 @@ QWidget* MainWindow::buildInspector() {
 QWidget* MainWindow::buildCentre() {
     auto* centre = new QWidget(this);
     auto* layout = new QVBoxLayout(centre);
+    _takePanel = new TakePanel(_controller, centre);
+    layout->addWidget(_takePanel);
+
     std::weak_ptr<RecorderController> weak = _controller;
+    _monitorStack = new QStackedWidget(centre);
+    _monitorHint = new QLabel(_monitorStack);
+    _monitorHint->setObjectName("monitorHint");
+    _monitorHint->setAlignment(Qt::AlignCenter);
+    _monitorHint->setWordWrap(true);
+    _monitorHint->setMargin(24);
+    _monitorHint->setStyleSheet("QLabel { background-color: black; color: #d8d8d8; font-size: 15pt; }");
+    _monitorStack->addWidget(_monitorHint);
     _monitor = PreviewView::make(
         _controller->engine(),
         [weak] {
@@ -323,10 +309,11 @@ QWidget* MainWindow::buildCentre() {
             if (auto controller = weak.lock())
                 controller->setMonitorWatched(watched);
         },
-        _controller->displayIsLimited(), centre);
+        _controller->displayIsLimited(), _monitorStack);
     _monitor->setObjectName("monitor");
-    _monitor->setMinimumSize(480, 270);
-    layout->addWidget(_monitor, 1);
+    _monitorStack->addWidget(_monitor);
+    _monitorStack->setMinimumSize(480, 270);
+    layout->addWidget(_monitorStack, 1);
 
     auto* bar = new QHBoxLayout;
     _take = new QLabel(centre);
@@ -342,26 +329,25 @@ QWidget* MainWindow::buildCentre() {
     }
     connect(_layoutPicker, &QButtonGroup::idClicked, this,
             [this](int id) { _controller->setLayout(NameOf(LayoutKind(id))); });
-    _record = new QPushButton(centre);
-    _record->setObjectName("record");
-    _record->setMinimumWidth(140);
-    _record->setFocusPolicy(Qt::NoFocus); // Space belongs to the record action, not to a focused button
-    connect(_record, &QPushButton::clicked, this, [this] { _controller->toggle(); });
     bar->addWidget(_take, 1);
-    bar->addWidget(_record);
     layout->addLayout(bar);
+
+    _placesBox = new QGroupBox(centre);
+    auto* places = new QVBoxLayout(_placesBox);
+    places->setContentsMargins(4, 4, 4, 4);
+    _places = new PlaceTiles(_controller, _placesBox);
+    places->addWidget(_places);
+    layout->addWidget(_placesBox);
     return centre;
 }
 
 void MainWindow::buildStatusBar() {
-    for (QLabel** label : {&_state, &_elapsed, &_frames, &_file, &_error, &_disk, &_ndi, &_ports}) {
+    for (QLabel** label : {&_file, &_error, &_ndi, &_ports}) {
         *label = new QLabel(this);
         statusBar()->addWidget(*label, label == &_file || label == &_error ? 1 : 0);
     }
-    _state->setObjectName("state");
     _error->setObjectName("error");
     _error->setStyleSheet("color: #d33;");
-    _disk->setObjectName("disk");
 }
 
 void MainWindow::retranslate() {
@@ -388,8 +374,8 @@ void MainWindow::retranslate() {
     _sourcesBox->setTitle(tr("Sources"));
     _addButton->setText(tr("Add to the Places"));
     _placesBox->setTitle(tr("Places"));
-    _placesBox->setToolTip(tr("Drag a place to change the order"));
-    _removeButton->setText(tr("Remove"));
+    _monitorHint->setText(tr("No source is recorded yet.\n\nAdd one: double-click it in the list of "
+                             "sources, or drag it onto the places below."));
 
     _inspectorBox->setTitle(tr("Settings"));
     const QString labels[] = {tr("Codec"),    tr("Width"),  tr("Height"), tr("Frame rate"),
@@ -429,59 +415,17 @@ void MainWindow::changeEvent(QEvent* event) {
 
 void MainWindow::controllerChanged() {
     _monitor->setLimited(_controller->displayIsLimited());
-    showSources();
+    _available->showSources(_controller->availableSources());
     showPlaces();
     showSettings();
     showStatus();
 }
 
-void MainWindow::showSources() {
-    const auto& sources = _controller->availableSources();
-    bool same = int(sources.size()) == _available->count();
-    for (size_t i = 0; same && i < sources.size(); ++i)
-        same = _available->item(int(i))->data(Qt::UserRole).toString() == Text(sources[i].title());
-    if (same)
-        return; // keeps the selection
-    _available->clear();
-    for (const SourceDescription& source : sources) {
-        auto* item = new QListWidgetItem(Text(source.title() + "\n" + SourceKindName(source.kind()) +
-                                              (source.detail().empty() ? "" : " · " + source.detail())));
-        item->setData(Qt::UserRole, Text(source.title()));
-        _available->addItem(item);
-    }
-}
-
 void MainWindow::showPlaces() {
-    const Places& places = _controller->places();
-    const int selected = _places->currentRow();
-    if (_places->count() != int(places.size())) {
-        _places->clear();
-        for (size_t i = 0; i < places.size(); ++i)
-            _places->addItem(new QListWidgetItem);
-    }
-    for (size_t i = 0; i < places.size(); ++i) {
-        const RecorderPlace& place = *places[i];
-        QString state = place.isOnline() ? tr("online · %1 fps · %2 × %3")
-                                               .arg(std::round(place.fps()))
-                                               .arg(place.width())
-                                               .arg(place.height())
-                                         : tr("offline");
-        _places->item(int(i))->setText(QString("%1  %2\n     %3").arg(i + 1).arg(Text(place.title()), state));
-        _places->item(int(i))->setData(Qt::UserRole, Text(place.title()));
-    }
-    if (selected >= 0 && selected < _places->count())
-        _places->setCurrentRow(selected);
-    const bool canChange = !_controller->isRecording();
-    _places->setDragEnabled(canChange);
-    _addButton->setEnabled(canChange);
-    _removeButton->setEnabled(canChange);
-}
-
-void MainWindow::placesReordered(int from, int row) {
-    // The list has moved the item already; the controller moves the place, and the list shows its order.
-    const int to = row > from ? row - 1 : row;
-    if (!_controller->moveSourceFromPlace(from + 1, to + 1))
-        showPlaces();
+    _places->showPlaces();
+    _monitorStack->setCurrentWidget(_controller->places().empty() ? static_cast<QWidget*>(_monitorHint)
+                                                                  : _monitor);
+    _addButton->setEnabled(!_controller->isRecording());
 }
 
 void MainWindow::showSettings() {
@@ -521,18 +465,8 @@ void MainWindow::showSettings() {
 
 void MainWindow::showStatus() {
     const RecorderState state = _controller->state();
-    const QString states[] = {tr("Idle"), tr("Recording"), tr("Finishing")};
-    _state->setText(states[int(state)]);
-    _record->setText(state == RecorderState::Idle ? tr("Record") : tr("Stop"));
-    _record->setEnabled(state != RecorderState::Finishing);
+    _takePanel->showTake();
     _recordAction->setText(state == RecorderState::Idle ? tr("Start &Recording") : tr("Stop &Recording"));
-    _elapsed->setText(Duration(_controller->elapsed()));
-    QString frames = tr("%1 frames, %2 dropped").arg(_controller->frames()).arg(_controller->dropped());
-    // A take that asked more than this computer encodes keeps saying what it chose for as long as its
-    // figures are shown.
-    if (const double rate = _controller->loweredAssembledRate(); rate > 0)
-        frames += " · " + tr("assembled movie at %1 frames a second").arg(rate);
-    _frames->setText(frames);
     _file->setText(Text(_controller->file()));
     const QString name = _controller->name().empty() ? tr("named after the date") : Text(_controller->name());
     _take->setText(tr("Take %1 in %2").arg(name, Text(_controller->folder())));
@@ -541,12 +475,6 @@ void MainWindow::showStatus() {
         _error->setText(Text(_controller->error()));
         _errorTimer.start(ErrorDisplayMilliseconds);
     }
-    const double minutes = _controller->diskMinutes();
-    _disk->setText(tr("%1 min of disk")
-                       .arg(minutes < 100 ? QString::number(minutes, 'f', 1)
-                                          : QString::number(std::floor(minutes), 'f', 0)));
-    // Red once the disk holds less than the recorder warns about.
-    _disk->setStyleSheet(minutes < RecorderController::DiskWarningMinutes ? "color: #d33;" : QString());
     _reportAction->setEnabled(!_controller->lastReport().empty());
     _ndi->setText(_controller->ndiAvailable() ? tr("NDI on") : tr("NDI off"));
     _ndi->setToolTip(Text(_controller->ndiReason()));

@@ -13,24 +13,28 @@ class QDoubleSpinBox;
 class QGroupBox;
 class QLabel;
 class QLineEdit;
-class QListWidget;
 class QMenu;
 class QPushButton;
 class QSpinBox;
+class QStackedWidget;
 
 namespace quorva {
 
+class PlaceTiles;
 class PreviewView;
 class QuorvaUpdater;
+class SourcesList;
+class TakePanel;
 class RecorderController;
 class UpdateDialog;
 class RecorderNetwork;
 class SettingsStore;
 
-// The window: the sources that can be recorded and the places that hold the chosen ones, an inspector
-// of every setting, the monitor, the take bar with the record button, the status bar and the menus. It
+// The window: the sources that can be recorded, the take at a glance with the record button, the
+// monitor, the places as live tiles, an inspector of every setting, the status bar and the menus. It
 // follows the controller's change notifications and changes the controller only through its setters,
-// so that the window, OSC and the command line always agree. Main thread only.
+// so that the window, OSC and the command line always agree; the sound meters and the running time are
+// polled on a timer of their own. Main thread only.
 class MainWindow final : public QMainWindow {
     Q_OBJECT
 
@@ -58,7 +62,6 @@ private:
     void retranslate();
     // Shows what the controller holds now.
     void controllerChanged();
-    void showSources();
     void showPlaces();
     void showSettings();
     void showStatus();
@@ -69,8 +72,6 @@ private:
     void chooseLanguage(const QString& code);
     // Shows the updater's state: its menu items, and the update sheet while it is presented.
     void updaterChanged();
-    // The list moved the place at `from` to before `row`.
-    void placesReordered(int from, int row);
 
     const std::shared_ptr<RecorderController> _controller;
     const std::shared_ptr<RecorderNetwork> _network;
@@ -80,6 +81,8 @@ private:
     uint64_t _observer = 0;
     uint64_t _errorsSeen = 0;
     QTimer _errorTimer;
+    // The meters and the running time and timecode, twenty times a second.
+    QTimer _meterTimer;
 
     QMenu *_fileMenu = nullptr, *_recordingMenu = nullptr, *_languageMenu = nullptr, *_helpMenu = nullptr;
     QAction *_chooseFolderAction = nullptr, *_networkAction = nullptr, *_quitAction = nullptr,
@@ -89,8 +92,9 @@ private:
     std::vector<QAction*> _languageActions;
 
     QGroupBox *_sourcesBox = nullptr, *_placesBox = nullptr, *_inspectorBox = nullptr;
-    QListWidget *_available = nullptr, *_places = nullptr;
-    QPushButton *_addButton = nullptr, *_removeButton = nullptr;
+    SourcesList* _available = nullptr;
+    QPushButton* _addButton = nullptr;
+    PlaceTiles* _places = nullptr;
 
     std::vector<QLabel*> _inspectorLabels;
     QComboBox *_codec = nullptr, *_output = nullptr, *_layout = nullptr, *_sound = nullptr;
@@ -100,13 +104,15 @@ private:
     QLineEdit *_name = nullptr, *_folder = nullptr;
     QPushButton* _folderButton = nullptr;
 
+    TakePanel* _takePanel = nullptr;
+    // The monitor, or while there is no place, what to do to fill it.
+    QStackedWidget* _monitorStack = nullptr;
+    QLabel* _monitorHint = nullptr;
     PreviewView* _monitor = nullptr;
     QLabel* _take = nullptr;
-    QPushButton* _record = nullptr;
     QButtonGroup* _layoutPicker = nullptr;
 
-    QLabel *_state = nullptr, *_elapsed = nullptr, *_frames = nullptr, *_file = nullptr, *_error = nullptr,
-           *_ndi = nullptr, *_ports = nullptr, *_disk = nullptr;
+    QLabel *_file = nullptr, *_error = nullptr, *_ndi = nullptr, *_ports = nullptr;
 };
 
 } // namespace quorva

@@ -108,6 +108,15 @@ int main(int argc, char** argv) {
                         (unsigned long long)controller.dropped(),
                         controller.recordingError().empty() ? "no error"
                                                             : controller.recordingError().c_str());
+            // What each movie of the take holds against what it was due: the window must take nothing
+            // from the take.
+            for (const auto& movie : controller.moviesOfTheTake())
+                std::printf("    %-28s %5llu written of %5llu due, %4llu held, %4llu dropped\n",
+                            movie->sourceTitle().empty() ? "assembled" : movie->sourceTitle().c_str(),
+                            (unsigned long long)movie->framesWritten(),
+                            (unsigned long long)controller.framesDue(*movie),
+                            (unsigned long long)movie->framesHeld(),
+                            (unsigned long long)movie->framesDropped());
             RunFor(1);
             meter.restart();
         }

@@ -68,14 +68,6 @@
         <translation>Emplacements</translation>
     </message>
     <message>
-        <source>Drag a place to change the order</source>
-        <translation>Faites glisser un emplacement pour changer l’ordre</translation>
-    </message>
-    <message>
-        <source>Remove</source>
-        <translation>Retirer</translation>
-    </message>
-    <message>
         <source>Settings</source>
         <translation>Réglages</translation>
     </message>
@@ -192,14 +184,6 @@
         <translation>Focus</translation>
     </message>
     <message>
-        <source>online · %1 fps · %2 × %3</source>
-        <translation>en ligne · %1 im/s · %2 × %3</translation>
-    </message>
-    <message>
-        <source>offline</source>
-        <translation>hors ligne</translation>
-    </message>
-    <message>
         <source>No sound</source>
         <translation>Pas de son</translation>
     </message>
@@ -208,40 +192,12 @@
         <translation>Le son de l’ordinateur</translation>
     </message>
     <message>
-        <source>Idle</source>
-        <translation>Au repos</translation>
-    </message>
-    <message>
-        <source>Recording</source>
-        <translation>Enregistrement</translation>
-    </message>
-    <message>
-        <source>Finishing</source>
-        <translation>Finalisation</translation>
-    </message>
-    <message>
-        <source>Record</source>
-        <translation>Enregistrer</translation>
-    </message>
-    <message>
-        <source>Stop</source>
-        <translation>Arrêter</translation>
-    </message>
-    <message>
         <source>Start &amp;Recording</source>
         <translation>Démarrer l’&amp;enregistrement</translation>
     </message>
     <message>
         <source>Stop &amp;Recording</source>
         <translation>Arrêter l’&amp;enregistrement</translation>
-    </message>
-    <message>
-        <source>%1 frames, %2 dropped</source>
-        <translation>%1 images, %2 perdues</translation>
-    </message>
-    <message>
-        <source>assembled movie at %1 frames a second</source>
-        <translation>film assemblé à %1 images par seconde</translation>
     </message>
     <message>
         <source>named after the date</source>
@@ -254,10 +210,6 @@
     <message>
         <source>Open the Last Take&apos;s &amp;Report</source>
         <translation>Ouvrir le &amp;rapport de la dernière prise</translation>
-    </message>
-    <message>
-        <source>%1 min of disk</source>
-        <translation>%1 min de disque</translation>
     </message>
     <message>
         <source>NDI on</source>
@@ -322,6 +274,157 @@
     <message>
         <source>“%1” is not an address of this machine</source>
         <translation>« %1 » n’est pas une adresse de cette machine</translation>
+    </message>
+    <message>
+        <source>No source is recorded yet.
+
+Add one: double-click it in the list of sources, or drag it onto the places below.</source>
+        <translation>Aucune source n’est encore enregistrée.
+
+Ajoutez-en une : double-cliquez dessus dans la liste des sources, ou faites-la glisser sur les emplacements ci-dessous.</translation>
+    </message>
+</context>
+<context>
+    <name>quorva::PlaceTile</name>
+    <message>
+        <source>%1 × %2 · %3 fps</source>
+        <translation>%1 × %2 · %3 i/s</translation>
+    </message>
+    <message>
+        <source>No picture yet</source>
+        <translation>Pas encore d’image</translation>
+    </message>
+    <message>
+        <source>● Live</source>
+        <translation>● En direct</translation>
+    </message>
+    <message>
+        <source>● No signal</source>
+        <translation>● Pas de signal</translation>
+    </message>
+    <message>
+        <source>● Held</source>
+        <translation>● Figée</translation>
+    </message>
+    <message>
+        <source>%1 dropped</source>
+        <translation>%1 perdues</translation>
+    </message>
+    <message>
+        <source>Pictures of this source that its movie dropped in the take</source>
+        <translation>Images de cette source que son film a perdues pendant la prise</translation>
+    </message>
+    <message>
+        <source>Drag to change the order; Delete removes the selected place</source>
+        <translation>Faites glisser pour changer l’ordre ; Suppr retire l’emplacement sélectionné</translation>
+    </message>
+</context>
+<context>
+    <name>quorva::PlaceTiles</name>
+    <message>
+        <source>Add a source: double-click it in the list of sources, or drag it here</source>
+        <translation>Ajoutez une source : double-cliquez dessus dans la liste des sources, ou faites-la glisser ici</translation>
+    </message>
+    <message>
+        <source>Remove the Place</source>
+        <translation>Retirer l’emplacement</translation>
+    </message>
+</context>
+<context>
+    <name>quorva::SoundMeterWidget</name>
+    <message>
+        <source>Sound level in dBFS: solid up to the RMS level, lighter up to the peak, with the highest peak of the last moment written beside it. The red light stays lit for two seconds after the sound clips.</source>
+        <translation>Niveau sonore en dBFS : plein jusqu’au niveau RMS, plus clair jusqu’à la crête, avec la plus haute crête du moment écrite à côté. Le voyant rouge reste allumé deux secondes après un écrêtage.</translation>
+    </message>
+</context>
+<context>
+    <name>quorva::SourcesList</name>
+    <message>
+        <source>NDI</source>
+        <translation>NDI</translation>
+    </message>
+    <message>
+        <source>Test pattern</source>
+        <translation>Mire</translation>
+    </message>
+    <message>
+        <source>PipeWire</source>
+        <translation>PipeWire</translation>
+    </message>
+</context>
+<context>
+    <name>quorva::TakePanel</name>
+    <message>
+        <source>Idle</source>
+        <translation>Au repos</translation>
+    </message>
+    <message>
+        <source>● Recording</source>
+        <translation>● Enregistrement</translation>
+    </message>
+    <message>
+        <source>Finishing…</source>
+        <translation>Finalisation…</translation>
+    </message>
+    <message>
+        <source>Record</source>
+        <translation>Enregistrer</translation>
+    </message>
+    <message>
+        <source>Stop</source>
+        <translation>Arrêter</translation>
+    </message>
+    <message>
+        <source>Starts and stops the take (Space)</source>
+        <translation>Démarre et arrête la prise (Espace)</translation>
+    </message>
+    <message>
+        <source>%1 min of disk</source>
+        <translation>%1 min de disque</translation>
+    </message>
+    <message>
+        <source>Minutes of these movies that the disk of the folder still holds</source>
+        <translation>Minutes de ces films que le disque du dossier peut encore contenir</translation>
+    </message>
+    <message>
+        <source>The computer&apos;s sound</source>
+        <translation>Le son de l’ordinateur</translation>
+    </message>
+    <message>
+        <source>%1 frames, %2 dropped</source>
+        <translation>%1 images, %2 perdues</translation>
+    </message>
+    <message>
+        <source>Add sources to the places, then press Record or Space</source>
+        <translation>Ajoutez des sources aux emplacements, puis appuyez sur Enregistrer ou Espace</translation>
+    </message>
+    <message>
+        <source>Last take “%1” · movies: %2 · pictures: %3 written, %4 held, %5 dropped</source>
+        <translation>Dernière prise « %1 » · films : %2 · images : %3 écrites, %4 figées, %5 perdues</translation>
+    </message>
+    <message>
+        <source>assembled movie at %1 frames a second</source>
+        <translation>film assemblé à %1 images par seconde</translation>
+    </message>
+    <message>
+        <source>Open the Report</source>
+        <translation>Ouvrir le rapport</translation>
+    </message>
+    <message>
+        <source>Last take lasted</source>
+        <translation>Durée de la dernière prise</translation>
+    </message>
+    <message>
+        <source>Elapsed</source>
+        <translation>Écoulé</translation>
+    </message>
+    <message>
+        <source>Its timecode began at</source>
+        <translation>Son timecode a commencé à</translation>
+    </message>
+    <message>
+        <source>Timecode</source>
+        <translation>Timecode</translation>
     </message>
 </context>
 <context>

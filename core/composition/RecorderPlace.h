@@ -4,6 +4,7 @@
 #include "core/source/FrameSource.h"
 #include "core/source/Geometry.h"
 #include "core/source/NoIndex.h"
+#include "core/source/SoundLevels.h"
 #include "platform/Picture.h"
 
 #include <cstdint>
@@ -73,6 +74,9 @@ public:
     // "" until a source of this title has been connected.
     std::string kindName() const;
 
+    // How loud the place's sound is: every block measured on the source's thread as it passes to the take.
+    SoundLevels& soundLevels() const { return _soundLevels; }
+
     // Main thread only.
     bool inTake() const { return _inTake; }
     void setInTake(bool inTake) { _inTake = inTake; }
@@ -108,6 +112,7 @@ private:
     int64_t _kind = 0;
     double _checkTime = 0;
     uint64_t _silentChecks = 0;
+    mutable SoundLevels _soundLevels;
 };
 
 // The places of the recorder, in order. A list is only ever replaced as a whole, never changed in place,

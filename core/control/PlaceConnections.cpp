@@ -81,6 +81,7 @@ void PlaceConnections::connectPlace(const std::shared_ptr<RecorderPlace>& place)
         auto place = weakPlace.lock();
         if (!place)
             return;
+        place->soundLevels().measure(*sound, time);
         take->appendSound(sound, place->receivedSoundAtTime(time), time);
     });
     place->setSource(std::move(source));

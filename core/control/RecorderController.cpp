@@ -140,9 +140,12 @@ RecorderController::RecorderController(Private, std::shared_ptr<PictureEngine> e
       _settings(_defaults) {
     if (_computerSound) {
         // Holds the take, not the controller: the sound's thread never reaches the controller.
-        _computerSound->output().setSoundHandler([take = _take](const std::shared_ptr<SourceSound>& sound) {
-            take->appendComputerSound(sound, MediaClock::now());
-        });
+        _computerSound->output().setSoundHandler(
+            [take = _take, levels = _computerSoundLevels](const std::shared_ptr<SourceSound>& sound) {
+                const double time = MediaClock::now();
+                levels->measure(*sound, time);
+                take->appendComputerSound(sound, time);
+            });
     }
     _availableSources = sourcesOf(*_directory);
     // Titles are taken as saved, offline or not: a source that is not offered now may come back.

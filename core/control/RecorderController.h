@@ -9,6 +9,7 @@
 #include "core/movie/EncoderSpeed.h"
 #include "core/movie/Take.h"
 #include "core/source/NoIndex.h"
+#include "core/source/SoundLevels.h"
 #include "core/source/SoundSource.h"
 #include "core/source/SourceDescription.h"
 #include "core/source/SourceDirectory.h"
@@ -215,6 +216,11 @@ public:
     uint64_t assembledDropped() const;
     double assembledSoundWritten() const;
     double soundLeftOut() const; // seconds, over every movie of the take
+    // The local time of day at the last take's time 0, in seconds since midnight, where its timecode
+    // begins; negative before any take.
+    double timeOfDay() const { return _timeOfDay; }
+    // How loud the computer's sound is, measured as its blocks go to the take; read by one reader.
+    SoundLevels& computerSoundLevels() const { return *_computerSoundLevels; }
     // The page that reports on the last take, beside its movies ("<stem>.html", with "<stem>.json"
     // beside it); empty until a take has one.
     const std::string& lastReport() const { return _lastReport; }
@@ -265,6 +271,7 @@ private:
     const std::shared_ptr<PictureEngine> _engine;
     const std::shared_ptr<SourceDirectory> _directory;
     const std::shared_ptr<SoundSource> _computerSound;
+    const std::shared_ptr<SoundLevels> _computerSoundLevels = std::make_shared<SoundLevels>();
     const std::shared_ptr<SettingsStore> _defaults;
     const std::shared_ptr<Take> _take;
     const std::shared_ptr<CompositionScheduler> _composition;

@@ -2,36 +2,53 @@
 // real controller and encoders, clicks on its widgets and screenshots of the screen.
 #include "App/Language.h"
 #include "App/MainWindow.h"
+#include "App/PlaceTile.h"
+#include "App/PlaceTiles.h"
 #include "App/Preview.h"
 #include "App/QtEventLoop.h"
 #include "App/SettingsMigration.h"
+#include "App/SoundMeterWidget.h"
+#include "App/SourcesList.h"
 #include "App/Startup.h"
+#include "App/TakePanel.h"
 #include "App/Updates.h"
 
 #include "core/control/RecorderController.h"
+#include "platform/MediaClock.h"
 #include "platform/SettingsStore.h"
 #include "remote/RecorderNetwork.h"
+#include "sources/ToneGenerator.h"
+#include "tests/Processes.h"
 #include "tests/app/QtTesting.h"
 #include "tests/core/MovieReading.h"
 #include "tests/updater/ReleaseTesting.h"
 #include "updater/QuorvaUpdater.h"
 
+#include <QDesktopServices>
 #include <QDialog>
 #include <QDialogButtonBox>
 #include <QLabel>
 #include <QLineEdit>
 #include <QListWidget>
 #include <QMenuBar>
+#include <QMimeData>
 #include <QPushButton>
+#include <QRegularExpression>
 #include <QScreen>
+#include <QScrollBar>
 #include <QTest>
+#include <QTextBrowser>
 #include <QToolButton>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <sstream>
 
 namespace quorva {
 namespace {
@@ -87,6 +104,51 @@ protected:
         return condition();
     }
 
+    // The window at the size a crew's screen gives it, drawn, and active, as the keyboard needs it.
+    void showLarge() {
+        _window->resize(1600, 1000);
+        QApplication::setActiveWindow(_window.get());
+        QTest::qWait(300);
+    }
+
+    // The screen as the user sees it, saved as build/screenshots/NAME.png for people to look at.
+    QImage screenshot(const char* name) {
+        QTest::qWait(200); // drawn on the screen
+        const QImage shot = _window->screen()->grabWindow(_window->winId()).toImage();
+        fs::create_directories(QUORVA_SCREENSHOTS);
+        EXPECT_TRUE(
+            shot.save(QString::fromStdString((fs::path(QUORVA_SCREENSHOTS) / name).string() + ".png")));
+        return shot;
+    }
+
+    PlaceTiles* tiles() { return find<PlaceTiles>("places"); }
+
+    std::vector<std::string> tileTitles() {
+        std::vector<std::string> titles;
+        for (const PlaceTile* tile : tiles()->tiles())
+            titles.push_back(tile->place()->title());
+        return titles;
+    }
+
+    // Drops `data` onto the tiles at `point` (in the row of tiles), as a drag from the window would.
+    void dropOnTiles(QMimeData* data, QPoint point) {
+        PlaceTiles* row = tiles();
+        const QPoint at = row->widget()->mapTo(row->viewport(), point);
+        QDragEnterEvent enter(at, Qt::CopyAction | Qt::MoveAction, data, Qt::LeftButton, Qt::NoModifier);
+        QCoreApplication::sendEvent(row->viewport(), &enter);
+        ASSERT_TRUE(enter.isAccepted());
+        QDropEvent drop(at, Qt::CopyAction | Qt::MoveAction, data, Qt::LeftButton, Qt::NoModifier);
+        QCoreApplication::sendEvent(row->viewport(), &drop);
+        QCoreApplication::processEvents();
+    }
+
+    std::vector<std::string> placeTitles() {
+        std::vector<std::string> titles;
+        for (const auto& place : _recorder.controller->places())
+            titles.push_back(place->title());
+        return titles;
+    }
+
     const fs::path _home = fs::path(::testing::TempDir()) / ("window-" + std::to_string(::getpid()));
     testing::ReleaseServer _releases;
     RunningRecorder _recorder;
@@ -120,7 +182,7 @@ TEST_F(WindowTest, RecordsTwoTestPatternsWithTheRecordButtonAndShowsThemSideBySi
         available->setCurrentItem(items.front());
         QTest::mouseClick(find<QPushButton>("addSource"), Qt::LeftButton);
     }
-    EXPECT_EQ(find<QListWidget>("places")->count(), 2);
+    EXPECT_EQ(tiles()->tiles().size(), 2u);
     auto* folder = find<QLineEdit>("folder");
     folder->setFocus();
     folder->selectAll();
@@ -158,6 +220,7 @@ TEST_F(WindowTest, RecordsTwoTestPatternsWithTheRecordButtonAndShowsThemSideBySi
         return true;
     };
     EXPECT_TRUE(waitFor(bothShown, 10));
+    screenshot("window-default-size");
 
     ASSERT_TRUE(waitFor([&] { return _recorder.controller->elapsed() >= 3; }, 30));
     QTest::mouseClick(record, Qt::LeftButton);
@@ -174,6 +237,279 @@ TEST_F(WindowTest, RecordsTwoTestPatternsWithTheRecordButtonAndShowsThemSideBySi
     }
 }
 
+// The value that `fraction` of `values` are below.
+double Quantile(std::vector<double> values, double fraction) {
+    std::sort(values.begin(), values.end());
+    return values.empty() ? 0 : values[size_t(fraction * double(values.size() - 1))];
+}
+
+bool AllTiles(const PlaceTiles& tiles, PlaceTile::State state) {
+    return !tiles.tiles().empty() &&
+           std::all_of(tiles.tiles().begin(), tiles.tiles().end(),
+                       [&](const PlaceTile* tile) { return tile->state() == state; });
+}
+
+TEST_F(WindowTest, AnEmptyWindowSaysWhatToDoAndShowsEachSourceWhole) {
+    showLarge();
+    auto* hint = find<QLabel>("monitorHint");
+    EXPECT_TRUE(hint->isVisible());
+    EXPECT_TRUE(hint->text().contains("double-click it in the list of sources"))
+        << hint->text().toStdString();
+    EXPECT_FALSE(find<QWidget>("monitor")->isVisible()) << "nothing to show, so nothing composed";
+    EXPECT_TRUE(tiles()->tiles().empty());
+    EXPECT_TRUE(find<QLabel>("addPlaceHere")->isVisible());
+    EXPECT_EQ(find<QLabel>("timecode")->text(), "--:--:--:--");
+    EXPECT_TRUE(find<QLabel>("takeSummary")->text().contains("press Record"));
+
+    // Every source whole, its kind and detail under its title, wrapped rather than cut or scrolled.
+    auto* sources = find<SourcesList>("availableSources");
+    ASSERT_GE(sources->count(), 3);
+    EXPECT_FALSE(sources->horizontalScrollBar()->isVisible());
+    QFont bold = sources->font();
+    bold.setBold(true);
+    for (int i = 0; i < sources->count(); ++i) {
+        const QListWidgetItem& item = *sources->item(i);
+        const QRect shown = sources->visualItemRect(&item);
+        EXPECT_LE(shown.right(), sources->viewport()->width()) << item.text().toStdString();
+        const QString detail = sources->kindAndDetail(item);
+        if (item.text().startsWith("Test Pattern")) {
+            EXPECT_TRUE(detail.startsWith("Test pattern · ") && detail.contains(" × "))
+                << detail.toStdString();
+        }
+        const QRect wrap(0, 0, shown.width() - 10, 10000);
+        const int needed =
+            QFontMetrics(bold).boundingRect(wrap, Qt::TextWordWrap, item.text()).height() +
+            QFontMetrics(sources->font()).boundingRect(wrap, Qt::TextWordWrap, detail).height();
+        EXPECT_GE(shown.height(), needed) << item.text().toStdString();
+    }
+    screenshot("window-idle");
+}
+
+TEST_F(WindowTest, ATakeOfTheThreePatternsShowsLiveTilesTheirSoundAndTheTakeAtAGlance) {
+    showLarge();
+    _recorder.controller->setFolder((_home / "movies").string());
+    auto* sources = find<SourcesList>("availableSources");
+    auto item = [&](const char* title) {
+        const auto items = sources->findItems(title, Qt::MatchExactly);
+        EXPECT_EQ(items.size(), 1) << title;
+        return items.value(0);
+    };
+    // A double-click adds a source; one dragged onto the tiles goes where it is dropped; the button adds
+    // the selected one.
+    QListWidgetItem* first = item("Test Pattern 720p30");
+    ASSERT_TRUE(first);
+    // (A double-click comes after the press of its first click.)
+    QTest::mouseClick(sources->viewport(), Qt::LeftButton, {}, sources->visualItemRect(first).center());
+    QTest::mouseDClick(sources->viewport(), Qt::LeftButton, {}, sources->visualItemRect(first).center());
+    ASSERT_EQ(placeTitles(), std::vector<std::string>{"Test Pattern 720p30"});
+    {
+        QMimeData dragged;
+        dragged.setData(PlaceTiles::SourceMimeType, "Test Pattern 1080p60");
+        dropOnTiles(&dragged, tiles()->tiles().front()->geometry().topLeft() + QPoint(4, 4));
+    }
+    sources->setCurrentItem(item("Test Pattern Alpha 1080p30"));
+    QTest::mouseClick(find<QPushButton>("addSource"), Qt::LeftButton);
+    const std::vector<std::string> three = {"Test Pattern 1080p60", "Test Pattern 720p30",
+                                            "Test Pattern Alpha 1080p30"};
+    ASSERT_EQ(placeTitles(), three);
+    EXPECT_EQ(tileTitles(), three);
+    EXPECT_FALSE(find<QLabel>("monitorHint")->isVisible());
+    EXPECT_TRUE(find<QWidget>("monitor")->isVisible());
+    // Each tile live, with its sound, before anything records.
+    ASSERT_TRUE(waitFor(
+        [&] {
+            return AllTiles(*tiles(), PlaceTile::State::Live) &&
+                   std::all_of(tiles()->tiles().begin(), tiles()->tiles().end(),
+                               [](const PlaceTile* tile) { return tile->hasMeter(); });
+        },
+        20));
+
+    // Space records.
+    tiles()->setFocus();
+    QTest::keyClick(tiles(), Qt::Key_Space);
+    ASSERT_EQ(_recorder.controller->state(), RecorderState::Recording) << _recorder.controller->error();
+    QCoreApplication::processEvents();
+    auto* record = find<QPushButton>("record");
+    EXPECT_EQ(record->text(), "Stop");
+    const QColor button = record->grab().toImage().pixelColor(10, record->height() / 2);
+    EXPECT_TRUE(button.red() > 160 && button.green() < 90 && button.blue() < 90)
+        << "the record button is red while recording, not " << button.name().toStdString();
+    auto* timecode = find<QLabel>("timecode");
+    const QRegularExpression timecodes("^\\d\\d:\\d\\d:\\d\\d[:;]\\d\\d$");
+    ASSERT_TRUE(waitFor([&] { return timecodes.match(timecode->text()).hasMatch(); }, 5))
+        << timecode->text().toStdString();
+    const QString began = timecode->text();
+
+    // Every meter reads the patterns' tone at the level it plays, peak and RMS alike, and moves with its
+    // click once a second. (The peak is read between clicks: on a busy machine the patterns' blocks of
+    // sound grow, and more of the readings hold a click.)
+    const double tone = 20 * std::log10(double(ToneGenerator::Amplitude));
+    std::vector<std::vector<double>> peaks(3), levels(3);
+    for (int tick = 0; tick < 60; ++tick) {
+        QTest::qWait(50);
+        for (size_t i = 0; i < 3; ++i) {
+            const SoundMeterWidget& meter = tiles()->tiles()[i]->meter();
+            for (size_t channel = 0; channel < 2; ++channel) {
+                peaks[i].push_back(meter.peak(channel));
+                levels[i].push_back(meter.rms(channel));
+            }
+        }
+    }
+    for (size_t i = 0; i < 3; ++i) {
+        EXPECT_NEAR(Quantile(peaks[i], 0.1), tone, 1) << three[i];
+        EXPECT_NEAR(Quantile(levels[i], 0.5), tone, 1) << three[i];
+        EXPECT_GT(*std::max_element(peaks[i].begin(), peaks[i].end()), tone + 6) << three[i] << ": the click";
+        EXPECT_TRUE(tiles()->tiles()[i]->meter().isVisible());
+    }
+    EXPECT_NE(timecode->text(), began) << "the timecode runs";
+    EXPECT_TRUE(QRegularExpression("^0:00:\\d\\d$").match(find<QLabel>("elapsed")->text()).hasMatch())
+        << find<QLabel>("elapsed")->text().toStdString();
+    EXPECT_TRUE(find<QLabel>("disk")->text().endsWith(" min of disk"));
+    for (const PlaceTile* tile : tiles()->tiles()) {
+        EXPECT_NE(tile->state(), PlaceTile::State::NoSignal) << tile->place()->title();
+        EXPECT_TRUE(tile->findChild<QLabel*>("tileDropped")->text().endsWith(" dropped"));
+    }
+    screenshot("window-take");
+
+    QTest::mouseClick(record, Qt::LeftButton);
+    ASSERT_TRUE(waitFor([&] { return _recorder.controller->state() == RecorderState::Idle; }, 120));
+    EXPECT_EQ(_recorder.controller->recordingError(), "");
+    EXPECT_TRUE(find<QLabel>("takeSummary")->text().startsWith("Last take “"))
+        << find<QLabel>("takeSummary")->text().toStdString();
+    EXPECT_TRUE(timecodes.match(timecode->text()).hasMatch()) << "where the take's timecode began";
+    auto* report = find<QPushButton>("openReportButton");
+    ASSERT_TRUE(report->isVisible());
+    QCoreApplication::processEvents();
+    screenshot("window-after-take");
+    QTextBrowser opened;
+    QDesktopServices::setUrlHandler("file", &opened, "setSource");
+    QTest::mouseClick(report, Qt::LeftButton);
+    QDesktopServices::unsetUrlHandler("file");
+    EXPECT_EQ(opened.source().toLocalFile().toStdString(), _recorder.controller->lastReport());
+}
+
+TEST_F(WindowTest, TilesAreReorderedByDraggingAndDeleteRemovesTheSelectedPlace) {
+    showLarge();
+    for (const char* title : {"Test Pattern 1080p60", "Test Pattern 720p30", "Test Pattern Alpha 1080p30"})
+        ASSERT_TRUE(_recorder.controller->addSourceMatching(title));
+    QCoreApplication::processEvents();
+    ASSERT_EQ(tiles()->tiles().size(), 3u);
+    // The third tile dragged before the first.
+    {
+        QMimeData dragged;
+        dragged.setData(PlaceTile::MimeType, "2");
+        dropOnTiles(&dragged, tiles()->tiles().front()->geometry().topLeft() + QPoint(4, 4));
+    }
+    const std::vector<std::string> moved = {"Test Pattern Alpha 1080p30", "Test Pattern 1080p60",
+                                            "Test Pattern 720p30"};
+    EXPECT_EQ(placeTitles(), moved);
+    EXPECT_EQ(tileTitles(), moved);
+
+    // Delete in a field edits the field; on the tiles it removes the selected place.
+    auto* name = find<QLineEdit>("name");
+    name->setFocus();
+    QTest::keyClick(name, Qt::Key_Delete);
+    EXPECT_EQ(placeTitles().size(), 3u);
+    PlaceTile* middle = tiles()->tiles()[1];
+    QTest::mouseClick(middle, Qt::LeftButton, {}, QPoint(middle->width() / 2, 8));
+    EXPECT_TRUE(middle->isSelected());
+    QTest::keyClick(middle, Qt::Key_Delete);
+    QCoreApplication::processEvents();
+    EXPECT_EQ(placeTitles(), (std::vector<std::string>{"Test Pattern Alpha 1080p30", "Test Pattern 720p30"}));
+    EXPECT_EQ(tileTitles(), placeTitles());
+}
+
+// gst-launch-1.0 publishing "StageCam" through PipeWire, as another program would, until it is ended.
+struct StageCam {
+    StageCam() {
+        pid = testing::Spawn("exec gst-launch-1.0 videotestsrc pattern=smpte ! "
+                             "video/x-raw,width=320,height=180,framerate=30/1 ! videoconvert ! "
+                             "video/x-raw,format=BGRx ! pipewiresink mode=provide "
+                             "stream-properties=\"props,media.class=Video/Source,node.description=StageCam\" "
+                             ">'" +
+                             log.string() + "' 2>&1");
+    }
+    ~StageCam() {
+        testing::End(pid);
+        fs::remove(log);
+    }
+    // Whether it waits for a stream: GStreamer's pipewiresink may never send to one linked before then.
+    bool waiting() const {
+        std::stringstream text;
+        text << std::ifstream(log).rdbuf();
+        return text.str().find("PREROLLING") != std::string::npos;
+    }
+    const fs::path log = fs::path(::testing::TempDir()) / ("stagecam-" + std::to_string(::getpid()) + ".log");
+    pid_t pid = 0;
+};
+
+// Run inside a PipeWire session of its own (with_pipewire.sh, as CTest runs it).
+TEST_F(WindowTest, APublisherThatStopsMidTakeTurnsItsTileToNoSignalAndBack) {
+    if (!std::getenv("PIPEWIRE_RUNTIME_DIR"))
+        GTEST_SKIP() << "no PipeWire session: run it through tests/sources/with_pipewire.sh";
+    showLarge();
+    _recorder.controller->setFolder((_home / "movies").string());
+    const std::string title = "StageCam - gst-launch-1.0";
+    auto offered = [&] {
+        const auto& sources = _recorder.controller->availableSources();
+        return std::any_of(sources.begin(), sources.end(),
+                           [&](const SourceDescription& source) { return source.title() == title; });
+    };
+    auto camera = std::make_unique<StageCam>();
+    ASSERT_TRUE(waitFor([&] { return offered() && camera->waiting(); }, 20));
+    ASSERT_TRUE(_recorder.controller->addSourceMatching(title));
+    QCoreApplication::processEvents();
+    ASSERT_EQ(tiles()->tiles().size(), 1u);
+    const PlaceTile& tile = *tiles()->tiles().front();
+    ASSERT_TRUE(waitFor([&] { return tile.state() == PlaceTile::State::Live; }, 20));
+    EXPECT_EQ(tile.findChild<QLabel*>("tileState")->text(), "● Live");
+    EXPECT_EQ(tile.findChild<QLabel*>("tileFormat")->text().left(9), "320 × 180");
+
+    QTest::mouseClick(find<QPushButton>("record"), Qt::LeftButton);
+    ASSERT_EQ(_recorder.controller->state(), RecorderState::Recording) << _recorder.controller->error();
+    ASSERT_TRUE(waitFor([&] { return _recorder.controller->elapsed() >= 1; }, 10));
+    camera.reset();
+    ASSERT_TRUE(waitFor([&] { return tile.state() == PlaceTile::State::NoSignal; }, 10));
+    EXPECT_EQ(tile.findChild<QLabel*>("tileState")->text(), "● No signal");
+    screenshot("window-no-signal");
+
+    // A fresh publisher of the same name: GStreamer's pipewiresink sends nothing to a stream linked
+    // again to one that left.
+    camera = std::make_unique<StageCam>();
+    ASSERT_TRUE(waitFor([&] { return tile.state() == PlaceTile::State::Live; }, 30));
+    EXPECT_EQ(tile.findChild<QLabel*>("tileState")->text(), "● Live");
+    EXPECT_EQ(_recorder.controller->state(), RecorderState::Recording) << "the take went on";
+    QTest::mouseClick(find<QPushButton>("record"), Qt::LeftButton);
+    ASSERT_TRUE(waitFor([&] { return _recorder.controller->state() == RecorderState::Idle; }, 60));
+    EXPECT_GT(_recorder.controller->moviesOfTheTake().front()->framesWritten(), 0u);
+}
+
+// The clip light stays lit for two seconds after the sound clipped; without sound the meter empties.
+TEST(SoundMeter, AClipStaysLitTwoSecondsAndSilenceEmptiesTheMeter) {
+    testing::Application();
+    SoundMeterWidget meter;
+    SoundLevels::Reading clipped;
+    clipped.frames = {480, 480};
+    clipped.peak = {1, 0.5f};
+    clipped.meanSquare = {0.5, 0.125};
+    clipped.lastClip = clipped.lastSound = 10;
+    meter.showReading(clipped, 10);
+    EXPECT_TRUE(meter.clipLit());
+    EXPECT_NEAR(meter.peak(0), 0, 0.01);
+    EXPECT_NEAR(meter.rms(1), 20 * std::log10(0.5), 0.01);
+    SoundLevels::Reading nothing;
+    nothing.lastClip = nothing.lastSound = 10;
+    for (double now : {10.5, 11.0, 11.5})
+        meter.showReading(nothing, now);
+    EXPECT_TRUE(meter.clipLit());
+    meter.showReading(nothing, 11.9);
+    EXPECT_TRUE(meter.clipLit());
+    meter.showReading(nothing, 12.1);
+    EXPECT_FALSE(meter.clipLit());
+    EXPECT_LT(meter.peak(0), SoundMeterWidget::Bottom) << "the peak is gone two seconds after the sound";
+    EXPECT_LT(meter.rms(0), -24) << "the RMS level falls as its average over 300 ms does";
+}
+
 TEST_F(WindowTest, SpeaksFrenchWhenChosenAndRemembersIt) {
     auto* record = find<QPushButton>("record");
     EXPECT_EQ(record->text(), "Record");
@@ -181,6 +517,15 @@ TEST_F(WindowTest, SpeaksFrenchWhenChosenAndRemembersIt) {
     QCoreApplication::processEvents();
     EXPECT_EQ(record->text(), "Enregistrer");
     EXPECT_EQ(_window->menuBar()->actions().front()->text(), "&Fichier");
+    EXPECT_TRUE(find<QLabel>("monitorHint")->text().startsWith("Aucune source"))
+        << find<QLabel>("monitorHint")->text().toStdString();
+    EXPECT_TRUE(find<QLabel>("addPlaceHere")->text().startsWith("Ajoutez une source"));
+    EXPECT_TRUE(find<QLabel>("takeSummary")->text().startsWith("Ajoutez des sources"));
+    EXPECT_TRUE(find<QLabel>("disk")->text().endsWith(" min de disque"));
+    screenshot("window-idle-fr");
+    auto* sources = find<SourcesList>("availableSources");
+    EXPECT_TRUE(sources->kindAndDetail(*sources->findItems("Test Pattern 720p30", Qt::MatchExactly).value(0))
+                    .startsWith("Mire · "));
     ASSERT_TRUE(_recorder.defaults->flush());
     EXPECT_EQ(Language::chosen(SettingsStore(ApplicationIdentifier, _home / "config")), "fr");
     Language::choose("en", *_recorder.defaults);
