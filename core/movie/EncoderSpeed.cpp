@@ -1,6 +1,6 @@
 #include "core/movie/EncoderSpeed.h"
 
-#include "core/movie/FFmpegHandles.h"
+#include "core/movie/EncoderSetup.h"
 #include "core/movie/MovieWriter.h"
 #include "platform/Log.h"
 #include "platform/ProcessorTime.h"
@@ -47,12 +47,12 @@ constexpr int HEVCPictures = 12;
 
 // Changing how the speeds are measured (the pictures, the counts, the options) makes remembered speeds
 // incomparable: bump this so that they are measured again.
-constexpr int MeasurementVersion = 1;
+constexpr int MeasurementVersion = 2;
 
 // What presetFor() and speeds() read for `codec`: 0 for H.264, 1 for HEVC (their codec numbers),
 // nothing for ProRes.
 std::optional<size_t> SpeedIndex(Codec codec) {
-    if (codec == Codec::ProRes422 || codec == Codec::ProRes4444)
+    if (IsProRes(codec))
         return std::nullopt;
     return size_t(codec);
 }
@@ -150,43 +150,22 @@ std::vector<MovieFrame> MovingPictures(int count) {
 
 // --- One preset ---------------------------------------------------------------------------------------
 
-// Pixels a second that one thread encodes `pictures` with `preset`, as a movie's encoder is set up but
-// on a single thread; 0 when the encoder does not open or fails.
+// Pixels a second that one thread encodes `pictures` with `preset`, with the encoder set up as a movie's
+// but on a single thread; 0 when the encoder does not open or fails.
 double MeasurePreset(Codec codec, const char* preset, const std::vector<MovieFrame>& pictures) {
-    const AVCodec* encoder = avcodec_find_encoder_by_name(codec == Codec::HEVC ? "libx265" : "libx264");
-    if (!encoder)
-        return 0;
-    CodecContext context(avcodec_alloc_context3(encoder));
     Packet packet(av_packet_alloc());
-    if (!context || !packet)
+    if (!packet)
         return 0;
-    AVCodecContext* c = context.get();
-    c->width = Width;
-    c->height = Height;
-    c->pix_fmt = AV_PIX_FMT_YUV420P;
-    // Time stamps count pictures, as the movies' do.
-    c->framerate = AVRational{int(Rate), 1};
-    c->time_base = av_inv_q(c->framerate);
-    c->bit_rate = MovieBitRate(codec, Width, Height, Rate, 0);
-    c->gop_size = int(2 * Rate);
-    c->max_b_frames = 0;
-    c->thread_count = 1;
-    AVDictionary* options = nullptr;
-    av_dict_set(&options, "preset", preset, 0);
-    // x265 ignores thread_count: without a pool of its own and with one frame thread, it encodes one
-    // thing at a time, on the frame thread it starts. Both keep to errors: the statistics that each
-    // encoder gives at its end would fill the journal.
-    if (codec == Codec::HEVC)
-        av_dict_set(&options, "x265-params", "log-level=error:bframes=0:pools=none:frame-threads=1", 0);
-    else
-        av_dict_set(&options, "x264-params", "log=0", 0);
+    const MovieWriter::Format format{
+        .codec = codec, .width = Width, .height = Height, .framesPerSecond = Rate, .preset = preset};
     const std::set<pid_t> before = ProcessThreads();
-    const int opened = avcodec_open2(c, encoder, &options);
-    av_dict_free(&options);
-    if (opened < 0) {
-        Log(LogPrefix, std::string(encoder->name) + " did not open with the preset " + preset);
+    Result<VideoEncoder> encoder = OpenVideoEncoder(format, EncoderUse::OneProcessorThread);
+    if (!encoder) {
+        Log(LogPrefix, std::string(codec == Codec::HEVC ? "libx265" : "libx264") +
+                           " did not open with the preset " + preset + ": " + encoder.error().message());
         return 0;
     }
+    AVCodecContext* c = encoder.value().context.get();
     // A thread that another part of the process started meanwhile counts too: the safe side.
     std::vector<pid_t> workers = {gettid()};
     for (pid_t thread : ProcessThreads()) {

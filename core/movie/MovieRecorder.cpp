@@ -251,9 +251,8 @@ Result<> MovieRecorder::createWriterForFrameOfWidth(uint64_t width, uint64_t hei
     }
     // The processor's encoders run at a speed preset, which says as much about the movie as their name.
     std::string encoder = writer->encoderName();
-    if (encoder == "libx264" || encoder == "libx265")
-        encoder += " " + (format.preset.empty() ? std::string(encoder == "libx264" ? "veryfast" : "ultrafast")
-                                                : format.preset);
+    if (!writer->encoderPreset().empty())
+        encoder += " " + writer->encoderPreset();
     _writer = std::move(writer);
     _frameFormat = std::move(frameFormat);
     std::lock_guard guard(_lock);

@@ -106,6 +106,8 @@ public:
     const Format& format() const { return _format; }
     // The encoder chosen, such as "libx264", "h264_nvenc" or "prores_ks".
     const std::string& encoderName() const { return _encoderName; }
+    // The speed preset of libx264 and libx265 ("veryfast"); empty for the other encoders.
+    const std::string& encoderPreset() const { return _encoderPreset; }
     // What the pictures must hold: yuv420p for H.264 and HEVC, yuv422p10le for ProRes 422, yuva444p10le
     // for ProRes 4444. Tags: BT.709 primaries, transfer and matrix, limited range.
     AVPixelFormat pixelFormat() const { return _pixelFormat; }
@@ -203,6 +205,7 @@ private:
     std::filesystem::path _path;
     Format _format;
     std::string _encoderName;
+    std::string _encoderPreset;
     AVPixelFormat _pixelFormat = AV_PIX_FMT_NONE;
     FrameFormat _frameFormat;
     std::unique_ptr<State> _state;
