@@ -162,7 +162,8 @@ public:
     int64_t soundInFile() const { return _soundInFile; }
     // Sound frames handed to the sound encoder (silence included), at 48000 a second.
     int64_t soundPosition() const { return _soundPosition; }
-    // The first failure of writing, which every later call answers with.
+    // The first failure of writing, which every later call answers with; null until one comes.
+    const Error* failure() const { return _failure.get(); }
     bool hasFailed() const { return _failure != nullptr; }
 
 private:
