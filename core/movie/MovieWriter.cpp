@@ -2,6 +2,7 @@
 
 #include "core/movie/EncoderSetup.h"
 #include "core/movie/FFmpegHandles.h"
+#include "core/movie/MovieFile.h"
 #include "core/movie/SkipPictures.h"
 #include "core/movie/StandardMovie.h"
 #include "platform/Log.h"
@@ -21,8 +22,6 @@ extern "C" {
 #include <cmath>
 #include <cstring>
 #include <deque>
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace quorva {
@@ -48,34 +47,6 @@ void TagColours(AVFrame* frame) {
     frame->color_trc = AVCOL_TRC_BT709;
     frame->colorspace = AVCOL_SPC_BT709;
     frame->color_range = AVCOL_RANGE_MPEG;
-}
-
-// The file's own output, so that it can be created exclusively (nothing is ever overwritten, even by a
-// file that appeared after the recorder looked) and synced at the end.
-int WriteFile(void* opaque, uint8_t* data, int size) {
-    const int fd = *static_cast<int*>(opaque);
-    int done = 0;
-    while (done < size) {
-        ssize_t n = ::write(fd, data + done, size_t(size - done));
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0)
-            return AVERROR(errno);
-        if (n == 0)
-            return AVERROR(EIO);
-        done += int(n);
-    }
-    return done;
-}
-
-int64_t SeekFile(void* opaque, int64_t offset, int whence) {
-    const int fd = *static_cast<int*>(opaque);
-    if (whence == AVSEEK_SIZE) {
-        struct stat status;
-        return fstat(fd, &status) == 0 ? int64_t(status.st_size) : AVERROR(errno);
-    }
-    off_t position = lseek(fd, offset, whence & ~AVSEEK_FORCE);
-    return position < 0 ? AVERROR(errno) : int64_t(position);
 }
 
 } // namespace
@@ -106,10 +77,8 @@ int64_t MovieBitRate(Codec codec, int64_t width, int64_t height, double framesPe
 }
 
 struct MovieWriter::State {
-    int fd = -1;
-    bool created = false;
+    std::unique_ptr<MovieFile> file;
     AVFormatContext* muxer = nullptr;
-    AVIOContext* io = nullptr;
     CodecContext video;
     CodecContext audio;
     AVStream* videoStream = nullptr;
@@ -152,12 +121,6 @@ struct MovieWriter::State {
         audio.reset();
         if (muxer)
             avformat_free_context(muxer);
-        if (io) {
-            av_freep(&io->buffer);
-            avio_context_free(&io);
-        }
-        if (fd >= 0)
-            ::close(fd);
     }
 
     int64_t soundFrames() const { return int64_t(sound.size() - soundRead) / 2; }
@@ -194,28 +157,14 @@ Result<std::unique_ptr<MovieWriter>> MovieWriter::make(const std::filesystem::pa
 
 Result<> MovieWriter::openFile() {
     State& s = *_state;
-    // Read too: the fragments' headers are read back as they are written (see StandardMovie).
-    s.fd = ::open(_path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    if (s.fd < 0) {
-        if (errno == EEXIST)
-            return RecorderError("“" + _path.filename().string() + "” already exists");
-        Log("MovieRecorder: ", "cannot create " + _path.string() + ": " + std::strerror(errno));
-        return RecorderError("The movie file could not be created");
-    }
-    s.created = true;
-    s.standard = std::make_unique<StandardMovie>(s.fd);
-    constexpr int BufferSize = 1 << 16;
-    auto* buffer = static_cast<unsigned char*>(av_malloc(BufferSize));
-    if (buffer)
-        s.io = avio_alloc_context(buffer, BufferSize, 1, &s.fd, nullptr, WriteFile, SeekFile);
-    if (!s.io) {
-        av_free(buffer);
-        return RecorderError("The movie file could not be created");
-    }
-    s.io->seekable = AVIO_SEEKABLE_NORMAL;
+    Result<std::unique_ptr<MovieFile>> file = MovieFile::create(_path);
+    if (!file)
+        return file.error();
+    s.file = std::move(file.value());
+    s.standard = std::make_unique<StandardMovie>(s.file->descriptor());
     if (avformat_alloc_output_context2(&s.muxer, nullptr, "mov", nullptr) < 0 || !s.muxer)
         return RecorderError("The movie file could not be created");
-    s.muxer->pb = s.io;
+    s.muxer->pb = s.file->io();
     s.muxer->flags |= AVFMT_FLAG_CUSTOM_IO;
     s.packet.reset(av_packet_alloc());
     s.lastPacket.reset(av_packet_alloc());
@@ -365,8 +314,8 @@ Result<> MovieWriter::writeHeader() {
     int result = avformat_write_header(s.muxer, &options);
     av_dict_free(&options);
     if (result >= 0) {
-        avio_flush(s.io);
-        result = s.io->error;
+        const int64_t flushed = s.file->flush();
+        result = flushed < 0 ? int(flushed) : 0;
     }
     if (result < 0) {
         Log("MovieRecorder: ",
@@ -625,8 +574,7 @@ Result<> MovieWriter::cutFragment() {
     for (int calls = s.headerWritten ? 1 : 2; calls > 0; --calls)
         av_write_frame(s.muxer, nullptr);
     s.headerWritten = true;
-    avio_flush(s.io);
-    const int64_t size = s.io->error < 0 ? s.io->error : avio_size(s.io);
+    const int64_t size = s.file->flush();
     if (size < 0)
         return fail("The movie could not be written", int(size));
     s.fileEnd = size;
@@ -763,7 +711,7 @@ Result<> MovieWriter::muxPacket(AVPacket* packet, AVCodecContext* encoder, AVStr
     int result = av_write_frame(s.muxer, packet);
     av_packet_unref(packet);
     if (result >= 0)
-        result = s.io->error;
+        result = s.file->io()->error;
     return result < 0 ? fail("The movie could not be written", result) : Result<>();
 }
 
@@ -797,19 +745,14 @@ Result<> MovieWriter::finish(int64_t endSlot) {
     if (result)
         result = receiveVideoPackets();
     if (result) {
-        int code = av_write_trailer(s.muxer);
-        if (code >= 0) {
-            avio_flush(s.io);
-            code = s.io->error;
-        }
-        if (code >= 0 && ::fsync(s.fd) != 0)
-            code = AVERROR(errno);
-        if (code < 0) {
-            result = fail("The movie could not be finished", code);
+        const int trailer = av_write_trailer(s.muxer);
+        const int64_t end = trailer < 0 ? trailer : s.file->sync();
+        if (end < 0) {
+            result = fail("The movie could not be finished", int(end));
         } else {
             _framesInFile = s.picturesMuxed;
             _soundInFile = std::max<int64_t>(s.soundMuxedEnd, 0);
-            s.fileEnd = avio_size(s.io);
+            s.fileEnd = end;
             makeStandard();
         }
     }
@@ -842,10 +785,9 @@ void MovieWriter::close(bool remove) {
     // no picture and is not kept; after a failure, whatever follows the last one is a piece of the next,
     // which would only trouble a player.
     remove = remove || _framesInFile == 0;
-    if (!remove && _failure && ::ftruncate(_state->fd, _state->fileEnd) != 0)
-        Log("MovieRecorder: ",
-            "cannot cut " + _path.string() + " back to its last fragment: " + std::strerror(errno));
-    const bool created = _state->created;
+    if (!remove && _failure && _state->file)
+        _state->file->cutBackTo(_state->fileEnd);
+    const bool created = _state->file != nullptr;
     _state.reset();
     if (remove && created)
         ::unlink(_path.c_str());
