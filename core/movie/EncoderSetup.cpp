@@ -138,10 +138,11 @@ int OpenEncoder(const EncoderChoice& choice, const MovieWriter::Format& format, 
             av_dict_set(&options, "rc", "vbr", 0);
             av_dict_set_int(&options, "delay", latency, 0);
         } else {
-            const bool oneThread = use == EncoderUse::OneProcessorThread;
-            c->thread_count = oneThread ? 1 : int(format.threads);
+            const bool measuring = use == EncoderUse::SpeedMeasurement;
+            c->thread_count = measuring ? 1 : int(format.threads);
             preset = SoftwarePreset(format);
-            const int lookahead = std::min(latency, PresetLookahead(choice.name, preset));
+            const int lookahead = measuring ? PresetLookahead(choice.name, preset)
+                                            : std::min(latency, PresetLookahead(choice.name, preset));
             av_dict_set(&options, "preset", preset.c_str(), 0);
             // x265 makes a key frame asked for a CRA, whose picture order count goes on from the pictures
             // before, unless its GOPs are closed (which without B frames costs nothing). Where its
@@ -153,7 +154,7 @@ int OpenEncoder(const EncoderChoice& choice, const MovieWriter::Format& format, 
             if (kind == Codec::HEVC)
                 av_dict_set(&options, "x265-params",
                             ("log-level=error:bframes=0:open-gop=0" + tmvp + ":rc-lookahead=" +
-                             std::to_string(lookahead) + (oneThread ? ":pools=none:frame-threads=1" : ""))
+                             std::to_string(lookahead) + (measuring ? ":pools=none:frame-threads=1" : ""))
                                 .c_str(),
                             0);
             else

@@ -28,9 +28,11 @@ bool X265RefersToLastPictureOnly(const std::string& preset);
 void RouteFFmpegLog();
 
 // Who an encoder is opened for. A movie's encoder is NVENC where this machine has it, else the
-// processor's, over the threads that the format gives. The speed measurement's is the processor's, on
-// one thread, so that what it measures is what one processor does.
-enum class EncoderUse { Movie, OneProcessorThread };
+// processor's, over the threads that the format gives, looking ahead no further than a quarter of a
+// second of its pictures. The speed measurement's is the processor's, on one thread, so that what it
+// measures is what one processor does, and looks ahead as far as its preset does, the furthest that a
+// movie's encoder ever looks: the speed measured is never more than a movie at any rate gets.
+enum class EncoderUse { Movie, SpeedMeasurement };
 
 // An opened picture encoder and what it is: its name ("libx264", "h264_nvenc", "prores_ks") and, for
 // libx264 and libx265, its speed preset.

@@ -151,7 +151,7 @@ std::vector<MovieFrame> MovingPictures(int count) {
 // --- One preset ---------------------------------------------------------------------------------------
 
 // Pixels a second that one thread encodes `pictures` with `preset`, with the encoder set up as a movie's
-// but on a single thread; 0 when the encoder does not open or fails.
+// is (see EncoderUse::SpeedMeasurement for the difference); 0 when the encoder does not open or fails.
 double MeasurePreset(Codec codec, const char* preset, const std::vector<MovieFrame>& pictures) {
     Packet packet(av_packet_alloc());
     if (!packet)
@@ -159,7 +159,7 @@ double MeasurePreset(Codec codec, const char* preset, const std::vector<MovieFra
     const MovieWriter::Format format{
         .codec = codec, .width = Width, .height = Height, .framesPerSecond = Rate, .preset = preset};
     const std::set<pid_t> before = ProcessThreads();
-    Result<VideoEncoder> encoder = OpenVideoEncoder(format, EncoderUse::OneProcessorThread);
+    Result<VideoEncoder> encoder = OpenVideoEncoder(format, EncoderUse::SpeedMeasurement);
     if (!encoder) {
         Log(LogPrefix, std::string(codec == Codec::HEVC ? "libx265" : "libx264") +
                            " did not open with the preset " + preset + ": " + encoder.error().message());
