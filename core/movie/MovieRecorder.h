@@ -172,8 +172,8 @@ private:
     std::unique_ptr<MovieWriter> _writer;
     FrameFormat _frameFormat;
 
-    // Its waiting side is used from any thread, under its own lock, which is only ever taken after
-    // _lock; its writing side belongs to _queue.
+    // Its waiting side is used from any thread under its own lock, which may be taken while _lock is
+    // held but never the other way round; its writing side belongs to _queue.
     MovieSoundTrack _sound;
 
     mutable std::mutex _lock; // guards everything below
