@@ -1,8 +1,9 @@
 #include "core/movie/EncoderSpeed.h"
 
-#include "core/movie/FFmpegHandles.h"
+#include "core/movie/EncoderSetup.h"
 #include "core/movie/MovieWriter.h"
 #include "platform/Log.h"
+#include "platform/ProcessorTime.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -11,16 +12,13 @@ extern "C" {
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <dirent.h>
 #include <filesystem>
 #include <fstream>
 #include <link.h>
 #include <set>
-#include <sstream>
 #include <sys/resource.h>
 #include <unistd.h>
 #include <vector>
@@ -49,12 +47,12 @@ constexpr int HEVCPictures = 12;
 
 // Changing how the speeds are measured (the pictures, the counts, the options) makes remembered speeds
 // incomparable: bump this so that they are measured again.
-constexpr int MeasurementVersion = 1;
+constexpr int MeasurementVersion = 2;
 
 // What presetFor() and speeds() read for `codec`: 0 for H.264, 1 for HEVC (their codec numbers),
 // nothing for ProRes.
 std::optional<size_t> SpeedIndex(Codec codec) {
-    if (codec == Codec::ProRes422 || codec == Codec::ProRes4444)
+    if (IsProRes(codec))
         return std::nullopt;
     return size_t(codec);
 }
@@ -150,105 +148,27 @@ std::vector<MovieFrame> MovingPictures(int count) {
     return pictures;
 }
 
-// --- Timing -------------------------------------------------------------------------------------------
-
-std::set<pid_t> Threads() {
-    std::set<pid_t> threads;
-    if (DIR* folder = opendir("/proc/self/task")) {
-        while (const dirent* entry = readdir(folder)) {
-            if (entry->d_name[0] != '.')
-                threads.insert(pid_t(std::atoi(entry->d_name)));
-        }
-        closedir(folder);
-    }
-    return threads;
-}
-
-// Nanoseconds that a thread of this process has run, from the scheduler's own account; nothing when
-// it cannot be read.
-std::optional<int64_t> RunTime(pid_t thread) {
-    std::ifstream stat("/proc/self/task/" + std::to_string(thread) + "/schedstat");
-    long long nanoseconds = -1;
-    if (!(stat >> nanoseconds) || nanoseconds < 0)
-        return std::nullopt;
-    return nanoseconds;
-}
-
-// The processor time of the measuring thread and of the threads an encoder started, which is what
-// the encoding costs whatever else the process or the machine is doing; the time on the wall when the
-// scheduler's account cannot be read (never less than the cost, as the work runs one thread at a time).
-class Stopwatch {
-public:
-    explicit Stopwatch(std::vector<pid_t> threads) : _threads(std::move(threads)) {
-        _start = total();
-        _wallStart = std::chrono::steady_clock::now();
-    }
-    double seconds() const {
-        std::optional<int64_t> end = total();
-        if (_start && end)
-            return double(*end - *_start) / 1e9;
-        return std::chrono::duration<double>(std::chrono::steady_clock::now() - _wallStart).count();
-    }
-
-private:
-    std::optional<int64_t> total() const {
-        int64_t sum = 0;
-        for (pid_t thread : _threads) {
-            std::optional<int64_t> time = RunTime(thread);
-            if (!time)
-                return std::nullopt;
-            sum += *time;
-        }
-        return sum;
-    }
-
-    std::vector<pid_t> _threads;
-    std::optional<int64_t> _start;
-    std::chrono::steady_clock::time_point _wallStart;
-};
-
 // --- One preset ---------------------------------------------------------------------------------------
 
-// Pixels a second that one thread encodes `pictures` with `preset`, as a movie's encoder is set up but
-// on a single thread; 0 when the encoder does not open or fails.
+// Pixels a second that one thread encodes `pictures` with `preset`, with the encoder set up as a movie's
+// is (see EncoderUse::SpeedMeasurement for the difference); 0 when the encoder does not open or fails.
 double MeasurePreset(Codec codec, const char* preset, const std::vector<MovieFrame>& pictures) {
-    const AVCodec* encoder = avcodec_find_encoder_by_name(codec == Codec::HEVC ? "libx265" : "libx264");
-    if (!encoder)
-        return 0;
-    CodecContext context(avcodec_alloc_context3(encoder));
     Packet packet(av_packet_alloc());
-    if (!context || !packet)
+    if (!packet)
         return 0;
-    AVCodecContext* c = context.get();
-    c->width = Width;
-    c->height = Height;
-    c->pix_fmt = AV_PIX_FMT_YUV420P;
-    // Time stamps count pictures, as the movies' do.
-    c->framerate = AVRational{int(Rate), 1};
-    c->time_base = av_inv_q(c->framerate);
-    c->bit_rate = MovieBitRate(codec, Width, Height, Rate, 0);
-    c->gop_size = int(2 * Rate);
-    c->max_b_frames = 0;
-    c->thread_count = 1;
-    AVDictionary* options = nullptr;
-    av_dict_set(&options, "preset", preset, 0);
-    // x265 ignores thread_count: without a pool of its own and with one frame thread, it encodes one
-    // thing at a time, on the frame thread it starts. Both keep to errors: the statistics that each
-    // encoder gives at its end would fill the journal.
-    if (codec == Codec::HEVC)
-        av_dict_set(&options, "x265-params", "log-level=error:bframes=0:pools=none:frame-threads=1", 0);
-    else
-        av_dict_set(&options, "x264-params", "log=0", 0);
-    const std::set<pid_t> before = Threads();
-    const int opened = avcodec_open2(c, encoder, &options);
-    av_dict_free(&options);
-    if (opened < 0) {
-        Log(LogPrefix, std::string(encoder->name) + " did not open with the preset " + preset);
+    const MovieWriter::Format format{
+        .codec = codec, .width = Width, .height = Height, .framesPerSecond = Rate, .preset = preset};
+    const std::set<pid_t> before = ProcessThreads();
+    Result<VideoEncoder> encoder = OpenVideoEncoder(format, EncoderUse::SpeedMeasurement);
+    if (!encoder) {
+        Log(LogPrefix, std::string(codec == Codec::HEVC ? "libx265" : "libx264") +
+                           " did not open with the preset " + preset + ": " + encoder.error().message());
         return 0;
     }
+    AVCodecContext* c = encoder.value().context.get();
     // A thread that another part of the process started meanwhile counts too: the safe side.
     std::vector<pid_t> workers = {gettid()};
-    for (pid_t thread : Threads()) {
+    for (pid_t thread : ProcessThreads()) {
         if (!before.contains(thread))
             workers.push_back(thread);
     }
@@ -368,36 +288,6 @@ PresetChoice ChoosePreset(const PresetSpeeds& speeds, double processors, double 
             return {EncoderPresets[i], true, fastestCovers};
     }
     return {EncoderPresets[0], fastestCovers >= pixelsPerSecond, fastestCovers};
-}
-
-double ProcessorCapacity(const std::filesystem::path& cpuFolder) {
-    const double online = double(std::max(sysconf(_SC_NPROCESSORS_ONLN), 1l));
-    std::ifstream list(cpuFolder / "online");
-    std::string ranges;
-    if (!std::getline(list, ranges))
-        return online;
-    // "0-7,16-23": the processors online, each with the list of the hardware threads of its core.
-    std::set<std::string> cores;
-    int processors = 0;
-    std::istringstream parts(ranges);
-    for (std::string part; std::getline(parts, part, ',');) {
-        int first = 0, last = 0;
-        const int read = std::sscanf(part.c_str(), "%d-%d", &first, &last);
-        if (read < 1)
-            return online;
-        for (int cpu = first; cpu <= (read == 2 ? last : first); ++cpu) {
-            std::ifstream siblings(cpuFolder / ("cpu" + std::to_string(cpu)) / "topology" /
-                                   "thread_siblings_list");
-            std::string core;
-            if (!std::getline(siblings, core))
-                return online;
-            cores.insert(core);
-            ++processors;
-        }
-    }
-    if (processors == 0)
-        return online;
-    return double(cores.size()) + SharedCoreGain * double(processors - int(cores.size()));
 }
 
 std::string MachineSignature() {

@@ -1,12 +1,12 @@
 #pragma once
 
 #include "core/movie/MovieRecorderSettings.h"
+#include "platform/ProcessorTopology.h"
 #include "platform/SettingsStore.h"
 
 #include <array>
 #include <atomic>
 #include <cstdint>
-#include <filesystem>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -54,19 +54,10 @@ inline constexpr double EncodingShare = 0.65;
 // and lost the rest. The line lies between, with a margin for a busier machine or harder pictures.
 inline constexpr double FastestShare = 0.95;
 
-// What a second hardware thread of a core adds to it: the two share the core's execution units, and
-// the encoders' SIMD code keeps those busy already, so the pair does about a quarter more than one.
-inline constexpr double SharedCoreGain = 0.25;
-
 // The slowest preset whose speed, over `processors` processors at EncodingShare, covers
 // `pixelsPerSecond`. When none does: ultrafast, keeping up only as far as FastestShare goes. A preset
 // measured at 0 never keeps up.
 PresetChoice ChoosePreset(const PresetSpeeds& speeds, double processors, double pixelsPerSecond);
-
-// The processors online, counted as what each adds to encoding: every core once, each further hardware
-// thread of a core SharedCoreGain, read from `cpuFolder`'s topology. Every processor online counts
-// once where the topology cannot be read.
-double ProcessorCapacity(const std::filesystem::path& cpuFolder = "/sys/devices/system/cpu");
 
 // What a measurement of this machine is tied to: the processor's model, the processors online and the
 // encoders' libraries. Speeds remembered under another signature are measured again.

@@ -5,6 +5,7 @@ extern "C" {
 }
 
 #include <memory>
+#include <string>
 
 namespace quorva {
 
@@ -18,5 +19,12 @@ struct PacketFree {
     void operator()(AVPacket* packet) const { av_packet_free(&packet); }
 };
 using Packet = std::unique_ptr<AVPacket, PacketFree>;
+
+// FFmpeg's sentence for an error code, for the log.
+inline std::string FFmpegErrorText(int code) {
+    char text[AV_ERROR_MAX_STRING_SIZE] = {};
+    av_strerror(code, text, sizeof text);
+    return text;
+}
 
 } // namespace quorva

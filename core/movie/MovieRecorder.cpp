@@ -4,37 +4,18 @@
 #include "platform/Log.h"
 #include "platform/MediaClock.h"
 
-extern "C" {
-#include <libavutil/channel_layout.h>
-#include <libavutil/samplefmt.h>
-#include <libswresample/swresample.h>
-}
-
 #include <algorithm>
 #include <climits>
 #include <cmath>
-#include <cstdlib>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <system_error>
-#include <thread>
 #include <unistd.h>
 
 namespace quorva {
 
 namespace {
 
-constexpr double SoundRate = MovieWriter::SoundRate;
-// Durations are compared with this much slack, so that a block of exactly the limit is not cut.
-constexpr double Slack = 0.000001;
-// Waiting sound is bounded by duration: two seconds, or thirty while silence is being written (then
-// sound piles up behind the gap and must not be lost).
-constexpr double WaitingLimit = 2;
-constexpr double WaitingLimitBehindGap = 30;
-// A pass writes at most a second of silence, so that pictures are never kept waiting behind a long gap.
-constexpr int64_t SilenceBudget = MovieWriter::SoundRate;
-// The last sound gets about five seconds to go out (5000 passes without progress, a millisecond apart).
-constexpr int LastSoundPatience = 5000;
 // How often a recording looks for slots that no picture came to in time, and fills them with the last
 // picture, and how long after its time a slot waits for one: a source that stalls still has its movie
 // go on, and cut into fragments, at most this late, while a source that only hiccups fills its gap
@@ -64,11 +45,9 @@ MovieRecorder::MovieRecorder(std::unique_ptr<FrameConverter> converter, int nice
     _queue->post([niceness] { setpriority(PRIO_PROCESS, pid_t(syscall(SYS_gettid)), niceness); });
 }
 
-MovieRecorder::~MovieRecorder() {
-    // Every task holds the recorder, so none is left but delayed ones that were dropped; the writer of
-    // a recording never finished closes its file as it stands.
-    swr_free(&_resampler);
-}
+// Every task holds the recorder, so none is left but delayed ones that were dropped; the writer of a
+// recording never finished closes its file as it stands.
+MovieRecorder::~MovieRecorder() = default;
 
 // --- Start -------------------------------------------------------------------------------------------
 
@@ -98,7 +77,6 @@ Result<> MovieRecorder::startWritingToURL(const std::filesystem::path& url,
         self->_url = url;
         self->_settings = settings;
         self->_writer.reset();
-        self->_writerFailure.reset();
         self->forgetPool();
         // The last movie's sound was forgotten as it ended. Sound of this one may already be waiting,
         // accepted since the lock was let go: forgetting it here would lose it uncounted.
@@ -122,11 +100,7 @@ Result<> MovieRecorder::startWritingToURL(const std::filesystem::path& url,
     _droppedEachSecond.clear();
     _heldCountedUpTo = 0;
     _encoderName.clear();
-    _recordsSound = settings.recordsSound();
-    _waitingSound.clear();
-    _soundWaiting = 0;
-    _soundBehindGap = false;
-    _soundWritten = _soundLeftOut = 0;
+    _sound.start(settings.recordsSound());
     _recording = true;
     scheduleHold(++_recordingNumber);
     return {};
@@ -155,7 +129,6 @@ void MovieRecorder::scheduleHold(uint64_t recording) {
             Result<> held = self->_writer->holdUntil(settled);
             self->countHeld();
             if (!held) {
-                self->_writerFailure = held.error();
                 self->failWithError(held.error());
                 return;
             }
@@ -251,9 +224,8 @@ Result<> MovieRecorder::createWriterForFrameOfWidth(uint64_t width, uint64_t hei
     }
     // The processor's encoders run at a speed preset, which says as much about the movie as their name.
     std::string encoder = writer->encoderName();
-    if (encoder == "libx264" || encoder == "libx265")
-        encoder += " " + (format.preset.empty() ? std::string(encoder == "libx264" ? "veryfast" : "ultrafast")
-                                                : format.preset);
+    if (!writer->encoderPreset().empty())
+        encoder += " " + writer->encoderPreset();
     _writer = std::move(writer);
     _frameFormat = std::move(frameFormat);
     std::lock_guard guard(_lock);
@@ -370,20 +342,17 @@ void MovieRecorder::appendPixelBuffer(std::shared_ptr<FrameMemory> memory, int64
     bool written = false;
     // Slots strictly increase; a writer dropped by a failure meanwhile takes nothing more.
     if (memory && _writer && memory->size() == _frameFormat.bytes && slot >= _writer->nextSlot()) {
-        writeWaitingSound();
+        writeSound(false);
         uint8_t* bytes = memory->data();
         MovieFrame frame =
             _writer->wrapFrame(bytes, [memory = std::move(memory)]() mutable { memory.reset(); });
         Result<> appended =
             frame ? _writer->appendFrame(std::move(frame), slot) : Result<>(RecorderError(""));
         countHeld();
-        if (appended)
-            written = true;
-        else if (_writer->hasFailed())
-            _writerFailure = appended.error();
+        written = bool(appended);
     }
     frameDoneWritten(written, slot);
-    writeWaitingSound();
+    writeSound(false);
     if (_writer && _writer->hasFailed() && isRecording())
         failWithError(writerError("The movie could not be written"));
 }
@@ -419,11 +388,11 @@ void MovieRecorder::countWhatTheFileHolds(const MovieWriter& writer) {
     else
         countInSecond(_heldEachSecond, 0, int64_t(held) - int64_t(_framesHeld));
     _framesHeld = held;
-    _soundWritten = std::min(_soundWritten, double(writer.soundInFile()) / SoundRate);
+    _sound.keepWhatTheFileHolds(writer);
 }
 
 Error MovieRecorder::writerError(const char* otherwise) const {
-    return _writerFailure ? *_writerFailure : RecorderError(otherwise);
+    return _writer && _writer->failure() ? *_writer->failure() : RecorderError(otherwise);
 }
 
 // --- Finish and failure ------------------------------------------------------------------------------
@@ -435,6 +404,7 @@ void MovieRecorder::finishAtTime(double time, CompletionHandler completionHandle
         std::lock_guard guard(_lock);
         wasRecording = _recording;
         _recording = false;
+        _sound.stop();
         if (wasRecording)
             _finishing = true;
         endSlot = _pacer.slotAtTime(time);
@@ -458,9 +428,10 @@ void MovieRecorder::finishAtTime(double time, CompletionHandler completionHandle
     };
     _framesInFlight.notify(_queue, [self = shared_from_this(), endSlot, done] {
         const bool wroteFrame = self->_writer && self->_writer->framesWritten() > 0;
+        // A frame written has set the movie's time 0.
         if (wroteFrame)
-            self->writeLastSound();
-        self->forgetSound();
+            self->_sound.finish(*self->_writer, *self->firstFrameTime());
+        self->_sound.forget();
         std::unique_ptr<MovieWriter> writer = std::move(self->_writer);
         self->forgetPool();
         if (!wroteFrame) {
@@ -486,6 +457,7 @@ void MovieRecorder::failWithError(const Error& error) {
         if (!_recording)
             return;
         _recording = false;
+        _sound.stop();
         _finishing = true;
     }
     auto fail = [self = shared_from_this(), error] {
@@ -495,7 +467,7 @@ void MovieRecorder::failWithError(const Error& error) {
             self->_writer.reset();
         }
         self->forgetPool();
-        self->forgetSound();
+        self->_sound.forget();
         self->_framesInFlight.notify(self->_queue, [self] {
             std::lock_guard guard(self->_lock);
             self->_finishing = false;
@@ -568,13 +540,11 @@ uint64_t MovieRecorder::framesPending() const {
 }
 
 double MovieRecorder::soundWritten() const {
-    std::lock_guard guard(_lock);
-    return _soundWritten;
+    return _sound.written();
 }
 
 double MovieRecorder::soundLeftOut() const {
-    std::lock_guard guard(_lock);
-    return _soundLeftOut;
+    return _sound.leftOut();
 }
 
 Size MovieRecorder::outputSize() const {
@@ -585,272 +555,22 @@ Size MovieRecorder::outputSize() const {
 // --- Sound -------------------------------------------------------------------------------------------
 
 void MovieRecorder::appendSound(const std::shared_ptr<SourceSound>& sound, double time) {
-    if (!sound || sound->frameCount() == 0)
-        return;
-    double limit;
-    {
-        std::lock_guard guard(_lock);
-        if (!_recording || !_recordsSound)
-            return;
-        limit = _soundBehindGap ? WaitingLimitBehindGap : WaitingLimit;
-    }
-    // A block longer than the queue may hold keeps its end; it still ends at its arrival.
-    std::shared_ptr<SourceSound> kept = sound;
-    double cut = 0;
-    if (sound->duration() > limit + Slack) {
-        const uint64_t keep = uint64_t(std::llround(limit * sound->sampleRate()));
-        kept = sound->soundFromFrame(sound->frameCount() - std::min(keep, sound->frameCount()));
-        cut = sound->duration() - (kept ? kept->duration() : 0);
-    }
-    bool scheduled;
-    {
-        std::lock_guard guard(_lock);
-        _soundLeftOut += cut;
-        if (!kept || !_recording || !_recordsSound)
-            return;
-        _waitingSound.emplace_back(kept, time);
-        _soundWaiting += kept->duration();
-        while (_waitingSound.size() > 1 && _soundWaiting > limit + Slack) {
-            const double dropped = _waitingSound.front().sound()->duration();
-            _waitingSound.pop_front();
-            _soundWaiting -= dropped;
-            _soundLeftOut += dropped;
-        }
-        scheduled = _soundWriteScheduled;
-        _soundWriteScheduled = true;
-    }
-    if (!scheduled)
-        scheduleSoundWrite();
+    if (_sound.append(sound, time))
+        scheduleSoundWrite(0);
 }
 
-void MovieRecorder::scheduleSoundWrite() {
-    scheduleSoundWriteAfter(0);
+void MovieRecorder::scheduleSoundWrite(double seconds) {
+    _queue->postAfter(seconds, [self = shared_from_this()] { self->writeSound(true); });
 }
 
-void MovieRecorder::scheduleSoundWriteAfter(double seconds) {
-    _queue->postAfter(seconds, [self = shared_from_this()] {
-        {
-            std::lock_guard guard(self->_lock);
-            self->_soundWriteScheduled = false;
-        }
-        self->writeWaitingSound();
-    });
+void MovieRecorder::writeSound(bool scheduled) {
+    if (std::optional<double> next = _sound.write(_writer.get(), firstFrameTime(), scheduled))
+        scheduleSoundWrite(*next);
 }
 
-bool MovieRecorder::writeWaitingSound() {
-    if (!_writer || !_writer->format().recordsSound || _writer->hasFailed())
-        return true;
-    if (!_soundTimeline) {
-        double origin;
-        {
-            std::lock_guard guard(_lock);
-            if (!_hasFirstFrame)
-                return true;
-            origin = _firstFrameTime;
-        }
-        _soundTimeline = std::make_unique<SoundTimeline>(origin);
-    }
-
-    bool progressed = true;
-    int64_t budget = SilenceBudget;
-    for (;;) {
-        while (!_placedSound.empty()) {
-            PlacedSound& head = _placedSound.front();
-            if (auto* sound = std::get_if<std::shared_ptr<SourceSound>>(&head)) {
-                if (!appendSamples((*sound)->samples(), int64_t((*sound)->frameCount()))) {
-                    progressed = false;
-                    break;
-                }
-                _placedSound.pop_front();
-                continue;
-            }
-            Silence& silence = std::get<Silence>(head);
-            if (silence.frames < 1) {
-                _placedSound.pop_front();
-                continue;
-            }
-            if (budget == 0)
-                break;
-            const int64_t frames = std::min(silence.frames, budget);
-            if (!appendSamples(nullptr, frames)) {
-                progressed = false;
-                break;
-            }
-            budget -= frames;
-            silence.frames -= frames;
-            if (silence.frames == 0)
-                _placedSound.pop_front();
-        }
-        if (!progressed || placedSoundIncludesSound())
-            break;
-        WaitingSound next;
-        {
-            std::lock_guard guard(_lock);
-            if (_waitingSound.empty())
-                break;
-            next = std::move(_waitingSound.front());
-            _waitingSound.pop_front();
-            _soundWaiting -= next.sound()->duration();
-        }
-        placeSound(next.sound(), next.time());
-    }
-
-    const bool placedSilence = std::any_of(_placedSound.begin(), _placedSound.end(),
-                                           [](const PlacedSound& placed) { return placed.index() == 1; });
-    bool waiting, schedule = false;
-    {
-        std::lock_guard guard(_lock);
-        _soundBehindGap = placedSilence || (_soundBehindGap && _soundWaiting > WaitingLimit + Slack);
-        waiting = !_waitingSound.empty();
-        if ((waiting || !_placedSound.empty()) && !_soundWriteScheduled) {
-            _soundWriteScheduled = true;
-            schedule = true;
-        }
-    }
-    if (schedule)
-        scheduleSoundWriteAfter(progressed ? 0 : 0.002);
-    return progressed;
-}
-
-bool MovieRecorder::placedSoundIncludesSound() const {
-    return std::any_of(_placedSound.begin(), _placedSound.end(),
-                       [](const PlacedSound& placed) { return placed.index() == 0; });
-}
-
-void MovieRecorder::placeSound(const std::shared_ptr<SourceSound>& sound, double time) {
-    const double silenceBefore = _soundTimeline->silenceAdded();
-    std::vector<std::shared_ptr<SourceSound>> pieces = _soundTimeline->piecesForSound(sound, time);
-    if (pieces.empty())
-        return;
-    // The timeline's silence is expressed once, at the track's own rate, rather than as its blocks.
-    const int64_t gap = std::llround((_soundTimeline->silenceAdded() - silenceBefore) * SoundRate);
-    if (sound->sampleRate() != _soundRate || gap >= 1)
-        endConversion();
-    _soundRate = sound->sampleRate();
-    if (!_resampler && _soundRate != SoundRate) {
-        // The converter takes whole rates that an int holds.
-        const double rate = std::round(_soundRate);
-        AVChannelLayout stereo = AV_CHANNEL_LAYOUT_STEREO;
-        if (!(rate >= 1 && rate <= INT_MAX) ||
-            swr_alloc_set_opts2(&_resampler, &stereo, AV_SAMPLE_FMT_FLT, int(SoundRate), &stereo,
-                                AV_SAMPLE_FMT_FLT, int(rate), 0, nullptr) < 0 ||
-            swr_init(_resampler) < 0) {
-            Log("MovieRecorder: ", "could not convert sound: the converter did not open");
-            swr_free(&_resampler);
-        }
-    }
-    if (gap >= 1)
-        _placedSound.push_back(Silence{gap});
-    if (!_resampler && _soundRate != SoundRate) {
-        // Sound that cannot be brought to the track's rate never will be: it counts as left out.
-        std::lock_guard guard(_lock);
-        _soundLeftOut += pieces.back()->duration();
-        return;
-    }
-    std::shared_ptr<SourceSound> last = _resampler ? convertSound(pieces.back()) : pieces.back();
-    if (last)
-        _placedSound.push_back(std::move(last));
-}
-
-std::shared_ptr<SourceSound> MovieRecorder::convertSound(const std::shared_ptr<SourceSound>& sound) {
-    if (!_resampler)
-        return nullptr;
-    const int64_t capacity = (sound ? int64_t(std::ceil(double(sound->frameCount()) * SoundRate / _soundRate))
-                                    : int64_t(swr_get_out_samples(_resampler, 0))) +
-                             1024;
-    SourceSound::Buffer buffer(static_cast<float*>(std::malloc(size_t(capacity) * 2 * sizeof(float))));
-    if (!buffer)
-        return nullptr;
-    int64_t collected = 0;
-    const uint8_t* input = sound ? reinterpret_cast<const uint8_t*>(sound->samples()) : nullptr;
-    int inputFrames = sound ? int(sound->frameCount()) : 0;
-    // Input goes in once; flushing (no input) is repeated until the converter has nothing left.
-    for (;;) {
-        uint8_t* output = reinterpret_cast<uint8_t*>(buffer.get() + 2 * collected);
-        const int converted = swr_convert(_resampler, &output, int(capacity - collected),
-                                          input ? &input : nullptr, inputFrames);
-        if (converted < 0) {
-            char text[AV_ERROR_MAX_STRING_SIZE] = {};
-            av_strerror(converted, text, sizeof text);
-            Log("MovieRecorder: ", std::string("could not convert sound: ") + text);
-            break;
-        }
-        collected += converted;
-        if (sound || converted == 0 || collected >= capacity)
-            break;
-    }
-    if (collected == 0)
-        return nullptr;
-    return SourceSound::make(std::move(buffer), uint64_t(collected), SoundRate);
-}
-
-void MovieRecorder::endConversion() {
-    if (!_resampler)
-        return;
-    if (std::shared_ptr<SourceSound> rest = convertSound(nullptr))
-        _placedSound.push_back(std::move(rest));
-    swr_free(&_resampler);
-}
-
-bool MovieRecorder::appendSamples(const float* samples, int64_t frameCount) {
-    Result<> appended = _writer->appendSound(samples, frameCount, _soundPosition);
-    if (!appended) {
-        if (_writer->hasFailed())
-            _writerFailure = appended.error();
-        return false;
-    }
-    _soundPosition += frameCount;
+std::optional<double> MovieRecorder::firstFrameTime() const {
     std::lock_guard guard(_lock);
-    _soundWritten += double(frameCount) / SoundRate;
-    return true;
-}
-
-void MovieRecorder::writeLastSound() {
-    if (!_writer || !_writer->format().recordsSound)
-        return;
-    bool flushed = false;
-    int idle = 0;
-    while (!_writer->hasFailed()) {
-        const int64_t before = _soundPosition;
-        writeWaitingSound();
-        auto nothingWaits = [this] {
-            std::lock_guard guard(_lock);
-            return _waitingSound.empty();
-        };
-        if (nothingWaits() && !flushed) {
-            endConversion();
-            flushed = true;
-            writeWaitingSound();
-        }
-        if (nothingWaits() && _placedSound.empty())
-            return;
-        if (_soundPosition != before) {
-            idle = 0;
-        } else if (++idle >= LastSoundPatience) {
-            break;
-        } else {
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-    }
-}
-
-// Whatever sound has not reached the file by now never will: it counts as left out, whether the movie
-// ended, failed or never had a frame.
-void MovieRecorder::forgetSound() {
-    double remaining = 0;
-    for (const PlacedSound& placed : _placedSound)
-        if (auto* sound = std::get_if<std::shared_ptr<SourceSound>>(&placed))
-            remaining += (*sound)->duration();
-    _soundTimeline.reset();
-    swr_free(&_resampler);
-    _soundRate = 0;
-    _placedSound.clear();
-    _soundPosition = 0;
-    std::lock_guard guard(_lock);
-    _soundLeftOut += remaining + _soundWaiting;
-    _waitingSound.clear();
-    _soundWaiting = 0;
-    _soundBehindGap = false;
+    return _hasFirstFrame ? std::optional<double>(_firstFrameTime) : std::nullopt;
 }
 
 } // namespace quorva

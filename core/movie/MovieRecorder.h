@@ -2,18 +2,16 @@
 
 #include "core/movie/FramePacer.h"
 #include "core/movie/MovieRecorderSettings.h"
+#include "core/movie/MovieSoundTrack.h"
 #include "core/movie/MovieWriter.h"
-#include "core/movie/SoundTimeline.h"
 #include "core/source/Geometry.h"
 #include "core/source/SourceSound.h"
-#include "core/source/WaitingSound.h"
 #include "platform/Error.h"
 #include "platform/PictureEngine.h"
 #include "platform/SerialQueue.h"
 #include "platform/TaskGroup.h"
 
 #include <cstdint>
-#include <deque>
 #include <filesystem>
 #include <functional>
 #include <limits>
@@ -23,8 +21,6 @@
 #include <string>
 #include <variant>
 #include <vector>
-
-struct SwrContext;
 
 namespace quorva {
 
@@ -124,11 +120,6 @@ public:
     Size outputSize() const;
 
 private:
-    struct Silence {
-        int64_t frames;
-    };
-    using PlacedSound = std::variant<std::shared_ptr<SourceSound>, Silence>;
-
     // What one frame is drawn from: a picture to fit, or an assembled picture's placements.
     struct FittedPicture {
         std::shared_ptr<Picture> picture;
@@ -163,18 +154,13 @@ private:
     void forgetPool();
     Error writerError(const char* otherwise) const;
 
-    // Sound, on _queue.
-    void scheduleSoundWrite();
-    void scheduleSoundWriteAfter(double seconds);
-    // A pass; false when an append failed, so that the next one waits a little.
-    bool writeWaitingSound();
-    bool placedSoundIncludesSound() const;
-    void placeSound(const std::shared_ptr<SourceSound>& sound, double time);
-    std::shared_ptr<SourceSound> convertSound(const std::shared_ptr<SourceSound>& sound);
-    void endConversion();
-    bool appendSamples(const float* samples, int64_t frameCount);
-    void writeLastSound();
-    void forgetSound();
+    // A pass of the sound track on _queue, `seconds` from now.
+    void scheduleSoundWrite(double seconds);
+    // On _queue: a pass of the sound track into the writer, if there is one; `scheduled`: the pass
+    // that the track asked for.
+    void writeSound(bool scheduled);
+    // The host time of the movie's time 0, once known.
+    std::optional<double> firstFrameTime() const;
 
     std::unique_ptr<FrameConverter> _converter;
     std::shared_ptr<SerialQueue> _queue;
@@ -185,12 +171,10 @@ private:
     MovieRecorderSettings _settings;
     std::unique_ptr<MovieWriter> _writer;
     FrameFormat _frameFormat;
-    std::optional<Error> _writerFailure;
-    std::unique_ptr<SoundTimeline> _soundTimeline;
-    double _soundRate = 0;
-    SwrContext* _resampler = nullptr;
-    std::deque<PlacedSound> _placedSound;
-    int64_t _soundPosition = 0;
+
+    // Its waiting side is used from any thread under its own lock, which may be taken while _lock is
+    // held but never the other way round; its writing side belongs to _queue.
+    MovieSoundTrack _sound;
 
     mutable std::mutex _lock; // guards everything below
     bool _recording = false;
@@ -214,13 +198,6 @@ private:
     std::vector<uint32_t> _droppedEachSecond;
     std::string _encoderName;
     Size _outputSize;
-    bool _recordsSound = false;
-    std::deque<WaitingSound> _waitingSound;
-    double _soundWaiting = 0;
-    bool _soundWriteScheduled = false;
-    bool _soundBehindGap = false;
-    double _soundWritten = 0;
-    double _soundLeftOut = 0;
     FailureHandler _failureHandler;
 };
 

@@ -7,6 +7,10 @@ namespace quorva {
 
 // What a place reports of the movie that its source was recorded into: the take's movie implements it,
 // so that places show the counts of the current or last take without knowing how movies are written.
+//
+// Threads: every call from any thread, during a take and after it. url() never changes; the counts
+// are read from the recorder as it writes, each under its own lock, so two of them read one after the
+// other may come from moments a picture apart.
 class MovieStatus {
 public:
     virtual ~MovieStatus() = default;

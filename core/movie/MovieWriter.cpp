@@ -1,6 +1,8 @@
 #include "core/movie/MovieWriter.h"
 
+#include "core/movie/EncoderSetup.h"
 #include "core/movie/FFmpegHandles.h"
+#include "core/movie/MovieFile.h"
 #include "core/movie/SkipPictures.h"
 #include "core/movie/StandardMovie.h"
 #include "platform/Log.h"
@@ -10,41 +12,25 @@ extern "C" {
 #include <libavformat/avformat.h>
 #include <libavutil/channel_layout.h>
 #include <libavutil/imgutils.h>
-#include <libavutil/opt.h>
 #include <libavutil/pixdesc.h>
 #include <libavutil/timecode.h>
 }
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cmath>
-#include <cstdarg>
 #include <cstring>
 #include <deque>
-#include <fcntl.h>
-#include <map>
-#include <mutex>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace quorva {
 
 namespace {
 
-bool IsProRes(Codec codec) {
-    return codec == Codec::ProRes422 || codec == Codec::ProRes4444;
-}
-
 // Sound is encoded in pieces of this many frames: what the AAC encoder wants, and small enough that
 // 24-bit PCM goes out as promptly.
 constexpr int SoundPiece = 1024;
-
-// ProRes's own rate control searches a quantiser for every slice, which costs about eight times as
-// much as encoding; a fixed quantiser is as fast as the format allows and keeps its look (lower is
-// finer; its cost hardly changes with it).
-constexpr int ProResQuantiser = 9;
 
 // delay_moov: the movie's header waits for the first fragment, so that it knows where each track
 // starts and can say so in edit lists: the AAC encoder's priming is hidden that way. frag_custom: the
@@ -52,208 +38,15 @@ constexpr int ProResQuantiser = 9;
 // file.
 constexpr const char* MovieFlags = "+delay_moov+frag_custom";
 
-// How many pictures an encoder may hold before the first leaves it: a quarter of a second, so that a
-// fragment cut at each second of pictures that left it holds nearly that second. x264 and x265 look
-// ahead this far at most (their slower presets look further by default); NVENC delays its output as long.
-int EncoderLatency(AVRational rate) {
-    return std::max(1, int(av_q2d(rate) / 4));
-}
-
-// The look-ahead of libx264's and libx265's presets, which a shorter latency cuts down (never up: the
-// fastest presets look ahead little or not at all, and longer would cost them time).
-int PresetLookahead(const std::string& encoder, const std::string& preset) {
-    static const std::map<std::string, int> x264 = {{"ultrafast", 0}, {"superfast", 0}, {"veryfast", 10},
-                                                    {"faster", 20},   {"fast", 30},     {"medium", 40}};
-    static const std::map<std::string, int> x265 = {{"ultrafast", 5}, {"superfast", 10}, {"veryfast", 15},
-                                                    {"faster", 15},   {"fast", 15},      {"medium", 20}};
-    const auto& table = encoder == "libx264" ? x264 : x265;
-    const auto found = table.find(preset);
-    return found == table.end() ? 40 : found->second;
-}
-
 Error Closed() {
     return RecorderError("The movie is already closed");
 }
-
-std::string Describe(int code) {
-    char text[AV_ERROR_MAX_STRING_SIZE] = {};
-    av_strerror(code, text, sizeof text);
-    return text;
-}
-
-// FFmpeg's chatter (every encoder's settings, at information level) would flood the journal; its errors
-// go to the log with our prefix. While a hardware encoder is being tried they are left out: its absence
-// is the normal case and is logged once, in our words.
-thread_local bool Probing = false;
-
-void FFmpegLog(void* context, int level, const char* format, va_list arguments) {
-    if (level > AV_LOG_ERROR || Probing)
-        return;
-    char line[1024];
-    int prefix = 1;
-    av_log_format_line2(context, level, format, arguments, line, sizeof line, &prefix);
-    std::string_view text(line);
-    while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
-        text.remove_suffix(1);
-    if (!text.empty())
-        Log("FFmpeg: ", text);
-}
-
-// Whether NVENC has opened in this process: once it is known to be missing, later movies stop asking,
-// but once it has worked a failure (all of its sessions in use) only means this movie falls back.
-enum class Hardware { Unknown, Works, Missing };
-std::atomic<Hardware> NVENC{Hardware::Unknown};
 
 void TagColours(AVFrame* frame) {
     frame->color_primaries = AVCOL_PRI_BT709;
     frame->color_trc = AVCOL_TRC_BT709;
     frame->colorspace = AVCOL_SPC_BT709;
     frame->color_range = AVCOL_RANGE_MPEG;
-}
-
-struct VideoEncoder {
-    const char* name;
-    bool hardware;
-};
-
-// NVENC takes frames in system memory and uploads them itself. VAAPI is left out: it wants frames in its
-// own surfaces (a hardware frames context and an upload per picture), which these frames are not.
-std::vector<VideoEncoder> VideoEncoders(Codec codec) {
-    switch (codec) {
-    case Codec::HEVC:
-        return {{"hevc_nvenc", true}, {"libx265", false}};
-    case Codec::ProRes422:
-    case Codec::ProRes4444:
-        return {{"prores_ks", false}};
-    case Codec::H264:
-        break;
-    }
-    return {{"h264_nvenc", true}, {"libx264", false}};
-}
-
-// The preset of libx264 or libx265 for the movie.
-std::string SoftwarePreset(const MovieWriter::Format& format) {
-    if (!format.preset.empty())
-        return format.preset;
-    // ultrafast: about 50 frames a second of 1080p on two cores; superfast is a third slower.
-    // veryfast: about 90 frames a second of 1080p on two cores, and clearly better pictures than the
-    // faster presets at the same bit rate.
-    return format.codec == Codec::HEVC ? "ultrafast" : "veryfast";
-}
-
-// Whether x265's preset refers to the last picture only (--ref 1).
-bool X265RefersToLastPictureOnly(const std::string& preset) {
-    return preset == "ultrafast" || preset == "superfast";
-}
-
-// Opens one encoder for the movie, or answers why not.
-int OpenVideoEncoder(const VideoEncoder& choice, const MovieWriter::Format& format, AVPixelFormat pixelFormat,
-                     bool globalHeader, CodecContext& opened) {
-    const AVCodec* codec = avcodec_find_encoder_by_name(choice.name);
-    if (!codec)
-        return AVERROR_ENCODER_NOT_FOUND;
-    CodecContext context(avcodec_alloc_context3(codec));
-    if (!context)
-        return AVERROR(ENOMEM);
-    const AVRational rate = GridRate(format.framesPerSecond);
-    AVCodecContext* c = context.get();
-    c->width = int(format.width);
-    c->height = int(format.height);
-    c->pix_fmt = pixelFormat;
-    // Time stamps count slots of the grid.
-    c->time_base = av_inv_q(rate);
-    c->framerate = rate;
-    c->color_primaries = AVCOL_PRI_BT709;
-    c->color_trc = AVCOL_TRC_BT709;
-    c->colorspace = AVCOL_SPC_BT709;
-    c->color_range = AVCOL_RANGE_MPEG;
-    if (globalHeader)
-        c->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-
-    AVDictionary* options = nullptr;
-    const Codec kind = format.codec;
-    if (IsProRes(kind)) {
-        // prores_ks picks its profile from its own option; left alone it writes 422 as HQ.
-        av_dict_set(&options, "profile", kind == Codec::ProRes4444 ? "4444" : "standard", 0);
-        c->flags |= AV_CODEC_FLAG_QSCALE;
-        c->global_quality = ProResQuantiser * FF_QP2LAMBDA;
-        c->thread_count = 0;
-    } else {
-        c->bit_rate =
-            MovieBitRate(kind, format.width, format.height, format.framesPerSecond, format.megabitsPerSecond);
-        // Editors cut anywhere within two seconds.
-        c->gop_size = int(std::ceil(2 * av_q2d(rate)));
-        // No reordering: a picture leaves the encoder as soon as it can, so little is held back and the
-        // time stamps stay the presentation order.
-        c->max_b_frames = 0;
-        // A picture asked for as I is an IDR: the one after skip pictures must be (see SkipPictures).
-        av_dict_set(&options, "forced-idr", "1", 0);
-        const int latency = EncoderLatency(rate);
-        if (choice.hardware) {
-            av_dict_set(&options, "preset", "p4", 0);
-            av_dict_set(&options, "rc", "vbr", 0);
-            av_dict_set_int(&options, "delay", latency, 0);
-        } else {
-            c->thread_count = int(format.threads);
-            const std::string preset = SoftwarePreset(format);
-            const int lookahead = std::min(latency, PresetLookahead(choice.name, preset));
-            av_dict_set(&options, "preset", preset.c_str(), 0);
-            // x265 makes a key frame asked for a CRA, whose picture order count goes on from the pictures
-            // before, unless its GOPs are closed (which without B frames costs nothing). Where its
-            // pictures follow skip pictures, temporal motion vector prediction would take a picture's
-            // motion from a skip picture in place of the one it stands in for (see SkipPictures); the
-            // fastest presets gain little from it.
-            const std::string tmvp = X265RefersToLastPictureOnly(preset) ? ":temporal-mvp=0" : "";
-            if (kind == Codec::HEVC)
-                av_dict_set(&options, "x265-params",
-                            ("log-level=error:bframes=0:open-gop=0" + tmvp +
-                             ":rc-lookahead=" + std::to_string(lookahead))
-                                .c_str(),
-                            0);
-            else
-                av_dict_set_int(&options, "rc-lookahead", lookahead, 0);
-        }
-    }
-    Probing = choice.hardware;
-    int result = avcodec_open2(c, codec, &options);
-    Probing = false;
-    // An option the encoder did not take would silently change the movie: say so.
-    for (const AVDictionaryEntry* left = nullptr;
-         result >= 0 && (left = av_dict_get(options, "", left, AV_DICT_IGNORE_SUFFIX));)
-        Log("MovieRecorder: ", std::string(choice.name) + " ignored its option " + left->key);
-    av_dict_free(&options);
-    if (result < 0)
-        return result;
-    opened = std::move(context);
-    return 0;
-}
-
-// The file's own output, so that it can be created exclusively (nothing is ever overwritten, even by a
-// file that appeared after the recorder looked) and synced at the end.
-int WriteFile(void* opaque, uint8_t* data, int size) {
-    const int fd = *static_cast<int*>(opaque);
-    int done = 0;
-    while (done < size) {
-        ssize_t n = ::write(fd, data + done, size_t(size - done));
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0)
-            return AVERROR(errno);
-        if (n == 0)
-            return AVERROR(EIO);
-        done += int(n);
-    }
-    return done;
-}
-
-int64_t SeekFile(void* opaque, int64_t offset, int whence) {
-    const int fd = *static_cast<int*>(opaque);
-    if (whence == AVSEEK_SIZE) {
-        struct stat status;
-        return fstat(fd, &status) == 0 ? int64_t(status.st_size) : AVERROR(errno);
-    }
-    off_t position = lseek(fd, offset, whence & ~AVSEEK_FORCE);
-    return position < 0 ? AVERROR(errno) : int64_t(position);
 }
 
 } // namespace
@@ -284,10 +77,8 @@ int64_t MovieBitRate(Codec codec, int64_t width, int64_t height, double framesPe
 }
 
 struct MovieWriter::State {
-    int fd = -1;
-    bool created = false;
+    std::unique_ptr<MovieFile> file;
     AVFormatContext* muxer = nullptr;
-    AVIOContext* io = nullptr;
     CodecContext video;
     CodecContext audio;
     AVStream* videoStream = nullptr;
@@ -330,12 +121,6 @@ struct MovieWriter::State {
         audio.reset();
         if (muxer)
             avformat_free_context(muxer);
-        if (io) {
-            av_freep(&io->buffer);
-            avio_context_free(&io);
-        }
-        if (fd >= 0)
-            ::close(fd);
     }
 
     int64_t soundFrames() const { return int64_t(sound.size() - soundRead) / 2; }
@@ -353,9 +138,7 @@ MovieWriter::~MovieWriter() {
 
 Result<std::unique_ptr<MovieWriter>> MovieWriter::make(const std::filesystem::path& path,
                                                        const Format& format) {
-    static std::once_flag logging;
-    std::call_once(logging, [] { av_log_set_callback(FFmpegLog); });
-
+    RouteFFmpegLog();
     std::unique_ptr<MovieWriter> writer(new MovieWriter(path, format));
     for (auto step : {&MovieWriter::openFile, &MovieWriter::openVideo, &MovieWriter::openAudio,
                       &MovieWriter::writeHeader}) {
@@ -365,38 +148,23 @@ Result<std::unique_ptr<MovieWriter>> MovieWriter::make(const std::filesystem::pa
             return result.error();
         }
     }
-    const std::string& encoder = writer->_encoderName;
-    const std::string preset =
-        encoder == "libx264" || encoder == "libx265" ? " preset " + SoftwarePreset(writer->_format) : "";
-    Log("MovieRecorder: ", "writing " + path.filename().string() + " with " + encoder + preset + " (" +
-                               std::to_string(format.width) + " × " + std::to_string(format.height) + ")");
+    const std::string preset = writer->_encoderPreset.empty() ? "" : " preset " + writer->_encoderPreset;
+    Log("MovieRecorder: ", "writing " + path.filename().string() + " with " + writer->_encoderName + preset +
+                               " (" + std::to_string(format.width) + " × " + std::to_string(format.height) +
+                               ")");
     return writer;
 }
 
 Result<> MovieWriter::openFile() {
     State& s = *_state;
-    // Read too: the fragments' headers are read back as they are written (see StandardMovie).
-    s.fd = ::open(_path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    if (s.fd < 0) {
-        if (errno == EEXIST)
-            return RecorderError("“" + _path.filename().string() + "” already exists");
-        Log("MovieRecorder: ", "cannot create " + _path.string() + ": " + std::strerror(errno));
-        return RecorderError("The movie file could not be created");
-    }
-    s.created = true;
-    s.standard = std::make_unique<StandardMovie>(s.fd);
-    constexpr int BufferSize = 1 << 16;
-    auto* buffer = static_cast<unsigned char*>(av_malloc(BufferSize));
-    if (buffer)
-        s.io = avio_alloc_context(buffer, BufferSize, 1, &s.fd, nullptr, WriteFile, SeekFile);
-    if (!s.io) {
-        av_free(buffer);
-        return RecorderError("The movie file could not be created");
-    }
-    s.io->seekable = AVIO_SEEKABLE_NORMAL;
+    Result<std::unique_ptr<MovieFile>> file = MovieFile::create(_path);
+    if (!file)
+        return file.error();
+    s.file = std::move(file.value());
+    s.standard = std::make_unique<StandardMovie>(s.file->descriptor());
     if (avformat_alloc_output_context2(&s.muxer, nullptr, "mov", nullptr) < 0 || !s.muxer)
         return RecorderError("The movie file could not be created");
-    s.muxer->pb = s.io;
+    s.muxer->pb = s.file->io();
     s.muxer->flags |= AVFMT_FLAG_CUSTOM_IO;
     s.packet.reset(av_packet_alloc());
     s.lastPacket.reset(av_packet_alloc());
@@ -409,39 +177,20 @@ Result<> MovieWriter::openFile() {
 Result<> MovieWriter::openVideo() {
     State& s = *_state;
     const Codec codec = _format.codec;
-    _pixelFormat = codec == Codec::ProRes4444  ? AV_PIX_FMT_YUVA444P10LE
-                   : codec == Codec::ProRes422 ? AV_PIX_FMT_YUV422P10LE
-                                               : AV_PIX_FMT_YUV420P;
     const std::string refused = "A " + NameOf(codec) + " movie of " + std::to_string(_format.width) + " × " +
                                 std::to_string(_format.height) + " cannot be written";
     if (_format.width < 1 || _format.height < 1 || _format.width > INT32_MAX || _format.height > INT32_MAX ||
         av_image_check_size(unsigned(_format.width), unsigned(_format.height), 0, nullptr) < 0)
         return RecorderError(refused);
-
-    const bool globalHeader = s.muxer->oformat->flags & AVFMT_GLOBALHEADER;
-    int lastError = 0;
-    for (const VideoEncoder& choice : VideoEncoders(codec)) {
-        if (choice.hardware && NVENC.load() == Hardware::Missing)
-            continue;
-        int result = OpenVideoEncoder(choice, _format, _pixelFormat, globalHeader, s.video);
-        if (choice.hardware) {
-            Hardware expected = Hardware::Unknown;
-            if (result >= 0)
-                NVENC.store(Hardware::Works);
-            else if (NVENC.compare_exchange_strong(expected, Hardware::Missing))
-                Log("MovieRecorder: ",
-                    std::string("no NVENC here (") + Describe(result) + "); encoding on the processor");
-        }
-        if (result >= 0) {
-            _encoderName = choice.name;
-            break;
-        }
-        lastError = result;
-    }
-    if (!s.video) {
-        Log("MovieRecorder: ", refused + ": " + Describe(lastError));
+    Result<VideoEncoder> opened = OpenVideoEncoder(_format);
+    if (!opened) {
+        Log("MovieRecorder: ", refused + ": " + opened.error().message());
         return RecorderError(refused);
     }
+    s.video = std::move(opened.value().context);
+    _encoderName = std::move(opened.value().name);
+    _encoderPreset = std::move(opened.value().preset);
+    _pixelFormat = s.video->pix_fmt;
 
     _frameFormat = FrameFormat::padded(codec == Codec::ProRes4444  ? FrameLayout::YUVA444P10
                                        : codec == Codec::ProRes422 ? FrameLayout::YUV422P10
@@ -473,9 +222,8 @@ Result<> MovieWriter::setUpSkipPictures() {
     // The encoders whose pictures after skip pictures have been seen to decode exactly once renumbered:
     // x264 where its headers say it refers to one frame (ultrafast to veryfast), and x265 where it refers
     // to the last picture only (its headers cannot say so). NVENC restarts.
-    const bool lastPictureOnly =
-        _encoderName == "libx264" ||
-        (_encoderName == "libx265" && X265RefersToLastPictureOnly(SoftwarePreset(_format)));
+    const bool lastPictureOnly = _encoderName == "libx264" ||
+                                 (_encoderName == "libx265" && X265RefersToLastPictureOnly(_encoderPreset));
     Result<std::unique_ptr<SkipPictures>> made = SkipPictures::make(
         s.video->codec_id, s.video->extradata, size_t(std::max(0, s.video->extradata_size)), lastPictureOnly);
     // An IDR after skip pictures costs x265 several times what a picture that refers to the one before does,
@@ -533,7 +281,7 @@ Result<> MovieWriter::openAudio() {
     av_dict_free(&options);
     if (result < 0) {
         Log("MovieRecorder: ",
-            std::string("the sound encoder ") + codec->name + " did not open: " + Describe(result));
+            std::string("the sound encoder ") + codec->name + " did not open: " + FFmpegErrorText(result));
         return RecorderError("The movie's sound track could not be set up");
     }
     s.audioStream = avformat_new_stream(s.muxer, nullptr);
@@ -566,11 +314,12 @@ Result<> MovieWriter::writeHeader() {
     int result = avformat_write_header(s.muxer, &options);
     av_dict_free(&options);
     if (result >= 0) {
-        avio_flush(s.io);
-        result = s.io->error;
+        const int64_t flushed = s.file->flush();
+        result = flushed < 0 ? int(flushed) : 0;
     }
     if (result < 0) {
-        Log("MovieRecorder: ", "cannot write the header of " + _path.string() + ": " + Describe(result));
+        Log("MovieRecorder: ",
+            "cannot write the header of " + _path.string() + ": " + FFmpegErrorText(result));
         return RecorderError("The movie file could not be written");
     }
     return {};
@@ -621,8 +370,8 @@ MovieFrame MovieWriter::frameOver(AVBufferRef* buffer) {
 
 Result<> MovieWriter::fail(const std::string& what, int code) {
     if (!_failure) {
-        Log("MovieRecorder: ", _path.string() + ": " + what + ": " + Describe(code));
-        _failure = std::make_unique<Error>(RecorderError(what + ": " + Describe(code)));
+        Log("MovieRecorder: ", _path.string() + ": " + what + ": " + FFmpegErrorText(code));
+        _failure = std::make_unique<Error>(RecorderError(what + ": " + FFmpegErrorText(code)));
     }
     return *_failure;
 }
@@ -825,8 +574,7 @@ Result<> MovieWriter::cutFragment() {
     for (int calls = s.headerWritten ? 1 : 2; calls > 0; --calls)
         av_write_frame(s.muxer, nullptr);
     s.headerWritten = true;
-    avio_flush(s.io);
-    const int64_t size = s.io->error < 0 ? s.io->error : avio_size(s.io);
+    const int64_t size = s.file->flush();
     if (size < 0)
         return fail("The movie could not be written", int(size));
     s.fileEnd = size;
@@ -963,7 +711,7 @@ Result<> MovieWriter::muxPacket(AVPacket* packet, AVCodecContext* encoder, AVStr
     int result = av_write_frame(s.muxer, packet);
     av_packet_unref(packet);
     if (result >= 0)
-        result = s.io->error;
+        result = s.file->io()->error;
     return result < 0 ? fail("The movie could not be written", result) : Result<>();
 }
 
@@ -997,19 +745,14 @@ Result<> MovieWriter::finish(int64_t endSlot) {
     if (result)
         result = receiveVideoPackets();
     if (result) {
-        int code = av_write_trailer(s.muxer);
-        if (code >= 0) {
-            avio_flush(s.io);
-            code = s.io->error;
-        }
-        if (code >= 0 && ::fsync(s.fd) != 0)
-            code = AVERROR(errno);
-        if (code < 0) {
-            result = fail("The movie could not be finished", code);
+        const int trailer = av_write_trailer(s.muxer);
+        const int64_t end = trailer < 0 ? trailer : s.file->sync();
+        if (end < 0) {
+            result = fail("The movie could not be finished", int(end));
         } else {
             _framesInFile = s.picturesMuxed;
             _soundInFile = std::max<int64_t>(s.soundMuxedEnd, 0);
-            s.fileEnd = avio_size(s.io);
+            s.fileEnd = end;
             makeStandard();
         }
     }
@@ -1042,10 +785,9 @@ void MovieWriter::close(bool remove) {
     // no picture and is not kept; after a failure, whatever follows the last one is a piece of the next,
     // which would only trouble a player.
     remove = remove || _framesInFile == 0;
-    if (!remove && _failure && ::ftruncate(_state->fd, _state->fileEnd) != 0)
-        Log("MovieRecorder: ",
-            "cannot cut " + _path.string() + " back to its last fragment: " + std::strerror(errno));
-    const bool created = _state->created;
+    if (!remove && _failure && _state->file)
+        _state->file->cutBackTo(_state->fileEnd);
+    const bool created = _state->file != nullptr;
     _state.reset();
     if (remove && created)
         ::unlink(_path.c_str());

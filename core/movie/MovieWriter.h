@@ -106,6 +106,8 @@ public:
     const Format& format() const { return _format; }
     // The encoder chosen, such as "libx264", "h264_nvenc" or "prores_ks".
     const std::string& encoderName() const { return _encoderName; }
+    // The speed preset of libx264 and libx265 ("veryfast"); empty for the other encoders.
+    const std::string& encoderPreset() const { return _encoderPreset; }
     // What the pictures must hold: yuv420p for H.264 and HEVC, yuv422p10le for ProRes 422, yuva444p10le
     // for ProRes 4444. Tags: BT.709 primaries, transfer and matrix, limited range.
     AVPixelFormat pixelFormat() const { return _pixelFormat; }
@@ -160,7 +162,8 @@ public:
     int64_t soundInFile() const { return _soundInFile; }
     // Sound frames handed to the sound encoder (silence included), at 48000 a second.
     int64_t soundPosition() const { return _soundPosition; }
-    // The first failure of writing, which every later call answers with.
+    // The first failure of writing, which every later call answers with; null until one comes.
+    const Error* failure() const { return _failure.get(); }
     bool hasFailed() const { return _failure != nullptr; }
 
 private:
@@ -203,6 +206,7 @@ private:
     std::filesystem::path _path;
     Format _format;
     std::string _encoderName;
+    std::string _encoderPreset;
     AVPixelFormat _pixelFormat = AV_PIX_FMT_NONE;
     FrameFormat _frameFormat;
     std::unique_ptr<State> _state;

@@ -28,6 +28,12 @@ struct TransferBuffer {
 // Between command buffers a texture rests in the shader-read layout, so that any command buffer can
 // sample it without knowing who wrote it last. Drawing into it (always with a clear) or replacing it
 // discards what was there, so a new texture needs neither.
+//
+// Threads: the getters, image(), the views and barrier() from any thread; they never change. replace()
+// and readPixels() from any thread, each waiting for its copy, but a texture has one writer at a time:
+// replace() reuses one upload buffer, so two replace() calls, or a replace() and drawing into the
+// texture, must not overlap. The engine that makes or fills a texture is its writer until it hands the
+// texture on; from then on everyone only reads it.
 class Texture final : public Picture {
 public:
     static constexpr vk::Format Format = vk::Format::eB8G8R8A8Unorm;

@@ -212,6 +212,26 @@ TEST_F(MovieRecorderTest, SoundStartsWithTheSilenceBeforeItAndIsConvertedTo48kHz
         ASSERT_GT(movie.soundPeaks[i], 0.3) << "10 ms piece " << i;
 }
 
+// Sound behind a long gap is written a second of silence at a time, so that pictures never wait behind
+// it; a finish that comes meanwhile still writes the rest of the gap and the sound behind it.
+TEST_F(MovieRecorderTest, TheFinishWritesTheSoundStillBehindAGap) {
+    ASSERT_TRUE(recorder->startWritingToURL(folder / "gap.mov", Settings(H264, 160, 120, 30, true), T0));
+    ASSERT_TRUE(Append(MakeSolidPicture(*engine, 160, 120, {90, 90, 90, 255}), T0));
+    std::vector<float> samples;
+    for (int i = 0; i < 44100 / 2; ++i)
+        samples.insert(samples.end(), 2, 0.5f * std::sin(2 * float(M_PI) * 1000 * float(i) / 44100));
+    recorder->appendSound(
+        SourceSound::soundWithInterleavedStereoSamples(samples.data(), samples.size() / 2, 44100), T0 + 6);
+    EXPECT_FALSE(Finish(T0 + 6));
+    Movie movie = ReadMovie(folder / "gap.mov");
+    EXPECT_NEAR(movie.audioDuration, 6.0, 1.0 / 30);
+    ASSERT_GE(movie.soundPeaks.size(), 599u);
+    for (size_t i = 0; i < 548; ++i)
+        ASSERT_LT(movie.soundPeaks[i], 0.01) << "10 ms piece " << i;
+    for (size_t i = 552; i < 599; ++i)
+        ASSERT_GT(movie.soundPeaks[i], 0.3) << "10 ms piece " << i;
+}
+
 // Every refusal says why in the user's words and leaves nothing behind.
 TEST_F(MovieRecorderTest, RefusesWhatCannotBeRecorded) {
     auto message = [&](const std::filesystem::path& url, const MovieRecorderSettings& settings) {
