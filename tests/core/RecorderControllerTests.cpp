@@ -14,7 +14,6 @@
 
 #include <cmath>
 #include <cstdlib>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -520,25 +519,6 @@ TEST_F(RecorderControllerTest, TheMonitorFollowsAChangeOfItsSizeOnceDrawn) {
     controller->setWidth(640);
     controller->setHeight(480);
     EXPECT_TRUE(shown(640, 480));
-}
-
-// What the movies of a real take hold is read back by the command line's tests.
-TEST_F(RecorderControllerTest, ATakeIsNamedAfterTheLocalTimeAtWhichItBegan) {
-    auto controller = recorder(std::make_shared<TestPatternDirectory>());
-    ASSERT_TRUE(controller->addSourceMatching("720p30"));
-    controller->setOutput("assembled");
-    ASSERT_TRUE(controller->start()) << controller->error();
-    ASSERT_TRUE(loop->runUntil([&] { return controller->assembledFrames() >= 1; }, 60));
-    controller->stopWithCompletionHandler({});
-    ASSERT_TRUE(Idle(*controller));
-    EXPECT_EQ(controller->recordingError(), "");
-
-    const std::string name = fs::path(controller->assembledFile()).filename().string();
-    std::tm began{};
-    const char* rest = strptime(name.c_str(), "QuorvaRecorder %Y-%m-%d %H.%M.%S", &began);
-    ASSERT_TRUE(rest && std::string(rest) == ".mov") << name;
-    began.tm_isdst = -1;
-    EXPECT_NEAR(double(std::mktime(&began)), double(std::time(nullptr)), 60);
 }
 
 TEST(AssembledRateThatFits, TakesTheHighestWholeDivisorOfTheClockThatFits) {
