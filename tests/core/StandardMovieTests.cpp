@@ -19,13 +19,12 @@ namespace quorva {
 namespace {
 
 namespace fs = std::filesystem;
+using testing::FFprobeDuration;
+using testing::GStreamerDuration;
 using testing::Movie;
+using testing::Quoted;
 using testing::ReadMovie;
 using testing::Shell;
-
-std::string Quoted(const fs::path& path) {
-    return "'" + path.string() + "'";
-}
 
 std::string Contents(const fs::path& path) {
     std::ifstream file(path, std::ios::binary);
@@ -133,23 +132,6 @@ int64_t Count(const std::string& text, const std::string& part) {
     for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
         ++count;
     return count;
-}
-
-double FFprobeDuration(const fs::path& path) {
-    return std::atof(
-        Shell("ffprobe -v error -show_entries format=duration -of csv=p=0 " + Quoted(path)).c_str());
-}
-
-// The duration GStreamer finds (-1 when none), in seconds.
-double GStreamerDuration(const fs::path& path) {
-    const std::string out = Shell("gst-discoverer-1.0 " + Quoted(path));
-    const size_t at = out.find("Duration: ");
-    int hours = 0, minutes = 0;
-    double seconds = 0;
-    if (at == std::string::npos ||
-        std::sscanf(out.c_str() + at, "Duration: %d:%d:%lf", &hours, &minutes, &seconds) != 3)
-        return -1;
-    return hours * 3600 + minutes * 60 + seconds;
 }
 
 // The pictures and sound frames that GStreamer's demuxer hands on, played through.
