@@ -1,6 +1,7 @@
-// Fragmented movies, made by the ffmpeg tool and by the movie writer, turned standard and read back with
-// programs that nobody here wrote: ffprobe and ffmpeg, MediaInfo and GStreamer. FFmpeg's own standard
-// movie of the same encoding is what a converted one must play like.
+// Fragmented movies, made by the ffmpeg tool, turned standard and read back with programs that nobody
+// here wrote: ffprobe and ffmpeg, MediaInfo and GStreamer. FFmpeg's own standard movie of the same encoding
+// is what a converted one must play like. The program's own movies are read back so by the command line's
+// tests.
 #include "core/movie/MovieWriter.h"
 #include "core/movie/StandardMovie.h"
 #include "tests/Processes.h"
@@ -21,9 +22,7 @@ namespace {
 namespace fs = std::filesystem;
 using testing::FFprobeDuration;
 using testing::GStreamerDuration;
-using testing::Movie;
 using testing::Quoted;
-using testing::ReadMovie;
 using testing::Shell;
 
 std::string Contents(const fs::path& path) {
@@ -374,33 +373,6 @@ TEST_F(StandardMovieTest, AMovieItCannotReadIsLeftAsItWas) {
         EXPECT_NE(made.error().message().find(c.why), std::string::npos) << made.error().message();
         EXPECT_EQ(made.error().domain(), MovieRecorderErrorDomain);
         EXPECT_EQ(Contents(movie), c.bytes);
-    }
-}
-
-// The movie writer's own movies are standard once finished: slots without a picture of their own, sound
-// that starts with the writer's silence, a fragment each second.
-TEST_F(StandardMovieTest, TheWritersMoviesAreStandardOnceFinished) {
-    for (Codec codec : {Codec::H264, Codec::ProRes422}) {
-        SCOPED_TRACE(NameOf(codec));
-        const fs::path movie = _folder / (NameOf(codec) + ".mov");
-        Result<std::unique_ptr<MovieWriter>> made = MovieWriter::make(
-            movie,
-            {.codec = codec, .width = 160, .height = 120, .framesPerSecond = 30, .recordsSound = true});
-        ASSERT_TRUE(made);
-        MovieWriter& writer = *made.value();
-        for (int64_t slot = 0; slot < 12 * 30; ++slot) {
-            if (slot % 7 != 3) {
-                ASSERT_TRUE(writer.appendFrame(writer.makeFrame(), slot));
-            }
-            ASSERT_TRUE(writer.appendSound(nullptr, 1600, slot * 1600));
-        }
-        ASSERT_TRUE(writer.finish(12 * 30));
-        ExpectStandardLayout(movie);
-        const Movie read = ReadMovie(movie);
-        EXPECT_EQ(read.times.size(), 12u * 30);
-        EXPECT_NEAR(read.videoDuration, 12, 1e-6);
-        EXPECT_NEAR(double(read.soundFrames), 12 * 48000, 1024);
-        EXPECT_NEAR(GStreamerDuration(movie), 12, 0.05);
     }
 }
 
