@@ -1,5 +1,5 @@
-// The monitor's drawing of the processor's pictures (the Vulkan drawing, and with it
-// the letterbox's other cases and the flip, is VulkanPreviewTests').
+// The monitor's drawing of the processor's pictures (the Vulkan drawing, and with it the letterbox's other
+// cases and the flip, is VulkanPreviewTests').
 #include "App/Preview.h"
 
 #include "platform/MemoryPicture.h"
@@ -8,6 +8,8 @@
 #include "tests/platform/PictureTesting.h"
 
 #include <QImage>
+
+#include <cstring>
 
 #include <gtest/gtest.h>
 
@@ -26,14 +28,11 @@ QImage Drawn(PreviewView& view) {
     return view.grab().toImage();
 }
 
-TEST_F(ProcessorPreviewTest, LetterboxesThePictureOnBlackAndShowsBlackWithout) {
+// Where the view letterboxes a picture, and in which colours, the window's tests read from the screen;
+// here, that it goes black once the picture is gone.
+TEST_F(ProcessorPreviewTest, ShowsBlackOnceThePictureIsGone) {
     auto picture = MemoryPicture::make(1920, 1080).value();
-    for (uint32_t y = 0; y < 1080; ++y)
-        for (uint32_t x = 0; x < 1920; ++x) {
-            uint8_t* pixel = picture->row(y) + 4 * x;
-            const bool left = x < 960;
-            pixel[0] = left ? 0 : 255, pixel[1] = 0, pixel[2] = left ? 255 : 0, pixel[3] = 0; // alpha ignored
-        }
+    std::memset(picture->bytes(), 255, picture->stride() * 1080); // white
     std::shared_ptr<Picture> shown = picture;
     std::unique_ptr<PreviewView> view(PreviewView::make(
         engine,
@@ -41,18 +40,9 @@ TEST_F(ProcessorPreviewTest, LetterboxesThePictureOnBlackAndShowsBlackWithout) {
             return PreviewFrame{shown, false};
         },
         nullptr, false));
-    QImage image = Drawn(*view);
-    EXPECT_EQ(image.pixelColor(200, 20), QColor(Qt::black));  // the bar above
-    EXPECT_EQ(image.pixelColor(200, 380), QColor(Qt::black)); // and below
-    // Within what the scaling's filter rounds.
-    EXPECT_GE(image.pixelColor(50, 200).red(), 250);
-    EXPECT_EQ(image.pixelColor(50, 200).blue(), 0);
-    EXPECT_GE(image.pixelColor(350, 200).blue(), 250);
-    EXPECT_EQ(image.pixelColor(350, 200).red(), 0);
-
+    EXPECT_GE(Drawn(*view).pixelColor(200, 200).value(), 250); // within what the scaling rounds
     shown = nullptr;
-    image = Drawn(*view);
-    EXPECT_EQ(image.pixelColor(200, 200), QColor(Qt::black));
+    EXPECT_EQ(Drawn(*view).pixelColor(200, 200), QColor(Qt::black));
 }
 
 } // namespace

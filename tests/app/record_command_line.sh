@@ -108,15 +108,23 @@ length=$(mediainfo --Inform='Video;%Duration%' "$work/movies/Killed.mov")
 awk -v f="${frames:-0}" -v l="${length:-0}" 'BEGIN { exit !(l / 1000 - f / 30 < 0.05 && f / 30 - l / 1000 < 0.05) }' ||
     fail "a killed movie of ${frames:-no} pictures says it lasts ${length:-no} ms"
 
-# SIGINT ends the take early; its movie is finished, readable and listed.
-"$recorder" record --source 180 --duration 60 --name Interrupted --folder "$work/movies" >"$work/int.out" 2>&1 &
+# SIGINT ends the take early; its movie is finished, readable and listed. Without a name, the take is
+# named after the local time at which it began.
+started=$(date +%s)
+"$recorder" record --source 180 --duration 60 --folder "$work/movies" >"$work/int.out" 2>&1 &
 for _ in $(seq 600); do grep -q "^Recording 1" "$work/int.out" && break; sleep 0.1; done
 kill -INT $!
 wait $!
 status=$?
 [ $status -eq 130 ] || fail "a take ended by SIGINT exited with $status, not 130"
-frames=$(probe "$work/movies/Interrupted.mov" v:0 nb_read_packets 2>/dev/null)
-[ "${frames:-0}" -gt 0 ] && grep -q "Interrupted.mov" "$work/int.out" || fail "the interrupted take kept no movie"
+movie=$(cut -f1 "$work/int.out" | grep '\.mov$' | head -1)
+frames=$(probe "${movie:-none}" v:0 nb_read_packets 2>/dev/null)
+[ "${frames:-0}" -gt 0 ] || fail "the interrupted take kept no movie: $(cat "$work/int.out")"
+stamp='^QuorvaRecorder ([0-9]{4}-[0-9]{2}-[0-9]{2}) ([0-9]{2})\.([0-9]{2})\.([0-9]{2})\.mov$'
+[[ $(basename "${movie:-none}") =~ $stamp ]] &&
+    began=$(date -d "${BASH_REMATCH[1]} ${BASH_REMATCH[2]}:${BASH_REMATCH[3]}:${BASH_REMATCH[4]}" +%s) &&
+    [ $((began - started)) -ge 0 ] && [ $((began - started)) -le 60 ] ||
+    fail "a take without a name that began at $(date -d "@$started" '+%F %T') is called '$(basename "${movie:-none}")'"
 
 # Without the NDI runtime the other sources are still listed, and one line says why NDI's are not.
 QUORVA_NDI_LIBRARY=$work/none/libndi.so.6 env -u QUORVA_TEST_PATTERNS "$recorder" sources >"$work/sources.out" 2>"$work/sources.err" ||
@@ -148,6 +156,11 @@ done <<'EOF'
 1|No source being recorded is called “1080p60”|record --source 720 --sound 1080p60 --duration 1
 2|--folder-root needs a folder that exists, not '/nonexistent'|--headless --folder-root /nonexistent
 2|--headless takes only --folder-root DIR, --allow NETWORK and --bind ADDRESS, not '--gui'|--headless --gui
+2|--allow needs an address or a network (address/prefix), IPv4 or IPv6, not '10.0.0.0/33'|--headless --allow 10.0.0.0/33
+2|not 'recorder.local'|--headless --allow recorder.local
+2|--allow needs an address or a network|--headless --allow
+2|--bind needs an address of this machine, not '10.1.2.300'|--headless --bind 10.1.2.300
+2|--bind needs an address of this machine, not '192.0.2.1'|--headless --bind 192.0.2.1
 EOF
 [ $failures -eq 0 ] || exit 1
 echo "all good"

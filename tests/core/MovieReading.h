@@ -1,6 +1,6 @@
 #pragma once
 
-// Reads movies back as a player would, for the tests of movie writing.
+// Reads movies back as a player would, and as other programs read them, for the tests of movie writing.
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -8,9 +8,13 @@ extern "C" {
 #include <libavutil/pixdesc.h>
 }
 
+#include "tests/Processes.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -148,6 +152,28 @@ inline Movie ReadMovie(const std::filesystem::path& path,
     av_packet_free(&packet);
     avformat_close_input(&input);
     return movie;
+}
+
+// A path as one word of a shell command.
+inline std::string Quoted(const std::filesystem::path& path) {
+    return "'" + path.string() + "'";
+}
+
+inline double FFprobeDuration(const std::filesystem::path& path) {
+    return std::atof(
+        Shell("ffprobe -v error -show_entries format=duration -of csv=p=0 " + Quoted(path)).c_str());
+}
+
+// The duration GStreamer finds (-1 when none), in seconds.
+inline double GStreamerDuration(const std::filesystem::path& path) {
+    const std::string out = Shell("gst-discoverer-1.0 " + Quoted(path));
+    const size_t at = out.find("Duration: ");
+    int hours = 0, minutes = 0;
+    double seconds = 0;
+    if (at == std::string::npos ||
+        std::sscanf(out.c_str() + at, "Duration: %d:%d:%lf", &hours, &minutes, &seconds) != 3)
+        return -1;
+    return hours * 3600 + minutes * 60 + seconds;
 }
 
 } // namespace quorva::testing

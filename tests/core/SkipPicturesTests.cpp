@@ -26,11 +26,8 @@ namespace quorva {
 namespace {
 
 namespace fs = std::filesystem;
+using testing::Quoted;
 using testing::Shell;
-
-std::string Quoted(const fs::path& path) {
-    return "'" + path.string() + "'";
-}
 
 std::vector<std::string> Lines(const std::string& text) {
     std::vector<std::string> lines;
@@ -177,16 +174,9 @@ void SkipPicturesMovie::WriteAndCheck(const std::vector<int64_t>& pictures, int6
     }
     EXPECT_EQ(Shell("mediainfo --Inform='Video;%FrameRate_Mode% %FrameCount%' " + Quoted(path)),
               "CFR " + std::to_string(slots) + "\n");
-    const double probed = std::atof(
-        Shell("ffprobe -v error -show_entries format=duration -of csv=p=0 " + Quoted(path)).c_str());
+    const double probed = testing::FFprobeDuration(path);
     EXPECT_NEAR(probed, double(slots) / 30, 1e-3);
-    const std::string discovered = Shell("gst-discoverer-1.0 " + Quoted(path));
-    int hours = -1, minutes = -1;
-    double seconds = -1;
-    const size_t at = discovered.find("Duration: ");
-    ASSERT_NE(at, std::string::npos) << discovered;
-    ASSERT_EQ(std::sscanf(discovered.c_str() + at, "Duration: %d:%d:%lf", &hours, &minutes, &seconds), 3);
-    EXPECT_NEAR(hours * 3600 + minutes * 60 + seconds, probed, 0.05);
+    EXPECT_NEAR(testing::GStreamerDuration(path), probed, 0.05);
 }
 
 // Held slots of every kind: before the first picture, one alone, a run, a run over a fragment's end, and

@@ -1,6 +1,7 @@
-// Fragmented movies, made by the ffmpeg tool and by the movie writer, turned standard and read back with
-// programs that nobody here wrote: ffprobe and ffmpeg, MediaInfo and GStreamer. FFmpeg's own standard
-// movie of the same encoding is what a converted one must play like.
+// Fragmented movies, made by the ffmpeg tool, turned standard and read back with programs that nobody
+// here wrote: ffprobe and ffmpeg, MediaInfo and GStreamer. FFmpeg's own standard movie of the same encoding
+// is what a converted one must play like. The program's own movies are read back so by the command line's
+// tests.
 #include "core/movie/MovieWriter.h"
 #include "core/movie/StandardMovie.h"
 #include "tests/Processes.h"
@@ -19,13 +20,10 @@ namespace quorva {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::Movie;
-using testing::ReadMovie;
+using testing::FFprobeDuration;
+using testing::GStreamerDuration;
+using testing::Quoted;
 using testing::Shell;
-
-std::string Quoted(const fs::path& path) {
-    return "'" + path.string() + "'";
-}
 
 std::string Contents(const fs::path& path) {
     std::ifstream file(path, std::ios::binary);
@@ -133,23 +131,6 @@ int64_t Count(const std::string& text, const std::string& part) {
     for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
         ++count;
     return count;
-}
-
-double FFprobeDuration(const fs::path& path) {
-    return std::atof(
-        Shell("ffprobe -v error -show_entries format=duration -of csv=p=0 " + Quoted(path)).c_str());
-}
-
-// The duration GStreamer finds (-1 when none), in seconds.
-double GStreamerDuration(const fs::path& path) {
-    const std::string out = Shell("gst-discoverer-1.0 " + Quoted(path));
-    const size_t at = out.find("Duration: ");
-    int hours = 0, minutes = 0;
-    double seconds = 0;
-    if (at == std::string::npos ||
-        std::sscanf(out.c_str() + at, "Duration: %d:%d:%lf", &hours, &minutes, &seconds) != 3)
-        return -1;
-    return hours * 3600 + minutes * 60 + seconds;
 }
 
 // The pictures and sound frames that GStreamer's demuxer hands on, played through.
@@ -392,33 +373,6 @@ TEST_F(StandardMovieTest, AMovieItCannotReadIsLeftAsItWas) {
         EXPECT_NE(made.error().message().find(c.why), std::string::npos) << made.error().message();
         EXPECT_EQ(made.error().domain(), MovieRecorderErrorDomain);
         EXPECT_EQ(Contents(movie), c.bytes);
-    }
-}
-
-// The movie writer's own movies are standard once finished: slots without a picture of their own, sound
-// that starts with the writer's silence, a fragment each second.
-TEST_F(StandardMovieTest, TheWritersMoviesAreStandardOnceFinished) {
-    for (Codec codec : {Codec::H264, Codec::ProRes422}) {
-        SCOPED_TRACE(NameOf(codec));
-        const fs::path movie = _folder / (NameOf(codec) + ".mov");
-        Result<std::unique_ptr<MovieWriter>> made = MovieWriter::make(
-            movie,
-            {.codec = codec, .width = 160, .height = 120, .framesPerSecond = 30, .recordsSound = true});
-        ASSERT_TRUE(made);
-        MovieWriter& writer = *made.value();
-        for (int64_t slot = 0; slot < 12 * 30; ++slot) {
-            if (slot % 7 != 3) {
-                ASSERT_TRUE(writer.appendFrame(writer.makeFrame(), slot));
-            }
-            ASSERT_TRUE(writer.appendSound(nullptr, 1600, slot * 1600));
-        }
-        ASSERT_TRUE(writer.finish(12 * 30));
-        ExpectStandardLayout(movie);
-        const Movie read = ReadMovie(movie);
-        EXPECT_EQ(read.times.size(), 12u * 30);
-        EXPECT_NEAR(read.videoDuration, 12, 1e-6);
-        EXPECT_NEAR(double(read.soundFrames), 12 * 48000, 1024);
-        EXPECT_NEAR(GStreamerDuration(movie), 12, 0.05);
     }
 }
 

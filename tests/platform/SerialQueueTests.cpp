@@ -17,7 +17,6 @@ namespace {
 
 TEST(SerialQueue, LabelAndThreadNameComeFromTheSuffix) {
     SerialQueue queue("oscquery.connections");
-    EXPECT_EQ(queue.label(), "org.quorva.QuorvaRecorder.oscquery.connections");
     std::string name;
     queue.sync([&] {
         char buffer[16] = {};

@@ -1,5 +1,6 @@
-// A running `quorvarecorder --headless` driven by real clients only: oscsend and oscsendfile, curl, the
-// npm package oscquery, python3-websockets, and raw sockets for what no polite client sends.
+// A running `quorvarecorder --headless` driven by real clients only: oscsend, curl, the npm package
+// oscquery, python3-websockets, and raw sockets for what no polite client sends. (Bundles, as oscsendfile
+// sends them, are the receiver's tests'.)
 #include "NetworkTesting.h"
 
 #include <algorithm>
@@ -33,15 +34,13 @@ struct HeadlessTest : ::testing::Test {
     static inline HeadlessRecorder* recorder = nullptr;
 
     static void SetUpTestSuite() {
-        setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1); // no announcement here
-        setenv("QUORVA_NDI_LIBRARY", "/nonexistent/libndi.so.6", 1);    // nor NDI
+        setenv("QUORVA_NDI_LIBRARY", "/nonexistent/libndi.so.6", 1); // no NDI here
         takenUDP = BoundSocket(SOCK_DGRAM);
         takenTCP = BoundSocket(SOCK_STREAM);
         recorder = new HeadlessRecorder(Folder("suite"), PortOf(takenUDP), PortOf(takenTCP));
     }
     static void TearDownTestSuite() {
         EXPECT_EQ(recorder->stop(), 0);
-        Shell("rm -rf " + recorder->dir);
         delete recorder;
         ::close(takenUDP);
         ::close(takenTCP);
@@ -49,7 +48,7 @@ struct HeadlessTest : ::testing::Test {
     const HeadlessRecorder& r = *recorder;
 };
 
-TEST_F(HeadlessTest, MessagesAndBundlesChangeSettingsOrSetTheErrorAfterAPortSearch) {
+TEST_F(HeadlessTest, MessagesChangeSettingsOrSetTheErrorAfterAPortSearch) {
     ASSERT_GT(r.queryPort, PortOf(takenTCP)) << r.log();
     ASSERT_GT(r.oscPort, PortOf(takenUDP));
     json info = json::parse(Curl(r.queryPort, "/?HOST_INFO").body);
@@ -81,14 +80,6 @@ TEST_F(HeadlessTest, MessagesAndBundlesChangeSettingsOrSetTheErrorAfterAPortSear
         r.send(c.message);
         EXPECT_EQ(r.value(c.address, c.expected), c.expected) << c.message;
     }
-
-    // One bundle, applied in order: the last /gap wins.
-    std::string file = r.dir + "/bundle.txt";
-    std::ofstream(file) << "e0000000.00000000 /gap i 40\ne0000000.00000000 /width i 640\n"
-                           "e0000000.00000000 /gap i 41\n";
-    Shell("oscsendfile 127.0.0.1 " + std::to_string(r.oscPort) + " " + file);
-    EXPECT_EQ(r.value("/gap", 41), 41);
-    EXPECT_EQ(r.value("/width"), 640);
 
     // Without a daemon to announce it the recorder still serves, and its log says why, never that it is
     // published.
@@ -184,7 +175,6 @@ TEST_F(HeadlessTest, GarbageSilenceAndAFloodAreSurvivedAndTheNextMessageStillWor
 // Started with a folder root, the recorder takes "/folder" from the network only within it, ".." and
 // links resolved.
 TEST(Headless, AFolderRootKeepsTheFolderFromTheNetworkWithinIt) {
-    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
     const std::string dir = Folder("root");
     Shell("mkdir -p " + dir + "/shows/day1 && ln -s /etc " + dir + "/shows/away");
     const std::string root = std::filesystem::canonical(dir + "/shows").string();
@@ -201,13 +191,11 @@ TEST(Headless, AFolderRootKeepsTheFolderFromTheNetworkWithinIt) {
     }
     EXPECT_EQ(r.value("/folder"), dir + "/shows/day1");
     EXPECT_EQ(r.stop(), 0);
-    Shell("rm -rf " + dir);
 }
 
 // A recording started and stopped over OSC, followed over OSCQuery; then a second one cut by SIGTERM,
 // which must still leave a finished movie and a clean exit.
 TEST(Headless, ARecordingOverOSCWritesMoviesThatItsStatusDescribesAndSIGTERMFinishesATake) {
-    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
     HeadlessRecorder r(Folder("take"), 39330, 39331);
     ASSERT_NE(r.queryPort, 0) << r.log();
     for (const std::string& message : std::vector<std::string>{"/source/1 s 720p30", "/output s separate",
@@ -233,7 +221,6 @@ TEST(Headless, ARecordingOverOSCWritesMoviesThatItsStatusDescribesAndSIGTERMFini
     ASSERT_EQ(r.value("/status/state", "idle"), "idle");
     // The take's report is published once it is written, beside the movie.
     EXPECT_EQ(r.value("/status/report", r.dir + "/take.html"), r.dir + "/take.html");
-    EXPECT_TRUE(std::filesystem::exists(r.dir + "/take.json"));
 
     std::string file = r.value("/status/file").get<std::string>();
     EXPECT_EQ(file, r.dir + "/take.mov");
@@ -248,13 +235,11 @@ TEST(Headless, ARecordingOverOSCWritesMoviesThatItsStatusDescribesAndSIGTERMFini
     std::this_thread::sleep_for(std::chrono::seconds(1));
     EXPECT_EQ(r.stop(), 0);
     EXPECT_GT(FramesIn(second), 0) << r.log();
-    Shell("rm -rf " + r.dir);
 }
 
 // A controller listens over the WebSocket with python3-websockets while a take starts and stops over OSC,
 // then ignores the state and starts a take through the WebSocket itself.
 TEST(Headless, AWebSocketClientHearsWhatItListensToUntilItIgnoresItAndItsOSCIsApplied) {
-    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
     HeadlessRecorder r(Folder("listen"), 39350, 39351);
     ASSERT_NE(r.queryPort, 0) << r.log();
     json info = json::parse(Curl(r.queryPort, "/?HOST_INFO").body);
@@ -290,7 +275,6 @@ TEST(Headless, AWebSocketClientHearsWhatItListensToUntilItIgnoresItAndItsOSCIsAp
     r.send("/record i 0");
     EXPECT_EQ(r.value("/status/state", "idle"), "idle");
     EXPECT_EQ(r.stop(), 0);
-    Shell("rm -rf " + r.dir);
 }
 
 // An OSC message from `host` (127.0.0.x) with one integer, over UDP.
@@ -309,7 +293,6 @@ void SendFrom(const std::string& host, int port, const std::string& address, int
 // With --allow, only the hosts named drive the recorder or read it, over OSC, OSCQuery and its WebSocket
 // alike; the recorder listens on IPv6 too where the machine has it.
 TEST(Headless, OnlyTheAllowedHostsDriveOrReadTheRecorder) {
-    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
     HeadlessRecorder r(Folder("allow"), 39360, 39361, "--allow 127.0.0.2 --allow ::1");
     ASSERT_NE(r.queryPort, 0) << r.log();
     EXPECT_NE(r.log().find("OSC: only 127.0.0.2, ::1 may drive this recorder"), std::string::npos) << r.log();
@@ -344,12 +327,10 @@ TEST(Headless, OnlyTheAllowedHostsDriveOrReadTheRecorder) {
             R"({"VALUE":[23]})");
     }
     EXPECT_EQ(r.stop(), 0);
-    Shell("rm -rf " + r.dir);
 }
 
 // With --bind, OSC and OSCQuery listen on that address alone.
 TEST(Headless, BindListensOnTheAddressGivenAlone) {
-    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
     HeadlessRecorder r(Folder("bind"), 39370, 39371, "--bind 127.0.0.1");
     ASSERT_NE(r.queryPort, 0) << r.log();
     EXPECT_NE(r.log().find("OSC: every host may drive this recorder, on 127.0.0.1"), std::string::npos)
@@ -361,26 +342,6 @@ TEST(Headless, BindListensOnTheAddressGivenAlone) {
                     std::to_string(r.queryPort) + "/gap'"),
               "000");
     EXPECT_EQ(r.stop(), 0);
-    Shell("rm -rf " + r.dir);
-}
-
-TEST(Headless, AMalformedAllowOrBindIsRefusedAtStart) {
-    struct Case {
-        const char* options;
-        const char* message;
-    } cases[] = {
-        {"--allow 10.0.0.0/33", "--allow needs an address or a network (address/prefix), IPv4 or IPv6, "
-                                "not '10.0.0.0/33'"},
-        {"--allow recorder.local", "not 'recorder.local'"},
-        {"--allow", "--allow needs an address or a network"},
-        {"--bind 10.1.2.300", "--bind needs an address of this machine, not '10.1.2.300'"},
-        {"--bind 192.0.2.1", "--bind needs an address of this machine, not '192.0.2.1'"},
-    };
-    for (const Case& c : cases) {
-        std::string out = Shell(QUORVA_RECORDER_PATH " --headless "s + c.options + " 2>&1; echo \"exit $?\"");
-        EXPECT_NE(out.find(c.message), std::string::npos) << out;
-        EXPECT_NE(out.find("exit 2"), std::string::npos) << out;
-    }
 }
 
 } // namespace

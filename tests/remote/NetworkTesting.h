@@ -10,6 +10,7 @@
 #include <arpa/inet.h>
 #include <csignal>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <mutex>
@@ -138,7 +139,9 @@ struct HeadlessRecorder {
         : dir(std::move(folder)) {
         Shell("mkdir -p " + dir + "/config && chmod 700 " + dir);
         // The shell execs the recorder in its place, so that the signals reach the recorder itself.
-        std::string command = "XDG_CONFIG_HOME=" + dir + "/config XDG_RUNTIME_DIR=" + dir +
+        // No system bus: nothing is announced from a test.
+        std::string command = "DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nonexistent XDG_CONFIG_HOME=" + dir +
+                              "/config XDG_RUNTIME_DIR=" + dir +
                               " QUORVA_OSC_PORT=" + std::to_string(wantedOSCPort) +
                               " QUORVA_OSCQUERY_PORT=" + std::to_string(wantedQueryPort) +
                               " exec " QUORVA_RECORDER_PATH " --headless " + options + " 2>" + dir + "/log";
@@ -155,7 +158,10 @@ struct HeadlessRecorder {
             }
         }
     }
-    ~HeadlessRecorder() { stop(); }
+    ~HeadlessRecorder() {
+        stop();
+        std::filesystem::remove_all(dir);
+    }
     std::string log() const {
         std::stringstream text;
         text << std::ifstream(dir + "/log").rdbuf();
