@@ -177,7 +177,7 @@ Result<> Take::start(const TakePlan& plan) {
         _codec = plan.settings.codec();
         _recording = true;
     }
-    _routes.store(std::move(routes));
+    setRoutes(std::move(routes));
     return {};
 }
 
@@ -243,15 +243,25 @@ void Take::movieFailed(const std::shared_ptr<TakeMovie>& movie, size_t index, Er
         handler(index, error);
 }
 
+std::shared_ptr<const TakeRoutes> Take::currentRoutes() const {
+    std::lock_guard lock(_routesLock);
+    return _routesHeld;
+}
+
+void Take::setRoutes(std::shared_ptr<const TakeRoutes> routes) {
+    std::lock_guard lock(_routesLock);
+    _routesHeld = std::move(routes);
+}
+
 void Take::appendPicture(const std::shared_ptr<Picture>& picture, bool flipped, size_t index, double time) {
-    const std::shared_ptr<const TakeRoutes> routes = _routes.load();
+    const std::shared_ptr<const TakeRoutes> routes = currentRoutes();
     const TakeRoutes::Source* source = routes ? routes->source(index) : nullptr;
     if (source && source->pictures)
         source->pictures->appendPicture(picture, flipped, time);
 }
 
 std::shared_ptr<MovieRecorder> Take::assembledRecorder() const {
-    const std::shared_ptr<const TakeRoutes> routes = _routes.load();
+    const std::shared_ptr<const TakeRoutes> routes = currentRoutes();
     return routes ? routes->assembled : nullptr;
 }
 
@@ -271,7 +281,7 @@ void Take::appendAssembledPlacements(std::vector<PicturePlacement> placements, d
 }
 
 void Take::appendSound(const std::shared_ptr<SourceSound>& sound, size_t index, double time) {
-    const std::shared_ptr<const TakeRoutes> routes = _routes.load();
+    const std::shared_ptr<const TakeRoutes> routes = currentRoutes();
     if (const TakeRoutes::Source* source = routes ? routes->source(index) : nullptr) {
         for (const std::shared_ptr<MovieRecorder>& recorder : source->sound)
             recorder->appendSound(sound, time);
@@ -279,7 +289,7 @@ void Take::appendSound(const std::shared_ptr<SourceSound>& sound, size_t index, 
 }
 
 void Take::appendComputerSound(const std::shared_ptr<SourceSound>& sound, double time) {
-    if (const std::shared_ptr<const TakeRoutes> routes = _routes.load()) {
+    if (const std::shared_ptr<const TakeRoutes> routes = currentRoutes()) {
         for (const std::shared_ptr<MovieRecorder>& recorder : routes->computerSound)
             recorder->appendSound(sound, time);
     }
@@ -299,7 +309,7 @@ void Take::finishAtTime(double time, CompletionHandler completionHandler) {
         _recording = false;
         _finishing = true;
         // From here on nothing that arrives reaches a movie, whichever thread it comes on.
-        _routes.store(nullptr);
+        setRoutes(nullptr);
         movies = _movies;
         if (_assembledMovie)
             movies.push_back(_assembledMovie);

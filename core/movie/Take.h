@@ -9,7 +9,6 @@
 #include "core/source/NoIndex.h"
 #include "platform/Error.h"
 
-#include <atomic>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -181,8 +180,14 @@ private:
     MovieFailureHandler _movieFailureHandler;
     // Guards the fields above. Held only to read or swap them, never across a call into a recorder.
     mutable std::mutex _lock;
-    // While recording, where what arrives goes; nothing otherwise.
-    std::atomic<std::shared_ptr<const TakeRoutes>> _routes;
+    // While recording, where what arrives goes; nothing otherwise. Replaced whole and never changed, so
+    // that a reader copies the pointer under a lock of its own and routes without any lock. (GCC 12's
+    // std::atomic<std::shared_ptr> releases its lock bit with a relaxed store after a load, which orders
+    // nothing: ThreadSanitizer rightly reports a race on the pointer.)
+    std::shared_ptr<const TakeRoutes> currentRoutes() const;
+    void setRoutes(std::shared_ptr<const TakeRoutes> routes);
+    mutable std::mutex _routesLock;
+    std::shared_ptr<const TakeRoutes> _routesHeld;
 };
 
 } // namespace quorva
