@@ -7,7 +7,6 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <mutex>
 #include <set>
 #include <string>
@@ -31,26 +30,6 @@ constexpr PresetSpeeds Halving = {100, 50, 25, 12.5, 6.25, 3.125};
 double Covered(double speed, double processors) {
     return speed * processors * EncodingShare;
 }
-
-class TemporaryFolder : public ::testing::Test {
-protected:
-    void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "quorva-encoder-speed-XXXXXX").string();
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        _folder = pattern;
-    }
-    void TearDown() override {
-        std::error_code ignored;
-        fs::remove_all(_folder, ignored);
-    }
-
-    void Write(const fs::path& path, const std::string& text) {
-        fs::create_directories((_folder / path).parent_path());
-        std::ofstream(_folder / path) << text << "\n";
-    }
-
-    fs::path _folder;
-};
 
 // --- The choice --------------------------------------------------------------------------------------
 
@@ -90,39 +69,19 @@ TEST(ChoosePreset, TakesTheSlowestPresetThatKeepsUpElseTheFastestAndSaysSo) {
     EXPECT_TRUE(ChoosePreset(Halving, 0, Covered(100, 1)).keepsUp);
 }
 
-// --- The processors ----------------------------------------------------------------------------------
-
-using ProcessorCapacityTest = TemporaryFolder;
-
-TEST_F(ProcessorCapacityTest, CountsEachCoreOnceAndItsSecondThreadAsAQuarterElseEveryProcessorOnline) {
-    // Four processors online, two cores of two threads each, and a fifth processor offline.
-    Write("online", "0-1,4-5");
-    for (int cpu : {0, 1, 4, 5})
-        Write("cpu" + std::to_string(cpu) + "/topology/thread_siblings_list", cpu % 2 ? "1,5" : "0,4");
-    Write("cpu2/topology/thread_siblings_list", "2");
-    EXPECT_DOUBLE_EQ(ProcessorCapacity(_folder), 2 + 2 * SharedCoreGain);
-
-    // A core whose other thread is offline counts whole.
-    Write("online", "0-1,4");
-    Write("cpu5/topology/thread_siblings_list", "oops");
-    Write("cpu1/topology/thread_siblings_list", "1");
-    EXPECT_DOUBLE_EQ(ProcessorCapacity(_folder), 2 + SharedCoreGain);
-
-    // Without a topology that reads, every processor online counts.
-    const double online = double(sysconf(_SC_NPROCESSORS_ONLN));
-    Write("online", "0-3");
-    EXPECT_DOUBLE_EQ(ProcessorCapacity(_folder), online) << "cpu3 has none";
-    Write("online", "garbage");
-    EXPECT_DOUBLE_EQ(ProcessorCapacity(_folder), online);
-}
-
 // --- Measuring and remembering -----------------------------------------------------------------------
 
-class EncoderSpeedTest : public TemporaryFolder {
+class EncoderSpeedTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        TemporaryFolder::SetUp();
+        std::string pattern = (fs::temp_directory_path() / "quorva-encoder-speed-XXXXXX").string();
+        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+        _folder = pattern;
         _settings = std::make_shared<SettingsStore>("org.quorva.test", _folder);
+    }
+    void TearDown() override {
+        std::error_code ignored;
+        fs::remove_all(_folder, ignored);
     }
 
     // Remembers `speeds` for both codecs under `signature`.
@@ -138,6 +97,7 @@ protected:
         return json::parse(_settings->stringForKey(EncoderSpeed::SettingsKey).value_or("null"));
     }
 
+    fs::path _folder;
     std::shared_ptr<SettingsStore> _settings;
 };
 
