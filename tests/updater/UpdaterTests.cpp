@@ -27,16 +27,11 @@ TEST(UpdateVersions, CompareAsPeopleWriteThem) {
         const char* current;
         bool newer;
     } cases[] = {
-        {"v1.2", "1.2.0", false},
-        {"1.10", "1.9", true},
-        {"1.2-beta", "1.2", false},
-        {"1.3-beta", "1.2", true},
-        {"1..3", "1.3", false},
-        {"1.2.1", "1.2", true},
-        {"1.x", "1.0", false},
-        {"1.2rc3", "1.1", true},
-        {"2", "dev", true},
-        {"99999999999999999999999", "1", true},
+        {"v1.2", "1.2.0", false},   {"1.10", "1.9", true},
+        {"1.2-beta", "1.2", false}, {"1.3-beta", "1.2", true},
+        {"1..3", "1.3", false},     {"1.2.1", "1.2", true},
+        {"1.x", "1.0", false},      {"1.2rc3", "1.1", true},
+        {"2", "dev", true},         {"99999999999999999999999", "1", true},
     };
     for (const Case& c : cases)
         EXPECT_EQ(IsNewerVersion(c.candidate, std::nullopt, c.current, std::nullopt), c.newer)
