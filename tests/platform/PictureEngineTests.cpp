@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <optional>
 #include <string>
@@ -16,29 +15,10 @@ namespace {
 using testing::Pixel;
 using testing::Pixels;
 
-// QUORVA_PICTURES set (or unset, for nothing) while the test runs, then put back.
-class PicturesVariable {
-public:
-    PicturesVariable() {
-        if (const char* value = std::getenv("QUORVA_PICTURES"))
-            _kept = value;
-    }
-    ~PicturesVariable() { set(_kept); }
-    void set(const std::optional<std::string>& value) {
-        if (value)
-            setenv("QUORVA_PICTURES", value->c_str(), 1);
-        else
-            unsetenv("QUORVA_PICTURES");
-    }
-
-private:
-    std::optional<std::string> _kept;
-};
-
 TEST(PictureEngineChoice, TheProcessorForASoftwareDeviceOrNoneTheGpuOtherwiseUnlessTheVariableSaysSo) {
     auto device = testing::SharedDevice();
     ASSERT_TRUE(device);
-    PicturesVariable variable;
+    testing::ScopedVariable variable("QUORVA_PICTURES");
     struct Case {
         std::optional<std::string> variable;
         bool withDevice;
@@ -93,10 +73,9 @@ TEST_P(PictureEngineTest, AnAdoptedPictureReadsBackExactlyAndKeepsItsPixelsWhile
     EXPECT_NE(second, adopted.value());
 
     Pixels pixels = testing::ReadPixels(*engine, adopted.value());
-    for (uint32_t y = 0; y < 23; ++y) {
+    for (uint32_t y = 0; y < 23; ++y)
         for (uint32_t x = 0; x < 37; ++x)
             ASSERT_EQ(pixels.at(x, y), Pattern(x, y)) << x << ", " << y;
-    }
     EXPECT_EQ(testing::ReadPixels(*engine, adopted.value(), 30, 20, 7, 3).at(36, 22), Pattern(36, 22));
     EXPECT_FALSE(engine->readPixels(adopted.value(), 30, 20, 8, 3));
     EXPECT_FALSE(engine->readPixels(adopted.value(), 0, 23, 1, 1));
@@ -154,12 +133,10 @@ TEST_P(PictureEngineTest, AnAssembledPictureDrawnIntoAMovieFrameIsTheComposedPic
                     const uint32_t values =
                         (Width + sampling.across - 1) / sampling.across * (sampling.bytes == 4 ? 4 : 1);
                     for (uint32_t x = 0; x < values; ++x) {
+                        // Ten-bit samples are little-endian words.
                         auto value = [&](const uint8_t* bytes) {
-                            if (sampling.bytes != 2)
-                                return int(bytes[row + x]);
-                            uint16_t word;
-                            std::memcpy(&word, bytes + row + 2 * x, 2);
-                            return int(word);
+                            return sampling.bytes == 2 ? bytes[row + 2 * x] | bytes[row + 2 * x + 1] << 8
+                                                       : int(bytes[row + x]);
                         };
                         ASSERT_NEAR(value(frame->data()), value(expected.data()), tolerance)
                             << "plane " << p << " at " << x << ", " << y;

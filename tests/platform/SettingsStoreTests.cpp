@@ -1,17 +1,15 @@
 #include "platform/SettingsStore.h"
 
 #include "platform/Log.h"
+#include "platform/Semaphore.h"
 
 #include <atomic>
-#include <chrono>
 #include <cmath>
-#include <condition_variable>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <iterator>
-#include <mutex>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <signal.h>
@@ -300,10 +298,8 @@ TEST_F(SettingsStoreTest, ASymbolicLinkToTheSettingsIsWrittenThroughNotReplaced)
 
 TEST_F(SettingsStoreTest, SettersDoNotWaitForTheDiskAndChangesMadeMeanwhileShareTheNextWrite) {
     SettingsStore store(ApplicationIdentifier, _folder);
-    std::mutex lock;
-    std::condition_variable changed;
-    bool released = false;
-    int writes = 0;
+    Semaphore writing, released;
+    std::atomic<int> writes = 0;
     const auto caller = std::this_thread::get_id();
     std::atomic<bool> wroteOnCaller = false;
     store.setBeforeRenameHook([&](const fs::path&) {
@@ -311,26 +307,19 @@ TEST_F(SettingsStoreTest, SettersDoNotWaitForTheDiskAndChangesMadeMeanwhileShare
             wroteOnCaller = true;
             return;
         }
-        std::unique_lock guard(lock);
         ++writes;
-        changed.notify_all();
-        changed.wait(guard, [&] { return released; });
+        writing.signal();
+        released.wait();
+        released.signal(); // once released, every write goes on
     });
     ASSERT_TRUE(store.setInteger(0, "RecorderGap"));
     ASSERT_FALSE(wroteOnCaller);
-    {
-        std::unique_lock guard(lock);
-        ASSERT_TRUE(changed.wait_for(guard, std::chrono::seconds(10), [&] { return writes == 1; }));
-    }
+    ASSERT_TRUE(writing.wait(10));
     // The first write is held on the disk; setters still answer at once, and the values serve.
     for (int64_t gap = 1; gap <= 100; ++gap)
         ASSERT_TRUE(store.setInteger(gap, "RecorderGap"));
     EXPECT_EQ(store.integerForKey("RecorderGap"), 100);
-    {
-        std::lock_guard guard(lock);
-        released = true;
-        changed.notify_all();
-    }
+    released.signal();
     ASSERT_TRUE(store.flush());
     EXPECT_EQ(writes, 2);
     EXPECT_EQ(nlohmann::json::parse(read(file())), nlohmann::json({{"RecorderGap", 100}}));

@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstring>
 #include <random>
+#include <utility>
 #include <vector>
 
 namespace quorva::cpu {
@@ -98,40 +99,35 @@ void ExpectMatchesFormula(const Picture& picture, FrameLayout layout) {
         }
 }
 
-constexpr FrameLayout Layouts[] = {FrameLayout::YUV420P, FrameLayout::YUV422P10, FrameLayout::YUVA444P10};
-
-TEST(PictureKernelsTest, AllGreysAndThePrimariesMatchTheFormula) {
+TEST(PictureKernelsTest, AllGreysThePrimariesAndRandomPicturesOfOddAndUnevenSizesMatchTheFormula) {
     // 256 greys in pairs of columns, then black, white and the six primaries and secondaries, two rows
     // alike, alpha running through every value.
-    Picture picture{2 * 264, 2, 4 * 2 * 264, std::vector<uint8_t>(4 * 2 * 264 * 2)};
-    for (uint32_t x = 0; x < picture.width; ++x) {
+    Picture greys{2 * 264, 2, 4 * 2 * 264, std::vector<uint8_t>(4 * 2 * 264 * 2)};
+    for (uint32_t x = 0; x < greys.width; ++x) {
         const uint32_t i = x / 2;
-        const uint8_t grey = uint8_t(i);
         const uint8_t colour[3] = {uint8_t(i >= 256 && (i - 256) & 1 ? 255 : 0),
                                    uint8_t(i >= 256 && (i - 256) & 2 ? 255 : 0),
                                    uint8_t(i >= 256 && (i - 256) & 4 ? 255 : 0)};
         for (uint32_t y = 0; y < 2; ++y) {
-            uint8_t* pixel = picture.bytes.data() + y * picture.stride + 4 * x;
+            uint8_t* pixel = greys.bytes.data() + y * greys.stride + 4 * x;
             for (int c = 0; c < 3; ++c)
-                pixel[c] = i < 256 ? grey : colour[c];
+                pixel[c] = i < 256 ? uint8_t(i) : colour[c];
             pixel[3] = uint8_t(x);
         }
     }
-    ForEachTarget([&] {
-        for (FrameLayout layout : Layouts)
-            ExpectMatchesFormula(picture, layout);
-    });
-}
-
-TEST(PictureKernelsTest, RandomPicturesOfOddAndUnevenSizesMatchTheFormula) {
+    std::vector<Picture> pictures{greys};
     // Widths below, at and past each kernel's step (2, 16, 32 or 64 pixels), odd and even.
-    const std::array<uint32_t, 2> sizes[] = {{1, 1},  {3, 3},  {16, 2},  {33, 5},
-                                             {64, 2}, {65, 3}, {127, 4}, {130, 1}};
+    const std::pair<uint32_t, uint32_t> sizes[] = {{1, 1},  {3, 3},  {16, 2},  {33, 5},
+                                                   {64, 2}, {65, 3}, {127, 4}, {130, 1}};
+    for (auto [width, height] : sizes)
+        pictures.push_back(Random(width, height, width * 7 + height));
     ForEachTarget([&] {
-        for (const auto& [width, height] : sizes)
-            for (FrameLayout layout : Layouts) {
-                SCOPED_TRACE(testing::Message() << width << "x" << height << " layout " << int(layout));
-                ExpectMatchesFormula(Random(width, height, width * 7 + height), layout);
+        for (const Picture& picture : pictures)
+            for (FrameLayout layout :
+                 {FrameLayout::YUV420P, FrameLayout::YUV422P10, FrameLayout::YUVA444P10}) {
+                SCOPED_TRACE(testing::Message()
+                             << picture.width << "x" << picture.height << " layout " << int(layout));
+                ExpectMatchesFormula(picture, layout);
             }
     });
 }

@@ -13,7 +13,7 @@ namespace quorva {
 namespace {
 
 using testing::MakeQueue;
-using testing::MakeSolidTexture;
+using testing::MakeTexture;
 using testing::Pixel;
 using testing::Pixels;
 
@@ -37,7 +37,7 @@ TEST(CommandQueue, CallsHandlersOnItsOwnThreadOnceTheGpuIsDoneInCommitOrder) {
     std::vector<std::thread::id> threads;
     std::promise<void> last;
     for (int i = 0; i < 6; ++i) {
-        auto target = MakeSolidTexture(64, 64, {});
+        auto target = MakeTexture(64, 64);
         auto buffer = Clear(*queue, target, {0, float(i) / 5, 0, 1});
         buffer->addCompletedHandler([&, i, target] {
             // Done means readable: the read-back, queued behind nothing, shows the clear.
@@ -66,7 +66,7 @@ TEST(CommandQueue, HoldsWhatItsBuffersUseUntilDoneAndClosingWaitsForCommittedWor
     std::weak_ptr<Texture> watched;
     std::atomic<int> completed = 0, aliveInHandler = 0;
     {
-        auto target = MakeSolidTexture(512, 512, {});
+        auto target = MakeTexture(512, 512);
         watched = target;
         for (int i = 0; i < 5; ++i) {
             auto buffer = Clear(*queue, target, {0, 0, 1, 1});
@@ -77,7 +77,7 @@ TEST(CommandQueue, HoldsWhatItsBuffersUseUntilDoneAndClosingWaitsForCommittedWor
             ASSERT_TRUE(buffer->commit());
         }
     } // the caller lets go of the texture and the buffers at once
-    auto late = Clear(*queue, MakeSolidTexture(8, 8, {}), {0, 0, 1, 1});
+    auto late = Clear(*queue, MakeTexture(8, 8), {0, 0, 1, 1});
     bool lateCalled = false;
     late->addCompletedHandler([&] { lateCalled = true; });
     queue.reset(); // waits for the work and for the completion thread, which let go after the handlers
@@ -93,7 +93,7 @@ TEST(CommandQueue, HoldsWhatItsBuffersUseUntilDoneAndClosingWaitsForCommittedWor
     const long holds = testing::SharedDevice().use_count();
     queue = MakeQueue();
     std::promise<void> done;
-    auto buffer = Clear(*queue, MakeSolidTexture(8, 8, {}), {0, 0, 0, 1});
+    auto buffer = Clear(*queue, MakeTexture(8, 8), {0, 0, 0, 1});
     buffer->addCompletedHandler([&done, held = queue]() mutable {
         held.reset();
         done.set_value();

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <sys/stat.h>
@@ -28,6 +29,26 @@ inline void PrintTo(const Pixel& pixel, std::ostream* out) {
     *out << "(b " << int(pixel.b) << ", g " << int(pixel.g) << ", r " << int(pixel.r) << ", a "
          << int(pixel.a) << ")";
 }
+
+// An environment variable set (or unset, for nothing) while this lives, then put back as it was.
+class ScopedVariable {
+public:
+    explicit ScopedVariable(const char* name) : _name(name) {
+        if (const char* value = std::getenv(name))
+            _kept = value;
+    }
+    ~ScopedVariable() { set(_kept); }
+    void set(const std::optional<std::string>& value) {
+        if (value)
+            setenv(_name, value->c_str(), 1);
+        else
+            unsetenv(_name);
+    }
+
+private:
+    const char* _name;
+    std::optional<std::string> _kept;
+};
 
 // One device for the whole test program: opening one costs more than most tests.
 inline std::shared_ptr<GpuDevice> SharedDevice() {
@@ -58,30 +79,18 @@ inline std::shared_ptr<CommandQueue> MakeQueue() {
     return queue ? queue.value() : nullptr;
 }
 
-// A texture filled by `pixelAt(x, y)`.
-template <class PixelAt>
-std::shared_ptr<Texture> MakeTexture(uint32_t width, uint32_t height, PixelAt pixelAt) {
+// A texture of transparent black, as a target to draw into or a source whose pixels do not matter.
+inline std::shared_ptr<Texture> MakeTexture(uint32_t width, uint32_t height) {
     auto texture = SharedDevice()->makeTexture(width, height);
     if (!texture) {
         ADD_FAILURE() << texture.error().message();
         return nullptr;
     }
-    std::vector<uint8_t> bytes(size_t(width) * height * 4);
-    for (uint32_t y = 0; y < height; ++y) {
-        for (uint32_t x = 0; x < width; ++x) {
-            Pixel pixel = pixelAt(x, y);
-            uint8_t* at = bytes.data() + (size_t(y) * width + x) * 4;
-            at[0] = pixel.b, at[1] = pixel.g, at[2] = pixel.r, at[3] = pixel.a;
-        }
-    }
+    const std::vector<uint8_t> bytes(size_t(width) * height * 4);
     Result<void> replaced = texture.value()->replace(bytes.data(), size_t(width) * 4);
     if (!replaced)
         ADD_FAILURE() << replaced.error().message();
     return texture.value();
-}
-
-inline std::shared_ptr<Texture> MakeSolidTexture(uint32_t width, uint32_t height, Pixel pixel) {
-    return MakeTexture(width, height, [&](uint32_t, uint32_t) { return pixel; });
 }
 
 // The pixels of a region, read back once the GPU has done what was submitted before.
@@ -97,8 +106,6 @@ public:
     }
     Pixels(const std::shared_ptr<Texture>& texture, uint32_t x, uint32_t y, uint32_t width, uint32_t height)
         : Pixels(texture->readPixels(x, y, width, height), x, y, width) {}
-    explicit Pixels(const std::shared_ptr<Texture>& texture)
-        : Pixels(texture, 0, 0, texture->width(), texture->height()) {}
 
     // (x, y) in the texture's coordinates.
     Pixel at(uint32_t x, uint32_t y) const {

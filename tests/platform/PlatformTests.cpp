@@ -1,16 +1,27 @@
+// The main loop, and what the rest of the program leans on beside it: the clock, the log and the
+// processor's capacity.
 #include "platform/HeadlessEventLoop.h"
-
 #include "platform/Log.h"
 #include "platform/MediaClock.h"
+#include "platform/ProcessorTopology.h"
 
+#include <chrono>
+#include <cmath>
+#include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
+#include <limits>
 #include <memory>
 #include <string>
 #include <thread>
+#include <time.h>
+#include <unistd.h>
 #include <vector>
 
 namespace quorva {
 namespace {
+
+namespace fs = std::filesystem;
 
 TEST(HeadlessEventLoop, RunsTasksInOrderOnItsThreadUntilStoppedAndDropsWhatIsLeftWithItself) {
     auto captured = std::make_shared<int>(0);
@@ -113,6 +124,79 @@ TEST(HeadlessEventLoop, PostToMainReachesTheLoopThatWasSetAndWithoutOneDropsAndS
     EXPECT_TRUE(loop->runUntil([] { return true; }, 0)) << "a condition already true needs no task";
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0].rfind("EventLoop: ", 0), 0u);
+}
+
+TEST(Log, LinesCarryTheirPrefixAndArriveWholeFromManyThreads) {
+    std::vector<std::string> lines;
+    SetLogSink([&](const std::string& line) { lines.push_back(line); });
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([t] {
+            for (int i = 0; i < 100; ++i)
+                Log("Test: ", "thread " + std::to_string(t) + " line " + std::to_string(i));
+        });
+    for (auto& thread : threads)
+        thread.join();
+    SetLogSink({});
+    ASSERT_EQ(lines.size(), 400u);
+    for (const auto& line : lines)
+        EXPECT_EQ(line.rfind("Test: thread ", 0), 0u) << line;
+}
+
+TEST(MediaClock, ReadsTheMonotonicClockAndItsDeadlinesSurviveOddDelays) {
+    timespec before{}, after{};
+    clock_gettime(CLOCK_MONOTONIC, &before);
+    double now = MediaClock::now();
+    clock_gettime(CLOCK_MONOTONIC, &after);
+    EXPECT_LE(double(before.tv_sec) + double(before.tv_nsec) * 1e-9, now);
+    EXPECT_LE(now, double(after.tv_sec) + double(after.tv_nsec) * 1e-9);
+
+    using Clock = std::chrono::steady_clock;
+    auto start = Clock::now();
+    auto inOneSecond = MediaClock::deadlineAfter(1.0);
+    EXPECT_GE(inOneSecond - start, std::chrono::milliseconds(1000));
+    EXPECT_LT(inOneSecond - start, std::chrono::seconds(60));
+    // "Now" for what is not a positive delay; far away, but no overflow into the past, for huge ones.
+    // The deadline is taken first: the order in which a call's arguments are evaluated is unspecified.
+    for (double odd : {0.0, -5.0, std::nan("")}) {
+        auto deadline = MediaClock::deadlineAfter(odd);
+        EXPECT_LE(deadline, Clock::now()) << odd;
+    }
+    for (double huge : {1e12, 1e300, std::numeric_limits<double>::infinity()}) {
+        auto deadline = MediaClock::deadlineAfter(huge);
+        EXPECT_GT(deadline, Clock::now() + std::chrono::hours(24 * 365)) << huge;
+    }
+}
+
+TEST(ProcessorCapacity, CountsEachCoreOnceAndItsSecondThreadAsAQuarterElseEveryProcessorOnline) {
+    std::string pattern = (fs::temp_directory_path() / "quorva-topology-XXXXXX").string();
+    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+    const fs::path folder = pattern;
+    auto write = [&](const fs::path& path, const std::string& text) {
+        fs::create_directories((folder / path).parent_path());
+        std::ofstream(folder / path) << text << "\n";
+    };
+
+    // Four processors online, two cores of two threads each, and a fifth processor offline.
+    write("online", "0-1,4-5");
+    for (int cpu : {0, 1, 4, 5})
+        write("cpu" + std::to_string(cpu) + "/topology/thread_siblings_list", cpu % 2 ? "1,5" : "0,4");
+    write("cpu2/topology/thread_siblings_list", "2");
+    EXPECT_DOUBLE_EQ(ProcessorCapacity(folder), 2 + 2 * SharedCoreGain);
+
+    // A core whose other thread is offline counts whole.
+    write("online", "0-1,4");
+    write("cpu5/topology/thread_siblings_list", "oops");
+    write("cpu1/topology/thread_siblings_list", "1");
+    EXPECT_DOUBLE_EQ(ProcessorCapacity(folder), 2 + SharedCoreGain);
+
+    // Without a topology that reads, every processor online counts.
+    const double online = double(sysconf(_SC_NPROCESSORS_ONLN));
+    write("online", "0-3");
+    EXPECT_DOUBLE_EQ(ProcessorCapacity(folder), online) << "cpu3 has none";
+    write("online", "garbage");
+    EXPECT_DOUBLE_EQ(ProcessorCapacity(folder), online);
+    fs::remove_all(folder);
 }
 
 } // namespace

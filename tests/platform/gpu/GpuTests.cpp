@@ -1,0 +1,135 @@
+// The device, its textures and its pipelines, on lavapipe where there is no GPU.
+#include "platform/gpu/CommandBuffer.h"
+#include "platform/gpu/CommandQueue.h"
+#include "platform/gpu/GpuDevice.h"
+#include "platform/gpu/RenderPipeline.h"
+#include "platform/gpu/Texture.h"
+#include "tests/platform/gpu/GpuTesting.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace quorva {
+namespace {
+
+using testing::MakeTexture;
+using testing::SharedDevice;
+using Type = vk::PhysicalDeviceType;
+
+TEST(ChooseGpu, PrefersDiscreteThenIntegratedThenSoftwareUnlessNamedAndSkipsThoseThatCannotDraw) {
+    const GpuCandidate cpu{"llvmpipe (LLVM 15.0.6, 256 bits)", Type::eCpu, true},
+        integrated{"Intel UHD", Type::eIntegratedGpu, true},
+        discrete{"NVIDIA GeForce RTX 4090", Type::eDiscreteGpu, true},
+        old{"Old GPU", Type::eDiscreteGpu, false};
+    struct Case {
+        std::vector<GpuCandidate> candidates;
+        const char* wanted;
+        std::optional<size_t> chosen;
+    };
+    const Case cases[] = {
+        {{cpu, integrated, discrete}, "", 2},
+        {{cpu, integrated}, "", 1},
+        {{}, "", std::nullopt},
+        {{old, cpu}, "", 1},
+        {{old, cpu}, "old", std::nullopt},
+        {{old}, "", std::nullopt},
+        {{discrete, cpu}, "LLVMPIPE", 1},
+        {{discrete, cpu}, "Radeon", std::nullopt},
+    };
+    for (const Case& c : cases)
+        EXPECT_EQ(ChooseGpu(c.candidates, c.wanted), c.chosen) << "case " << &c - cases;
+}
+
+TEST(GpuDevice, OpensTheDeviceThatTheEnvironmentNamesOrExplainsWhyNot) {
+    auto device = SharedDevice();
+    ASSERT_TRUE(device);
+    EXPECT_GE(device->maximumTextureSize(), 4096u);
+    testing::ScopedVariable variable("QUORVA_VULKAN_DEVICE");
+    variable.set(device->name().substr(0, 4));
+    auto named = GpuDevice::make();
+    variable.set("no such GPU");
+    auto missing = GpuDevice::make();
+    ASSERT_TRUE(named) << named.error().message();
+    EXPECT_EQ(named.value()->name(), device->name());
+    ASSERT_FALSE(missing);
+    EXPECT_EQ(missing.error().domain(), "org.quorva.QuorvaRecorder.GPU");
+    EXPECT_NE(missing.error().message().find("no such GPU"), std::string::npos);
+    EXPECT_NE(missing.error().message().find(device->name()), std::string::npos) << "lists what there is";
+}
+
+TEST(Texture, RefusesEmptyOversizedAndBadlyStridedPicturesAndOutsideRegions) {
+    auto device = SharedDevice();
+    ASSERT_TRUE(device);
+    uint32_t largest = device->maximumTextureSize();
+    EXPECT_FALSE(device->makeTexture(0, 10));
+    EXPECT_FALSE(device->makeTexture(10, 0));
+    EXPECT_FALSE(device->makeTexture(largest + 1, 1));
+    EXPECT_FALSE(device->makeTexture(1, largest + 1));
+    EXPECT_TRUE(device->makeTexture(largest, 1));
+
+    auto texture = device->makeTexture(8, 8);
+    ASSERT_TRUE(texture);
+    std::vector<uint8_t> bytes(64 * 8);
+    EXPECT_FALSE(texture.value()->replace(bytes.data(), 31)) << "short rows";
+    EXPECT_FALSE(texture.value()->replace(bytes.data(), 34)) << "rows in part pixels";
+    ASSERT_TRUE(texture.value()->replace(bytes.data(), 32));
+    EXPECT_FALSE(texture.value()->readPixels(8, 0, 1, 1));
+    EXPECT_FALSE(texture.value()->readPixels(4, 4, 5, 1));
+    EXPECT_FALSE(texture.value()->readPixels(0, 0, 0, 1));
+    EXPECT_TRUE(texture.value()->readPixels(7, 7, 1, 1));
+}
+
+constexpr const char* CopyVertex = R"(#version 450
+layout(location = 0) out vec2 coordinate;
+void main() {
+    vec2 corner = vec2(gl_VertexIndex >> 1, gl_VertexIndex & 1);
+    coordinate = vec2(corner.x, 1.0 - corner.y);
+    gl_Position = vec4(corner * 2.0 - 1.0, 0.0, 1.0);
+}
+)";
+
+constexpr const char* CopyFragment = R"(#version 450
+layout(push_constant) uniform Constants { vec4 tint; } constants;
+layout(set = 0, binding = 0) uniform sampler2D picture;
+layout(location = 0) in vec2 coordinate;
+layout(location = 0) out vec4 colour;
+void main() {
+    colour = texture(picture, coordinate) * constants.tint;
+}
+)";
+
+TEST(CompileShader, ReportsTheShaderAndTheLineOfAnError) {
+    auto broken = CompileShader("#version 450\nvoid main() {\n  gl_Position = undefinedThing;\n}\n",
+                                ShaderStage::Vertex, "brokenVertex");
+    ASSERT_FALSE(broken);
+    EXPECT_NE(broken.error().message().find("brokenVertex"), std::string::npos) << broken.error().message();
+    EXPECT_NE(broken.error().message().find(":3:"), std::string::npos) << broken.error().message();
+}
+
+// A draw whose push constants are shorter than the pipeline declares: the commit answers why.
+TEST(RenderPipeline, MisuseFailsTheCommitWithItsReason) {
+    ASSERT_TRUE(SharedDevice());
+    auto pipeline = RenderPipeline::make(SharedDevice(),
+                                         {CopyVertex, "copyVertex", CopyFragment, "copyFragment", 16, true});
+    ASSERT_TRUE(pipeline) << pipeline.error().message();
+    auto queue = testing::MakeQueue();
+    ASSERT_TRUE(queue);
+    auto buffer = queue->commandBuffer();
+    ASSERT_TRUE(buffer);
+    const std::vector<float> constants(8);
+    buffer.value()->beginRendering(MakeTexture(4, 4), {0, 0, 0, 0});
+    buffer.value()->setPipeline(pipeline.value());
+    buffer.value()->setConstants(constants.data(), uint32_t(constants.size() * sizeof(float)));
+    buffer.value()->setTexture(MakeTexture(4, 4), false);
+    buffer.value()->draw(4);
+    buffer.value()->endRendering();
+    auto committed = buffer.value()->commit();
+    ASSERT_FALSE(committed);
+    EXPECT_NE(committed.error().message().find("onstants"), std::string::npos) << committed.error().message();
+    EXPECT_FALSE(buffer.value()->commit()) << "twice";
+}
+
+} // namespace
+} // namespace quorva
