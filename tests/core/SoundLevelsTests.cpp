@@ -68,25 +68,29 @@ TEST(SoundLevels, ReadingWhileMeasuringLosesNothingAndMixesNothing) {
     SoundLevels levels;
     constexpr uint64_t Blocks = 20000, Frames = 64;
     std::atomic<bool> done = false;
+    std::atomic<int> readings = 0;
     std::thread sound([&] {
-        // Blocks of 64 frames at 0.5, whose mean square is 0.25 however they are grouped.
+        // Blocks of 64 frames at 0.5, whose mean square is 0.25 however they are grouped. Halfway, it
+        // waits for a reading, so that one is taken while it measures however the threads are scheduled.
         const auto block = Constant(Frames, 0.5f);
-        for (uint64_t i = 0; i < Blocks; ++i)
+        for (uint64_t i = 0; i < Blocks; ++i) {
+            while (i == Blocks / 2 && readings == 0)
+                std::this_thread::yield();
             levels.measure(*block, double(i));
+        }
         done = true;
     });
     std::array<uint64_t, 2> frames{};
-    int readings = 0;
     for (bool last = false; !last;) {
         last = done;
         const SoundLevels::Reading reading = levels.read();
-        readings += reading.frames[0] > 0;
         for (size_t channel = 0; channel < 2; ++channel) {
             frames[channel] += reading.frames[channel];
             if (reading.frames[channel] > 0) {
                 ASSERT_NEAR(reading.meanSquare[channel], 0.25, 1e-4);
             }
         }
+        readings += reading.frames[0] > 0;
     }
     sound.join();
     EXPECT_EQ(frames, (std::array<uint64_t, 2>{Blocks * Frames, Blocks * Frames}));
