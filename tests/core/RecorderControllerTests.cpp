@@ -17,7 +17,6 @@
 #include <filesystem>
 #include <fstream>
 #include <set>
-#include <thread>
 #include <tuple>
 
 namespace quorva {
