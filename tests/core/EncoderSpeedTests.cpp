@@ -84,14 +84,16 @@ protected:
         fs::remove_all(_folder, ignored);
     }
 
-    // Remembers `speeds` for both codecs under `signature`.
-    void Remember(const std::string& signature, const PresetSpeeds& speeds) {
+    // Remembers `speeds` for `codecs` under `signature`, and answers what was remembered.
+    json Remember(const std::string& signature, const PresetSpeeds& speeds,
+                  std::initializer_list<const char*> codecs = {"h264", "hevc"}) {
         json value = {{"signature", signature}};
-        for (const char* codec : {"h264", "hevc"}) {
+        for (const char* codec : codecs) {
             for (size_t i = 0; i < speeds.size(); ++i)
                 value[codec][EncoderPresets[i]] = speeds[i];
         }
-        ASSERT_TRUE(_settings->setString(value.dump(), EncoderSpeed::SettingsKey));
+        EXPECT_TRUE(_settings->setString(value.dump(), EncoderSpeed::SettingsKey));
+        return value;
     }
     json Remembered() const {
         return json::parse(_settings->stringForKey(EncoderSpeed::SettingsKey).value_or("null"));
@@ -163,10 +165,7 @@ TEST_F(EncoderSpeedTest, ChoosesFromTheRememberedSpeedsOverThisMachinesProcessor
 TEST_F(EncoderSpeedTest, ARememberedValueIsBelievedOnlyWhereItReadsWhole) {
     std::vector<std::string> lines;
     SetLogSink([&](const std::string& line) { lines.push_back(line); });
-    json remembered = {{"signature", MachineSignature()}, {"h264", json::object()}};
-    for (size_t i = 0; i < EncoderPresets.size(); ++i)
-        remembered["h264"][EncoderPresets[i]] = Halving[i];
-    ASSERT_TRUE(_settings->setString(remembered.dump(), EncoderSpeed::SettingsKey));
+    json remembered = Remember(MachineSignature(), Halving, {"h264"});
     EXPECT_EQ(EncoderSpeed::make(_settings)->speeds(H264), Halving);
     EXPECT_TRUE(lines.empty()) << lines.front();
 

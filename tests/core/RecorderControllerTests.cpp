@@ -17,7 +17,6 @@
 #include <filesystem>
 #include <fstream>
 #include <set>
-#include <thread>
 #include <tuple>
 
 namespace quorva {
@@ -120,10 +119,9 @@ protected:
     }
     // Each place's source delivers a picture, and the movies take it in.
     void Deliver(RecorderController& recorder) {
+        const auto blue = testing::MakeSolidPicture(*recorder.engine(), 64, 36, {0, 0, 255, 255});
         for (const auto& place : recorder.places())
-            std::dynamic_pointer_cast<FakeSource>(place->source())
-                ->handover.deliverFrame(
-                    testing::MakeSolidPicture(*recorder.engine(), 64, 36, {0, 0, 255, 255}));
+            std::dynamic_pointer_cast<FakeSource>(place->source())->handover.deliverFrame(blue);
         ASSERT_TRUE(testing::WaitFor([&] { return recorder.take()->framesPending() == 0; }));
     }
     static std::vector<std::string> Titles(const RecorderController& controller) {
