@@ -104,13 +104,13 @@ TEST_P(MovieRecorderCodecs, RecordsFramesAndSoundThatDecodeBack) {
     // processor's comes out up to two levels darker before the encoder's own error.
     ASSERT_FALSE(movie.pictures.empty());
     const AVFrame* decodedPicture = movie.pictures[0].get();
-    const AVPixFmtDescriptor* format = av_pix_fmt_desc_get(AVPixelFormat(decodedPicture->format));
+    ASSERT_EQ(decodedPicture->format, movie.pixelFormat);
     const double colour[] = {153.3, 71.3, 150.4};
     for (int plane = 0; plane < 3; ++plane) {
-        const int y = 120 >> (plane ? format->log2_chroma_h : 0),
-                  x = 160 >> (plane ? format->log2_chroma_w : 0);
+        const int y = 120 >> (plane ? decoded->log2_chroma_h : 0),
+                  x = 160 >> (plane ? decoded->log2_chroma_w : 0);
         const uint8_t* row = decodedPicture->data[plane] + y * decodedPicture->linesize[plane];
-        const int depth = format->comp[plane].depth;
+        const int depth = decoded->comp[plane].depth;
         const double value =
             depth > 8 ? reinterpret_cast<const uint16_t*>(row)[x] / double(1 << (depth - 8)) : row[x];
         EXPECT_NEAR(value, colour[plane], 3.0) << "plane " << plane;
@@ -123,8 +123,7 @@ TEST_P(MovieRecorderCodecs, RecordsFramesAndSoundThatDecodeBack) {
 }
 
 std::string CodecAndEngineName(const ::testing::TestParamInfo<std::tuple<Codec, std::string>>& info) {
-    static const char* const Names[] = {"H264", "HEVC", "ProRes422", "ProRes4444"};
-    return Names[size_t(std::get<0>(info.param))] + ("_" + std::get<1>(info.param));
+    return NameOf(std::get<0>(info.param)) + "_" + std::get<1>(info.param);
 }
 
 INSTANTIATE_TEST_SUITE_P(EachCodecAndEngine, MovieRecorderCodecs,
