@@ -4,7 +4,6 @@
 #include "tests/core/MovieRecorderFixture.h"
 
 #include <algorithm>
-#include <array>
 #include <chrono>
 #include <fstream>
 #include <mutex>
@@ -12,7 +11,6 @@
 #include <string>
 #include <sys/mount.h>
 #include <thread>
-#include <tuple>
 
 namespace quorva {
 namespace {
@@ -29,107 +27,96 @@ constexpr Codec H264 = Codec::H264, HEVC = Codec::HEVC, ProRes422 = Codec::ProRe
                 ProRes4444 = Codec::ProRes4444;
 constexpr double T0 = 1000; // host time of the first frame
 
-// Each codec with each engine: the engine converts into the codec's pixel format.
-class MovieRecorderCodecs : public MovieRecorderTest,
-                            public ::testing::WithParamInterface<std::tuple<Codec, std::string>> {
-protected:
-    std::string engineName() const override { return std::get<1>(GetParam()); }
-};
-
-// A second of 30 frames that arrive off the grid, with tone in 10 ms blocks: the movie is written by the
-// codec's encoder (and says which), takes the first frame's size made even, has the codec's tag, planes
-// and BT.709 colour, puts every frame on its slot of the grid in order, and its sound lasts as long as
-// its pictures.
-TEST_P(MovieRecorderCodecs, RecordsFramesAndSoundThatDecodeBack) {
-    const Codec codec = std::get<0>(GetParam());
+// A movie in each codec, on each engine (which converts into the codec's pixel format): a second of 30
+// frames that arrive off the grid, with tone in 10 ms blocks. The movie is written by the codec's encoder
+// (and says which), takes the first frame's size made even, has the codec's tag, planes and BT.709 colour,
+// puts every frame on its slot of the grid in order, and its sound lasts as long as its pictures.
+TEST_P(MovieRecorderEngineTest, RecordsFramesAndSoundThatDecodeBackInEachCodec) {
     // Decoders may give more bits than were written (ProRes 4444 decodes to 12), never other planes.
     struct Expected {
+        Codec codec;
         const char *encoder, *tag;
         AVCodecID video;
         int chromaShiftX, chromaShiftY, depth;
         bool alpha;
         AVCodecID audio;
     };
-    const Expected expected = std::array<Expected, 4>{
-        Expected{"libx264", "avc1", AV_CODEC_ID_H264, 1, 1, 8, false, AV_CODEC_ID_AAC},
-        Expected{"libx265", "hvc1", AV_CODEC_ID_HEVC, 1, 1, 8, false, AV_CODEC_ID_AAC},
-        Expected{"prores_ks", "apcn", AV_CODEC_ID_PRORES, 1, 0, 10, false, AV_CODEC_ID_PCM_S24LE},
-        Expected{"prores_ks", "ap4h", AV_CODEC_ID_PRORES, 0, 0, 10, true,
-                 AV_CODEC_ID_PCM_S24LE}}[size_t(codec)];
-    std::mutex lock;
-    std::vector<std::string> lines;
-    SetLogSink([&](const std::string& line) {
-        std::lock_guard guard(lock);
-        lines.push_back(line);
-    });
-    ASSERT_TRUE(recorder->startWritingToURL(folder / "take.mov", Settings(codec, 0, 0, 30, true)));
+    const Expected cases[] = {
+        {H264, "libx264", "avc1", AV_CODEC_ID_H264, 1, 1, 8, false, AV_CODEC_ID_AAC},
+        {HEVC, "libx265", "hvc1", AV_CODEC_ID_HEVC, 1, 1, 8, false, AV_CODEC_ID_AAC},
+        {ProRes422, "prores_ks", "apcn", AV_CODEC_ID_PRORES, 1, 0, 10, false, AV_CODEC_ID_PCM_S24LE},
+        {ProRes4444, "prores_ks", "ap4h", AV_CODEC_ID_PRORES, 0, 0, 10, true, AV_CODEC_ID_PCM_S24LE},
+    };
     auto picture = MakeSolidPicture(*engine, 321, 241, {40, 160, 200, 255});
-    ToneGenerator tone;
-    for (int i = 0, block = 0; i < 30; ++i) {
-        ASSERT_TRUE(Append(picture, T0 + i / 30.0 + (i % 3) * 0.004));
-        for (; block < (i + 1) * 10 / 3; ++block)
-            recorder->appendSound(tone.nextSound(480), T0 + (block + 1) * 0.01);
+    for (const Expected& expected : cases) {
+        SCOPED_TRACE(NameOf(expected.codec));
+        const std::filesystem::path path = folder / (NameOf(expected.codec) + ".mov");
+        std::mutex lock;
+        std::vector<std::string> lines;
+        SetLogSink([&](const std::string& line) {
+            std::lock_guard guard(lock);
+            lines.push_back(line);
+        });
+        ASSERT_TRUE(recorder->startWritingToURL(path, Settings(expected.codec, 0, 0, 30, true)));
+        ToneGenerator tone;
+        for (int i = 0, block = 0; i < 30; ++i) {
+            ASSERT_TRUE(Append(picture, T0 + i / 30.0 + (i % 3) * 0.004));
+            for (; block < (i + 1) * 10 / 3; ++block)
+                recorder->appendSound(tone.nextSound(480), T0 + (block + 1) * 0.01);
+        }
+        EXPECT_FALSE(Finish(T0 + 1.0));
+        SetLogSink({});
+        EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [&](const std::string& line) {
+            return line.starts_with("MovieRecorder: ") && line.find(expected.encoder) != std::string::npos;
+        })) << expected.encoder;
+        EXPECT_EQ(recorder->framesWritten(), 30u);
+        EXPECT_EQ(recorder->framesDropped(), 0u);
+        EXPECT_EQ(recorder->outputSize(), (Size{320, 240}));
+
+        Movie movie = ReadMovie(path);
+        EXPECT_EQ(movie.videoCodec, expected.video);
+        EXPECT_EQ(movie.videoTag, expected.tag);
+        EXPECT_EQ(movie.width, 320);
+        EXPECT_EQ(movie.height, 240);
+        const AVPixFmtDescriptor* decoded = av_pix_fmt_desc_get(movie.pixelFormat);
+        ASSERT_NE(decoded, nullptr);
+        EXPECT_EQ(decoded->log2_chroma_w, expected.chromaShiftX);
+        EXPECT_EQ(decoded->log2_chroma_h, expected.chromaShiftY);
+        EXPECT_EQ(bool(decoded->flags & AV_PIX_FMT_FLAG_ALPHA), expected.alpha);
+        EXPECT_GE(decoded->comp[0].depth, expected.depth);
+        EXPECT_EQ(movie.primaries, AVCOL_PRI_BT709);
+        EXPECT_EQ(movie.transfer, AVCOL_TRC_BT709);
+        EXPECT_EQ(movie.matrix, AVCOL_SPC_BT709);
+        EXPECT_EQ(movie.range, AVCOL_RANGE_MPEG);
+        ASSERT_EQ(movie.times.size(), 30u);
+        for (size_t i = 0; i < movie.times.size(); ++i)
+            EXPECT_EQ(std::llround(double(movie.times[i]) * movie.timeBase * 30), int64_t(i))
+                << "picture " << i;
+        EXPECT_NEAR(movie.videoDuration, 1.0, 1e-6);
+        EXPECT_EQ(movie.reordered, 0);
+        // The colour in BT.709 limited range, on the 8-bit scale: Y 153.3, Cb 71.3, Cr 150.4. The picture is
+        // scaled to lose its odd pixel, and libyuv's bilinear filter weighs its columns 127/128, so the
+        // processor's comes out up to two levels darker before the encoder's own error.
+        ASSERT_FALSE(movie.pictures.empty());
+        const AVFrame* decodedPicture = movie.pictures[0].get();
+        ASSERT_EQ(decodedPicture->format, movie.pixelFormat);
+        const double colour[] = {153.3, 71.3, 150.4};
+        for (int plane = 0; plane < 3; ++plane) {
+            const int y = 120 >> (plane ? decoded->log2_chroma_h : 0),
+                      x = 160 >> (plane ? decoded->log2_chroma_w : 0);
+            const uint8_t* row = decodedPicture->data[plane] + y * decodedPicture->linesize[plane];
+            const int depth = decoded->comp[plane].depth;
+            const double value =
+                depth > 8 ? reinterpret_cast<const uint16_t*>(row)[x] / double(1 << (depth - 8)) : row[x];
+            EXPECT_NEAR(value, colour[plane], 3.0) << "plane " << plane;
+        }
+        EXPECT_EQ(movie.audioCodec, expected.audio);
+        EXPECT_EQ(movie.sampleRate, 48000);
+        EXPECT_EQ(movie.channels, 2);
+        EXPECT_NEAR(movie.audioDuration, movie.videoDuration, 1.0 / 30);
+        EXPECT_NEAR(recorder->soundWritten(), 1.0, 1.0 / 30);
     }
-    EXPECT_FALSE(Finish(T0 + 1.0));
-    SetLogSink({});
-    EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [&](const std::string& line) {
-        return line.starts_with("MovieRecorder: ") && line.find(expected.encoder) != std::string::npos;
-    })) << expected.encoder;
-    EXPECT_EQ(recorder->framesWritten(), 30u);
-    EXPECT_EQ(recorder->framesDropped(), 0u);
-    EXPECT_EQ(recorder->outputSize(), (Size{320, 240}));
-
-    Movie movie = ReadMovie(folder / "take.mov");
-    EXPECT_EQ(movie.videoCodec, expected.video);
-    EXPECT_EQ(movie.videoTag, expected.tag);
-    EXPECT_EQ(movie.width, 320);
-    EXPECT_EQ(movie.height, 240);
-    const AVPixFmtDescriptor* decoded = av_pix_fmt_desc_get(movie.pixelFormat);
-    ASSERT_NE(decoded, nullptr);
-    EXPECT_EQ(decoded->log2_chroma_w, expected.chromaShiftX);
-    EXPECT_EQ(decoded->log2_chroma_h, expected.chromaShiftY);
-    EXPECT_EQ(bool(decoded->flags & AV_PIX_FMT_FLAG_ALPHA), expected.alpha);
-    EXPECT_GE(decoded->comp[0].depth, expected.depth);
-    EXPECT_EQ(movie.primaries, AVCOL_PRI_BT709);
-    EXPECT_EQ(movie.transfer, AVCOL_TRC_BT709);
-    EXPECT_EQ(movie.matrix, AVCOL_SPC_BT709);
-    EXPECT_EQ(movie.range, AVCOL_RANGE_MPEG);
-    ASSERT_EQ(movie.times.size(), 30u);
-    for (size_t i = 0; i < movie.times.size(); ++i)
-        EXPECT_EQ(std::llround(double(movie.times[i]) * movie.timeBase * 30), int64_t(i)) << "picture " << i;
-    EXPECT_NEAR(movie.videoDuration, 1.0, 1e-6);
-    EXPECT_EQ(movie.reordered, 0);
-    // The colour in BT.709 limited range, on the 8-bit scale: Y 153.3, Cb 71.3, Cr 150.4. The picture is
-    // scaled to lose its odd pixel, and libyuv's bilinear filter weighs its columns 127/128, so the
-    // processor's comes out up to two levels darker before the encoder's own error.
-    ASSERT_FALSE(movie.pictures.empty());
-    const AVFrame* decodedPicture = movie.pictures[0].get();
-    ASSERT_EQ(decodedPicture->format, movie.pixelFormat);
-    const double colour[] = {153.3, 71.3, 150.4};
-    for (int plane = 0; plane < 3; ++plane) {
-        const int y = 120 >> (plane ? decoded->log2_chroma_h : 0),
-                  x = 160 >> (plane ? decoded->log2_chroma_w : 0);
-        const uint8_t* row = decodedPicture->data[plane] + y * decodedPicture->linesize[plane];
-        const int depth = decoded->comp[plane].depth;
-        const double value =
-            depth > 8 ? reinterpret_cast<const uint16_t*>(row)[x] / double(1 << (depth - 8)) : row[x];
-        EXPECT_NEAR(value, colour[plane], 3.0) << "plane " << plane;
-    }
-    EXPECT_EQ(movie.audioCodec, expected.audio);
-    EXPECT_EQ(movie.sampleRate, 48000);
-    EXPECT_EQ(movie.channels, 2);
-    EXPECT_NEAR(movie.audioDuration, movie.videoDuration, 1.0 / 30);
-    EXPECT_NEAR(recorder->soundWritten(), 1.0, 1.0 / 30);
 }
-
-std::string CodecAndEngineName(const ::testing::TestParamInfo<std::tuple<Codec, std::string>>& info) {
-    return NameOf(std::get<0>(info.param)) + "_" + std::get<1>(info.param);
-}
-
-INSTANTIATE_TEST_SUITE_P(EachCodecAndEngine, MovieRecorderCodecs,
-                         ::testing::Combine(::testing::Values(H264, HEVC, ProRes422, ProRes4444),
-                                            testing::EngineNames),
-                         CodecAndEngineName);
 
 // A picture wider than the movie is letterboxed; ProRes 4444 keeps the bars transparent. Flipped, it
 // is mirrored top to bottom.
