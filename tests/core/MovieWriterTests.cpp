@@ -85,12 +85,8 @@ TEST_F(MovieWriterTest, EverySlotHoldsAPictureBlackBeforeTheFirst) {
     EXPECT_FALSE(writer->appendFrame(writer->makeFrame(), 2));
     ASSERT_TRUE(writer->holdUntil(12));
     EXPECT_EQ(writer->nextSlot(), 12);
-    MovieFrame other(av_frame_alloc());
-    other->format = AV_PIX_FMT_YUV420P;
-    other->width = 640;
-    other->height = 480;
-    ASSERT_GE(av_frame_get_buffer(other.get(), 0), 0);
-    EXPECT_FALSE(writer->appendFrame(std::move(other), 13));
+    // A picture of another movie's size, and none at all.
+    EXPECT_FALSE(writer->appendFrame(Make("other.mov", Small(H264, false, 30, 640, 480))->makeFrame(), 13));
     EXPECT_FALSE(writer->appendFrame(nullptr, 13));
     ASSERT_TRUE(writer->finish(15));
     EXPECT_EQ(writer->framesWritten(), 3u);
