@@ -144,12 +144,6 @@ protected:
         return path;
     }
 
-    fs::path Copy(const fs::path& path, const std::string& name) {
-        const fs::path copy = _folder / name;
-        fs::copy_file(path, copy, fs::copy_options::overwrite_existing);
-        return copy;
-    }
-
     testing::TemporaryFolder _folder;
 };
 
@@ -242,7 +236,8 @@ TEST_F(StandardMovieTest, DurationsBeyond32BitsWidenTheirBoxes) {
 TEST_F(StandardMovieTest, EachStepAfterFollowingTheGrowingFileLeavesAWholeMovieAndACutFinishIsCompleted) {
     const fs::path movie = Make("steps", NTSC + Tone + "-t 3 -c:v libx264 -bf 0 -c:a aac" + DropFrame,
                                 "-movflags +delay_moov -frag_duration 1000000");
-    const fs::path converted = Copy(movie, "converted.mov");
+    const fs::path converted = _folder / "converted.mov";
+    fs::copy_file(movie, converted);
     ASSERT_TRUE(MakeStandardMovie(converted));
     const std::string standard = Contents(converted);
     const std::vector<Packet> before = Packets(movie);
