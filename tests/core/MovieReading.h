@@ -10,6 +10,8 @@ extern "C" {
 
 #include "tests/Processes.h"
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -37,9 +39,8 @@ struct Movie {
     AVColorRange range = AVCOL_RANGE_UNSPECIFIED;
     std::vector<int64_t> times; // of the decoded pictures, in the video stream's time base
     double timeBase = 0;        // seconds
-    int keyFrames = 0;
-    int reordered = 0;        // picture packets whose decoding and presentation times differ
-    double videoDuration = 0; // seconds, from the stream
+    int reordered = 0;          // picture packets whose decoding and presentation times differ
+    double videoDuration = 0;   // seconds, from the stream
 
     AVCodecID audioCodec = AV_CODEC_ID_NONE;
     int sampleRate = 0, channels = 0;
@@ -53,18 +54,6 @@ struct Movie {
     std::vector<float> left;
     std::vector<std::vector<int>> lumas;
 };
-
-// The loudest left sample of each 480 frames of `frame` (float planes, as AAC decodes; other formats read
-// as silence), whose first `skip` frames come before time 0.
-inline void MeasurePeaks(const AVFrame* frame, int skip, int64_t& counted, Movie& movie) {
-    for (int i = std::max(0, skip); i < frame->nb_samples; ++i, ++counted) {
-        float v = frame->format == AV_SAMPLE_FMT_FLTP ? reinterpret_cast<const float*>(frame->data[0])[i] : 0;
-        if (counted % 480 == 0)
-            movie.soundPeaks.push_back(0);
-        movie.soundPeaks.back() = std::max(movie.soundPeaks.back(), std::fabs(v));
-        movie.left.push_back(v);
-    }
-}
 
 // Decodes every picture and every sound frame of the file, as a player would; `points` (x, y) are where
 // each picture's luma is read (8-bit formats).
@@ -112,7 +101,6 @@ inline Movie ReadMovie(const std::filesystem::path& path,
     }
     AVPacket* packet = av_packet_alloc();
     AVFrame* frame = av_frame_alloc();
-    int64_t peaksCounted = 0;
     auto drain = [&](unsigned index) {
         AVCodecContext* decoder = decoders[index];
         while (avcodec_receive_frame(decoder, frame) >= 0) {
@@ -123,13 +111,19 @@ inline Movie ReadMovie(const std::filesystem::path& path,
                 std::vector<int>& lumas = movie.lumas.emplace_back();
                 for (auto [x, y] : points)
                     lumas.push_back(frame->data[0][y * frame->linesize[0] + x]);
-                movie.keyFrames += frame->key_frame ? 1 : 0;
             } else {
-                // The AAC encoder's priming comes out before time 0; a player skips it.
-                const int64_t first = frame->best_effort_timestamp;
-                MeasurePeaks(frame, int(-std::min<int64_t>(first, 0)), peaksCounted, movie);
-                movie.soundFrames +=
-                    first < 0 ? std::max<int64_t>(0, frame->nb_samples + first) : frame->nb_samples;
+                // The AAC encoder's priming comes out before time 0; a player skips it. Other formats than
+                // AAC's float planes read as silence.
+                for (int i = int(std::max<int64_t>(0, -frame->best_effort_timestamp)); i < frame->nb_samples;
+                     ++i, ++movie.soundFrames) {
+                    const float v = frame->format == AV_SAMPLE_FMT_FLTP
+                                        ? reinterpret_cast<const float*>(frame->data[0])[i]
+                                        : 0;
+                    if (movie.soundFrames % 480 == 0)
+                        movie.soundPeaks.push_back(0);
+                    movie.soundPeaks.back() = std::max(movie.soundPeaks.back(), std::fabs(v));
+                    movie.left.push_back(v);
+                }
             }
             av_frame_unref(frame);
         }
@@ -153,6 +147,19 @@ inline Movie ReadMovie(const std::filesystem::path& path,
     avformat_close_input(&input);
     return movie;
 }
+
+// A folder of the test's own for the movies it writes, removed with them at the test's end.
+struct TemporaryFolder : std::filesystem::path {
+    TemporaryFolder() {
+        std::string pattern = (std::filesystem::temp_directory_path() / "quorva-movies-XXXXXX").string();
+        if (!mkdtemp(pattern.data()))
+            ADD_FAILURE() << "no folder for the test's movies";
+        assign(pattern);
+    }
+    ~TemporaryFolder() { std::filesystem::remove_all(*this); }
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+};
 
 // A path as one word of a shell command.
 inline std::string Quoted(const std::filesystem::path& path) {

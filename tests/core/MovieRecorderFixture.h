@@ -11,7 +11,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -21,9 +20,6 @@ namespace quorva::testing {
 class MovieRecorderTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        std::string pattern = (std::filesystem::temp_directory_path() / "quorva-recorder-XXXXXX").string();
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        folder = pattern;
         EventLoop::setMainLoop(loop);
         engine = Engine(engineName());
         ASSERT_TRUE(engine);
@@ -35,7 +31,6 @@ protected:
         recorder.reset();
         engine.reset();
         EventLoop::setMainLoop(nullptr);
-        std::filesystem::remove_all(folder);
     }
 
     static MovieRecorderSettings Settings(Codec codec, int64_t width, int64_t height, double rate,
@@ -75,7 +70,7 @@ protected:
     }
 
     std::shared_ptr<HeadlessEventLoop> loop = std::make_shared<HeadlessEventLoop>();
-    std::filesystem::path folder;
+    TemporaryFolder folder;
     std::shared_ptr<PictureEngine> engine;
     std::shared_ptr<MovieRecorder> recorder;
 };

@@ -20,8 +20,6 @@ namespace quorva {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::FFprobeDuration;
-using testing::GStreamerDuration;
 using testing::Quoted;
 using testing::Shell;
 
@@ -119,39 +117,23 @@ std::string Decoded(const fs::path& path) {
     return Shell("ffmpeg -v error -i " + Quoted(path) + " -map 0:v -map 0:a? -f framemd5 - 2>&1");
 }
 
-std::string MediaInfo(const fs::path& path, const std::string& inform) {
-    std::string out = Shell("mediainfo --Inform='" + inform + "' " + Quoted(path));
-    while (!out.empty() && out.back() == '\n')
-        out.pop_back();
-    return out;
-}
-
-int64_t Count(const std::string& text, const std::string& part) {
-    int64_t count = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
-        ++count;
-    return count;
-}
-
 // The pictures and sound frames that GStreamer's demuxer hands on, played through.
 std::pair<int64_t, int64_t> GStreamerPackets(const fs::path& path) {
     auto count = [&](const std::string& pad) {
-        return Count(Shell("gst-launch-1.0 -v filesrc location=" + Quoted(path) + " ! qtdemux name=d d." +
-                           pad + " ! fakesink sync=false silent=false 2>&1"),
-                     "last-message = chain");
+        const std::string out =
+            Shell("gst-launch-1.0 -v filesrc location=" + Quoted(path) + " ! qtdemux name=d d." + pad +
+                  " ! fakesink sync=false silent=false 2>&1");
+        int64_t count = 0;
+        for (size_t at = out.find("last-message = chain"); at != std::string::npos;
+             at = out.find("last-message = chain", at + 1))
+            ++count;
+        return count;
     };
     return {count("video_0"), count("audio_0")};
 }
 
 class StandardMovieTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "quorva-standard-XXXXXX").string();
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        _folder = pattern;
-    }
-    void TearDown() override { fs::remove_all(_folder); }
-
     // A movie that the ffmpeg tool makes from `inputs`, with `fragments` (its fragmenting options) or,
     // without, standard: the same encoding both ways.
     fs::path Make(const std::string& name, const std::string& inputs, const std::string& fragments = "") {
@@ -162,33 +144,23 @@ protected:
         return path;
     }
 
-    fs::path Copy(const fs::path& path, const std::string& name) {
-        const fs::path copy = _folder / name;
-        fs::copy_file(path, copy, fs::copy_options::overwrite_existing);
-        return copy;
-    }
-
-    fs::path _folder;
+    testing::TemporaryFolder _folder;
 };
 
-// A standard movie's boxes: no fragment, and no sign of having been one.
-void ExpectStandardLayout(const fs::path& path) {
-    const std::vector<Box> top = Boxes(path);
-    ASSERT_EQ(Types(top), (std::vector<std::string>{"ftyp", "mdat", "moov"}));
-    const Box& moov = top[2];
-    const std::vector<std::string> inside =
-        Types(Boxes(path, moov.offset + moov.header, moov.offset + moov.size));
-    EXPECT_EQ(std::count(inside.begin(), inside.end(), "mvex"), 0);
-    EXPECT_GE(std::count(inside.begin(), inside.end(), "trak"), 1);
-}
-
-// Makes `movie` standard, which must leave it standard with every packet where it was; answers its
-// packets then.
+// Makes `movie` standard, which must leave it standard, with no fragment and no sign of having been one,
+// and every packet where it was; answers its packets then.
 std::vector<Packet> Converted(const fs::path& movie) {
     const std::vector<Packet> before = Packets(movie);
     const Result<> made = MakeStandardMovie(movie);
     EXPECT_TRUE(made) << (made ? "" : made.error().message());
-    ExpectStandardLayout(movie);
+    const std::vector<Box> top = Boxes(movie);
+    EXPECT_EQ(Types(top), (std::vector<std::string>{"ftyp", "mdat", "moov"}));
+    if (top.size() == 3) {
+        const std::vector<std::string> inside =
+            Types(Boxes(movie, top[2].offset + top[2].header, top[2].offset + top[2].size));
+        EXPECT_EQ(std::count(inside.begin(), inside.end(), "mvex"), 0);
+        EXPECT_GE(std::count(inside.begin(), inside.end(), "trak"), 1);
+    }
     std::vector<Packet> after = Packets(movie);
     EXPECT_EQ(Places(after), Places(before));
     return after;
@@ -251,17 +223,21 @@ TEST_F(StandardMovieTest, DurationsBeyond32BitsWidenTheirBoxes) {
                                 "-video_track_timescale 1000000000 -movie_timescale 1000000000 "
                                 "-movflags +delay_moov -frag_duration 1000000");
     Converted(movie);
-    EXPECT_NEAR(FFprobeDuration(movie), 5.005, 0.001);
-    EXPECT_NEAR(std::atof(MediaInfo(movie, "Video;%Duration%").c_str()) / 1000, 5.005, 0.001);
-    EXPECT_NEAR(GStreamerDuration(movie), 5.005, 0.001);
+    EXPECT_NEAR(testing::FFprobeDuration(movie), 5.005, 0.001);
+    EXPECT_NEAR(std::atof(Shell("mediainfo --Inform='Video;%Duration%' " + Quoted(movie)).c_str()) / 1000,
+                5.005, 0.001);
+    EXPECT_NEAR(testing::GStreamerDuration(movie), 5.005, 0.001);
 }
 
-// Each step of the finish leaves a movie that opens whole; a finish cut short anywhere is completed by
-// converting again, to the very file that one conversion makes.
-TEST_F(StandardMovieTest, EachStepLeavesAWholeMovieAndAFinishCutShortIsCompletedToTheSameFile) {
+// The writer calls follow() whenever a fragment has reached the file: wherever the end falls, a box that
+// is not whole yet is read by the next call. Each step of the finish then leaves a movie that opens whole,
+// and the end is the very file that one conversion makes; a finish cut short anywhere is completed by
+// converting again, to that same file.
+TEST_F(StandardMovieTest, EachStepAfterFollowingTheGrowingFileLeavesAWholeMovieAndACutFinishIsCompleted) {
     const fs::path movie = Make("steps", NTSC + Tone + "-t 3 -c:v libx264 -bf 0 -c:a aac" + DropFrame,
                                 "-movflags +delay_moov -frag_duration 1000000");
-    const fs::path converted = Copy(movie, "converted.mov");
+    const fs::path converted = _folder / "converted.mov";
+    fs::copy_file(movie, converted);
     ASSERT_TRUE(MakeStandardMovie(converted));
     const std::string standard = Contents(converted);
     const std::vector<Packet> before = Packets(movie);
@@ -272,7 +248,20 @@ TEST_F(StandardMovieTest, EachStepLeavesAWholeMovieAndAFinishCutShortIsCompleted
     const int fd = ::open(movie.c_str(), O_RDWR | O_CLOEXEC);
     ASSERT_GE(fd, 0);
     StandardMovie steps(fd);
-    ASSERT_TRUE(steps.follow(int64_t(fs::file_size(movie))));
+    // Every end from a box's start to past its 64-bit header, and a few inside the boxes.
+    std::vector<int64_t> ends;
+    for (const Box& box : Boxes(movie))
+        for (int64_t end = int64_t(box.offset); end < int64_t(box.offset) + 18; ++end)
+            ends.push_back(end);
+    for (int64_t end = 0; end < int64_t(fs::file_size(movie)); end += 10'007)
+        ends.push_back(end);
+    ends.push_back(int64_t(fs::file_size(movie)));
+    std::sort(ends.begin(), ends.end());
+    for (int64_t end : ends) {
+        ASSERT_TRUE(steps.follow(end)) << end;
+        EXPECT_LE(steps.followed(), end);
+    }
+    EXPECT_TRUE(steps.hasIndex());
     EXPECT_EQ(steps.fragments(), 4);
     EXPECT_FALSE(steps.hideFragments()); // not before the standard header is there
     ASSERT_TRUE(steps.appendStandardHeader());
@@ -305,37 +294,6 @@ TEST_F(StandardMovieTest, EachStepLeavesAWholeMovieAndAFinishCutShortIsCompleted
         ASSERT_TRUE(made) << made.error().message();
         EXPECT_EQ(Contents(movie), standard);
     }
-}
-
-// The writer calls follow() whenever a fragment has reached the file: wherever the end falls, a box that
-// is not whole yet is read by the next call, and all the calls read what one reading does.
-TEST_F(StandardMovieTest, FollowingTheFileAsItGrowsReadsWhatOneReadingDoes) {
-    const fs::path movie = Make("growing", NTSC + Tone + "-t 3 -c:v prores_ks -c:a pcm_s24le",
-                                "-movflags +delay_moov -frag_duration 1000000");
-    const fs::path converted = Copy(movie, "converted.mov");
-    ASSERT_TRUE(MakeStandardMovie(converted));
-    // Every end from a box's start to past its 64-bit header, and a few inside the boxes.
-    std::vector<int64_t> ends;
-    for (const Box& box : Boxes(movie))
-        for (int64_t end = int64_t(box.offset); end < int64_t(box.offset) + 18; ++end)
-            ends.push_back(end);
-    for (int64_t end = 0; end < int64_t(fs::file_size(movie)); end += 100'003)
-        ends.push_back(end);
-    ends.push_back(int64_t(fs::file_size(movie)));
-    std::sort(ends.begin(), ends.end());
-
-    const int fd = ::open(movie.c_str(), O_RDWR | O_CLOEXEC);
-    ASSERT_GE(fd, 0);
-    StandardMovie growing(fd);
-    for (int64_t end : ends) {
-        ASSERT_TRUE(growing.follow(end)) << end;
-        EXPECT_LE(growing.followed(), end);
-    }
-    EXPECT_TRUE(growing.hasIndex());
-    EXPECT_TRUE(growing.appendStandardHeader());
-    EXPECT_TRUE(growing.hideFragments());
-    ::close(fd);
-    EXPECT_EQ(Contents(movie), Contents(converted));
 }
 
 // A movie that cannot be read all through stays as it was, and the answer says why.
