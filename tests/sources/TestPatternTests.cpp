@@ -30,6 +30,11 @@ std::shared_ptr<MemoryPicture> Draw(TestPattern& pattern, uint64_t frame) {
     return drawn ? drawn.value() : nullptr;
 }
 
+// How many places the square stops at before it starts again from the left.
+uint64_t SquarePositions(const TestPatternGeometry& geometry) {
+    return uint64_t((geometry.width - geometry.squareSide) / geometry.squareStep) + 1;
+}
+
 // Reads the digits back the way a person would: which of each digit's seven segments are lit.
 std::string Digits(const Pixels& pixels, const TestPatternGeometry& geometry) {
     static const uint8_t Shapes[10] = {0x3F, 0x06, 0x5B, 0x4F, 0x66, 0x6D, 0x7D, 0x07, 0x7F, 0x6F};
@@ -72,9 +77,8 @@ TEST(TestPatternTest, ShowsTheFrameNumberInDigitsThatReadBack) {
 }
 
 TEST(TestPatternTest, TheSquareMovesEveryFrameAndSizesThatCannotBeDrawnAreRefused) {
-    EXPECT_FALSE(TestPattern::make(0, 1080, false));
-    EXPECT_FALSE(TestPattern::make(1920, 8, false));
-    EXPECT_FALSE(TestPattern::make(16385, 1080, false));
+    for (auto [width, height] : {std::pair{0u, 1080u}, {1920u, 8u}, {16385u, 1080u}})
+        EXPECT_FALSE(TestPattern::make(width, height, false)) << width << " × " << height;
     auto source = Pattern(1280, 720, false);
     ASSERT_TRUE(source);
     const TestPatternGeometry& geometry = source->geometry();
@@ -95,8 +99,7 @@ TEST(TestPatternTest, TheSquareMovesEveryFrameAndSizesThatCannotBeDrawnAreRefuse
         previous = columns;
     }
     // At the end of its travel it starts again from the left.
-    uint64_t positions = uint64_t((geometry.width - geometry.squareSide) / geometry.squareStep) + 1;
-    EXPECT_EQ(geometry.squareAt(positions).x, 0);
+    EXPECT_EQ(geometry.squareAt(SquarePositions(geometry)).x, 0);
 }
 
 TEST(TestPatternTest, DrawsSevenOpaqueColourBarsAboveAnOpaqueOrAClearGroundWithItsSquareHalfSeeThrough) {
@@ -158,9 +161,7 @@ TEST(TestPatternTest, APictureDrawnAgainHoldsWhatAFreshPatternDrawsForItsNewFram
     for (bool transparent : {false, true}) {
         auto reused = Pattern(320, 180, transparent);
         ASSERT_TRUE(reused);
-        const uint64_t positions = uint64_t((reused->geometry().width - reused->geometry().squareSide) /
-                                            reused->geometry().squareStep) +
-                                   1;
+        const uint64_t positions = SquarePositions(reused->geometry());
         std::vector<std::pair<uint64_t, uint64_t>> cases(std::begin(changes), std::end(changes));
         cases.emplace_back(positions - 1, positions); // from the right edge back to the left
         for (auto [before, after] : cases) {
