@@ -40,17 +40,14 @@ TEST(PipeWireTitles, TheNameThenTheApplicationOrWhicheverThereIs) {
     EXPECT_EQ(PipeWireDirectory::title("", ""), "Untitled Server");
 }
 
-// A publisher is listed while it runs, under its title, with its application as the detail; the change
-// handler hears it come and go, and a source connected to it dies with it.
+// A publisher is listed while it runs, under its title; the change handler hears it come and go, and a
+// source connected to it dies with it. (Its detail and kind are read in the recording script's listing.)
 TEST_F(PipeWireTest, PublishersAreListedWhileTheyRunAndTheirSourcesDieWithThem) {
     std::atomic<int> changes = 0;
     directory.changes().setHandler([&] { ++changes; });
     auto publisher = std::make_unique<Publisher>("Main", "BGRx");
     ASSERT_TRUE(WaitFor([&] { return listed("Main - Mixer") == 1 && publisher->waiting(); }, 20));
     EXPECT_GE(changes, 1);
-    const SourceDescription description = directory.availableSources().front();
-    EXPECT_EQ(description.detail(), "Mixer");
-    EXPECT_EQ(description.kind(), SourceKindPipeWire);
 
     auto source = directory.connectToSourceWithTitle("Main - Mixer", engine);
     ASSERT_NE(source, nullptr);
