@@ -417,10 +417,8 @@ TEST(SoundMeter, AClipStaysLitTwoSecondsAndSilenceEmptiesTheMeter) {
     EXPECT_NEAR(meter.rms(1), 20 * std::log10(0.5), 0.01);
     SoundLevels::Reading nothing;
     nothing.lastClip = nothing.lastSound = 10;
-    for (double now : {10.5, 11.0, 11.5})
+    for (double now : {10.5, 11.0, 11.5, 11.9})
         meter.showReading(nothing, now);
-    EXPECT_TRUE(meter.clipLit());
-    meter.showReading(nothing, 11.9);
     EXPECT_TRUE(meter.clipLit());
     meter.showReading(nothing, 12.1);
     EXPECT_FALSE(meter.clipLit());

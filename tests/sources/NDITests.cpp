@@ -64,8 +64,7 @@ TEST(NDILibraryTest, ChoosesTheFirstUsableFileElseSaysWhyTheFirstOneFoundCannotB
     };
     const fs::path fake = QUORVA_FAKE_NDI, noEntry = QUORVA_NO_ENTRY_LIBRARY;
     const std::string missing = place("missing", nullptr), good = place("good", &fake),
-                      empty = place("noentry", &noEntry);
-    const std::string text = place("text", nullptr);
+                      empty = place("noentry", &noEntry), text = place("text", nullptr);
     std::ofstream(text) << "not a library\n";
 
     auto none = NDILibrary::chooseFrom({missing, "/nowhere/libndi.so.6"});
