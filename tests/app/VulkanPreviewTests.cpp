@@ -3,13 +3,14 @@
 
 #include "App/Preview.h"
 #include "platform/Log.h"
-#include "platform/MemoryPicture.h"
 #include "platform/PictureEngine.h"
 #include "platform/gpu/GpuDevice.h"
 #include "platform/gpu/GpuPictureEngine.h"
 #include "tests/app/QtTesting.h"
+#include "tests/platform/PictureTesting.h"
 
 #include <QApplication>
+#include <QColor>
 #include <QElapsedTimer>
 #include <QImage>
 #include <QPixmap>
@@ -41,11 +42,6 @@ struct Expected {
 bool Near(QRgb a, QRgb b) {
     auto near = [](int p, int q) { return std::abs(p - q) <= 8; };
     return near(qRed(a), qRed(b)) && near(qGreen(a), qGreen(b)) && near(qBlue(a), qBlue(b));
-}
-
-std::string Describe(QRgb colour) {
-    return "(r " + std::to_string(qRed(colour)) + ", g " + std::to_string(qGreen(colour)) + ", b " +
-           std::to_string(qBlue(colour)) + ")";
 }
 
 class VulkanPreviewTest : public ::testing::Test {
@@ -81,17 +77,11 @@ protected:
 
     // A 1920 × 1080 picture of the engine, its colour at each pixel given by `colourAt`.
     static std::shared_ptr<Picture> MakePicture(const std::function<QRgb(uint32_t x, uint32_t y)>& colourAt) {
-        Result<std::shared_ptr<MemoryPicture>> memory = MemoryPicture::make(1920, 1080);
-        if (!memory)
-            return nullptr;
-        for (uint32_t y = 0; y < 1080; ++y) {
-            auto* row = reinterpret_cast<uint32_t*>(memory.value()->row(y));
-            for (uint32_t x = 0; x < 1920; ++x)
-                row[x] = colourAt(x, y) | 0xff000000u; // BGRA in memory: 0xAARRGGBB as a word
-        }
-        Result<std::shared_ptr<Picture>> adopted = engine->adopt(memory.value());
-        EXPECT_TRUE(adopted) << adopted.error().message();
-        return adopted ? adopted.value() : nullptr;
+        return testing::MakePicture(*engine, 1920, 1080, [&](uint32_t x, uint32_t y) {
+            const QRgb colour = colourAt(x, y);
+            return testing::Pixel{uint8_t(qBlue(colour)), uint8_t(qGreen(colour)), uint8_t(qRed(colour)),
+                                  255};
+        });
     }
 
     void show(int width, int height) {
@@ -123,8 +113,9 @@ protected:
             log += line + "\n";
         for (const Expected& e : expected)
             EXPECT_TRUE(Near(pixel(image, e.x, e.y), e.colour))
-                << "at (" << e.x << ", " << e.y << ") the screen shows " << Describe(pixel(image, e.x, e.y))
-                << ", not " << Describe(e.colour) << "\n"
+                << "at (" << e.x << ", " << e.y << ") the screen shows "
+                << QColor(pixel(image, e.x, e.y)).name().toStdString() << ", not "
+                << QColor(e.colour).name().toStdString() << "\n"
                 << log;
     }
 
@@ -155,25 +146,17 @@ TEST_F(VulkanPreviewTest, LetterboxesThePictureAndFollowsTheViewsSize) {
     ASSERT_TRUE(shown.picture);
     // In a square of 400 the picture is 400 × 225, with bars of 87.5 above and below.
     show(400, 400);
-    expectScreen({{200, 20, Black},
-                  {200, 84, Black},
-                  {100, 91, Red},
-                  {300, 91, Blue},
-                  {100, 309, Red},
-                  {300, 309, Blue},
-                  {200, 316, Black},
-                  {200, 380, Black}});
+    const std::vector<Expected> square = {{200, 20, Black},  {200, 84, Black}, {100, 91, Red},
+                                          {300, 91, Blue},   {100, 309, Red},  {300, 309, Blue},
+                                          {200, 316, Black}, {200, 380, Black}};
+    expectScreen(square);
     // Made wide, the view puts the bars at the sides: 533 × 300, from 33.3 to 566.7. The swap chain is
     // made again for the new size, or the picture stays where it was.
     view->resize(600, 300);
-    expectScreen({{10, 150, Black},
-                  {30, 150, Black},
-                  {37, 5, Red},
-                  {37, 295, Red},
-                  {563, 5, Blue},
-                  {563, 295, Blue},
-                  {570, 150, Black},
-                  {590, 150, Black}});
+    const std::vector<Expected> wide = {{10, 150, Black},  {30, 150, Black}, {37, 5, Red},
+                                        {37, 295, Red},    {563, 5, Blue},   {563, 295, Blue},
+                                        {570, 150, Black}, {590, 150, Black}};
+    expectScreen(wide);
     expectNothingLogged();
 }
 

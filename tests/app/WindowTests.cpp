@@ -10,17 +10,14 @@
 #include "App/SoundMeterWidget.h"
 #include "App/SourcesList.h"
 #include "App/Startup.h"
-#include "App/TakePanel.h"
 #include "App/Updates.h"
 
 #include "core/control/RecorderController.h"
-#include "platform/MediaClock.h"
 #include "platform/SettingsStore.h"
 #include "remote/RecorderNetwork.h"
 #include "sources/ToneGenerator.h"
-#include "tests/Processes.h"
 #include "tests/app/QtTesting.h"
-#include "tests/core/MovieReading.h"
+#include "tests/sources/SourceTesting.h"
 #include "tests/updater/ReleaseTesting.h"
 #include "updater/QuorvaUpdater.h"
 
@@ -47,8 +44,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 
 namespace quorva {
 namespace {
@@ -112,13 +107,29 @@ protected:
     }
 
     // The screen as the user sees it, saved as build/screenshots/NAME.png for people to look at.
-    QImage screenshot(const char* name) {
+    void screenshot(const char* name) {
         QTest::qWait(200); // drawn on the screen
-        const QImage shot = _window->screen()->grabWindow(_window->winId()).toImage();
         fs::create_directories(QUORVA_SCREENSHOTS);
         EXPECT_TRUE(
-            shot.save(QString::fromStdString((fs::path(QUORVA_SCREENSHOTS) / name).string() + ".png")));
-        return shot;
+            grab().save(QString::fromStdString((fs::path(QUORVA_SCREENSHOTS) / name).string() + ".png")));
+    }
+
+    QImage grab() { return _window->screen()->grabWindow(_window->winId()).toImage(); }
+
+    // Whether the screen shows about this colour in the monitor at a point of the assembled picture, as the
+    // monitor fits it.
+    bool monitorShows(const QImage& shot, Size picture, double x, double y, int red, int green, int blue) {
+        const QWidget& monitor = *find<QWidget>("monitor");
+        const PreviewExtent extent =
+            FittedExtent(picture.width, picture.height, monitor.width(), monitor.height());
+        const double shownWidth = extent.x * monitor.width(), shownHeight = extent.y * monitor.height();
+        const QPoint corner = monitor.mapTo(_window.get(), QPoint(0, 0));
+        const double left = corner.x() + (monitor.width() - shownWidth) / 2;
+        const double top = corner.y() + (monitor.height() - shownHeight) / 2;
+        const QColor colour = shot.pixelColor(int(left + x / picture.width * shownWidth),
+                                              int(top + y / picture.height * shownHeight));
+        return std::abs(colour.red() - red) <= 16 && std::abs(colour.green() - green) <= 16 &&
+               std::abs(colour.blue() - blue) <= 16;
     }
 
     PlaceTiles* tiles() { return find<PlaceTiles>("places"); }
@@ -156,97 +167,10 @@ protected:
     std::unique_ptr<MainWindow> _window;
 };
 
-// The screenshot's pixel in the monitor at a point of the assembled picture, as the monitor fits it.
-QColor MonitorPixel(const QImage& shot, const QWidget& monitor, const QWidget& window, Size picture, double x,
-                    double y) {
-    const PreviewExtent extent =
-        FittedExtent(picture.width, picture.height, monitor.width(), monitor.height());
-    const double shownWidth = extent.x * monitor.width(), shownHeight = extent.y * monitor.height();
-    const QPoint corner = monitor.mapTo(&window, QPoint(0, 0));
-    const double left = corner.x() + (monitor.width() - shownWidth) / 2;
-    const double top = corner.y() + (monitor.height() - shownHeight) / 2;
-    return shot.pixelColor(int(left + x / picture.width * shownWidth),
-                           int(top + y / picture.height * shownHeight));
-}
-
-bool Near(const QColor& colour, int red, int green, int blue) {
-    return std::abs(colour.red() - red) <= 16 && std::abs(colour.green() - green) <= 16 &&
-           std::abs(colour.blue() - blue) <= 16;
-}
-
-TEST_F(WindowTest, RecordsTwoTestPatternsWithTheRecordButtonAndShowsThemSideBySide) {
-    auto* available = find<QListWidget>("availableSources");
-    for (const char* title : {"Test Pattern 720p30", "Test Pattern Alpha 1080p30"}) {
-        const auto items = available->findItems(title, Qt::MatchStartsWith);
-        ASSERT_EQ(items.size(), 1) << title;
-        available->setCurrentItem(items.front());
-        QTest::mouseClick(find<QPushButton>("addSource"), Qt::LeftButton);
-    }
-    EXPECT_EQ(tiles()->tiles().size(), 2u);
-    auto* folder = find<QLineEdit>("folder");
-    folder->setFocus();
-    folder->selectAll();
-    QTest::keyClicks(folder, QString::fromStdString((_home / "movies").string()));
-    QTest::keyClick(folder, Qt::Key_Return);
-    EXPECT_EQ(_recorder.controller->folder(), (_home / "movies").string());
-    QTest::mouseClick(find<QToolButton>("layout-row"), Qt::LeftButton);
-    EXPECT_EQ(_recorder.controller->layout(), "row");
-
-    // No take has a report yet; the status bar gives the disk's room as the settings would fill it.
-    auto* report = find<QAction>("openReport");
-    EXPECT_FALSE(report->isEnabled());
-    EXPECT_TRUE(find<QLabel>("disk")->text().endsWith(" min of disk"))
-        << find<QLabel>("disk")->text().toStdString();
-
-    auto* record = find<QPushButton>("record");
-    QTest::mouseClick(record, Qt::LeftButton);
-    ASSERT_EQ(_recorder.controller->state(), RecorderState::Recording) << _recorder.controller->error();
-    // Both patterns in the monitor where the row puts them: grey at the left of each top row of bars,
-    // blue at its right.
-    const Layout layout = _recorder.controller->assembledLayout();
-    ASSERT_EQ(layout.frames().size(), 2u);
-    auto* monitor = find<QWidget>("monitor");
-    auto bothShown = [&] {
-        const QImage shot = _window->screen()->grabWindow(_window->winId()).toImage();
-        for (const Rect& frame : layout.frames()) {
-            const double y = frame.y + frame.height / 10;
-            if (!Near(MonitorPixel(shot, *monitor, *_window, layout.size(), frame.x + frame.width / 14, y),
-                      191, 191, 191) ||
-                !Near(
-                    MonitorPixel(shot, *monitor, *_window, layout.size(), frame.x + frame.width * 13 / 14, y),
-                    0, 0, 191))
-                return false;
-        }
-        return true;
-    };
-    EXPECT_TRUE(waitFor(bothShown, 10));
-    screenshot("window-default-size");
-
-    ASSERT_TRUE(waitFor([&] { return _recorder.controller->elapsed() >= 3; }, 30));
-    QTest::mouseClick(record, Qt::LeftButton);
-    ASSERT_TRUE(waitFor([&] { return _recorder.controller->state() == RecorderState::Idle; }, 60));
-    EXPECT_EQ(_recorder.controller->recordingError(), "");
-    EXPECT_TRUE(report->isEnabled()) << "the take's report can be opened";
-    EXPECT_TRUE(fs::exists(_recorder.controller->lastReport()));
-    const auto movies = _recorder.controller->moviesOfTheTake();
-    EXPECT_FALSE(movies.empty());
-    for (const auto& movie : movies) {
-        const testing::Movie read = testing::ReadMovie(movie->url());
-        EXPECT_FALSE(read.times.empty()) << movie->url();
-        EXPECT_NEAR(read.videoDuration, 3, 0.6) << movie->url();
-    }
-}
-
 // The value that `fraction` of `values` are below.
 double Quantile(std::vector<double> values, double fraction) {
     std::sort(values.begin(), values.end());
     return values.empty() ? 0 : values[size_t(fraction * double(values.size() - 1))];
-}
-
-bool AllTiles(const PlaceTiles& tiles, PlaceTile::State state) {
-    return !tiles.tiles().empty() &&
-           std::all_of(tiles.tiles().begin(), tiles.tiles().end(),
-                       [&](const PlaceTile* tile) { return tile->state() == state; });
 }
 
 TEST_F(WindowTest, AnEmptyWindowSaysWhatToDoAndShowsEachSourceWhole) {
@@ -285,9 +209,21 @@ TEST_F(WindowTest, AnEmptyWindowSaysWhatToDoAndShowsEachSourceWhole) {
     screenshot("window-idle");
 }
 
-TEST_F(WindowTest, ATakeOfTheThreePatternsShowsLiveTilesTheirSoundAndTheTakeAtAGlance) {
+TEST_F(WindowTest, ATakeOfThreePatternsShowsLiveTilesTheirSoundAndTheTakeThenTheTilesReorder) {
     showLarge();
-    _recorder.controller->setFolder((_home / "movies").string());
+    auto* folder = find<QLineEdit>("folder");
+    folder->setFocus();
+    folder->selectAll();
+    QTest::keyClicks(folder, QString::fromStdString((_home / "movies").string()));
+    QTest::keyClick(folder, Qt::Key_Return);
+    EXPECT_EQ(_recorder.controller->folder(), (_home / "movies").string());
+    QTest::mouseClick(find<QToolButton>("layout-row"), Qt::LeftButton);
+    EXPECT_EQ(_recorder.controller->layout(), "row");
+    // No take has a report yet; the status bar gives the disk's room as the settings would fill it.
+    QAction* reportAction = find<QAction>("openReport");
+    EXPECT_FALSE(reportAction->isEnabled());
+    EXPECT_TRUE(find<QLabel>("disk")->text().endsWith(" min of disk"))
+        << find<QLabel>("disk")->text().toStdString();
     auto* sources = find<SourcesList>("availableSources");
     auto item = [&](const char* title) {
         const auto items = sources->findItems(title, Qt::MatchExactly);
@@ -318,9 +254,9 @@ TEST_F(WindowTest, ATakeOfTheThreePatternsShowsLiveTilesTheirSoundAndTheTakeAtAG
     // Each tile live, with its sound, before anything records.
     ASSERT_TRUE(waitFor(
         [&] {
-            return AllTiles(*tiles(), PlaceTile::State::Live) &&
-                   std::all_of(tiles()->tiles().begin(), tiles()->tiles().end(),
-                               [](const PlaceTile* tile) { return tile->hasMeter(); });
+            return std::all_of(tiles()->tiles().begin(), tiles()->tiles().end(), [](const PlaceTile* tile) {
+                return tile->state() == PlaceTile::State::Live && tile->hasMeter();
+            });
         },
         20));
 
@@ -339,6 +275,19 @@ TEST_F(WindowTest, ATakeOfTheThreePatternsShowsLiveTilesTheirSoundAndTheTakeAtAG
     ASSERT_TRUE(waitFor([&] { return timecodes.match(timecode->text()).hasMatch(); }, 5))
         << timecode->text().toStdString();
     const QString began = timecode->text();
+    // The three patterns in the monitor where the row puts them: grey at the left of each top row of bars,
+    // blue at its right.
+    const Layout layout = _recorder.controller->assembledLayout();
+    ASSERT_EQ(layout.frames().size(), 3u);
+    auto allShown = [&] {
+        const QImage shot = grab();
+        return std::all_of(layout.frames().begin(), layout.frames().end(), [&](const Rect& frame) {
+            const double y = frame.y + frame.height / 10;
+            return monitorShows(shot, layout.size(), frame.x + frame.width / 14, y, 191, 191, 191) &&
+                   monitorShows(shot, layout.size(), frame.x + frame.width * 13 / 14, y, 0, 0, 191);
+        });
+    };
+    EXPECT_TRUE(waitFor(allShown, 10));
 
     // Every meter reads the patterns' tone at the level it plays, peak and RMS alike, and moves with its
     // click once a second. (The peak is read between clicks: on a busy machine the patterns' blocks of
@@ -374,6 +323,7 @@ TEST_F(WindowTest, ATakeOfTheThreePatternsShowsLiveTilesTheirSoundAndTheTakeAtAG
     QTest::mouseClick(record, Qt::LeftButton);
     ASSERT_TRUE(waitFor([&] { return _recorder.controller->state() == RecorderState::Idle; }, 120));
     EXPECT_EQ(_recorder.controller->recordingError(), "");
+    EXPECT_TRUE(reportAction->isEnabled()) << "the take's report can be opened";
     EXPECT_TRUE(find<QLabel>("takeSummary")->text().startsWith("Last take “"))
         << find<QLabel>("takeSummary")->text().toStdString();
     EXPECT_TRUE(timecodes.match(timecode->text()).hasMatch()) << "where the take's timecode began";
@@ -386,15 +336,8 @@ TEST_F(WindowTest, ATakeOfTheThreePatternsShowsLiveTilesTheirSoundAndTheTakeAtAG
     QTest::mouseClick(report, Qt::LeftButton);
     QDesktopServices::unsetUrlHandler("file");
     EXPECT_EQ(opened.source().toLocalFile().toStdString(), _recorder.controller->lastReport());
-}
 
-TEST_F(WindowTest, TilesAreReorderedByDraggingAndDeleteRemovesTheSelectedPlace) {
-    showLarge();
-    for (const char* title : {"Test Pattern 1080p60", "Test Pattern 720p30", "Test Pattern Alpha 1080p30"})
-        ASSERT_TRUE(_recorder.controller->addSourceMatching(title));
-    QCoreApplication::processEvents();
-    ASSERT_EQ(tiles()->tiles().size(), 3u);
-    // The third tile dragged before the first.
+    // Once idle, the tiles are reordered by dragging: the third tile dragged before the first.
     {
         QMimeData dragged;
         dragged.setData(PlaceTile::MimeType, "2");
@@ -419,43 +362,18 @@ TEST_F(WindowTest, TilesAreReorderedByDraggingAndDeleteRemovesTheSelectedPlace) 
     EXPECT_EQ(tileTitles(), placeTitles());
 }
 
-// gst-launch-1.0 publishing "StageCam" through PipeWire, as another program would, until it is ended.
-struct StageCam {
-    StageCam() {
-        pid = testing::Spawn("exec gst-launch-1.0 videotestsrc pattern=smpte ! "
-                             "video/x-raw,width=320,height=180,framerate=30/1 ! videoconvert ! "
-                             "video/x-raw,format=BGRx ! pipewiresink mode=provide "
-                             "stream-properties=\"props,media.class=Video/Source,node.description=StageCam\" "
-                             ">'" +
-                             log.string() + "' 2>&1");
-    }
-    ~StageCam() {
-        testing::End(pid);
-        fs::remove(log);
-    }
-    // Whether it waits for a stream: GStreamer's pipewiresink may never send to one linked before then.
-    bool waiting() const {
-        std::stringstream text;
-        text << std::ifstream(log).rdbuf();
-        return text.str().find("PREROLLING") != std::string::npos;
-    }
-    const fs::path log = fs::path(::testing::TempDir()) / ("stagecam-" + std::to_string(::getpid()) + ".log");
-    pid_t pid = 0;
-};
-
 // Run inside a PipeWire session of its own (with_pipewire.sh, as CTest runs it).
 TEST_F(WindowTest, APublisherThatStopsMidTakeTurnsItsTileToNoSignalAndBack) {
     if (!std::getenv("PIPEWIRE_RUNTIME_DIR"))
         GTEST_SKIP() << "no PipeWire session: run it through tests/sources/with_pipewire.sh";
     showLarge();
     _recorder.controller->setFolder((_home / "movies").string());
-    const std::string title = "StageCam - gst-launch-1.0";
+    const std::string title = "StageCam - Mixer";
     auto offered = [&] {
-        const auto& sources = _recorder.controller->availableSources();
-        return std::any_of(sources.begin(), sources.end(),
-                           [&](const SourceDescription& source) { return source.title() == title; });
+        return std::ranges::any_of(_recorder.controller->availableSources(),
+                                   [&](const SourceDescription& source) { return source.title() == title; });
     };
-    auto camera = std::make_unique<StageCam>();
+    auto camera = std::make_unique<testing::Publisher>("StageCam", "BGRx");
     ASSERT_TRUE(waitFor([&] { return offered() && camera->waiting(); }, 20));
     ASSERT_TRUE(_recorder.controller->addSourceMatching(title));
     QCoreApplication::processEvents();
@@ -463,7 +381,7 @@ TEST_F(WindowTest, APublisherThatStopsMidTakeTurnsItsTileToNoSignalAndBack) {
     const PlaceTile& tile = *tiles()->tiles().front();
     ASSERT_TRUE(waitFor([&] { return tile.state() == PlaceTile::State::Live; }, 20));
     EXPECT_EQ(tile.findChild<QLabel*>("tileState")->text(), "● Live");
-    EXPECT_EQ(tile.findChild<QLabel*>("tileFormat")->text().left(9), "320 × 180");
+    EXPECT_EQ(tile.findChild<QLabel*>("tileFormat")->text().left(7), "96 × 64");
 
     QTest::mouseClick(find<QPushButton>("record"), Qt::LeftButton);
     ASSERT_EQ(_recorder.controller->state(), RecorderState::Recording) << _recorder.controller->error();
@@ -475,7 +393,7 @@ TEST_F(WindowTest, APublisherThatStopsMidTakeTurnsItsTileToNoSignalAndBack) {
 
     // A fresh publisher of the same name: GStreamer's pipewiresink sends nothing to a stream linked
     // again to one that left.
-    camera = std::make_unique<StageCam>();
+    camera = std::make_unique<testing::Publisher>("StageCam", "BGRx");
     ASSERT_TRUE(waitFor([&] { return tile.state() == PlaceTile::State::Live; }, 30));
     EXPECT_EQ(tile.findChild<QLabel*>("tileState")->text(), "● Live");
     EXPECT_EQ(_recorder.controller->state(), RecorderState::Recording) << "the take went on";
@@ -499,10 +417,8 @@ TEST(SoundMeter, AClipStaysLitTwoSecondsAndSilenceEmptiesTheMeter) {
     EXPECT_NEAR(meter.rms(1), 20 * std::log10(0.5), 0.01);
     SoundLevels::Reading nothing;
     nothing.lastClip = nothing.lastSound = 10;
-    for (double now : {10.5, 11.0, 11.5})
+    for (double now : {10.5, 11.0, 11.5, 11.9})
         meter.showReading(nothing, now);
-    EXPECT_TRUE(meter.clipLit());
-    meter.showReading(nothing, 11.9);
     EXPECT_TRUE(meter.clipLit());
     meter.showReading(nothing, 12.1);
     EXPECT_FALSE(meter.clipLit());
@@ -510,30 +426,7 @@ TEST(SoundMeter, AClipStaysLitTwoSecondsAndSilenceEmptiesTheMeter) {
     EXPECT_LT(meter.rms(0), -24) << "the RMS level falls as its average over 300 ms does";
 }
 
-TEST_F(WindowTest, SpeaksFrenchWhenChosenAndRemembersIt) {
-    auto* record = find<QPushButton>("record");
-    EXPECT_EQ(record->text(), "Record");
-    Language::choose("fr", *_recorder.defaults);
-    QCoreApplication::processEvents();
-    EXPECT_EQ(record->text(), "Enregistrer");
-    EXPECT_EQ(_window->menuBar()->actions().front()->text(), "&Fichier");
-    EXPECT_TRUE(find<QLabel>("monitorHint")->text().startsWith("Aucune source"))
-        << find<QLabel>("monitorHint")->text().toStdString();
-    EXPECT_TRUE(find<QLabel>("addPlaceHere")->text().startsWith("Ajoutez une source"));
-    EXPECT_TRUE(find<QLabel>("takeSummary")->text().startsWith("Ajoutez des sources"));
-    EXPECT_TRUE(find<QLabel>("disk")->text().endsWith(" min de disque"));
-    screenshot("window-idle-fr");
-    auto* sources = find<SourcesList>("availableSources");
-    EXPECT_TRUE(sources->kindAndDetail(*sources->findItems("Test Pattern 720p30", Qt::MatchExactly).value(0))
-                    .startsWith("Mire · "));
-    ASSERT_TRUE(_recorder.defaults->flush());
-    EXPECT_EQ(Language::chosen(SettingsStore(ApplicationIdentifier, _home / "config")), "fr");
-    Language::choose("en", *_recorder.defaults);
-    QCoreApplication::processEvents();
-    EXPECT_EQ(record->text(), "Record");
-}
-
-TEST_F(WindowTest, ChecksForUpdatesFromItsMenu) {
+TEST_F(WindowTest, ChecksForUpdatesFromItsMenuAndSpeaksFrenchWhenChosen) {
     _releases.answer("/manifest.json", 200,
                      R"({"version": "9.0", "notes_en": "Faster.", "notes_fr": "Plus rapide.",
                          "download_url": "https://example.invalid/q.zip"})");
@@ -567,15 +460,32 @@ TEST_F(WindowTest, ChecksForUpdatesFromItsMenu) {
     EXPECT_TRUE(install->isVisible());
     EXPECT_FALSE(install->isEnabled());
 
+    // French, chosen while the sheet is open: the sheet and the window follow, and the choice is kept.
+    auto* record = find<QPushButton>("record");
+    EXPECT_EQ(record->text(), "Record");
     Language::choose("fr", *_recorder.defaults);
     QCoreApplication::processEvents();
     EXPECT_EQ(sheet->findChild<QLabel*>("updateHeadline")->text(), "Nouvelle version disponible : v9.0");
     EXPECT_TRUE(sheet->findChild<QLabel*>("updateDetail")->text().startsWith("Plus rapide."));
-    Language::choose("en", *_recorder.defaults);
-
     sheet->close();
     QCoreApplication::processEvents();
     EXPECT_FALSE(_updater->isUpdateSheetPresented());
+    EXPECT_EQ(record->text(), "Enregistrer");
+    EXPECT_EQ(_window->menuBar()->actions().front()->text(), "&Fichier");
+    EXPECT_TRUE(find<QLabel>("monitorHint")->text().startsWith("Aucune source"))
+        << find<QLabel>("monitorHint")->text().toStdString();
+    EXPECT_TRUE(find<QLabel>("addPlaceHere")->text().startsWith("Ajoutez une source"));
+    EXPECT_TRUE(find<QLabel>("takeSummary")->text().startsWith("Ajoutez des sources"));
+    EXPECT_TRUE(find<QLabel>("disk")->text().endsWith(" min de disque"));
+    screenshot("window-idle-fr");
+    auto* sources = find<SourcesList>("availableSources");
+    EXPECT_TRUE(sources->kindAndDetail(*sources->findItems("Test Pattern 720p30", Qt::MatchExactly).value(0))
+                    .startsWith("Mire · "));
+    ASSERT_TRUE(_recorder.defaults->flush());
+    EXPECT_EQ(Language::chosen(SettingsStore(ApplicationIdentifier, _home / "config")), "fr");
+    Language::choose("en", *_recorder.defaults);
+    QCoreApplication::processEvents();
+    EXPECT_EQ(record->text(), "Record");
 }
 
 // The HTTP status that the recorder's OSCQuery server gives curl, sent from `from`.
@@ -606,19 +516,18 @@ TEST_F(WindowTest, NetworkAccessIsCheckedSavedAndServedAtOnce) {
 
     QDialog* dialog = open();
     ASSERT_TRUE(dialog);
-    dialog->findChild<QLineEdit*>("allowedNetworks")->setText("127.0.0.2, 10.0.0.0/33");
-    dialog->findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Ok)->click();
-    EXPECT_EQ(dialog->findChild<QLabel*>("networkProblem")->text(),
+    // The problem the dialog shows once OK is pressed with these hosts and this address.
+    const auto submit = [&](const char* allowed, const char* bind) {
+        dialog->findChild<QLineEdit*>("allowedNetworks")->setText(allowed);
+        dialog->findChild<QLineEdit*>("bindAddress")->setText(bind);
+        dialog->findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Ok)->click();
+        return dialog->findChild<QLabel*>("networkProblem")->text();
+    };
+    EXPECT_EQ(submit("127.0.0.2, 10.0.0.0/33", ""),
               "“10.0.0.0/33” is not an address or a network (address/prefix)");
-    dialog->findChild<QLineEdit*>("allowedNetworks")->setText("127.0.0.2");
-    dialog->findChild<QLineEdit*>("bindAddress")->setText("192.0.2.1");
-    dialog->findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Ok)->click();
-    EXPECT_EQ(dialog->findChild<QLabel*>("networkProblem")->text(),
-              "“192.0.2.1” is not an address of this machine");
+    EXPECT_EQ(submit("127.0.0.2", "192.0.2.1"), "“192.0.2.1” is not an address of this machine");
     EXPECT_TRUE(_recorder.network->access().allowed.allowsEveryone()) << "nothing applied while refused";
-
-    dialog->findChild<QLineEdit*>("bindAddress")->setText("127.0.0.1");
-    dialog->findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Ok)->click();
+    submit("127.0.0.2", "127.0.0.1");
     QCoreApplication::processEvents();
     const int64_t port = _recorder.network->oscQueryPort();
     ASSERT_GT(port, 0) << "the network restarted";

@@ -80,11 +80,6 @@ pid_t Play(const char* wave) {
 TEST(ComputerSoundTest, HearsTheDefaultOutputFromItsFirstSoundOnUntilStopped) {
     ComputerSound sound;
     Heard heard(sound);
-    Result<> unheard = sound.start();
-    ASSERT_FALSE(unheard);
-    EXPECT_TRUE(unheard.error().message().starts_with("no sound output to listen to"))
-        << unheard.error().message();
-
     testing::Shell(
         "pw-cli create-node adapter '{ factory.name=support.null-audio-sink node.name=quorva-speakers "
         "media.class=Audio/Sink object.linger=true audio.position=[FL FR] }' >/dev/null");

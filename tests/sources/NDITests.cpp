@@ -9,9 +9,11 @@
 #include "tests/core/Limits.h"
 #include "tests/fakes/FakeNDI.h"
 #include "tests/platform/PictureTesting.h"
+#include "tests/sources/SourceTesting.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
@@ -62,8 +64,7 @@ TEST(NDILibraryTest, ChoosesTheFirstUsableFileElseSaysWhyTheFirstOneFoundCannotB
     };
     const fs::path fake = QUORVA_FAKE_NDI, noEntry = QUORVA_NO_ENTRY_LIBRARY;
     const std::string missing = place("missing", nullptr), good = place("good", &fake),
-                      empty = place("noentry", &noEntry);
-    const std::string text = place("text", nullptr);
+                      empty = place("noentry", &noEntry), text = place("text", nullptr);
     std::ofstream(text) << "not a library\n";
 
     auto none = NDILibrary::chooseFrom({missing, "/nowhere/libndi.so.6"});
@@ -117,10 +118,7 @@ protected:
     }
     std::shared_ptr<FrameSource> connect(NDIDirectory& directory, const std::string& title,
                                          const std::string& engine = "processor") {
-        if (!WaitFor([&] {
-                auto titles = Titles(directory);
-                return std::find(titles.begin(), titles.end(), title) != titles.end();
-            }))
+        if (!WaitFor([&] { return std::ranges::count(Titles(directory), title) > 0; }))
             return nullptr;
         return directory.connectToSourceWithTitle(title, testing::Engine(engine));
     }
@@ -181,17 +179,10 @@ TEST_P(NDIPictureTest, BGRXArrivesOpaqueAndBGRAKeepsItsAlphaWhateverTheRowPaddin
         SCOPED_TRACE(title);
         auto source = connect(directory, title, GetParam());
         ASSERT_NE(source, nullptr);
-        std::mutex lock;
-        std::shared_ptr<Picture> received;
-        source->output().setFrameHandler([&](const std::shared_ptr<Picture>& picture) {
-            std::lock_guard guard(lock);
-            received = picture;
-        });
-        ASSERT_TRUE(WaitFor([&] {
-            std::lock_guard guard(lock);
-            return received != nullptr;
-        }));
+        testing::Received delivered(*source);
+        ASSERT_TRUE(WaitFor([&] { return delivered.count > 0; }));
         source->stop();
+        const std::shared_ptr<Picture> received = delivered.picture();
         EXPECT_DOUBLE_EQ(source->framesPerSecond(), rate);
         const auto& engine = testing::Engine(GetParam());
         EXPECT_EQ(engine->isProcessor(), std::dynamic_pointer_cast<MemoryPicture>(received) != nullptr);
