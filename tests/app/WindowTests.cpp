@@ -41,7 +41,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 
@@ -490,15 +489,8 @@ TEST_F(WindowTest, ChecksForUpdatesFromItsMenuAndSpeaksFrenchWhenChosen) {
 
 // The HTTP status that the recorder's OSCQuery server gives curl, sent from `from`.
 std::string StatusFrom(const char* from, int64_t port) {
-    const std::string command = std::string("curl -s -o /dev/null -w '%{http_code}' --interface ") + from +
-                                " http://127.0.0.1:" + std::to_string(port) + "/";
-    std::string status;
-    if (FILE* curl = ::popen(command.c_str(), "r")) {
-        char buffer[16] = {};
-        status = std::fgets(buffer, sizeof buffer, curl) ? buffer : "";
-        ::pclose(curl);
-    }
-    return status;
+    return testing::Shell(std::string("curl -s -o /dev/null -w '%{http_code}' --interface ") + from +
+                          " http://127.0.0.1:" + std::to_string(port) + "/");
 }
 
 TEST_F(WindowTest, NetworkAccessIsCheckedSavedAndServedAtOnce) {
