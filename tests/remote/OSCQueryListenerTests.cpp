@@ -90,8 +90,7 @@ int StuckListener(int port, const std::string& address) {
         answer += byte;
     // A client's frames are masked; a mask of zeros leaves the text as it is.
     std::string text = R"({"COMMAND":"LISTEN","DATA":")" + address + R"("})";
-    std::string frame = {char(0x81), char(0x80 | text.size()), 0, 0, 0, 0};
-    frame += text;
+    const std::string frame = std::string{char(0x81), char(0x80 | text.size()), 0, 0, 0, 0} + text;
     ::send(fd, frame.data(), frame.size(), MSG_NOSIGNAL);
     return fd;
 }
