@@ -5,7 +5,6 @@
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
-#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -53,13 +52,6 @@ struct AudioFrameV3 {
     const char* metadata;
     int64_t timestamp;
 };
-
-#if defined(__LP64__)
-static_assert(offsetof(VideoFrameV2, timecode) == 32 && offsetof(VideoFrameV2, data) == 40 &&
-              offsetof(VideoFrameV2, timestamp) == 64 && sizeof(VideoFrameV2) == 72);
-static_assert(offsetof(AudioFrameV3, timecode) == 16 && offsetof(AudioFrameV3, data) == 32 &&
-              offsetof(AudioFrameV3, timestamp) == 56 && sizeof(AudioFrameV3) == 64);
-#endif
 
 constexpr int FrameTypeNone = 0, FrameTypeVideo = 1, FrameTypeAudio = 2;
 // A receiver further behind its sender than this many seconds is moved up to the present, as a real
