@@ -398,11 +398,9 @@ void FakeNDI_MoveSenderFirst(int id) {
 
 int FakeNDI_ReceiverCount(int id) {
     std::lock_guard lock(state.mutex);
-    auto found = SenderOf(id);
-    return found == state.senders.end()
-               ? 0
-               : int(std::count_if(state.receivers.begin(), state.receivers.end(),
-                                   [&](const auto& receiver) { return receiver->sender == found->get(); }));
+    return int(std::count_if(state.receivers.begin(), state.receivers.end(), [&](const auto& receiver) {
+        return receiver->sender && receiver->sender->id == id;
+    }));
 }
 
 int FakeNDI_FinderCount() {
