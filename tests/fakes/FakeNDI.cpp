@@ -5,7 +5,6 @@
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
-#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -20,24 +19,17 @@
 namespace {
 
 // The runtime's structures, member for member as its C headers declare them, so that a program built
-// against those headers reads and writes them unchanged.
+// against those headers reads and writes them unchanged. Of the settings a finder and a receiver are made
+// with, the fake reads only the source to connect to, which comes first.
 struct Source {
     const char* name;
     const char* urlAddress;
 };
 
-struct FindCreate {
-    bool showLocalSources;
-    const char* groups;
-    const char* extraIps;
-};
+struct FindCreate;
 
 struct RecvCreateV3 {
-    Source sourceToConnectTo;
-    int colorFormat;
-    int bandwidth;
-    bool allowVideoFields;
-    const char* receiverName;
+    Source sourceToConnectTo; // then the colour format, the bandwidth, fields allowed, the receiver's name
 };
 
 struct VideoFrameV2 {
@@ -61,15 +53,6 @@ struct AudioFrameV3 {
     int64_t timestamp;
 };
 
-#if defined(__LP64__)
-static_assert(sizeof(FindCreate) == 24 && offsetof(RecvCreateV3, receiverName) == 32 &&
-              sizeof(RecvCreateV3) == 40);
-static_assert(offsetof(VideoFrameV2, timecode) == 32 && offsetof(VideoFrameV2, data) == 40 &&
-              offsetof(VideoFrameV2, timestamp) == 64 && sizeof(VideoFrameV2) == 72);
-static_assert(offsetof(AudioFrameV3, timecode) == 16 && offsetof(AudioFrameV3, data) == 32 &&
-              offsetof(AudioFrameV3, timestamp) == 56 && sizeof(AudioFrameV3) == 64);
-#endif
-
 constexpr int FrameTypeNone = 0, FrameTypeVideo = 1, FrameTypeAudio = 2;
 // A receiver further behind its sender than this many seconds is moved up to the present, as a real
 // sender drops what it could not deliver.
@@ -82,26 +65,23 @@ bool EnvironmentSays(const char* name) {
 
 using Clock = std::chrono::steady_clock; // CLOCK_MONOTONIC
 
+// Pictures, or 10 ms blocks of sound: `n` of them every `d` seconds, as NDI gives a frame rate.
+struct Rate {
+    int n = 1, d = 1;
+    double timeOf(int64_t index) const { return double(index) * d / n; }
+    // The first one at or after `time` (`up`), or the last one by then.
+    int64_t indexAt(double time, bool up) const {
+        const double index = time * n / d;
+        return int64_t(up ? std::ceil(index) : std::floor(index));
+    }
+};
+
 struct Sender {
     int id = 0;
     std::string name;
     FakeNDISender settings; // its name points at the copy above
     Clock::time_point start;
-    int blockSamples = 0; // in each 10 ms block of sound
-
-    double pictureTime(int64_t index) const {
-        return double(index) * settings.frameRateD / settings.frameRateN;
-    }
-    double blockTime(int64_t block) const { return double(block) * blockSamples / settings.sampleRate; }
-    // The first picture or block at or after `seconds` (`up`), or the last one by then.
-    int64_t pictureAt(double seconds, bool up) const {
-        const double index = seconds * settings.frameRateN / settings.frameRateD;
-        return int64_t(up ? std::ceil(index) : std::floor(index));
-    }
-    int64_t blockAt(double seconds, bool up) const {
-        const double block = seconds * settings.sampleRate / blockSamples;
-        return int64_t(up ? std::ceil(block) : std::floor(block));
-    }
+    Rate rates[2]; // pictures, then blocks of sound
     // In the dark half of its blinking; a time on the edge of a half, up to rounding, is in the half it
     // begins.
     bool darkAt(double seconds) const {
@@ -113,26 +93,22 @@ struct Sender {
 // A whole picture of the sender's colour, or black, rows padded with 0xEE. A stride narrower than the
 // pixels cuts the rows short: the program should refuse such a picture, not the fake.
 std::vector<uint8_t> Paint(const FakeNDISender& settings, bool dark) {
-    const bool uyvy = settings.fourcc == FakeNDIFourCC("UYVY");
-    const size_t pixelBytes = size_t(settings.width) * (uyvy ? 2 : 4);
+    const size_t pixelBytes = size_t(settings.width) * 4;
     const size_t stride = settings.stride ? size_t(settings.stride) : pixelBytes;
     std::vector<uint8_t> picture(stride * size_t(settings.height), 0xEE);
     uint32_t pixel = dark ? 0xFF000000 : settings.colour;
     if (settings.fourcc == FakeNDIFourCC("BGRX"))
         pixel &= 0x00FFFFFF;
-    for (size_t row = 0; row < size_t(settings.height); ++row) {
+    for (size_t row = 0; row < size_t(settings.height); ++row)
         for (size_t i = 0; i < std::min(pixelBytes, stride); ++i)
-            // U Y V Y: no colour, mid grey or video-range black.
-            picture[row * stride + i] =
-                uyvy ? (i % 2 ? (dark ? 16 : 128) : 128) : uint8_t(pixel >> 8 * (i % 4));
-    }
+            picture[row * stride + i] = uint8_t(pixel >> 8 * (i % 4));
     return picture;
 }
 
 struct Receiver {
     std::string name;
     const Sender* sender = nullptr; // the first listed sender of that name, kept up to date
-    int64_t nextPicture = 0, nextBlock = 0;
+    int64_t next[2] = {};           // picture, block of sound
     // Painted once for the sender `paintedFor`, so that handing a picture over costs the fake nothing and a
     // benchmark of the program measures the program. Painted again only in a capture, as the program frees
     // each frame before it captures the next.
@@ -159,10 +135,7 @@ struct State {
 };
 
 // Never destroyed: a test's threads may still wait in a capture as the process exits.
-State& TheState() {
-    static State* const state = new State;
-    return *state;
-}
+State& state = *new State;
 
 // A receiver joins its sender at the sender's present: what was sent before is not received.
 void Connect(Receiver& receiver, const Sender* sender, Clock::time_point now) {
@@ -170,13 +143,13 @@ void Connect(Receiver& receiver, const Sender* sender, Clock::time_point now) {
     if (!sender)
         return;
     const double elapsed = std::max(0.0, std::chrono::duration<double>(now - sender->start).count());
-    receiver.nextPicture = sender->pictureAt(elapsed, true);
-    receiver.nextBlock = sender->blockAt(elapsed, true);
+    for (int i : {0, 1})
+        receiver.next[i] = sender->rates[i].indexAt(elapsed, true);
 }
 
 // After any change of the list: each receiver follows the first sender of its name, and whoever waits
 // looks again.
-void SendersChanged(State& state, Clock::time_point now) {
+void SendersChanged(Clock::time_point now) {
     for (auto& receiver : state.receivers) {
         auto found = std::find_if(state.senders.begin(), state.senders.end(),
                                   [&](const auto& sender) { return sender->name == receiver->name; });
@@ -189,8 +162,7 @@ void SendersChanged(State& state, Clock::time_point now) {
 
 void HandPicture(Receiver& receiver, VideoFrameV2& frame) {
     const FakeNDISender& settings = receiver.sender->settings;
-    const int64_t index = receiver.nextPicture++;
-    const double time = receiver.sender->pictureTime(index);
+    const double time = receiver.sender->rates[0].timeOf(receiver.next[0]++);
     const bool dark = receiver.sender->darkAt(time);
     if (receiver.paintedFor != receiver.sender->id) {
         receiver.bright.clear();
@@ -201,25 +173,19 @@ void HandPicture(Receiver& receiver, VideoFrameV2& frame) {
     if (picture.empty())
         picture = Paint(settings, dark);
     const int stride = settings.stride ? settings.stride : int(picture.size()) / std::max(1, settings.height);
-    frame = VideoFrameV2{settings.width,
-                         settings.height,
-                         settings.fourcc,
-                         settings.frameRateN,
-                         settings.frameRateD,
-                         settings.height ? float(settings.width) / float(settings.height) : 0.0f,
-                         1, // progressive
-                         int64_t(time * 1e7),
-                         picture.data(),
-                         stride,
-                         nullptr,
-                         int64_t(time * 1e7)};
+    const float aspect = settings.height ? float(settings.width) / float(settings.height) : 0.0f;
+    const auto timecode = int64_t(time * 1e7);
+    const int progressive = 1;
+    frame = VideoFrameV2(settings.width, settings.height, settings.fourcc, settings.frameRateN,
+                         settings.frameRateD, aspect, progressive, timecode, picture.data(), stride, nullptr,
+                         timecode);
 }
 
 void HandSound(Receiver& receiver, AudioFrameV3& frame) {
     const Sender& sender = *receiver.sender;
     const FakeNDISender& settings = sender.settings;
-    const int count = sender.blockSamples;
-    const int64_t first = receiver.nextBlock++ * count;
+    const int count = sender.rates[1].d; // the samples of a block: its rate is the sample rate over them
+    const int64_t first = receiver.next[1]++ * count;
     receiver.sound.resize(size_t(count) * size_t(settings.channelCount));
     for (int i = 0; i < count; ++i) {
         const int64_t index = first + i;
@@ -232,65 +198,44 @@ void HandSound(Receiver& receiver, AudioFrameV3& frame) {
             receiver.sound[size_t(channel) * size_t(count) + size_t(i)] = sample;
     }
     const auto timecode = int64_t(double(first) / settings.sampleRate * 1e7);
-    frame = AudioFrameV3{settings.sampleRate,
-                         settings.channelCount,
-                         count,
-                         timecode,
-                         settings.soundFourcc,
-                         reinterpret_cast<uint8_t*>(receiver.sound.data()),
-                         int(sizeof(float)) * count,
-                         nullptr,
-                         timecode};
+    // Planar: each channel's samples follow the one before.
+    frame = AudioFrameV3(settings.sampleRate, settings.channelCount, count, timecode, settings.soundFourcc,
+                         reinterpret_cast<uint8_t*>(receiver.sound.data()), int(sizeof(float)) * count,
+                         nullptr, timecode);
 }
 
 // Lists a sender last and starts its clock, under the state's lock; answers its identifier.
-int AddSender(State& state, const FakeNDISender& settings) {
+int AddSender(const FakeNDISender& settings) {
     auto sender = std::make_unique<Sender>();
     sender->name = settings.name;
     sender->settings = settings;
     sender->settings.name = sender->name.c_str();
-    sender->blockSamples = std::max(1, int(std::lround(settings.sampleRate / 100.0)));
+    sender->rates[0] = {settings.frameRateN, settings.frameRateD};
+    sender->rates[1] = {settings.sampleRate, std::max(1, int(std::lround(settings.sampleRate / 100.0)))};
     sender->start = Clock::now();
     sender->id = ++state.lastId;
     state.senders.push_back(std::move(sender));
-    SendersChanged(state, state.senders.back()->start);
+    SendersChanged(state.senders.back()->start);
     return state.lastId;
 }
 
 // Under the state's lock: the late sender joins once its time has come.
-void AddLateSenderWhenDue(State& state) {
+void AddLateSenderWhenDue() {
     if (!state.lateSenderDue || Clock::now() < *state.lateSenderDue)
         return;
     state.lateSenderDue.reset();
-    const char* name = std::getenv("FAKE_NDI_LATE_SENDER");
-    if (!name)
-        return;
-    FakeNDISender sender;
-    sender.name = name;
-    sender.fourcc = FakeNDIFourCC("BGRX");
-    sender.width = 320;
-    sender.height = 180;
-    sender.colour = 0xFF2040C0; // blue
-    AddSender(state, sender);
+    if (const char* name = std::getenv("FAKE_NDI_LATE_SENDER")) // in blue
+        AddSender({.name = name,
+                   .fourcc = FakeNDIFourCC("BGRX"),
+                   .width = 320,
+                   .height = 180,
+                   .colour = 0xFF2040C0});
 }
 
 // The entries of the table.
 
-bool Initialize() {
-    return !EnvironmentSays("FAKE_NDI_INITIALIZE_FAILS");
-}
-
-const char* Version() {
-    return "NDI SDK LINUX fake 6.0";
-}
-
-bool IsSupportedCpu() {
-    return !EnvironmentSays("FAKE_NDI_UNSUPPORTED_CPU");
-}
-
 // The settings (groups, extra addresses, local sources) make no difference: every sender is local.
 void* FindCreateV2(const FindCreate*) {
-    State& state = TheState();
     std::lock_guard lock(state.mutex);
     static bool first = true;
     if (std::exchange(first, false) && std::getenv("FAKE_NDI_LATE_SENDER"))
@@ -299,19 +244,12 @@ void* FindCreateV2(const FindCreate*) {
     return state.finders.back().get();
 }
 
-template <class T>
-void Destroy(std::vector<std::unique_ptr<T>>& list, void* instance) {
-    std::erase_if(list, [&](const auto& item) { return item.get() == instance; });
-}
-
 void FindDestroy(void* find) {
-    State& state = TheState();
     std::lock_guard lock(state.mutex);
-    Destroy(state.finders, find);
+    std::erase_if(state.finders, [&](const auto& finder) { return finder.get() == find; });
 }
 
 bool FindWaitForSources(void* find, uint32_t timeoutMs) {
-    State& state = TheState();
     const auto& finder = *static_cast<Finder*>(find);
     std::unique_lock lock(state.mutex);
     return state.changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
@@ -322,10 +260,9 @@ bool FindWaitForSources(void* find, uint32_t timeoutMs) {
 }
 
 const Source* FindGetCurrentSources(void* find, uint32_t* count) {
-    State& state = TheState();
     auto& finder = *static_cast<Finder*>(find);
     std::lock_guard lock(state.mutex);
-    AddLateSenderWhenDue(state);
+    AddLateSenderWhenDue();
     finder.names.clear();
     for (const auto& sender : state.senders)
         finder.names.push_back(sender->name);
@@ -339,28 +276,24 @@ const Source* FindGetCurrentSources(void* find, uint32_t* count) {
 void* RecvCreateV3(const RecvCreateV3* settings) {
     if (!settings || !settings->sourceToConnectTo.name || !*settings->sourceToConnectTo.name)
         return nullptr;
-    State& state = TheState();
     std::lock_guard lock(state.mutex);
     state.receivers.push_back(std::make_unique<Receiver>());
     state.receivers.back()->name = settings->sourceToConnectTo.name;
-    SendersChanged(state, Clock::now());
+    SendersChanged(Clock::now());
     return state.receivers.back().get();
 }
 
 void RecvDestroy(void* recv) {
-    State& state = TheState();
     std::lock_guard lock(state.mutex);
-    Destroy(state.receivers, recv);
+    std::erase_if(state.receivers, [&](const auto& receiver) { return receiver.get() == recv; });
 }
 
 int RecvGetNoConnections(void* recv) {
-    State& state = TheState();
     std::lock_guard lock(state.mutex);
     return static_cast<Receiver*>(recv)->sender ? 1 : 0;
 }
 
 int RecvCaptureV3(void* recv, VideoFrameV2* video, AudioFrameV3* audio, void*, uint32_t timeoutMs) {
-    State& state = TheState();
     auto& receiver = *static_cast<Receiver*>(recv);
     std::unique_lock lock(state.mutex);
     const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
@@ -369,27 +302,23 @@ int RecvCaptureV3(void* recv, VideoFrameV2* video, AudioFrameV3* audio, void*, u
         Clock::time_point wake = deadline;
         if (const Sender* sender = receiver.sender) {
             const double elapsed = std::chrono::duration<double>(now - sender->start).count();
-            auto due = [&](double time) {
-                return sender->start +
-                       std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(time));
-            };
-            if (video && sender->settings.fourcc) {
-                if (elapsed - sender->pictureTime(receiver.nextPicture) > MostBehind)
-                    receiver.nextPicture = sender->pictureAt(elapsed, false);
-                if (sender->pictureTime(receiver.nextPicture) <= elapsed) {
-                    HandPicture(receiver, *video);
-                    return FrameTypeVideo;
+            // A picture first, then a block of sound, whichever is due.
+            for (int i : {0, 1}) {
+                if (i == 0 ? !video || !sender->settings.fourcc : !audio || !sender->settings.soundFourcc)
+                    continue;
+                const Rate& rate = sender->rates[i];
+                int64_t& next = receiver.next[i];
+                if (elapsed - rate.timeOf(next) > MostBehind)
+                    next = rate.indexAt(elapsed, false);
+                if (rate.timeOf(next) <= elapsed) {
+                    if (i == 0)
+                        HandPicture(receiver, *video);
+                    else
+                        HandSound(receiver, *audio);
+                    return i == 0 ? FrameTypeVideo : FrameTypeAudio;
                 }
-                wake = std::min(wake, due(sender->pictureTime(receiver.nextPicture)));
-            }
-            if (audio && sender->settings.soundFourcc) {
-                if (elapsed - sender->blockTime(receiver.nextBlock) > MostBehind)
-                    receiver.nextBlock = sender->blockAt(elapsed, false);
-                if (sender->blockTime(receiver.nextBlock) <= elapsed) {
-                    HandSound(receiver, *audio);
-                    return FrameTypeAudio;
-                }
-                wake = std::min(wake, due(sender->blockTime(receiver.nextBlock)));
+                const std::chrono::duration<double> due(rate.timeOf(next));
+                wake = std::min(wake, sender->start + std::chrono::duration_cast<Clock::duration>(due));
             }
         }
         if (now >= deadline)
@@ -397,10 +326,6 @@ int RecvCaptureV3(void* recv, VideoFrameV2* video, AudioFrameV3* audio, void*, u
         state.changed.wait_until(lock, wake);
     }
 }
-
-// Frames stay the receiver's: they are written again only by its next capture.
-void RecvFreeVideoV2(void*, const VideoFrameV2*) {}
-void RecvFreeAudioV3(void*, const AudioFrameV3*) {}
 
 // Every entry that the fake leaves out: the program has called something it was not expected to.
 [[noreturn]] void NotProvided() {
@@ -414,27 +339,28 @@ const void* const* Table() {
     static const auto table = [] {
         std::array<Entry, 107> entries;
         entries.fill(&NotProvided);
-        auto place = [&](size_t slot, auto function) { entries[slot] = reinterpret_cast<Entry>(function); };
-        place(0, &Initialize);
-        place(2, &Version);
-        place(3, &IsSupportedCpu);
+        auto place = [&](size_t slot, auto function) { entries[slot] = reinterpret_cast<Entry>(+function); };
+        place(0, [] { return !EnvironmentSays("FAKE_NDI_INITIALIZE_FAILS"); });
+        place(2, [] { return "NDI SDK LINUX fake 6.0"; });
+        place(3, [] { return !EnvironmentSays("FAKE_NDI_UNSUPPORTED_CPU"); });
         place(5, &FindCreateV2);
         place(6, &FindDestroy);
         place(23, &RecvDestroy);
         place(34, &RecvGetNoConnections);
         place(42, &FindWaitForSources);
         place(43, &FindGetCurrentSources);
-        place(47, &RecvFreeVideoV2);
+        // Frames stay the receiver's: they are written again only by its next capture.
+        place(47, [](void*, const VideoFrameV2*) {});
         place(84, &RecvCreateV3);
         place(101, &RecvCaptureV3);
-        place(102, &RecvFreeAudioV3);
+        place(102, [](void*, const AudioFrameV3*) {});
         return entries;
     }();
     return reinterpret_cast<const void* const*>(table.data());
 }
 
 // The sender of `id`, under the state's lock; the list's end when there is none.
-auto SenderOf(State& state, int id) {
+auto SenderOf(int id) {
     return std::find_if(state.senders.begin(), state.senders.end(),
                         [&](const auto& sender) { return sender->id == id; });
 }
@@ -448,53 +374,45 @@ __attribute__((visibility("default"))) const void* NDIlib_v5_load(void) {
 }
 
 int FakeNDI_AddSender(const FakeNDISender* settings) {
-    State& state = TheState();
     std::lock_guard lock(state.mutex);
-    return AddSender(state, *settings);
+    return AddSender(*settings);
 }
 
 void FakeNDI_RemoveSender(int id) {
-    State& state = TheState();
     std::unique_ptr<Sender> removed; // freed once no receiver points at it
     std::lock_guard lock(state.mutex);
-    if (auto found = SenderOf(state, id); found != state.senders.end()) {
+    if (auto found = SenderOf(id); found != state.senders.end()) {
         removed = std::move(*found);
         state.senders.erase(found);
-        SendersChanged(state, Clock::now());
+        SendersChanged(Clock::now());
     }
 }
 
 void FakeNDI_MoveSenderFirst(int id) {
-    State& state = TheState();
     std::lock_guard lock(state.mutex);
-    if (auto found = SenderOf(state, id); found != state.senders.end()) {
+    if (auto found = SenderOf(id); found != state.senders.end()) {
         std::rotate(state.senders.begin(), found, found + 1);
-        SendersChanged(state, Clock::now());
+        SendersChanged(Clock::now());
     }
 }
 
 int FakeNDI_ReceiverCount(int id) {
-    State& state = TheState();
     std::lock_guard lock(state.mutex);
-    auto found = SenderOf(state, id);
-    return found == state.senders.end()
-               ? 0
-               : int(std::count_if(state.receivers.begin(), state.receivers.end(),
-                                   [&](const auto& receiver) { return receiver->sender == found->get(); }));
+    return int(std::count_if(state.receivers.begin(), state.receivers.end(), [&](const auto& receiver) {
+        return receiver->sender && receiver->sender->id == id;
+    }));
 }
 
 int FakeNDI_FinderCount() {
-    State& state = TheState();
     std::lock_guard lock(state.mutex);
     return int(state.finders.size());
 }
 
 void FakeNDI_Reset() {
-    State& state = TheState();
     std::vector<std::unique_ptr<Sender>> removed;
     std::lock_guard lock(state.mutex);
     removed.swap(state.senders);
-    SendersChanged(state, Clock::now());
+    SendersChanged(Clock::now());
 }
 
 } // extern "C"

@@ -28,8 +28,9 @@ struct FakeNDISender {
     const char* name = nullptr;
 
     // Pictures: `fourcc` 0 sends none. Every pixel of a picture is `colour` (B | G << 8 | R << 16 | A << 24,
-    // as BGRA lies in memory; BGRX sends 0 as its fourth byte, UYVY sends mid grey), rows `stride` bytes
-    // apart (0: packed), the bytes past a row's pixels 0xEE.
+    // as BGRA lies in memory; BGRX sends 0 as its fourth byte; any other FourCC, which the program only
+    // drops, gets the same four bytes a pixel), rows `stride` bytes apart (0: packed), the bytes past a
+    // row's pixels 0xEE.
     int fourcc = 0;
     int width = 0, height = 0, stride = 0;
     uint32_t colour = 0;

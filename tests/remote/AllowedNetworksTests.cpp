@@ -28,22 +28,17 @@ TEST(AllowedNetworks, MatchesPeersOfEitherFamilyUpToThePrefixAndIPv4AsMappedIPv6
     ASSERT_TRUE(allowed.add("192.168.10.0/23"));
     ASSERT_TRUE(allowed.add("fd00::/9"));
     EXPECT_FALSE(allowed.allowsEveryone());
-    auto allows = [&](const char* address) { return allowed.allows(*AllowedNetworks::AddressFrom(address)); };
-    EXPECT_TRUE(allows("192.168.10.0"));
-    EXPECT_TRUE(allows("192.168.11.255"));
-    EXPECT_FALSE(allows("192.168.12.0"));
-    EXPECT_FALSE(allows("192.168.9.255"));
-    EXPECT_TRUE(allows("::ffff:192.168.11.4")); // a dual-stack socket's IPv4 peer
-    EXPECT_TRUE(allows("fd7f::1"));
-    EXPECT_FALSE(allows("fd80::1"));
-    EXPECT_FALSE(allows("::c0a8:a04")); // the same 32 bits, not mapped: another address
+    // "::ffff:192.168.11.4" is a dual-stack socket's IPv4 peer; "::c0a8:a04" the same 32 bits, not mapped:
+    // another address.
+    for (const char* address : {"192.168.10.0", "192.168.11.255", "::ffff:192.168.11.4", "fd7f::1"})
+        EXPECT_TRUE(allowed.allows(*AllowedNetworks::AddressFrom(address))) << address;
+    for (const char* address : {"192.168.12.0", "192.168.9.255", "fd80::1", "::c0a8:a04"})
+        EXPECT_FALSE(allowed.allows(*AllowedNetworks::AddressFrom(address))) << address;
 
-    sockaddr_in v4{};
-    v4.sin_family = AF_INET;
+    sockaddr_in v4{AF_INET, 0, {}, {}};
     ::inet_pton(AF_INET, "192.168.10.4", &v4.sin_addr);
     EXPECT_TRUE(allowed.allows(reinterpret_cast<const sockaddr*>(&v4)));
-    sockaddr_in6 v6{};
-    v6.sin6_family = AF_INET6;
+    sockaddr_in6 v6{AF_INET6, 0, 0, {}, 0};
     ::inet_pton(AF_INET6, "::ffff:192.168.10.4", &v6.sin6_addr);
     EXPECT_TRUE(allowed.allows(reinterpret_cast<const sockaddr*>(&v6)));
     ::inet_pton(AF_INET6, "2001:db8::1", &v6.sin6_addr);

@@ -39,9 +39,9 @@ struct AvahiTest : ::testing::Test {
                        dir + "/avahi.conf' >" + dir + "/avahi.log 2>&1");
         // The daemon says so once its host name is probed and it answers clients; a busy machine (a
         // sanitised build beside other jobs) can take many seconds to get there.
-        for (int i = 0; i < 600 && daemonLog().find("Server startup complete") == std::string::npos; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        ASSERT_NE(daemonLog().find("Server startup complete"), std::string::npos) << daemonLog();
+        ASSERT_TRUE(WaitUntil(30, 50, [&] {
+            return daemonLog().find("Server startup complete") != std::string::npos;
+        })) << daemonLog();
     }
     std::string daemonLog() const { return Shell("cat " + dir + "/avahi.log"); }
     void TearDown() override {

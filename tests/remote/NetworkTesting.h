@@ -8,14 +8,16 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
-#include <csignal>
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <gtest/gtest.h>
+#include <iterator>
 #include <memory>
 #include <mutex>
 #include <netinet/in.h>
-#include <sstream>
 #include <string>
 #include <sys/socket.h>
 #include <thread>
@@ -24,6 +26,14 @@
 #include <vector>
 
 namespace quorva::testing {
+
+// Asks `done` every `stepMs` milliseconds until it answers true, for up to `seconds`; answers its last
+// answer. Thirty seconds is long enough for a sanitised build on a busy machine.
+inline bool WaitUntil(int seconds, int stepMs, const std::function<bool()>& done) {
+    for (int i = seconds * 1000 / stepMs; i > 0 && !done(); --i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(stepMs));
+    return done();
+}
 
 // A main loop on a thread of its own, so that the test's thread can play the client meanwhile.
 struct MainThread {
@@ -55,11 +65,8 @@ struct LogLines {
         std::lock_guard guard(lock);
         return std::find(lines.begin(), lines.end(), line) != lines.end();
     }
-    // Waits up to thirty seconds for a line: long enough for a sanitised build on a busy machine.
     bool waitFor(const std::string& line) {
-        for (int i = 0; i < 3000 && !has(line); ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        return has(line);
+        return WaitUntil(30, 10, [&] { return has(line); });
     }
     std::string all() {
         std::lock_guard guard(lock);
@@ -75,10 +82,11 @@ inline sockaddr_in Loopback(int port) {
     return {AF_INET, htons(uint16_t(port)), {htonl(INADDR_LOOPBACK)}, {}};
 }
 
-// A socket bound to every interface (port 0: one the system picks), so that a test can take a port away.
-inline int BoundSocket(int type, int port = 0) {
+// A socket bound to every interface, or to 127.0.0.`host`, on `port` (0: one the system picks), so that a
+// test can take a port away or be a client from another address.
+inline int BoundSocket(int type, int port = 0, int host = 0) {
     int fd = ::socket(AF_INET, type, 0);
-    sockaddr_in address{AF_INET, htons(uint16_t(port)), {}, {}};
+    sockaddr_in address{AF_INET, htons(uint16_t(port)), {host ? htonl(0x7f000000u | uint32_t(host)) : 0}, {}};
     if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
         ::close(fd);
         return -1;
@@ -127,16 +135,17 @@ inline std::string StatusLine(int port, const std::string& request) {
     return answer.substr(0, answer.find("\r\n"));
 }
 
-// `quorvarecorder --headless` in a process of its own, with its settings in `dir` and its stderr in
-// dir/log, started on (or after) the given ports with `options`; the ports it found are read from its log.
+// `quorvarecorder --headless` in a process of its own, with its settings in a folder `dir` of the test's
+// own named after `name` and its stderr in dir/log, started on (or after) the given ports with `options`;
+// the ports it found are read from its log. It must exit cleanly when it is stopped.
 struct HeadlessRecorder {
     std::string dir;
     pid_t pid = 0;
     int oscPort = 0, queryPort = 0;
 
-    HeadlessRecorder(std::string folder, int wantedOSCPort, int wantedQueryPort,
+    HeadlessRecorder(const std::string& name, int wantedOSCPort, int wantedQueryPort,
                      const std::string& options = "")
-        : dir(std::move(folder)) {
+        : dir(::testing::TempDir() + "headless-" + name + "-" + std::to_string(::getpid())) {
         Shell("mkdir -p " + dir + "/config && chmod 700 " + dir);
         // The shell execs the recorder in its place, so that the signals reach the recorder itself.
         // No system bus: nothing is announced from a test.
@@ -147,39 +156,41 @@ struct HeadlessRecorder {
                               " exec " QUORVA_RECORDER_PATH " --headless " + options + " 2>" + dir + "/log";
         pid = Spawn(command);
         const std::string started = "OSCQuery server started on TCP port ";
-        for (int i = 0; i < 600 && queryPort == 0; ++i) {
+        WaitUntil(30, 50, [&] {
             std::string text = log();
             size_t at = text.find(started);
-            if (at == std::string::npos ||
-                std::sscanf(text.c_str() + at + started.size(), "%d (namespace of OSC port %d)", &queryPort,
-                            &oscPort) != 2) {
-                queryPort = 0;
-                std::this_thread::sleep_for(std::chrono::milliseconds(50));
-            }
-        }
+            return at != std::string::npos &&
+                   std::sscanf(text.c_str() + at + started.size(), "%d (namespace of OSC port %d)",
+                               &queryPort, &oscPort) == 2;
+        });
     }
     ~HeadlessRecorder() {
-        stop();
+        EXPECT_EQ(pid ? stop() : 0, 0) << log();
         std::filesystem::remove_all(dir);
     }
     std::string log() const {
-        std::stringstream text;
-        text << std::ifstream(dir + "/log").rdbuf();
-        return text.str();
+        std::ifstream in(dir + "/log");
+        return {std::istreambuf_iterator<char>(in), {}};
     }
     int stop() { return End(std::exchange(pid, 0)); }
     void send(const std::string& arguments) const {
         Shell("oscsend 127.0.0.1 " + std::to_string(oscPort) + " " + arguments);
     }
+    // The camera test pattern as the first source, each source recorded to a file of its own in `dir`.
+    void prepareTake() const {
+        send("/source/1 s 720p30");
+        send("/output s separate");
+        send("/folder s " + dir);
+        send("/name s take");
+    }
     // Waits up to 20 seconds for `address` to read `expected` over OSCQuery, and answers what it read last.
     nlohmann::json value(const std::string& address, const nlohmann::json& expected = {}) const {
         nlohmann::json read;
-        for (int i = 0; i < 200; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(100))) {
+        WaitUntil(20, 100, [&] {
             auto answer = nlohmann::json::parse(Curl(queryPort, address + "?VALUE").body, nullptr, false);
             read = answer.is_object() ? answer["VALUE"][0] : nlohmann::json();
-            if (expected.is_null() || read == expected)
-                break;
-        }
+            return expected.is_null() || read == expected;
+        });
         return read;
     }
 };

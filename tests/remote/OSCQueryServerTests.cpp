@@ -2,7 +2,6 @@
 
 #include "NetworkTesting.h"
 
-#include <cstring>
 #include <gtest/gtest.h>
 #include <stdexcept>
 
@@ -20,7 +19,6 @@ struct OSCQueryServerTest : ::testing::Test {
 
     void SetUp() override {
         setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1); // no announcement here
-        server->setServerName("Test");
         ASSERT_TRUE(server->startOnPort(PortOf(taken)));
         port = int(server->httpPort());
     }
@@ -34,7 +32,6 @@ struct OSCQueryServerTest : ::testing::Test {
 // the headless tests; here, what only a server of the test's own can show.
 TEST_F(OSCQueryServerTest, AnswersHostInfoContainersAndNodesWhoseValueCannotBeRead) {
     json info = json::parse(Curl(port, "/?HOST_INFO").body);
-    EXPECT_EQ(info["NAME"], "Test");
     EXPECT_EQ(info["OSC_TRANSPORT"], "UDP");
     EXPECT_EQ(info["EXTENSIONS"]["VALUE"], true);
 
@@ -51,11 +48,8 @@ TEST_F(OSCQueryServerTest, AnswersHostInfoContainersAndNodesWhoseValueCannotBeRe
         Answer answer = Curl(port, target);
         EXPECT_EQ(answer.status, 200) << target;
         EXPECT_EQ(answer.body, body) << target;
-        EXPECT_NE(answer.head.find("Content-Length: " + std::to_string(std::strlen(body))),
-                  std::string::npos);
     }
     json tree = json::parse(Curl(port, "/").body);
-    EXPECT_EQ(tree["CONTENTS"]["status"]["ACCESS"], 0);
     EXPECT_EQ(tree["CONTENTS"]["status"]["CONTENTS"]["state"]["VALUE"], json::array({"idle"}));
 }
 

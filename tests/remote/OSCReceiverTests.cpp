@@ -28,15 +28,10 @@ struct Received {
         };
     }
     bool waitFor(const std::string& line) {
-        for (int i = 0; i < 1000; ++i) {
-            {
-                std::lock_guard guard(lock);
-                if (std::find(seen.begin(), seen.end(), line) != seen.end())
-                    return true;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return false;
+        return WaitUntil(10, 10, [&] {
+            std::lock_guard guard(lock);
+            return std::find(seen.begin(), seen.end(), line) != seen.end();
+        });
     }
 };
 
