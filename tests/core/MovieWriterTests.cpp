@@ -50,7 +50,6 @@ protected:
         if (made)
             return "";
         EXPECT_EQ(made.error().domain(), "org.quorva.QuorvaRecorder.MovieRecorder");
-        EXPECT_EQ(made.error().code(), -1);
         return made.error().message();
     }
 
