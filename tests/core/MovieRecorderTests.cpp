@@ -146,8 +146,8 @@ TEST_P(MovieRecorderEngineTest, FitsAPictureInsideTheMovieAndFlipsIt) {
 }
 
 // A source that stalls: its movie goes on showing its last picture, in time with the clock, so that it is
-// as long as the take and its fragments reach the file as they would; the pictures before its first are
-// black.
+// as long as the take and its fragments reach the file as they would. (The black before its first is the
+// writer's, which the skip pictures' movies read.)
 TEST_F(MovieRecorderTest, ASlotThatNoPictureReachesShowsTheOneBefore) {
     const double start = MediaClock::now();
     ASSERT_TRUE(
@@ -167,7 +167,6 @@ TEST_F(MovieRecorderTest, ASlotThatNoPictureReachesShowsTheOneBefore) {
     EXPECT_EQ(movie.times.size(), 5 + recorder->framesHeld());
     EXPECT_NEAR(double(movie.times.size()), (end - start) * 30, 1.5);
     ASSERT_GE(movie.lumas.size(), 5u);
-    EXPECT_NEAR(movie.lumas[0][0], 16, 3) << "black before the first picture";
     EXPECT_GT(movie.lumas.back()[0], 200) << "the last picture held";
 }
 
