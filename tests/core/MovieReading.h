@@ -29,7 +29,6 @@ struct AVFrameRelease {
 };
 
 struct Movie {
-    AVCodecID videoCodec = AV_CODEC_ID_NONE;
     std::string videoTag;
     int width = 0, height = 0;
     AVPixelFormat pixelFormat = AV_PIX_FMT_NONE;
@@ -79,7 +78,6 @@ inline Movie ReadMovie(const std::filesystem::path& path,
         const double duration =
             stream->duration > 0 ? double(stream->duration) * av_q2d(stream->time_base) : 0;
         if (p->codec_type == AVMEDIA_TYPE_VIDEO) {
-            movie.videoCodec = p->codec_id;
             char tag[AV_FOURCC_MAX_STRING_SIZE] = {};
             movie.videoTag = av_fourcc_make_string(tag, p->codec_tag);
             movie.width = p->width;

@@ -84,7 +84,8 @@ TEST_P(PictureEngineTest, AnAdoptedPictureReadsBackExactlyAndKeepsItsPixelsWhile
 // A movie's assembled picture is drawn straight into the encoder's frame: it must hold what drawing the
 // picture whole and converting it would. The placements meet the frame's chroma samples every way: at
 // odd edges, where they share samples with the background and with each other, scaled, flipped, over
-// another, partly outside the frame, and whole and aligned (which the processor converts in place).
+// another, partly outside the frame, and whole and aligned (which the processor converts in place, a flipped
+// one read bottom up).
 TEST_P(PictureEngineTest, AnAssembledPictureDrawnIntoAMovieFrameIsTheComposedPictureConverted) {
     auto picture = [&](uint32_t width, uint32_t height, int seed) {
         return testing::MakePicture(*engine, width, height, [=](uint32_t x, uint32_t y) {
