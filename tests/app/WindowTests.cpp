@@ -549,7 +549,6 @@ TEST(SettingsMigration, CopiesTheSharedSettingsThatAreMissingOnce) {
         EXPECT_EQ(store.integerForKey("RecorderWidth"), 1280);
         EXPECT_EQ(store.stringForKey("RecorderFolder"), "/shows");
         EXPECT_EQ(store.objectForKey("RecorderOutput"), std::nullopt); // never brought over
-        EXPECT_TRUE(store.boolForKey(SettingsMigration::MarkerKey));
 
         // Once marked, nothing more comes over, even what is missing.
         ASSERT_TRUE(store.removeObjectForKey("RecorderWidth"));
