@@ -38,7 +38,6 @@ TEST(SerialQueue, LabelAndThreadNameComeFromTheSuffix) {
     EXPECT_EQ(name, "oscquery.connec"); // the kernel keeps 15 characters
 
     EXPECT_EQ(SerialQueue::ThreadName("org.quorva.QuorvaRecorder."), "queue");
-    EXPECT_EQ(SerialQueue::ThreadName("elsewhere.long-label-here"), "elsewhere.long-");
 }
 
 TEST(SerialQueue, RunsTasksFromManyThreadsOnItsOwnThreadOneAtATimeInEachOnesOrder) {
