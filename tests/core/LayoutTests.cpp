@@ -39,8 +39,6 @@ TEST(Layout, PlacesEachKindRoundingAndFitting) {
                  {{0, 0, 20, 10}, {20, 0, 3, 10}}, {24, 10});
     ExpectLayout("row: a negative gap is none", Row, {{100, 100}, {100, 100}}, -30, NoFitting,
                  {{0, 0, 100, 100}, {100, 0, 100, 100}}, {200, 100});
-    ExpectLayout("column: the widest width, stacked", Column, {hd, hd720}, 10, NoFitting,
-                 {{0, 0, 1920, 1080}, {0, 1090, 1920, 1080}}, {1920, 2170});
     // 10 · 1 / 4 = 2.5 rounds to 3; 20 + 5 + 3 = 28.
     ExpectLayout("column: halves round up", Column, {{10, 20}, {4, 1}}, 5, NoFitting,
                  {{0, 0, 10, 20}, {0, 25, 10, 3}}, {10, 28});
@@ -57,8 +55,6 @@ TEST(Layout, PlacesEachKindRoundingAndFitting) {
     // to spare, 100 of them above it.
     ExpectLayout("grid: the cell's sides from different sources", Grid, {{400, 100}, {100, 301}}, 0,
                  NoFitting, {{0, 100, 400, 100}, {550, 0, 100, 301}}, {800, 302});
-    ExpectLayout("focus: the others share a column", Focus, {hd, hd720, hd720}, 0, NoFitting,
-                 {{0, 0, 1920, 1080}, {1920, 0, 960, 540}, {1920, 540, 960, 540}}, {2880, 1080});
     // (700 − 2 · 10) / 3 = 226.67: height 226. Widths 301.33 → 301, 226, 150.67 → 151; the column is 301
     // wide, so the others sit 37 (of 75) and 75 pixels in.
     ExpectLayout("focus: side height rounds down, narrow ones centred", Focus,
