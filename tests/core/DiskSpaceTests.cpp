@@ -22,9 +22,7 @@ TEST(DiskSpace, TheMinutesLeftKeepTheFinishAsideAndEstimatesErrTowardsTooLittleR
     EXPECT_GT(prores, h264);
     EXPECT_DOUBLE_EQ(EstimatedBytesPerSecond(Codec::H264, 1920, 1080, 30, 80, false), 10e6);
     EXPECT_DOUBLE_EQ(EstimatedBytesPerSecond(Codec::ProRes422, 1920, 1080, 30, 0, true), prores + 288000);
-    // A size or rate not known yet counts as 1080p30.
-    EXPECT_DOUBLE_EQ(EstimatedBytesPerSecond(Codec::ProRes422, 0, 0, 0, 0, false), prores);
-
+    // A size or rate not known yet counts as 1080p30, and so does a take of no movie.
     PlannedTake nothing;
     nothing.plan.settings.setCodec(Codec::ProRes422);
     EXPECT_DOUBLE_EQ(EstimatedBytesPerSecond(nothing), prores);
