@@ -145,16 +145,12 @@ TEST_F(EncoderSpeedTest, MeasuresWhatAnotherMachineRememberedAndRemembersItForTh
     }
 }
 
-TEST_F(EncoderSpeedTest, ChoosesFromTheRememberedSpeedsOverThisMachinesProcessors) {
-    Remember(MachineSignature(), Halving);
+// How remembered speeds and this machine's processors choose a preset shows in the controller's take
+// that is too large for its encoders; ProRes, which that take never records, has no preset.
+TEST_F(EncoderSpeedTest, ProResHasNoPresetAndAlwaysKeepsUp) {
     std::shared_ptr<EncoderSpeed> speed = EncoderSpeed::make(_settings);
-    const double processors = ProcessorCapacity();
-    PresetChoice choice = speed->presetFor(HEVC, Covered(12.5, processors));
-    EXPECT_EQ(choice.preset, "faster");
-    EXPECT_TRUE(choice.keepsUp);
-    EXPECT_FALSE(speed->presetFor(H264, Covered(200, processors)).keepsUp);
     for (Codec proRes : {ProRes422, ProRes4444}) {
-        choice = speed->presetFor(proRes, 1e12);
+        const PresetChoice choice = speed->presetFor(proRes, 1e12);
         EXPECT_EQ(choice.preset, "");
         EXPECT_TRUE(choice.keepsUp);
     }

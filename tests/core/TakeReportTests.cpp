@@ -44,9 +44,10 @@ TakeReport TwoMovies(const fs::path& folder) {
     return report;
 }
 
-// Every field of the document, so that a key renamed or a value taken from the wrong field shows.
+// Every field of the document, so that a key renamed or a value taken from the wrong field shows. (A
+// reason to stop is read back from the report of the take that a full disk ends, record_full_disk.sh.)
 TEST(TakeReport, TheJSONSaysWhatEachMovieHoldsAndNullWhereNothingWentWrong) {
-    TakeReport report = TwoMovies("/shows/day 1");
+    const TakeReport report = TwoMovies("/shows/day 1");
     EXPECT_EQ(json::parse(ReportJSON(report)), json::parse(R"({
         "name": "Show 2", "started": "2026-11-26T21:04:05+01:00", "duration": 3.5, "timecode": "21:04:05:12",
         "stop_reason": null,
@@ -62,8 +63,6 @@ TEST(TakeReport, TheJSONSaysWhatEachMovieHoldsAndNullWhereNothingWentWrong) {
              "frames_written": 0, "frames_held": 0, "frames_dropped": 0, "sound_seconds": 0,
              "sound_left_out_seconds": 0,
              "error": "The movie could not be written: No space left on device"}]})"));
-    report.stopReason = "The disk of “/shows” is nearly full";
-    EXPECT_EQ(json::parse(ReportJSON(report))["stop_reason"], "The disk of “/shows” is nearly full");
 }
 
 TEST(TakeReport, ThePageShowsEachMoviesPictureAndMarksItsSecondsHeldAndDropped) {
@@ -74,7 +73,6 @@ TEST(TakeReport, ThePageShowsEachMoviesPictureAndMarksItsSecondsHeldAndDropped) 
     EXPECT_EQ(page.find("<Cam>"), std::string::npos);
     EXPECT_NE(page.find("&lt;Cam&gt; &amp; &quot;Desk&quot;"), std::string::npos);
     EXPECT_NE(page.find("Why &lt;it&gt; stopped"), std::string::npos);
-    EXPECT_NE(page.find("<img src=\"data:image/jpeg;base64,AAAA\""), std::string::npos);
     EXPECT_NE(page.find("No picture could be read from this movie."), std::string::npos); // the second
     // A strip per movie, as long as the take, with a mark where pictures were held or dropped only.
     // Each mark as "class x title".
