@@ -87,8 +87,8 @@ TEST_F(MovieWriterTest, EverySlotHoldsAPictureBlackBeforeTheFirst) {
     EXPECT_EQ(writer->framesHeld(), 12u);
     EXPECT_EQ(writer->framesInFile(), 15u);
 
-    // What the held slots show, and that each lies on its slot, the movies of skip pictures and the
-    // recorder's read back.
+    // What the held slots show, and that each picture lies on its slot, is read back from the movies of
+    // the skip-picture and recorder tests.
 
     // An end not after the last picture ends the movie right after it.
     std::unique_ptr<MovieWriter> early = Make("early.mov", Small(H264));
