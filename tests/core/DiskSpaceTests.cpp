@@ -23,17 +23,15 @@ TEST(DiskSpace, TheMinutesLeftKeepTheFinishAsideAndEstimatesErrTowardsTooLittleR
     EXPECT_DOUBLE_EQ(EstimatedBytesPerSecond(Codec::H264, 1920, 1080, 30, 80, false), 10e6);
     EXPECT_DOUBLE_EQ(EstimatedBytesPerSecond(Codec::ProRes422, 1920, 1080, 30, 0, true), prores + 288000);
     // A size or rate not known yet counts as 1080p30, and so does a take of no movie.
-    PlannedTake nothing;
-    nothing.plan.settings.setCodec(Codec::ProRes422);
-    EXPECT_DOUBLE_EQ(EstimatedBytesPerSecond(nothing), prores);
-    PlannedTake both;
-    both.plan.titles = {"Cam", "Desk"};
-    both.plan.sizes = {Size{1920, 1080}};
-    both.plan.output = TakeOutput::Both;
-    both.plan.assembledSize = {3840, 1080};
-    both.assembledRate = 30;
-    both.plan.settings.setCodec(Codec::ProRes422);
-    EXPECT_DOUBLE_EQ(EstimatedBytesPerSecond(both), 4 * prores); // two 1080p movies and one twice as wide
+    PlannedTake take;
+    take.plan.settings.setCodec(Codec::ProRes422);
+    EXPECT_DOUBLE_EQ(EstimatedBytesPerSecond(take), prores);
+    take.plan.titles = {"Cam", "Desk"};
+    take.plan.sizes = {Size{1920, 1080}};
+    take.plan.output = TakeOutput::Both;
+    take.plan.assembledSize = {3840, 1080};
+    take.assembledRate = 30;
+    EXPECT_DOUBLE_EQ(EstimatedBytesPerSecond(take), 4 * prores); // two 1080p movies and one twice as wide
 
     EXPECT_FALSE(FreeBytes("/nonexistent/folder"));
 }

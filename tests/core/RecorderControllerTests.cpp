@@ -7,6 +7,7 @@
 #include "platform/Semaphore.h"
 #include "sources/TestPatternDirectory.h"
 #include "tests/core/Limits.h"
+#include "tests/core/MovieReading.h"
 #include "tests/platform/PictureTesting.h"
 
 #include <gtest/gtest.h>
@@ -39,8 +40,6 @@ struct CompositionSchedulerProbe {
 
 namespace {
 
-namespace fs = std::filesystem;
-
 struct FakeSource final : FrameSource {
     explicit FakeSource(std::string title) : name(std::move(title)) {}
     std::string title() const override { return name; }
@@ -65,8 +64,7 @@ struct FakeDirectory final : SourceDirectory {
     }
     std::shared_ptr<FrameSource> connectToSourceWithTitle(const std::string& title,
                                                           const std::shared_ptr<PictureEngine>&) override {
-        bool listed = std::find(titles.begin(), titles.end(), title) != titles.end();
-        return listed ? std::make_shared<FakeSource>(title) : nullptr;
+        return std::ranges::count(titles, title) ? std::make_shared<FakeSource>(title) : nullptr;
     }
     ChangeNotifier& changes() override { return changed; }
     void list(std::vector<std::string> newTitles) {
@@ -77,30 +75,13 @@ struct FakeDirectory final : SourceDirectory {
     ChangeNotifier changed;
 };
 
-struct FakeMovie final : MovieStatus {
-    FakeMovie(fs::path path, uint64_t frames) : path(std::move(path)), frames(frames) {}
-    const fs::path& url() const override { return path; }
-    uint64_t framesWritten() const override { return frames; }
-    uint64_t framesDropped() const override { return 0; }
-    double soundWritten() const override { return 0; }
-    fs::path path;
-    uint64_t frames;
-};
-
 class RecorderControllerTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        folder = fs::temp_directory_path() / ("quorva-controller-" + std::to_string(::getpid()));
-        fs::remove_all(folder);
-        fs::create_directories(folder);
         setenv("XDG_CONFIG_HOME", folder.c_str(), 1);
         std::ofstream(folder / "user-dirs.dirs") << "XDG_VIDEOS_DIR=\"$HOME/Films\"\n";
-        directory = std::make_shared<FakeDirectory>();
     }
-    void TearDown() override {
-        EventLoop::setMainLoop(nullptr);
-        fs::remove_all(folder);
-    }
+    void TearDown() override { EventLoop::setMainLoop(nullptr); }
 
     std::shared_ptr<SettingsStore> store() { return std::make_shared<SettingsStore>("test", folder); }
     std::shared_ptr<RecorderController> controller(std::shared_ptr<SettingsStore> defaults = nullptr) {
@@ -131,71 +112,38 @@ protected:
         return titles;
     }
 
-    fs::path folder;
-    std::shared_ptr<FakeDirectory> directory;
+    testing::TemporaryFolder folder;
+    std::shared_ptr<FakeDirectory> directory = std::make_shared<FakeDirectory>();
     std::shared_ptr<HeadlessEventLoop> loop = std::make_shared<HeadlessEventLoop>();
 };
 
-TEST(RecorderPlaceTest, MeasuresOnlineRateSoundAndRouting) {
+TEST(RecorderPlaceTest, MeasuresOnlineRateAndSound) {
     RecorderPlace place("Cam");
     EXPECT_FALSE(place.isOnline());
     EXPECT_EQ(place.kindName(), "");
     EXPECT_EQ(place.file(), "");
-    auto source = std::make_shared<FakeSource>("Cam");
-    place.setSource(source);
+    place.setSource(std::make_shared<FakeSource>("Cam"));
 
     // A second of 30 pictures, one of 60, then one of none; the last picture 0.9 s, then 1.0 s old.
-    struct Step {
-        int frames;
-        double at, measure, fps;
-        bool online;
-    };
     place.measureAtTime(100);
-    for (auto step : {Step{30, 100.5, 101, 30, true}, Step{60, 101.1, 102, 45, true},
-                      Step{0, 0, 103, 0, false}, Step{1, 103, 104, 1, false}}) {
-        SCOPED_TRACE(step.measure);
-        for (int i = 0; i < step.frames; ++i)
-            EXPECT_EQ(place.receivedFrame(nullptr, false, step.at), NoIndex);
-        place.measureAtTime(step.measure);
-        EXPECT_DOUBLE_EQ(place.fps(), step.fps);
-        EXPECT_EQ(place.isOnline(), step.online);
+    using Step = std::tuple<int, double, double, double, bool>; // pictures, at, measured at, rate, online
+    for (auto [frames, at, measure, fps, online] :
+         {Step{30, 100.5, 101, 30, true}, Step{60, 101.1, 102, 45, true}, Step{0, 0, 103, 0, false},
+          Step{1, 103, 104, 1, false}}) {
+        SCOPED_TRACE(measure);
+        for (int i = 0; i < frames; ++i)
+            EXPECT_EQ(place.receivedFrame(nullptr, false, at), NoIndex);
+        place.measureAtTime(measure);
+        EXPECT_DOUBLE_EQ(place.fps(), fps);
+        EXPECT_EQ(place.isOnline(), online);
     }
 
-    place.setTakeIndex(2);
-    EXPECT_EQ(place.receivedFrame(nullptr, false, 105), 2u);
-    EXPECT_EQ(place.receivedSoundAtTime(200), 2u);
+    place.receivedSoundAtTime(200);
     EXPECT_TRUE(place.hasSoundAtTime(202.9));
     EXPECT_FALSE(place.hasSoundAtTime(203.0));
-    place.letGoOfSource();
-    EXPECT_TRUE(source->stopped);
-    EXPECT_FALSE(place.hasSoundAtTime(200.5));
-
-    place.setMovie(std::make_shared<FakeMovie>("/m/Cam.mov", 0));
-    place.setInTake(true);
-    EXPECT_EQ(place.file(), "/m/Cam.mov");
-    place.setInTake(false);
-    EXPECT_EQ(place.file(), "");
-    place.setMovie(std::make_shared<FakeMovie>("/m/Cam.mov", 3));
-    EXPECT_EQ(place.file(), "/m/Cam.mov");
 }
 
-TEST_F(RecorderControllerTest, LoadingChecksNamesAndClampsOnlyTheGap) {
-    std::vector<std::string> saved = {"", "T1", "T2", "T3", "T4", "T5", "T6", "T7", "T8", "T9", "T10"};
-    for (auto [gap, loaded] : {std::pair<int64_t, int64_t>{5000, 1000}, {-3, 0}}) {
-        auto defaults = store();
-        ASSERT_TRUE(defaults->setString("mjpeg", "RecorderCodec"));
-        ASSERT_TRUE(defaults->setInteger(99999, "RecorderWidth"));
-        ASSERT_TRUE(defaults->setInteger(gap, "RecorderGap"));
-        ASSERT_TRUE(defaults->setStringArray(saved, "RecorderSources"));
-        auto recorder = controller(defaults);
-        EXPECT_EQ(recorder->codec(), "h264");
-        EXPECT_EQ(recorder->width(), 99999);
-        EXPECT_EQ(recorder->gap(), loaded);
-        EXPECT_EQ(Titles(*recorder), std::vector<std::string>(saved.begin() + 1, saved.begin() + 9));
-    }
-}
-
-TEST_F(RecorderControllerTest, FirstRunGivesTheDefaultsThenSettersClampPersistAndIgnoreWhatIsNotInTheirList) {
+TEST_F(RecorderControllerTest, DefaultsFirstThenTheSettersClampPersistAndIgnoreTheUnlistedAndLoadingChecks) {
     directory->titles = {"Camera A"};
     auto defaults = store();
     auto recorder = controller(defaults);
@@ -238,6 +186,22 @@ TEST_F(RecorderControllerTest, FirstRunGivesTheDefaultsThenSettersClampPersistAn
         (std::vector<std::string>{again->folder(), again->output(), again->layout(), again->sound()}),
         (std::vector<std::string>{std::string(getenv("HOME")) + "/Takes", "both", "focus", "Camera A"}));
 
+    // What a run loads is checked: names against their lists, only the gap clamped, and at most eight
+    // sources, none without a title.
+    std::vector<std::string> saved = {"", "T1", "T2", "T3", "T4", "T5", "T6", "T7", "T8", "T9", "T10"};
+    for (auto [gap, loaded] : {std::pair<int64_t, int64_t>{5000, 1000}, {-3, 0}}) {
+        auto stored = store();
+        ASSERT_TRUE(stored->setString("mjpeg", "RecorderCodec"));
+        ASSERT_TRUE(stored->setInteger(99999, "RecorderWidth"));
+        ASSERT_TRUE(stored->setInteger(gap, "RecorderGap"));
+        ASSERT_TRUE(stored->setStringArray(saved, "RecorderSources"));
+        auto reloaded = controller(stored);
+        EXPECT_EQ(reloaded->codec(), "h264");
+        EXPECT_EQ(reloaded->width(), 99999);
+        EXPECT_EQ(reloaded->gap(), loaded);
+        EXPECT_EQ(Titles(*reloaded), std::vector<std::string>(saved.begin() + 1, saved.begin() + 9));
+    }
+
     // Whole-number settings too are kept within their range before anything is converted.
     for (auto [setting, number, kept] : {std::tuple{Setting::Height, -1e19, 0},
                                          {Setting::Gap, std::nan(""), 0},
@@ -250,8 +214,6 @@ TEST_F(RecorderControllerTest, FirstRunGivesTheDefaultsThenSettersClampPersistAn
     EXPECT_EQ(recorder->sound(), "computer");
     recorder->setError("");
     EXPECT_EQ(recorder->errorCount(), 0u);
-    recorder->setError("Boom");
-    EXPECT_EQ(recorder->errorCount(), 1u);
 }
 
 TEST_F(RecorderControllerTest, MatchingPrefersExactTitlesThenContainingOnesAndKeepsOfflinePlaces) {
@@ -334,17 +296,14 @@ TEST_F(RecorderControllerTest,
     EXPECT_EQ(place->kindName(), "ndi");
     first->handover.deliverFrame(
         testing::MakeMemoryPicture(16, 8, [](uint32_t, uint32_t) { return testing::Pixel{}; }));
-    EXPECT_EQ(place->width(), 16);
 
     directory->list({});
     EXPECT_TRUE(first->stopped);
     EXPECT_EQ(place->source(), nullptr);
     EXPECT_EQ(place->latestFrame(), nullptr);
-    EXPECT_EQ(place->title(), "Cam");
 
     directory->list({"Cam"});
     EXPECT_NE(place->source(), nullptr);
-    EXPECT_NE(place->source(), first);
 
     // A source that stays silent is checked less and less often.
     double check = place->checkTime();
@@ -376,7 +335,8 @@ TEST_F(RecorderControllerTest, StopsOnceCallingEveryHandlerInOrderAndOnlyWhenNoM
     controller->toggle();
     ASSERT_EQ(controller->stateName(), "recording") << controller->error();
     EXPECT_TRUE(controller->start());
-    Deliver(*controller);
+    // A place shows its movie's file while the take lasts, and after it only a file with a picture.
+    EXPECT_NE(controller->places()[0]->file(), "");
 
     std::vector<int> calls;
     controller->stopWithCompletionHandler([&] { calls.push_back(1); });
@@ -387,8 +347,7 @@ TEST_F(RecorderControllerTest, StopsOnceCallingEveryHandlerInOrderAndOnlyWhenNoM
     ASSERT_TRUE(Idle(*controller));
     controller->stopWithCompletionHandler([&] { calls.push_back(3); });
     EXPECT_EQ(calls, (std::vector<int>{1, 2, 3}));
-    EXPECT_EQ(controller->recordingError(), "");
-    EXPECT_TRUE(fs::exists(controller->places()[1]->file()));
+    EXPECT_EQ(controller->places()[0]->file(), "");
 
     // A take of three outlives two failed movies and stops by itself with the third.
     ASSERT_TRUE(controller->start());
@@ -405,7 +364,7 @@ TEST_F(RecorderControllerTest, StopsOnceCallingEveryHandlerInOrderAndOnlyWhenNoM
     EXPECT_EQ(controller->recordingError(), "C: Gone");
 }
 
-TEST(TakePlanningTest, RoutesSoundOnlyFromPlacesThatCanHaveIt) {
+TEST(TakePlanningTest, RoutesSoundOnlyFromPlacesThatCanHaveItAndFitsTheAssembledRate) {
     // A desktop stream, without sound; a network source; one of a kind not known yet (not connected).
     Places places;
     for (auto [title, kind, known] : {std::tuple{"P1", SourceKindPipeWire, true},
@@ -426,10 +385,27 @@ TEST(TakePlanningTest, RoutesSoundOnlyFromPlacesThatCanHaveIt) {
         EXPECT_EQ(std::pair(routing.sources, routing.assembledIndex), std::pair(sources, assembled))
             << sound << " " << NameOf(output);
     }
+
+    // The highest whole divisor of the clock that fits: 100 pixels a picture beside 1000 a second of
+    // separate movies.
+    EXPECT_EQ(AssembledRateThatFits(60, 100, 1000, 7000), 60);
+    EXPECT_EQ(AssembledRateThatFits(60, 100, 1000, 6999), 30);
+    EXPECT_DOUBLE_EQ(AssembledRateThatFits(29.97, 100, 0, 2000), 29.97 / 2);
+    // The separate movies alone do not fit: a picture a second, the least there is to record.
+    EXPECT_EQ(AssembledRateThatFits(60, 100, 5000, 4000), 1);
+
+    // A rate measured off a source that does not say its own lands on the common rate it is sent at,
+    // within two percent, else on the whole number.
+    EXPECT_DOUBLE_EQ(CommonRate(29.9), 30000.0 / 1001);
+    EXPECT_DOUBLE_EQ(CommonRate(30.3), 30);
+    EXPECT_DOUBLE_EQ(CommonRate(59.2), 60000.0 / 1001);
+    EXPECT_DOUBLE_EQ(CommonRate(24.4), 24);
+    EXPECT_DOUBLE_EQ(CommonRate(12.3), 12);
+    EXPECT_DOUBLE_EQ(CommonRate(0.3), 0) << "nothing to go by";
 }
 
 // Without an engine nothing is drawn, but every composition is scheduled as with one.
-TEST(CompositionSchedulerTest, TheClockPassesOnAfterASecondAndOnlyAWatchedMonitorIsComposedAtItsRate) {
+TEST(CompositionSchedulerTest, TheClockPassesOnAndAWatchedMonitorComposesAtItsRateTheNewestWaitingPicture) {
     CompositionScheduler scheduler(nullptr, Take::make(nullptr));
     auto a = std::make_shared<RecorderPlace>("A"), b = std::make_shared<RecorderPlace>("B");
     scheduler.arrangementChanged({.places = {a, b}});
@@ -460,19 +436,9 @@ TEST(CompositionSchedulerTest, TheClockPassesOnAfterASecondAndOnlyAWatchedMonito
     scheduler.arrangementChanged({.places = {a}});
     EXPECT_EQ(scheduler.clockPlace(), nullptr);
 
-    constexpr LayoutKind Row = LayoutKind::Row;
-    const std::vector<Size> three(3, Size{1920, 1080}), one{{4000, 1000}};
-    EXPECT_EQ(MonitorLayout(Layout(Row, three, 0, {}), Row, three, 0).size(), (Size{4096, 768}));
-    EXPECT_EQ(MonitorLayout(Layout(Row, one, 0, {}), Row, one, 0).size(), (Size{4000, 1000}));
-}
-
-// A source hands its picture over and goes on while a composition is still busy; of the pictures that
-// arrive meanwhile only the newest is composed, never a backlog of older ones.
-TEST(CompositionSchedulerTest, ASourceNeverWaitsForACompositionAndOnlyTheNewestWaitingPictureIsComposed) {
-    CompositionScheduler scheduler(nullptr, Take::make(nullptr));
-    auto a = std::make_shared<RecorderPlace>("A");
-    scheduler.arrangementChanged({.places = {a}});
-    scheduler.monitorWatched(true);
+    // A source hands its picture over and goes on while a composition is still busy; of the pictures
+    // that arrive meanwhile only the newest is composed, never a backlog of older ones.
+    scheduler.displayLimitChanged(false);
     Semaphore busy, done;
     CompositionSchedulerProbe::post(scheduler, [&] {
         busy.signal();
@@ -480,14 +446,18 @@ TEST(CompositionSchedulerTest, ASourceNeverWaitsForACompositionAndOnlyTheNewestW
     });
     ASSERT_TRUE(busy.wait(60));
     // Less than the monitor's 4 ms apart: composed in turn, the first would be the last composed.
-    const double t = MediaClock::now() + 100;
-    for (double time : {t, t + 0.001, t + 0.002}) {
+    for (double time : {t + 40, t + 40.001, t + 40.002}) {
         a->receivedFrame(nullptr, false, time);
         scheduler.placeReceivedFrame(a, time);
     }
     done.signal();
     CompositionSchedulerProbe::drain(scheduler);
-    EXPECT_EQ(scheduler.lastComposeTime(), t + 0.002);
+    EXPECT_EQ(scheduler.lastComposeTime(), t + 40.002);
+
+    constexpr LayoutKind Row = LayoutKind::Row;
+    const std::vector<Size> three(3, Size{1920, 1080}), one{{4000, 1000}};
+    EXPECT_EQ(MonitorLayout(Layout(Row, three, 0, {}), Row, three, 0).size(), (Size{4096, 768}));
+    EXPECT_EQ(MonitorLayout(Layout(Row, one, 0, {}), Row, one, 0).size(), (Size{4000, 1000}));
 }
 
 // A watched monitor follows a change of its size.
@@ -509,25 +479,6 @@ TEST_F(RecorderControllerTest, TheMonitorFollowsAChangeOfItsSizeOnceDrawn) {
     controller->setWidth(640);
     controller->setHeight(480);
     EXPECT_TRUE(shown(640, 480));
-}
-
-TEST(AssembledRateThatFits, TakesTheHighestWholeDivisorOfTheClockThatFits) {
-    // 100 pixels a picture beside 1000 a second of separate movies.
-    EXPECT_EQ(AssembledRateThatFits(60, 100, 1000, 7000), 60);
-    EXPECT_EQ(AssembledRateThatFits(60, 100, 1000, 6999), 30);
-    EXPECT_DOUBLE_EQ(AssembledRateThatFits(29.97, 100, 0, 2000), 29.97 / 2);
-    // The separate movies alone do not fit: a picture a second, the least there is to record.
-    EXPECT_EQ(AssembledRateThatFits(60, 100, 5000, 4000), 1);
-}
-
-// A rate measured off a source that does not say its own lands on the common rate it is sent at.
-TEST(CommonRate, TakesTheCommonRateWithinTwoPercentElseTheWholeNumber) {
-    EXPECT_DOUBLE_EQ(CommonRate(29.9), 30000.0 / 1001);
-    EXPECT_DOUBLE_EQ(CommonRate(30.3), 30);
-    EXPECT_DOUBLE_EQ(CommonRate(59.2), 60000.0 / 1001);
-    EXPECT_DOUBLE_EQ(CommonRate(24.4), 24);
-    EXPECT_DOUBLE_EQ(CommonRate(12.3), 12);
-    EXPECT_DOUBLE_EQ(CommonRate(0.3), 0) << "nothing to go by";
 }
 
 // A take that asks more than the machine encodes keeps every picture of the sources' own movies and

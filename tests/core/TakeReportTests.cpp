@@ -1,9 +1,12 @@
 #include "core/movie/TakeReport.h"
 
+#include "tests/core/MovieReading.h"
+
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include <cstdlib>
+#include <regex>
 
 namespace quorva {
 namespace {
@@ -46,8 +49,8 @@ TakeReport TwoMovies(const fs::path& folder) {
 
 // Every field of the document, so that a key renamed or a value taken from the wrong field shows. (A
 // reason to stop is read back from the report of the take that a full disk ends, record_full_disk.sh.)
-TEST(TakeReport, TheJSONSaysWhatEachMovieHoldsAndNullWhereNothingWentWrong) {
-    const TakeReport report = TwoMovies("/shows/day 1");
+TEST(TakeReport, TheJSONSaysWhatEachMovieHoldsAndThePageShowsItsPictureAndMarksItsSecondsHeldAndDropped) {
+    TakeReport report = TwoMovies("/shows/day 1");
     EXPECT_EQ(json::parse(ReportJSON(report)), json::parse(R"({
         "name": "Show 2", "started": "2026-11-26T21:04:05+01:00", "duration": 3.5, "timecode": "21:04:05:12",
         "stop_reason": null,
@@ -63,10 +66,7 @@ TEST(TakeReport, TheJSONSaysWhatEachMovieHoldsAndNullWhereNothingWentWrong) {
              "frames_written": 0, "frames_held": 0, "frames_dropped": 0, "sound_seconds": 0,
              "sound_left_out_seconds": 0,
              "error": "The movie could not be written: No space left on device"}]})"));
-}
 
-TEST(TakeReport, ThePageShowsEachMoviesPictureAndMarksItsSecondsHeldAndDropped) {
-    TakeReport report = TwoMovies("/shows");
     report.stopReason = "Why <it> stopped";
     const std::string page = ReportHTML(report, {"data:image/jpeg;base64,AAAA", ""});
     // Titles of sources are the user's text, never markup.
@@ -77,34 +77,27 @@ TEST(TakeReport, ThePageShowsEachMoviesPictureAndMarksItsSecondsHeldAndDropped) 
     // A strip per movie, as long as the take, with a mark where pictures were held or dropped only.
     // Each mark as "class x title".
     std::vector<std::string> marks;
-    for (size_t at = page.find("<rect class=\""); at != std::string::npos;
-         at = page.find("<rect class=\"", at + 1)) {
-        auto between = [&](const std::string& before, const std::string& after) {
-            const size_t start = page.find(before, at) + before.size();
-            return page.substr(start, page.find(after, start) - start);
-        };
-        marks.push_back(between("class=\"", "\"") + " " + between("x=\"", "\"") + " " +
-                        between("<title>", "</title>"));
-    }
+    const std::regex mark("<rect class=\"(\\w+)\" x=\"(\\d+)\"[^>]*><title>([^<]*)</title>");
+    for (std::sregex_iterator at(page.begin(), page.end(), mark), end; at != end; ++at)
+        marks.push_back((*at)[1].str() + " " + (*at)[2].str() + " " + (*at)[3].str());
     EXPECT_EQ(marks, (std::vector<std::string>{"held 1 1 s: 4 held, 0 dropped",
                                                "dropped 2 2 s: 0 held, 1 dropped"}));
-    size_t strips = 0;
-    for (size_t at = page.find("viewBox=\"0 0 4 20\""); at != std::string::npos;
-         at = page.find("viewBox=\"0 0 4 20\"", at + 1))
-        ++strips;
-    EXPECT_EQ(strips, 2u); // 3.5 s: four seconds, the last one begun
+    const std::regex strip("viewBox=\"0 0 4 20\"");
+    EXPECT_EQ(std::distance(std::sregex_iterator(page.begin(), page.end(), strip), std::sregex_iterator()), 2)
+        << "3.5 s: four seconds, the last one begun";
 }
 
 TEST(TakeReport, TimesAreWrittenAsISO8601WithTheirOffsetAndTimecodesAsTheMoviesCarryThem) {
     const char* zone = std::getenv("TZ");
     const std::string saved = zone ? zone : "";
     const auto time = std::chrono::system_clock::from_time_t(1795000000); // 2026-11-18 11:06:40 UTC
-    setenv("TZ", "UTC", 1);
-    tzset();
-    EXPECT_EQ(ISO8601(time), "2026-11-18T11:06:40+00:00");
-    setenv("TZ", "America/St_Johns", 1); // half an hour off, west of UTC
-    tzset();
-    EXPECT_EQ(ISO8601(time), "2026-11-18T07:36:40-03:30");
+    // St John's is half an hour off, west of UTC.
+    for (auto [place, written] :
+         {std::pair{"UTC", "2026-11-18T11:06:40+00:00"}, {"America/St_Johns", "2026-11-18T07:36:40-03:30"}}) {
+        setenv("TZ", place, 1);
+        tzset();
+        EXPECT_EQ(ISO8601(time), written);
+    }
     zone ? setenv("TZ", saved.c_str(), 1) : unsetenv("TZ");
     tzset();
 
@@ -117,15 +110,12 @@ TEST(TakeReport, TimesAreWrittenAsISO8601WithTheirOffsetAndTimecodesAsTheMoviesC
 // The page's pictures of real movies are read back by the command line's tests; here, what they never
 // meet: a movie that cannot be read, and a report whose files are already there.
 TEST(TakeReport, AReportNeverReplacesAFile) {
-    std::string pattern = (fs::temp_directory_path() / "quorva-report-XXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    const fs::path folder = pattern;
+    const testing::TemporaryFolder folder;
     EXPECT_FALSE(Thumbnail(folder / "nothing.mov"));
     ASSERT_TRUE(WriteTakeReport(TwoMovies(folder)));
     const Result<> again = WriteTakeReport(TwoMovies(folder));
     ASSERT_FALSE(again);
     EXPECT_NE(again.error().message().find("File exists"), std::string::npos) << again.error().message();
-    fs::remove_all(folder);
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 #include "platform/HeadlessEventLoop.h"
 #include "platform/Log.h"
 #include "tests/core/Limits.h"
+#include "tests/core/MovieReading.h"
 #include "tests/platform/PictureTesting.h"
 
 #include <gtest/gtest.h>
@@ -30,9 +31,6 @@ using testing::MakeSolidPicture;
 class TakeTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "quorva-take-XXXXXX").string();
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        _folder = pattern;
         EventLoop::setMainLoop(_loop);
         _engine = testing::Engine("processor");
         ASSERT_TRUE(_engine);
@@ -41,15 +39,16 @@ protected:
             _failures.push_back(std::to_string(index) + " " + error.message());
         });
     }
-    void TearDown() override {
-        EventLoop::setMainLoop(nullptr);
-        fs::remove_all(_folder);
-    }
+    void TearDown() override { EventLoop::setMainLoop(nullptr); }
 
-    // One movie per source, named "Show", in the test's folder; the first source 320 × 240 when sized.
-    TakePlan Plan(std::vector<std::string> titles, double time = 0, bool sized = false) const {
+    // Movies named "Show", in the test's folder, one per source for output separate; the first source
+    // 320 × 240 when sized.
+    TakePlan Plan(std::vector<std::string> titles, double time = 0, bool sized = false,
+                  TakeOutput output = TakeOutput::Separate, Size assembled = {}) const {
         return {.titles = std::move(titles),
                 .sizes = sized ? SourceSizes{Size{320, 240}} : SourceSizes{},
+                .output = output,
+                .assembledSize = assembled,
                 .name = "Show",
                 .folder = _folder,
                 .settings = _settings,
@@ -80,7 +79,7 @@ protected:
     std::shared_ptr<Take> _take;
     MovieRecorderSettings _settings;
     std::vector<std::string> _failures;
-    fs::path _folder;
+    testing::TemporaryFolder _folder;
 };
 
 // An engine that cannot convert pictures for an encoder, as a GPU whose conversion pass will not build.
@@ -116,9 +115,7 @@ TEST_F(TakeTest, RefusesToStartWithoutWhatATakeNeeds) {
          "assembled movie"},
     };
     for (const auto& [titles, output, assembled, folder, message] : cases) {
-        TakePlan plan = Plan(titles);
-        plan.output = output;
-        plan.assembledSize = assembled;
+        TakePlan plan = Plan(titles, 0, false, output, assembled);
         plan.folder = folder;
         Result<> started = _take->start(plan);
         EXPECT_EQ(started ? TakeError("") : started.error(), TakeError(message));
@@ -138,10 +135,7 @@ TEST_F(TakeTest, RefusesToStartWithoutWhatATakeNeeds) {
 
     // A size the codec refuses is known once its encoder has tried, on the recorder's queue: the take
     // has started, and the assembled movie fails with what the user can do about it.
-    TakePlan tiny = Plan({"Cam"});
-    tiny.output = TakeOutput::Assembled;
-    tiny.assembledSize = {2, 2};
-    ASSERT_TRUE(_take->start(tiny));
+    ASSERT_TRUE(_take->start(Plan({"Cam"}, 0, false, TakeOutput::Assembled, {2, 2})));
     ASSERT_TRUE(_loop->runUntil([&] { return !_failures.empty(); }, 60));
     EXPECT_EQ(_failures,
               std::vector<std::string>{std::to_string(NoIndex) +
@@ -156,9 +150,7 @@ TEST_F(TakeTest, RefusesToStartWithoutWhatATakeNeeds) {
 // without it. Here too, what the controller never lets happen: a take while another one is still going,
 // and one that records no picture. Desk's size is not known yet: its movie takes its first picture's.
 TEST_F(TakeTest, TakesOneAtATimeAndOneWithoutPicturesLeavesNoFile) {
-    TakePlan both = Plan({"Cam", "Desk"}, 100, true);
-    both.output = TakeOutput::Both;
-    both.assembledSize = {640, 240};
+    TakePlan both = Plan({"Cam", "Desk"}, 100, true, TakeOutput::Both, {640, 240});
     both.soundSources = {1};
     both.assembledSoundIndex = 0;
     ASSERT_TRUE(_take->start(both));
