@@ -1,12 +1,11 @@
 #include "core/movie/EncoderSpeed.h"
 
 #include "platform/Log.h"
+#include "tests/core/MovieReading.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <cstdlib>
-#include <filesystem>
 #include <mutex>
 #include <set>
 #include <string>
@@ -16,11 +15,9 @@
 namespace quorva {
 namespace {
 
-namespace fs = std::filesystem;
 using json = nlohmann::json;
 
-constexpr Codec H264 = Codec::H264, HEVC = Codec::HEVC, ProRes422 = Codec::ProRes422,
-                ProRes4444 = Codec::ProRes4444;
+constexpr Codec H264 = Codec::H264, HEVC = Codec::HEVC;
 
 // Speeds that make the choice easy to follow: each preset half as fast as the one before, from 100
 // pixels a second of one processor.
@@ -73,25 +70,13 @@ TEST(ChoosePreset, TakesTheSlowestPresetThatKeepsUpElseTheFastestAndSaysSo) {
 
 class EncoderSpeedTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "quorva-encoder-speed-XXXXXX").string();
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        _folder = pattern;
-        _settings = std::make_shared<SettingsStore>("org.quorva.test", _folder);
-    }
-    void TearDown() override {
-        std::error_code ignored;
-        fs::remove_all(_folder, ignored);
-    }
-
     // Remembers `speeds` for `codecs` under `signature`, and answers what was remembered.
     json Remember(const std::string& signature, const PresetSpeeds& speeds,
                   std::initializer_list<const char*> codecs = {"h264", "hevc"}) {
         json value = {{"signature", signature}};
-        for (const char* codec : codecs) {
+        for (const char* codec : codecs)
             for (size_t i = 0; i < speeds.size(); ++i)
                 value[codec][EncoderPresets[i]] = speeds[i];
-        }
         EXPECT_TRUE(_settings->setString(value.dump(), EncoderSpeed::SettingsKey));
         return value;
     }
@@ -99,8 +84,8 @@ protected:
         return json::parse(_settings->stringForKey(EncoderSpeed::SettingsKey).value_or("null"));
     }
 
-    fs::path _folder;
-    std::shared_ptr<SettingsStore> _settings;
+    testing::TemporaryFolder _folder;
+    std::shared_ptr<SettingsStore> _settings = std::make_shared<SettingsStore>("org.quorva.test", _folder);
 };
 
 TEST_F(EncoderSpeedTest, MeasuresWhatAnotherMachineRememberedAndRemembersItForThisOne) {
@@ -121,10 +106,9 @@ TEST_F(EncoderSpeedTest, MeasuresWhatAnotherMachineRememberedAndRemembersItForTh
     measured->measureInBackground({H264, HEVC});
     const PresetSpeeds h264 = measured->speeds(H264), hevc = measured->speeds(HEVC);
     SetLogSink({});
-    for (const PresetSpeeds& speeds : {h264, hevc}) {
+    for (const PresetSpeeds& speeds : {h264, hevc})
         for (double speed : speeds)
             EXPECT_GT(speed, 1000);
-    }
     // Orders of magnitude that no load on the machine hides. (x265's presets come out closer together
     // than x264's: the few pictures it gets leave its key frame a large part of the cost.)
     EXPECT_GT(h264.front(), 2 * h264.back()) << "ultrafast is far faster than medium";
@@ -145,25 +129,21 @@ TEST_F(EncoderSpeedTest, MeasuresWhatAnotherMachineRememberedAndRemembersItForTh
     }
 }
 
-// How remembered speeds and this machine's processors choose a preset shows in the controller's take
-// that is too large for its encoders; ProRes, which that take never records, has no preset.
-TEST_F(EncoderSpeedTest, ProResHasNoPresetAndAlwaysKeepsUp) {
-    std::shared_ptr<EncoderSpeed> speed = EncoderSpeed::make(_settings);
-    for (Codec proRes : {ProRes422, ProRes4444}) {
-        const PresetChoice choice = speed->presetFor(proRes, 1e12);
-        EXPECT_EQ(choice.preset, "");
-        EXPECT_TRUE(choice.keepsUp);
-    }
-}
-
 // A value is believed codec by codec, and only where it reads whole: a codec missing or damaged by hand
-// is measured again when a take needs it.
-TEST_F(EncoderSpeedTest, ARememberedValueIsBelievedOnlyWhereItReadsWhole) {
+// is measured again when a take needs it. How remembered speeds and this machine's processors choose a
+// preset shows in the controller's take that is too large for its encoders; ProRes, which that take never
+// records, has no preset whatever is remembered.
+TEST_F(EncoderSpeedTest, ARememberedValueIsBelievedOnlyWhereItReadsWholeAndProResHasNoPreset) {
     std::vector<std::string> lines;
     SetLogSink([&](const std::string& line) { lines.push_back(line); });
     json remembered = Remember(MachineSignature(), Halving, {"h264"});
-    EXPECT_EQ(EncoderSpeed::make(_settings)->speeds(H264), Halving);
+    std::shared_ptr<EncoderSpeed> believed = EncoderSpeed::make(_settings);
+    EXPECT_EQ(believed->speeds(H264), Halving);
     EXPECT_TRUE(lines.empty()) << lines.front();
+    for (Codec proRes : {Codec::ProRes422, Codec::ProRes4444}) {
+        const PresetChoice choice = believed->presetFor(proRes, 1e12);
+        EXPECT_TRUE(choice.preset.empty() && choice.keepsUp) << NameOf(proRes);
+    }
 
     // Measured again (or taken from what this process measured before).
     remembered["h264"]["fast"] = -1;

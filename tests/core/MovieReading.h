@@ -15,18 +15,14 @@ extern "C" {
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
 namespace quorva::testing {
-
-struct AVFrameRelease {
-    void operator()(AVFrame* frame) const { av_frame_free(&frame); }
-};
 
 struct Movie {
     std::string videoTag;
@@ -62,10 +58,7 @@ inline Movie ReadMovie(const std::filesystem::path& path,
     AVFormatContext* input = nullptr;
     if (avformat_open_input(&input, path.c_str(), nullptr, nullptr) < 0)
         return movie;
-    if (avformat_find_stream_info(input, nullptr) < 0) {
-        avformat_close_input(&input);
-        return movie;
-    }
+    avformat_find_stream_info(input, nullptr); // a stream it cannot read decodes to nothing
     AVCodecContext* decoders[8] = {};
     for (unsigned i = 0; i < input->nb_streams && i < 8; ++i) {
         const AVStream* stream = input->streams[i];
@@ -104,7 +97,7 @@ inline Movie ReadMovie(const std::filesystem::path& path,
         while (avcodec_receive_frame(decoder, frame) >= 0) {
             if (decoder->codec_type == AVMEDIA_TYPE_VIDEO) {
                 if (movie.pictures.size() < 4)
-                    movie.pictures.emplace_back(av_frame_clone(frame), AVFrameRelease());
+                    movie.pictures.emplace_back(av_frame_clone(frame), [](AVFrame* f) { av_frame_free(&f); });
                 movie.times.push_back(frame->best_effort_timestamp);
                 std::vector<int>& lumas = movie.lumas.emplace_back();
                 for (auto [x, y] : points)
@@ -159,6 +152,16 @@ struct TemporaryFolder : std::filesystem::path {
     TemporaryFolder& operator=(const TemporaryFolder&) = delete;
 };
 
+// The lines of a program's output, but the empty ones.
+inline std::vector<std::string> Lines(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        if (!line.empty())
+            lines.push_back(line);
+    return lines;
+}
+
 // A path as one word of a shell command.
 inline std::string Quoted(const std::filesystem::path& path) {
     return "'" + path.string() + "'";
@@ -169,16 +172,13 @@ inline double FFprobeDuration(const std::filesystem::path& path) {
         Shell("ffprobe -v error -show_entries format=duration -of csv=p=0 " + Quoted(path)).c_str());
 }
 
-// The duration GStreamer finds (-1 when none), in seconds.
+// The duration GStreamer finds (0 when none), in seconds.
 inline double GStreamerDuration(const std::filesystem::path& path) {
-    const std::string out = Shell("gst-discoverer-1.0 " + Quoted(path));
-    const size_t at = out.find("Duration: ");
-    int hours = 0, minutes = 0;
-    double seconds = 0;
-    if (at == std::string::npos ||
-        std::sscanf(out.c_str() + at, "Duration: %d:%d:%lf", &hours, &minutes, &seconds) != 3)
-        return -1;
-    return hours * 3600 + minutes * 60 + seconds;
+    return std::atof(
+        Shell("gst-discoverer-1.0 " + Quoted(path) +
+              " | awk '/Duration:/ { split($2, t, \":\"); printf \"%.9f\", t[1] * 3600 + t[2] * 60 + t[3]; "
+              "exit }'")
+            .c_str());
 }
 
 } // namespace quorva::testing

@@ -8,6 +8,7 @@
 #include <limits>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace quorva {
@@ -57,7 +58,7 @@ std::string Place(SoundTimeline& timeline, uint64_t frameCount, double rate, dou
     return Shape(pieces, block);
 }
 
-TEST(SourceSound, PlanarChannelsAreInterleavedAcrossTheStrideAndBadArgumentsGiveNothing) {
+TEST(SourceSound, ChannelsAreInterleavedAcrossTheStrideAndCopiedAndBadArgumentsGiveNothing) {
     const float planar[] = {1, 2, 3, 99, 4, 5, 6, 99, 7, 8, 9, 99}, packed[] = {1, 2, 3, 4, 5, 6};
     auto expect = [](const float* samples, uint64_t channels, uint64_t stride, std::vector<float> expected) {
         auto sound = SourceSound::soundWithPlanarSamples(samples, channels, 3, stride, 44100);
@@ -83,9 +84,8 @@ TEST(SourceSound, PlanarChannelsAreInterleavedAcrossTheStrideAndBadArgumentsGive
     // passes the checks but can never be allocated.
     EXPECT_FALSE(SourceSound::soundWithPlanarSamples(planar, 1, uint64_t(1) << 61, 0, 48000));
     EXPECT_FALSE(SourceSound::soundWithPlanarSamples(planar, 1, (uint64_t(1) << 61) - 1, 0, 48000));
-}
 
-TEST(SourceSound, InterleavedSamplesAreCopiedAndTailsShareNothingButTheirFrames) {
+    // Interleaved samples are copied; tails share nothing but their frames.
     std::vector<float> samples{1, -1, 2, -2, 3, -3, 4, -4};
     auto sound = SourceSound::soundWithInterleavedStereoSamples(samples.data(), 4, 400);
     ASSERT_TRUE(sound);
@@ -202,9 +202,8 @@ TEST(SoundTimeline, BlocksWithoutAUsableTimeOrMemoryForTheirSilenceChangeNothing
         EXPECT_EQ(Place(timeline, 480, 48000, time), "") << time;
     EXPECT_TRUE(timeline.piecesForSound(nullptr, 1.0).empty());
     // Refused before the rate is looked at.
-    EXPECT_EQ(timeline.rate(), 0);
-    EXPECT_EQ(timeline.writtenDuration(), 0);
-    EXPECT_EQ(timeline.soundLeftOut(), 0);
+    EXPECT_EQ(std::tuple(timeline.rate(), timeline.writtenDuration(), timeline.soundLeftOut()),
+              std::tuple(0, 0, 0));
     // Just under a day away is a real gap: 8639 ten-second blocks, 9.99 s, the block.
     EXPECT_EQ(timeline.piecesForSound(Ramp(480, 48000), 86400.0).size(), 8641u);
 
@@ -214,8 +213,7 @@ TEST(SoundTimeline, BlocksWithoutAUsableTimeOrMemoryForTheirSilenceChangeNothing
     SoundTimeline huge(0.0);
     EXPECT_EQ(Place(huge, 1, 2e18, 1.0), "");
     SetLogSink({});
-    EXPECT_EQ(huge.writtenDuration(), 0);
-    EXPECT_EQ(huge.silenceAdded(), 0);
+    EXPECT_EQ(std::tuple(huge.writtenDuration(), huge.silenceAdded()), std::tuple(0, 0));
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0].rfind("SoundTimeline: No memory for ", 0), 0u) << lines[0];
 }
