@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <functional>
 #include <gtest/gtest.h>
 #include <memory>
 #include <numeric>
@@ -19,8 +20,37 @@
 namespace quorva {
 namespace {
 
-// Each producer's tasks ran, all of them, in the order it posted them.
-void ExpectEachInOrder(const std::vector<std::vector<int>>& seen, int each) {
+// Four producers, each on a thread of its own, post a thousand numbered tasks each through `post`: each
+// runs on `target`, one at a time, and each producer's in the order it posted them. `loop`, where the
+// target is a loop, runs meanwhile.
+void ExpectTasksFromManyThreadsInEachOnesOrder(const Executor& target, const std::function<void(Task)>& post,
+                                               HeadlessEventLoop* loop = nullptr) {
+    constexpr int producers = 4, each = 1000;
+    std::vector<std::vector<int>> seen(producers); // touched on the target only
+    std::atomic<int> inside = 0, mostInside = 0, ran = 0;
+    std::atomic<bool> allOnTarget = true;
+    Semaphore allRan;
+    std::vector<std::thread> threads;
+    for (int p = 0; p < producers; ++p)
+        threads.emplace_back([&, p] {
+            for (int i = 0; i < each; ++i)
+                post([&, p, i] {
+                    mostInside = std::max(mostInside.load(), ++inside);
+                    allOnTarget = allOnTarget && target.isCurrent();
+                    seen[p].push_back(i);
+                    --inside;
+                    if (++ran == producers * each)
+                        allRan.signal();
+                });
+        });
+    if (loop) {
+        EXPECT_TRUE(loop->runUntil([&] { return ran == producers * each; }, 60));
+    }
+    EXPECT_TRUE(allRan.wait(60));
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_EQ(mostInside, 1);
+    EXPECT_TRUE(allOnTarget);
     std::vector<int> inOrder(static_cast<size_t>(each));
     std::iota(inOrder.begin(), inOrder.end(), 0);
     for (const std::vector<int>& one : seen)
@@ -29,40 +59,16 @@ void ExpectEachInOrder(const std::vector<std::vector<int>>& seen, int each) {
 
 TEST(SerialQueue, LabelAndThreadNameComeFromTheSuffix) {
     SerialQueue queue("oscquery.connections");
-    std::string name;
-    queue.sync([&] {
-        char buffer[16] = {};
-        pthread_getname_np(pthread_self(), buffer, sizeof buffer);
-        name = buffer;
-    });
-    EXPECT_EQ(name, "oscquery.connec"); // the kernel keeps 15 characters
+    char name[16] = {};
+    queue.sync([&] { pthread_getname_np(pthread_self(), name, sizeof name); });
+    EXPECT_STREQ(name, "oscquery.connec"); // the kernel keeps 15 characters
 
     EXPECT_EQ(SerialQueue::ThreadName("org.quorva.QuorvaRecorder."), "queue");
 }
 
 TEST(SerialQueue, RunsTasksFromManyThreadsOnItsOwnThreadOneAtATimeInEachOnesOrder) {
     SerialQueue queue("test");
-    constexpr int producers = 4, each = 1000;
-    std::vector<std::vector<int>> seen(producers);
-    std::atomic<int> inside = 0, mostInside = 0;
-    std::atomic<bool> allOnQueue = true;
-    std::vector<std::thread> threads;
-    for (int p = 0; p < producers; ++p)
-        threads.emplace_back([&, p] {
-            for (int i = 0; i < each; ++i)
-                queue.post([&, p, i] {
-                    mostInside = std::max(mostInside.load(), ++inside);
-                    allOnQueue = allOnQueue && queue.isCurrent();
-                    seen[p].push_back(i);
-                    --inside;
-                });
-        });
-    for (auto& thread : threads)
-        thread.join();
-    queue.sync([] {});
-    ExpectEachInOrder(seen, each);
-    EXPECT_EQ(mostInside, 1);
-    EXPECT_TRUE(allOnQueue);
+    ExpectTasksFromManyThreadsInEachOnesOrder(queue, [&](Task task) { queue.post(std::move(task)); });
     EXPECT_FALSE(queue.isCurrent());
 }
 
@@ -155,14 +161,12 @@ TEST(TaskGroup, WaitAnswersWhetherTheWorkEndedInTimeWhereverItRan) {
 
     // Work posted from several threads to several queues.
     std::atomic<int> finished = 0;
-    std::vector<std::unique_ptr<SerialQueue>> queues;
-    for (int i = 0; i < 3; ++i)
-        queues.push_back(std::make_unique<SerialQueue>("worker"));
+    SerialQueue queues[] = {SerialQueue("worker"), SerialQueue("worker"), SerialQueue("worker")};
     std::vector<std::thread> posters;
     for (int p = 0; p < 3; ++p)
         posters.emplace_back([&, p] {
             for (int i = 0; i < 200; ++i)
-                group.post(*queues[size_t((p + i) % 3)], [&] { ++finished; });
+                group.post(queues[(p + i) % 3], [&] { ++finished; });
         });
     for (auto& poster : posters)
         poster.join();
@@ -227,17 +231,14 @@ TEST(Semaphore, ManyProducersAndConsumersBalanceExactly) {
     constexpr int threads = 4, each = 2000;
     std::atomic<int> taken = 0;
     std::vector<std::thread> workers;
-    for (int t = 0; t < threads; ++t) {
-        workers.emplace_back([&] {
+    for (int t = 0; t < 2 * threads; ++t)
+        workers.emplace_back([&, signals = t % 2 == 0] {
             for (int i = 0; i < each; ++i)
-                semaphore.signal();
+                if (signals)
+                    semaphore.signal();
+                else
+                    taken += semaphore.wait(60);
         });
-        workers.emplace_back([&] {
-            for (int i = 0; i < each; ++i)
-                if (semaphore.wait(60))
-                    ++taken;
-        });
-    }
     for (auto& worker : workers)
         worker.join();
     EXPECT_EQ(taken, threads * each);
@@ -259,31 +260,12 @@ TEST(Semaphore, TheWaiterMayDestroyItAsSoonAsItReturns) {
 
 // A loop run on a thread of its own and stopped from another is how the network tests run their main
 // loop (tests/remote/NetworkTesting.h), with the handlers they check on it.
-TEST(EventLoopConcurrency, TasksPostedToMainFromManyQueuesAllRunOnTheLoopInEachQueuesOrder) {
+TEST(EventLoopConcurrency, TasksPostedToMainFromManyThreadsAllRunOnTheLoopInEachOnesOrder) {
     auto loop = std::make_shared<HeadlessEventLoop>();
     EventLoop::setMainLoop(loop);
-    constexpr int producers = 4, each = 1000;
-    std::vector<std::vector<int>> seen(producers); // touched only on the loop, so no lock
-    bool allOnLoop = true;
-    size_t delivered = 0;
-    {
-        std::vector<std::unique_ptr<SerialQueue>> queues;
-        for (int p = 0; p < producers; ++p) {
-            queues.push_back(std::make_unique<SerialQueue>("worker"));
-            for (int i = 0; i < each; ++i)
-                queues.back()->post([&, p, i] {
-                    EventLoop::postToMain([&, p, i] {
-                        allOnLoop = allOnLoop && loop->isCurrent();
-                        seen[p].push_back(i);
-                        ++delivered;
-                    });
-                });
-        }
-        EXPECT_TRUE(loop->runUntil([&] { return delivered == producers * each; }, 60));
-    }
+    ExpectTasksFromManyThreadsInEachOnesOrder(
+        *loop, [](Task task) { EventLoop::postToMain(std::move(task)); }, loop.get());
     EventLoop::setMainLoop(nullptr);
-    EXPECT_TRUE(allOnLoop);
-    ExpectEachInOrder(seen, each);
 }
 
 TEST(EventLoopConcurrency, TimersCancelledFromAnotherThreadStopTicking) {
