@@ -144,39 +144,10 @@ TEST(SerialQueue, MayBeDestroyedFromOneOfItsOwnTasks) {
     EXPECT_TRUE(laterRan.wait(60));
 }
 
-TEST(TaskGroup, WaitAnswersWhetherTheWorkEndedInTimeWhereverItRan) {
-    TaskGroup group;
-    EXPECT_TRUE(group.wait(0)); // nothing entered: done already
-    group.enter();
-    group.enter();
-    double start = MediaClock::now();
-    EXPECT_FALSE(group.wait(0.05));
-    EXPECT_GE(MediaClock::now() - start, 0.05);
-    group.leave();
-
-    std::thread last([group]() mutable { group.leave(); }); // copies share the count
-    EXPECT_TRUE(group.wait(60));
-    last.join();
-    EXPECT_TRUE(group.wait());
-
-    // Work posted from several threads to several queues.
-    std::atomic<int> finished = 0;
-    SerialQueue queues[] = {SerialQueue("worker"), SerialQueue("worker"), SerialQueue("worker")};
-    std::vector<std::thread> posters;
-    for (int p = 0; p < 3; ++p)
-        posters.emplace_back([&, p] {
-            for (int i = 0; i < 200; ++i)
-                group.post(queues[(p + i) % 3], [&] { ++finished; });
-        });
-    for (auto& poster : posters)
-        poster.join();
-    ASSERT_TRUE(group.wait(60));
-    EXPECT_EQ(finished, 600);
-}
-
-TEST(TaskGroup, NotifiesEachTargetOnceWhenTheLastPieceLeavesAndAnIdleGroupAtOnce) {
+TEST(TaskGroup, WaitAndEachNotificationAnswerOnceTheLastPieceLeavesWhereverItRan) {
     auto loop = std::make_shared<HeadlessEventLoop>();
     TaskGroup group;
+    EXPECT_TRUE(group.wait(0)); // nothing entered: done already
     group.enter();
     group.enter();
     int loopNotified = 0; // touched on the loop only
@@ -194,10 +165,16 @@ TEST(TaskGroup, NotifiesEachTargetOnceWhenTheLastPieceLeavesAndAnIdleGroupAtOnce
     EXPECT_FALSE(watch.expired()); // the owner let go; the group holds on until the notification ran
     group.notify(loop, [&] { loopNotified += loop->isCurrent(); });
     group.leave();
-    EXPECT_FALSE(done.wait(0.02)); // one piece is still under way
-    std::thread worker([&] { group.leave(); });
+    double start = MediaClock::now();
+    EXPECT_FALSE(group.wait(0.05)); // one piece is still under way
+    EXPECT_GE(MediaClock::now() - start, 0.05);
+    EXPECT_FALSE(done.wait(0));
+
+    std::thread last([group]() mutable { group.leave(); }); // copies share the count
+    EXPECT_TRUE(group.wait(60));
     EXPECT_TRUE(loop->runUntil([&] { return loopNotified == 1; }, 60));
-    worker.join();
+    last.join();
+    EXPECT_TRUE(group.wait());
     ASSERT_TRUE(done.wait(60));
     EXPECT_TRUE(onQueue);
 
@@ -209,6 +186,20 @@ TEST(TaskGroup, NotifiesEachTargetOnceWhenTheLastPieceLeavesAndAnIdleGroupAtOnce
     group.notify(loop, [&] { idle = true; });
     EXPECT_TRUE(loop->runUntil([&] { return idle; }, 60));
     EXPECT_EQ(loopNotified, 1);
+
+    // Work posted from several threads to several queues.
+    std::atomic<int> finished = 0;
+    SerialQueue queues[] = {SerialQueue("worker"), SerialQueue("worker"), SerialQueue("worker")};
+    std::vector<std::thread> posters;
+    for (int p = 0; p < 3; ++p)
+        posters.emplace_back([&, p] {
+            for (int i = 0; i < 200; ++i)
+                group.post(queues[(p + i) % 3], [&] { ++finished; });
+        });
+    for (auto& poster : posters)
+        poster.join();
+    ASSERT_TRUE(group.wait(60));
+    EXPECT_EQ(finished, 600);
 }
 
 TEST(Semaphore, GivesEachSignalToOneWaitAndTimesOutNoEarlierThanAskedTakingNothing) {
@@ -224,10 +215,8 @@ TEST(Semaphore, GivesEachSignalToOneWaitAndTimesOutNoEarlierThanAskedTakingNothi
     EXPECT_TRUE(semaphore.wait(0)); // the failed waits did not consume a later signal
     EXPECT_TRUE(semaphore.wait());
     EXPECT_FALSE(semaphore.wait(0));
-}
 
-TEST(Semaphore, ManyProducersAndConsumersBalanceExactly) {
-    Semaphore semaphore;
+    // Many signalling and waiting at once balance exactly.
     constexpr int threads = 4, each = 2000;
     std::atomic<int> taken = 0;
     std::vector<std::thread> workers;

@@ -89,22 +89,20 @@ layout(location = 0) out vec4 colour;
 void main() { colour = texture(picture, vec2(0.5)) * constants.tint; }
 )";
 
-TEST(CompileShader, ReportsTheShaderAndTheLineOfAnError) {
+// A shader that does not compile is named with the line of its error. A draw whose push constants are
+// longer than the pipeline declares fails the commit, which answers why.
+TEST(RenderPipeline, ACompileErrorNamesTheShaderAndLineAndMisuseFailsTheCommitWithItsReason) {
     auto broken = CompileShader("#version 450\nvoid main() {\n  gl_Position = undefinedThing;\n}\n",
                                 ShaderStage::Vertex, "brokenVertex");
     ASSERT_FALSE(broken);
     EXPECT_NE(broken.error().message().find("brokenVertex"), std::string::npos) << broken.error().message();
     EXPECT_NE(broken.error().message().find(":3:"), std::string::npos) << broken.error().message();
-}
 
-// A draw whose push constants are longer than the pipeline declares: the commit answers why.
-TEST(RenderPipeline, MisuseFailsTheCommitWithItsReason) {
-    ASSERT_TRUE(SharedDevice());
-    auto pipeline = RenderPipeline::make(
-        SharedDevice(), {CornerVertex, "cornerVertex", TintFragment, "tintFragment", 16, true});
-    ASSERT_TRUE(pipeline) << pipeline.error().message();
     auto queue = testing::MakeQueue();
     ASSERT_TRUE(queue);
+    auto pipeline = RenderPipeline::make(
+        queue->device(), {CornerVertex, "cornerVertex", TintFragment, "tintFragment", 16, true});
+    ASSERT_TRUE(pipeline) << pipeline.error().message();
     auto buffer = queue->commandBuffer();
     ASSERT_TRUE(buffer);
     const std::vector<float> constants(8);
