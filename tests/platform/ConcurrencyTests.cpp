@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <functional>
 #include <gtest/gtest.h>
 #include <memory>
 #include <numeric>
@@ -19,8 +20,37 @@
 namespace quorva {
 namespace {
 
-// Each producer's tasks ran, all of them, in the order it posted them.
-void ExpectEachInOrder(const std::vector<std::vector<int>>& seen, int each) {
+// Four producers, each on a thread of its own, post a thousand numbered tasks each through `post`: each
+// runs on `target`, one at a time, and each producer's in the order it posted them. `loop`, where the
+// target is a loop, runs meanwhile.
+void ExpectTasksFromManyThreadsInEachOnesOrder(const Executor& target, const std::function<void(Task)>& post,
+                                               HeadlessEventLoop* loop = nullptr) {
+    constexpr int producers = 4, each = 1000;
+    std::vector<std::vector<int>> seen(producers); // touched on the target only
+    std::atomic<int> inside = 0, mostInside = 0, ran = 0;
+    std::atomic<bool> allOnTarget = true;
+    Semaphore allRan;
+    std::vector<std::thread> threads;
+    for (int p = 0; p < producers; ++p)
+        threads.emplace_back([&, p] {
+            for (int i = 0; i < each; ++i)
+                post([&, p, i] {
+                    mostInside = std::max(mostInside.load(), ++inside);
+                    allOnTarget = allOnTarget && target.isCurrent();
+                    seen[p].push_back(i);
+                    --inside;
+                    if (++ran == producers * each)
+                        allRan.signal();
+                });
+        });
+    if (loop) {
+        EXPECT_TRUE(loop->runUntil([&] { return ran == producers * each; }, 60));
+    }
+    EXPECT_TRUE(allRan.wait(60));
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_EQ(mostInside, 1);
+    EXPECT_TRUE(allOnTarget);
     std::vector<int> inOrder(static_cast<size_t>(each));
     std::iota(inOrder.begin(), inOrder.end(), 0);
     for (const std::vector<int>& one : seen)
@@ -29,40 +59,16 @@ void ExpectEachInOrder(const std::vector<std::vector<int>>& seen, int each) {
 
 TEST(SerialQueue, LabelAndThreadNameComeFromTheSuffix) {
     SerialQueue queue("oscquery.connections");
-    std::string name;
-    queue.sync([&] {
-        char buffer[16] = {};
-        pthread_getname_np(pthread_self(), buffer, sizeof buffer);
-        name = buffer;
-    });
-    EXPECT_EQ(name, "oscquery.connec"); // the kernel keeps 15 characters
+    char name[16] = {};
+    queue.sync([&] { pthread_getname_np(pthread_self(), name, sizeof name); });
+    EXPECT_STREQ(name, "oscquery.connec"); // the kernel keeps 15 characters
 
     EXPECT_EQ(SerialQueue::ThreadName("org.quorva.QuorvaRecorder."), "queue");
 }
 
 TEST(SerialQueue, RunsTasksFromManyThreadsOnItsOwnThreadOneAtATimeInEachOnesOrder) {
     SerialQueue queue("test");
-    constexpr int producers = 4, each = 1000;
-    std::vector<std::vector<int>> seen(producers);
-    std::atomic<int> inside = 0, mostInside = 0;
-    std::atomic<bool> allOnQueue = true;
-    std::vector<std::thread> threads;
-    for (int p = 0; p < producers; ++p)
-        threads.emplace_back([&, p] {
-            for (int i = 0; i < each; ++i)
-                queue.post([&, p, i] {
-                    mostInside = std::max(mostInside.load(), ++inside);
-                    allOnQueue = allOnQueue && queue.isCurrent();
-                    seen[p].push_back(i);
-                    --inside;
-                });
-        });
-    for (auto& thread : threads)
-        thread.join();
-    queue.sync([] {});
-    ExpectEachInOrder(seen, each);
-    EXPECT_EQ(mostInside, 1);
-    EXPECT_TRUE(allOnQueue);
+    ExpectTasksFromManyThreadsInEachOnesOrder(queue, [&](Task task) { queue.post(std::move(task)); });
     EXPECT_FALSE(queue.isCurrent());
 }
 
@@ -138,41 +144,10 @@ TEST(SerialQueue, MayBeDestroyedFromOneOfItsOwnTasks) {
     EXPECT_TRUE(laterRan.wait(60));
 }
 
-TEST(TaskGroup, WaitAnswersWhetherTheWorkEndedInTimeWhereverItRan) {
-    TaskGroup group;
-    EXPECT_TRUE(group.wait(0)); // nothing entered: done already
-    group.enter();
-    group.enter();
-    double start = MediaClock::now();
-    EXPECT_FALSE(group.wait(0.05));
-    EXPECT_GE(MediaClock::now() - start, 0.05);
-    group.leave();
-
-    std::thread last([group]() mutable { group.leave(); }); // copies share the count
-    EXPECT_TRUE(group.wait(60));
-    last.join();
-    EXPECT_TRUE(group.wait());
-
-    // Work posted from several threads to several queues.
-    std::atomic<int> finished = 0;
-    std::vector<std::unique_ptr<SerialQueue>> queues;
-    for (int i = 0; i < 3; ++i)
-        queues.push_back(std::make_unique<SerialQueue>("worker"));
-    std::vector<std::thread> posters;
-    for (int p = 0; p < 3; ++p)
-        posters.emplace_back([&, p] {
-            for (int i = 0; i < 200; ++i)
-                group.post(*queues[size_t((p + i) % 3)], [&] { ++finished; });
-        });
-    for (auto& poster : posters)
-        poster.join();
-    ASSERT_TRUE(group.wait(60));
-    EXPECT_EQ(finished, 600);
-}
-
-TEST(TaskGroup, NotifiesEachTargetOnceWhenTheLastPieceLeavesAndAnIdleGroupAtOnce) {
+TEST(TaskGroup, WaitAndEachNotificationAnswerOnceTheLastPieceLeavesWhereverItRan) {
     auto loop = std::make_shared<HeadlessEventLoop>();
     TaskGroup group;
+    EXPECT_TRUE(group.wait(0)); // nothing entered: done already
     group.enter();
     group.enter();
     int loopNotified = 0; // touched on the loop only
@@ -190,10 +165,16 @@ TEST(TaskGroup, NotifiesEachTargetOnceWhenTheLastPieceLeavesAndAnIdleGroupAtOnce
     EXPECT_FALSE(watch.expired()); // the owner let go; the group holds on until the notification ran
     group.notify(loop, [&] { loopNotified += loop->isCurrent(); });
     group.leave();
-    EXPECT_FALSE(done.wait(0.02)); // one piece is still under way
-    std::thread worker([&] { group.leave(); });
+    double start = MediaClock::now();
+    EXPECT_FALSE(group.wait(0.05)); // one piece is still under way
+    EXPECT_GE(MediaClock::now() - start, 0.05);
+    EXPECT_FALSE(done.wait(0));
+
+    std::thread last([group]() mutable { group.leave(); }); // copies share the count
+    EXPECT_TRUE(group.wait(60));
     EXPECT_TRUE(loop->runUntil([&] { return loopNotified == 1; }, 60));
-    worker.join();
+    last.join();
+    EXPECT_TRUE(group.wait());
     ASSERT_TRUE(done.wait(60));
     EXPECT_TRUE(onQueue);
 
@@ -205,6 +186,20 @@ TEST(TaskGroup, NotifiesEachTargetOnceWhenTheLastPieceLeavesAndAnIdleGroupAtOnce
     group.notify(loop, [&] { idle = true; });
     EXPECT_TRUE(loop->runUntil([&] { return idle; }, 60));
     EXPECT_EQ(loopNotified, 1);
+
+    // Work posted from several threads to several queues.
+    std::atomic<int> finished = 0;
+    SerialQueue queues[] = {SerialQueue("worker"), SerialQueue("worker"), SerialQueue("worker")};
+    std::vector<std::thread> posters;
+    for (int p = 0; p < 3; ++p)
+        posters.emplace_back([&, p] {
+            for (int i = 0; i < 200; ++i)
+                group.post(queues[(p + i) % 3], [&] { ++finished; });
+        });
+    for (auto& poster : posters)
+        poster.join();
+    ASSERT_TRUE(group.wait(60));
+    EXPECT_EQ(finished, 600);
 }
 
 TEST(Semaphore, GivesEachSignalToOneWaitAndTimesOutNoEarlierThanAskedTakingNothing) {
@@ -220,24 +215,19 @@ TEST(Semaphore, GivesEachSignalToOneWaitAndTimesOutNoEarlierThanAskedTakingNothi
     EXPECT_TRUE(semaphore.wait(0)); // the failed waits did not consume a later signal
     EXPECT_TRUE(semaphore.wait());
     EXPECT_FALSE(semaphore.wait(0));
-}
 
-TEST(Semaphore, ManyProducersAndConsumersBalanceExactly) {
-    Semaphore semaphore;
+    // Many signalling and waiting at once balance exactly.
     constexpr int threads = 4, each = 2000;
     std::atomic<int> taken = 0;
     std::vector<std::thread> workers;
-    for (int t = 0; t < threads; ++t) {
-        workers.emplace_back([&] {
+    for (int t = 0; t < 2 * threads; ++t)
+        workers.emplace_back([&, signals = t % 2 == 0] {
             for (int i = 0; i < each; ++i)
-                semaphore.signal();
+                if (signals)
+                    semaphore.signal();
+                else
+                    taken += semaphore.wait(60);
         });
-        workers.emplace_back([&] {
-            for (int i = 0; i < each; ++i)
-                if (semaphore.wait(60))
-                    ++taken;
-        });
-    }
     for (auto& worker : workers)
         worker.join();
     EXPECT_EQ(taken, threads * each);
@@ -259,31 +249,12 @@ TEST(Semaphore, TheWaiterMayDestroyItAsSoonAsItReturns) {
 
 // A loop run on a thread of its own and stopped from another is how the network tests run their main
 // loop (tests/remote/NetworkTesting.h), with the handlers they check on it.
-TEST(EventLoopConcurrency, TasksPostedToMainFromManyQueuesAllRunOnTheLoopInEachQueuesOrder) {
+TEST(EventLoopConcurrency, TasksPostedToMainFromManyThreadsAllRunOnTheLoopInEachOnesOrder) {
     auto loop = std::make_shared<HeadlessEventLoop>();
     EventLoop::setMainLoop(loop);
-    constexpr int producers = 4, each = 1000;
-    std::vector<std::vector<int>> seen(producers); // touched only on the loop, so no lock
-    bool allOnLoop = true;
-    size_t delivered = 0;
-    {
-        std::vector<std::unique_ptr<SerialQueue>> queues;
-        for (int p = 0; p < producers; ++p) {
-            queues.push_back(std::make_unique<SerialQueue>("worker"));
-            for (int i = 0; i < each; ++i)
-                queues.back()->post([&, p, i] {
-                    EventLoop::postToMain([&, p, i] {
-                        allOnLoop = allOnLoop && loop->isCurrent();
-                        seen[p].push_back(i);
-                        ++delivered;
-                    });
-                });
-        }
-        EXPECT_TRUE(loop->runUntil([&] { return delivered == producers * each; }, 60));
-    }
+    ExpectTasksFromManyThreadsInEachOnesOrder(
+        *loop, [](Task task) { EventLoop::postToMain(std::move(task)); }, loop.get());
     EventLoop::setMainLoop(nullptr);
-    EXPECT_TRUE(allOnLoop);
-    ExpectEachInOrder(seen, each);
 }
 
 TEST(EventLoopConcurrency, TimersCancelledFromAnotherThreadStopTicking) {

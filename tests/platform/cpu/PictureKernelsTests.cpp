@@ -51,17 +51,12 @@ Picture Random(uint32_t width, uint32_t height, uint32_t seed) {
     return picture;
 }
 
-std::vector<uint8_t> Convert(const Picture& picture, const FrameFormat& format) {
-    std::vector<uint8_t> frame(format.bytes, Untouched);
-    ConvertPicture(picture.bytes.data(), picture.stride, format, frame.data());
-    return frame;
-}
-
 // Every sample within 1 of the float formula rounded (alpha exact), and every byte that holds none
 // untouched.
 void ExpectMatchesFormula(const Picture& picture, FrameLayout layout) {
     const FrameFormat format = FrameFormat::padded(layout, picture.width, picture.height);
-    const std::vector<uint8_t> frame = Convert(picture, format);
+    std::vector<uint8_t> frame(format.bytes, Untouched);
+    ConvertPicture(picture.bytes.data(), picture.stride, format, frame.data());
     std::vector<bool> sample(frame.size());
     const bool ten = layout != FrameLayout::YUV420P;
     const uint32_t across = layout == FrameLayout::YUVA444P10 ? 1 : 2;

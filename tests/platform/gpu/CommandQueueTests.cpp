@@ -14,7 +14,6 @@ namespace {
 
 using testing::MakeQueue;
 using testing::MakeTexture;
-using testing::Pixel;
 using testing::Pixels;
 
 // A command buffer that clears `target` to `colour`.
@@ -40,10 +39,9 @@ TEST(CommandQueue, CallsHandlersOnItsOwnThreadOnceTheGpuIsDoneInCommitOrder) {
         auto target = MakeTexture(64, 64);
         auto buffer = Clear(*queue, target, {0, float(i) / 5, 0, 1});
         buffer->addCompletedHandler([&, i, target] {
-            // Done means readable: the read-back, queued behind nothing, shows the clear.
-            Pixel pixel = Pixels(target, 10, 10, 1, 1).at(10, 10);
             std::lock_guard guard(lock);
-            EXPECT_EQ(pixel.g, uint8_t(i * 51));
+            // Done means readable: the read-back, queued behind nothing, shows the clear.
+            EXPECT_EQ(Pixels(target, 10, 10, 1, 1).at(10, 10).g, uint8_t(i * 51));
             order.push_back(i);
             threads.push_back(std::this_thread::get_id());
         });

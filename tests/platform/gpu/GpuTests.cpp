@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace quorva {
@@ -45,7 +46,6 @@ TEST(ChooseGpu, PrefersDiscreteThenIntegratedThenSoftwareUnlessNamedAndSkipsThos
 TEST(GpuDevice, OpensTheDeviceThatTheEnvironmentNamesOrExplainsWhyNot) {
     auto device = SharedDevice();
     ASSERT_TRUE(device);
-    EXPECT_GE(device->maximumTextureSize(), 4096u);
     testing::ScopedVariable variable("QUORVA_VULKAN_DEVICE");
     variable.set(device->name().substr(0, 4));
     auto named = GpuDevice::make();
@@ -62,12 +62,11 @@ TEST(GpuDevice, OpensTheDeviceThatTheEnvironmentNamesOrExplainsWhyNot) {
 TEST(Texture, RefusesEmptyOversizedAndBadlyStridedPicturesAndOutsideRegions) {
     auto device = SharedDevice();
     ASSERT_TRUE(device);
+    // (That the largest texture is made, and is large enough, the compositors' tests show with a picture
+    // of 16384 square on Vulkan.)
     uint32_t largest = device->maximumTextureSize();
-    EXPECT_FALSE(device->makeTexture(0, 10));
-    EXPECT_FALSE(device->makeTexture(10, 0));
-    EXPECT_FALSE(device->makeTexture(largest + 1, 1));
-    EXPECT_FALSE(device->makeTexture(1, largest + 1));
-    EXPECT_TRUE(device->makeTexture(largest, 1));
+    for (auto [width, height] : {std::pair{0u, 10u}, {10u, 0u}, {largest + 1, 1u}, {1u, largest + 1}})
+        EXPECT_FALSE(device->makeTexture(width, height)) << width << " × " << height;
 
     auto texture = device->makeTexture(8, 8);
     ASSERT_TRUE(texture);
@@ -80,41 +79,30 @@ TEST(Texture, RefusesEmptyOversizedAndBadlyStridedPicturesAndOutsideRegions) {
     EXPECT_FALSE(texture.value()->readPixels(0, 0, 0, 1));
 }
 
-constexpr const char* CopyVertex = R"(#version 450
-layout(location = 0) out vec2 coordinate;
-void main() {
-    vec2 corner = vec2(gl_VertexIndex >> 1, gl_VertexIndex & 1);
-    coordinate = vec2(corner.x, 1.0 - corner.y);
-    gl_Position = vec4(corner * 2.0 - 1.0, 0.0, 1.0);
-}
-)";
-
-constexpr const char* CopyFragment = R"(#version 450
+// The least pipeline with 16 bytes of constants and a texture: what it draws is never looked at.
+constexpr const char* CornerVertex =
+    "#version 450\nvoid main() { gl_Position = vec4(0.0, 0.0, 0.0, 1.0); }\n";
+constexpr const char* TintFragment = R"(#version 450
 layout(push_constant) uniform Constants { vec4 tint; } constants;
 layout(set = 0, binding = 0) uniform sampler2D picture;
-layout(location = 0) in vec2 coordinate;
 layout(location = 0) out vec4 colour;
-void main() {
-    colour = texture(picture, coordinate) * constants.tint;
-}
+void main() { colour = texture(picture, vec2(0.5)) * constants.tint; }
 )";
 
-TEST(CompileShader, ReportsTheShaderAndTheLineOfAnError) {
+// A shader that does not compile is named with the line of its error. A draw whose push constants are
+// longer than the pipeline declares fails the commit, which answers why.
+TEST(RenderPipeline, ACompileErrorNamesTheShaderAndLineAndMisuseFailsTheCommitWithItsReason) {
     auto broken = CompileShader("#version 450\nvoid main() {\n  gl_Position = undefinedThing;\n}\n",
                                 ShaderStage::Vertex, "brokenVertex");
     ASSERT_FALSE(broken);
     EXPECT_NE(broken.error().message().find("brokenVertex"), std::string::npos) << broken.error().message();
     EXPECT_NE(broken.error().message().find(":3:"), std::string::npos) << broken.error().message();
-}
 
-// A draw whose push constants are shorter than the pipeline declares: the commit answers why.
-TEST(RenderPipeline, MisuseFailsTheCommitWithItsReason) {
-    ASSERT_TRUE(SharedDevice());
-    auto pipeline = RenderPipeline::make(SharedDevice(),
-                                         {CopyVertex, "copyVertex", CopyFragment, "copyFragment", 16, true});
-    ASSERT_TRUE(pipeline) << pipeline.error().message();
     auto queue = testing::MakeQueue();
     ASSERT_TRUE(queue);
+    auto pipeline = RenderPipeline::make(
+        queue->device(), {CornerVertex, "cornerVertex", TintFragment, "tintFragment", 16, true});
+    ASSERT_TRUE(pipeline) << pipeline.error().message();
     auto buffer = queue->commandBuffer();
     ASSERT_TRUE(buffer);
     const std::vector<float> constants(8);
