@@ -113,7 +113,7 @@ struct Receiver {
     // benchmark of the program measures the program. Painted again only in a capture, as the program frees
     // each frame before it captures the next.
     int paintedFor = 0;
-    std::vector<uint8_t> bright, dark;
+    std::array<std::vector<uint8_t>, 2> painted; // bright, dark
     std::vector<float> sound;
 };
 
@@ -164,21 +164,17 @@ void HandPicture(Receiver& receiver, VideoFrameV2& frame) {
     const FakeNDISender& settings = receiver.sender->settings;
     const double time = receiver.sender->rates[0].timeOf(receiver.next[0]++);
     const bool dark = receiver.sender->darkAt(time);
-    if (receiver.paintedFor != receiver.sender->id) {
-        receiver.bright.clear();
-        receiver.dark.clear();
-        receiver.paintedFor = receiver.sender->id;
-    }
-    std::vector<uint8_t>& picture = dark ? receiver.dark : receiver.bright;
+    if (std::exchange(receiver.paintedFor, receiver.sender->id) != receiver.sender->id)
+        receiver.painted = {};
+    std::vector<uint8_t>& picture = receiver.painted[dark];
     if (picture.empty())
         picture = Paint(settings, dark);
     const int stride = settings.stride ? settings.stride : int(picture.size()) / std::max(1, settings.height);
     const float aspect = settings.height ? float(settings.width) / float(settings.height) : 0.0f;
     const auto timecode = int64_t(time * 1e7);
-    const int progressive = 1;
     frame = VideoFrameV2(settings.width, settings.height, settings.fourcc, settings.frameRateN,
-                         settings.frameRateD, aspect, progressive, timecode, picture.data(), stride, nullptr,
-                         timecode);
+                         settings.frameRateD, aspect, /* progressive */ 1, timecode, picture.data(), stride,
+                         nullptr, timecode);
 }
 
 void HandSound(Receiver& receiver, AudioFrameV3& frame) {
