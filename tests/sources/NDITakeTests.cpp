@@ -158,7 +158,6 @@ TEST(NDITakeTest, EachMovieHoldsItsSendersColoursAndToneInStepWithItsPictures) {
     }
     controller.reset();
     EventLoop::setMainLoop(nullptr);
-    FakeNDI_Reset();
 }
 
 } // namespace
