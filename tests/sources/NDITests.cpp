@@ -34,11 +34,9 @@ std::vector<std::string> Titles(SourceDirectory& directory) {
     return titles;
 }
 
+// (That QUORVA_NDI_LIBRARY, once set, is the only place looked in is the headless recorder's to show: it
+// names that place alone in its reason.)
 TEST(NDILibraryTest, LooksWhereTheEnvironmentSaysElseBesideTheProgramAndInTheLibraryFolders) {
-    EXPECT_EQ(NDILibrary::candidatePaths(
-                  {{"QUORVA_NDI_LIBRARY", "/opt/ndi/libndi.so.6"}, {"NDI_RUNTIME_DIR_V6", "/opt/runtime"}},
-                  "/opt/quorva"),
-              std::vector<std::string>{"/opt/ndi/libndi.so.6"});
     // Empty variables count as unset: no relative "libndi.so.6" is ever tried.
     auto standard =
         NDILibrary::candidatePaths({{"QUORVA_NDI_LIBRARY", ""}, {"NDI_RUNTIME_DIR_V6", ""}}, "/opt/quorva");
@@ -90,17 +88,17 @@ TEST(NDILibraryTest, ChoosesTheFirstUsableFileElseSaysWhyTheFirstOneFoundCannotB
     fs::remove_all(root);
 }
 
-TEST(NDIDirectoryTest, WithoutTheRuntimeListsNothingConnectsToNothingAndStartsNoThread) {
+// (That nothing is then listed and no finder starts is the headless recorder's to show, which runs without
+// the runtime.)
+TEST(NDIDirectoryTest, WithoutTheRuntimeConnectsToNothing) {
     NDIDirectory directory(NDILibrary::makeWithReason("libndi.so.6 was not found"));
-    EXPECT_TRUE(directory.availableSources().empty());
     EXPECT_EQ(directory.connectToSourceWithTitle("HOST (Camera)", testing::Engine("processor")), nullptr);
-    EXPECT_EQ(ThreadsNamed("NDIFinder"), 0);
 }
 
 class NDITest : public ::testing::Test {
 protected:
+    // Each case begins with no sender: those of the case before are removed.
     void SetUp() override { FakeNDI_Reset(); }
-    void TearDown() override { FakeNDI_Reset(); }
 
     int add(const FakeNDISender& sender) { return FakeNDI_AddSender(&sender); }
     // A sender of 30 BGRX pictures a second, 8 × 8, without sound.
