@@ -34,9 +34,11 @@ std::vector<std::string> Titles(SourceDirectory& directory) {
     return titles;
 }
 
-// (That QUORVA_NDI_LIBRARY, once set, is the only place looked in is the headless recorder's to show: it
-// names that place alone in its reason.)
-TEST(NDILibraryTest, LooksWhereTheEnvironmentSaysElseBesideTheProgramAndInTheLibraryFolders) {
+// Where the runtime is looked for, then which of the files found is chosen: real files in folders of
+// their own, missing, not a library, a library without the entry point, the fake runtime. (That
+// QUORVA_NDI_LIBRARY, once set, is the only place looked in is the headless recorder's to show: it names
+// that place alone in its reason.)
+TEST(NDILibraryTest, LooksBesideTheProgramThenInTheLibraryFoldersAndChoosesTheFirstUsableFileElseSaysWhy) {
     // Empty variables count as unset: no relative "libndi.so.6" is ever tried.
     auto standard =
         NDILibrary::candidatePaths({{"QUORVA_NDI_LIBRARY", ""}, {"NDI_RUNTIME_DIR_V6", ""}}, "/opt/quorva");
@@ -47,11 +49,7 @@ TEST(NDILibraryTest, LooksWhereTheEnvironmentSaysElseBesideTheProgramAndInTheLib
     auto withRuntime = NDILibrary::candidatePaths({{"NDI_RUNTIME_DIR_V6", "/opt/runtime"}}, "/opt/quorva");
     ASSERT_EQ(withRuntime.size(), standard.size() + 1);
     EXPECT_EQ(withRuntime[1], "/opt/runtime/libndi.so.6");
-}
 
-// Real files in folders of their own: missing, not a library, a library without the entry point, the
-// fake runtime.
-TEST(NDILibraryTest, ChoosesTheFirstUsableFileElseSaysWhyTheFirstOneFoundCannotBeUsed) {
     const fs::path root = fs::path(::testing::TempDir()) / ("ndi-" + std::to_string(::getpid()));
     auto place = [&](const std::string& folder) {
         fs::create_directories(root / folder);
