@@ -151,8 +151,7 @@ void Connect(Receiver& receiver, const Sender* sender, Clock::time_point now) {
 // looks again.
 void SendersChanged(Clock::time_point now) {
     for (auto& receiver : state.receivers) {
-        auto found = std::find_if(state.senders.begin(), state.senders.end(),
-                                  [&](const auto& sender) { return sender->name == receiver->name; });
+        auto found = std::ranges::find(state.senders, receiver->name, &Sender::name);
         const Sender* sender = found == state.senders.end() ? nullptr : found->get();
         if (sender != receiver->sender)
             Connect(*receiver, sender, now);
@@ -249,9 +248,7 @@ bool FindWaitForSources(void* find, uint32_t timeoutMs) {
     const auto& finder = *static_cast<Finder*>(find);
     std::unique_lock lock(state.mutex);
     return state.changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
-        return !std::equal(finder.names.begin(), finder.names.end(), state.senders.begin(),
-                           state.senders.end(),
-                           [](const std::string& name, const auto& sender) { return name == sender->name; });
+        return !std::ranges::equal(finder.names, state.senders, {}, {}, &Sender::name);
     });
 }
 
@@ -357,8 +354,7 @@ const void* const* Table() {
 
 // The sender of `id`, under the state's lock; the list's end when there is none.
 auto SenderOf(int id) {
-    return std::find_if(state.senders.begin(), state.senders.end(),
-                        [&](const auto& sender) { return sender->id == id; });
+    return std::ranges::find(state.senders, id, &Sender::id);
 }
 
 } // namespace
@@ -394,7 +390,7 @@ void FakeNDI_MoveSenderFirst(int id) {
 
 int FakeNDI_ReceiverCount(int id) {
     std::lock_guard lock(state.mutex);
-    return int(std::count_if(state.receivers.begin(), state.receivers.end(), [&](const auto& receiver) {
+    return int(std::ranges::count_if(state.receivers, [&](const auto& receiver) {
         return receiver->sender && receiver->sender->id == id;
     }));
 }

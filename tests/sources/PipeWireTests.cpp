@@ -26,10 +26,7 @@ protected:
     PipeWireDirectory directory;
 
     size_t listed(const std::string& title) {
-        auto sources = directory.availableSources();
-        return size_t(std::count_if(sources.begin(), sources.end(), [&](const SourceDescription& source) {
-            return source.title() == title;
-        }));
+        return size_t(std::ranges::count(directory.availableSources(), title, &SourceDescription::title));
     }
 };
 
@@ -74,10 +71,8 @@ TEST(PipeWireWithoutDaemon, ListsNothingAndSaysWhyOnceAndTheComputersSoundSaysWh
     ComputerSound sound;
     Result<> started = sound.start();
     SetLogSink({});
-    EXPECT_EQ(
-        std::count_if(lines.begin(), lines.end(),
-                      [](const std::string& line) { return line.starts_with("PipeWire: no PipeWire"); }),
-        1);
+    auto saysWhy = [](const std::string& line) { return line.starts_with("PipeWire: no PipeWire"); };
+    EXPECT_EQ(std::ranges::count_if(lines, saysWhy), 1);
     ASSERT_FALSE(started);
     EXPECT_TRUE(started.error().message().starts_with("no PipeWire daemon to connect to ("))
         << started.error().message();
