@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 
@@ -124,8 +125,7 @@ TEST(TestPatternTest, DrawsIntoAPictureAgainOnlyOnceNobodyHoldsIt) {
     auto first = Draw(*source, 1);
     const std::vector<uint8_t> shown = first->readPixels(0, 0, 64, 36).value();
     auto second = Draw(*source, 2);
-    EXPECT_NE(second, first) << "the first is still held here";
-    EXPECT_EQ(first->readPixels(0, 0, 64, 36).value(), shown) << "the first still shows frame 1";
+    EXPECT_EQ(first->readPixels(0, 0, 64, 36).value(), shown) << "the first, still held here, shows frame 1";
 }
 
 // A picture that comes round again has only what moved drawn anew: it must then hold exactly what a
@@ -151,17 +151,10 @@ TEST(TestPatternTest, APictureDrawnAgainHoldsWhatAFreshPatternDrawsForItsNewFram
 
             auto fresh = Pattern(320, 180, transparent);
             auto expected = Draw(*fresh, after);
-            Pixels drawn = ReadPixels(*again), wanted = ReadPixels(*expected);
-            int differing = 0;
-            for (uint32_t y = 0; y < 180; ++y) {
-                for (uint32_t x = 0; x < 320; ++x) {
-                    if (drawn.at(x, y) != wanted.at(x, y) && ++differing <= 3)
-                        ADD_FAILURE()
-                            << "at " << x << ", " << y << ": " << ::testing::PrintToString(drawn.at(x, y))
-                            << " instead of " << ::testing::PrintToString(wanted.at(x, y));
-                }
-            }
-            EXPECT_EQ(differing, 0);
+            const std::vector<uint8_t> drawn = again->readPixels(0, 0, 320, 180).value(),
+                                       wanted = expected->readPixels(0, 0, 320, 180).value();
+            const auto apart = (std::ranges::mismatch(drawn, wanted).in1 - drawn.begin()) / 4;
+            EXPECT_TRUE(drawn == wanted) << "first apart at " << apart % 320 << ", " << apart / 320;
         }
     }
 }
