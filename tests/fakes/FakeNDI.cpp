@@ -113,7 +113,7 @@ struct Receiver {
     // benchmark of the program measures the program. Painted again only in a capture, as the program frees
     // each frame before it captures the next.
     int paintedFor = 0;
-    std::vector<uint8_t> bright, dark;
+    std::array<std::vector<uint8_t>, 2> painted; // bright, dark
     std::vector<float> sound;
 };
 
@@ -151,8 +151,7 @@ void Connect(Receiver& receiver, const Sender* sender, Clock::time_point now) {
 // looks again.
 void SendersChanged(Clock::time_point now) {
     for (auto& receiver : state.receivers) {
-        auto found = std::find_if(state.senders.begin(), state.senders.end(),
-                                  [&](const auto& sender) { return sender->name == receiver->name; });
+        auto found = std::ranges::find(state.senders, receiver->name, &Sender::name);
         const Sender* sender = found == state.senders.end() ? nullptr : found->get();
         if (sender != receiver->sender)
             Connect(*receiver, sender, now);
@@ -164,21 +163,17 @@ void HandPicture(Receiver& receiver, VideoFrameV2& frame) {
     const FakeNDISender& settings = receiver.sender->settings;
     const double time = receiver.sender->rates[0].timeOf(receiver.next[0]++);
     const bool dark = receiver.sender->darkAt(time);
-    if (receiver.paintedFor != receiver.sender->id) {
-        receiver.bright.clear();
-        receiver.dark.clear();
-        receiver.paintedFor = receiver.sender->id;
-    }
-    std::vector<uint8_t>& picture = dark ? receiver.dark : receiver.bright;
+    if (std::exchange(receiver.paintedFor, receiver.sender->id) != receiver.sender->id)
+        receiver.painted = {};
+    std::vector<uint8_t>& picture = receiver.painted[dark];
     if (picture.empty())
         picture = Paint(settings, dark);
     const int stride = settings.stride ? settings.stride : int(picture.size()) / std::max(1, settings.height);
     const float aspect = settings.height ? float(settings.width) / float(settings.height) : 0.0f;
     const auto timecode = int64_t(time * 1e7);
-    const int progressive = 1;
     frame = VideoFrameV2(settings.width, settings.height, settings.fourcc, settings.frameRateN,
-                         settings.frameRateD, aspect, progressive, timecode, picture.data(), stride, nullptr,
-                         timecode);
+                         settings.frameRateD, aspect, /* progressive */ 1, timecode, picture.data(), stride,
+                         nullptr, timecode);
 }
 
 void HandSound(Receiver& receiver, AudioFrameV3& frame) {
@@ -253,9 +248,7 @@ bool FindWaitForSources(void* find, uint32_t timeoutMs) {
     const auto& finder = *static_cast<Finder*>(find);
     std::unique_lock lock(state.mutex);
     return state.changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
-        return !std::equal(finder.names.begin(), finder.names.end(), state.senders.begin(),
-                           state.senders.end(),
-                           [](const std::string& name, const auto& sender) { return name == sender->name; });
+        return !std::ranges::equal(finder.names, state.senders, {}, {}, &Sender::name);
     });
 }
 
@@ -361,8 +354,7 @@ const void* const* Table() {
 
 // The sender of `id`, under the state's lock; the list's end when there is none.
 auto SenderOf(int id) {
-    return std::find_if(state.senders.begin(), state.senders.end(),
-                        [&](const auto& sender) { return sender->id == id; });
+    return std::ranges::find(state.senders, id, &Sender::id);
 }
 
 } // namespace
@@ -398,7 +390,7 @@ void FakeNDI_MoveSenderFirst(int id) {
 
 int FakeNDI_ReceiverCount(int id) {
     std::lock_guard lock(state.mutex);
-    return int(std::count_if(state.receivers.begin(), state.receivers.end(), [&](const auto& receiver) {
+    return int(std::ranges::count_if(state.receivers, [&](const auto& receiver) {
         return receiver->sender && receiver->sender->id == id;
     }));
 }

@@ -11,12 +11,9 @@
 
 #include <cmath>
 #include <cstdlib>
-#include <filesystem>
 
 namespace quorva {
 namespace {
-
-namespace fs = std::filesystem;
 
 constexpr int Width = 64, Height = 36;
 // Grey sends the same luma whichever matrix a movie is encoded with: 16 + 219 × level ÷ 255.
@@ -29,8 +26,7 @@ constexpr int LumaOf(int level) {
 std::vector<double> SoundEdges(const std::vector<float>& samples, float level, bool on) {
     constexpr size_t Quiet = 4800;
     std::vector<double> edges;
-    size_t quiet = 0;    // quiet samples in a row
-    size_t lastLoud = 0; // after the first loud one
+    size_t quiet = 0, lastLoud = 0; // quiet samples in a row; the one after the last loud one, from the first
     for (size_t i = 0; i < samples.size(); ++i) {
         const float value = std::fabs(samples[i]);
         if (value > level / 2) {
@@ -47,34 +43,23 @@ std::vector<double> SoundEdges(const std::vector<float>& samples, float level, b
 
 // The tone's frequency from its zero crossings, and its peak, over the 10 ms stretches that sound between
 // two others that sound (so that no edge of a silence is counted).
-void MeasureTone(const std::vector<float>& samples, float level, double& frequency, float& peak) {
-    constexpr size_t Stretch = 480;
-    std::vector<float> loudest;
-    std::vector<size_t> crossed;
-    for (size_t start = 1; start + Stretch <= samples.size(); start += Stretch) {
-        loudest.push_back(0);
-        crossed.push_back(0);
-        for (size_t i = start; i < start + Stretch; ++i) {
-            loudest.back() = std::max(loudest.back(), std::fabs(samples[i]));
-            crossed.back() += (samples[i - 1] < 0) != (samples[i] < 0);
-        }
-    }
+std::pair<double, float> MeasureTone(const testing::Movie& movie, float level) {
+    const std::vector<float>& loudest = movie.soundPeaks;
     size_t crossings = 0, stretches = 0;
-    peak = 0;
-    for (size_t k = 1; k + 1 < loudest.size(); ++k) {
+    float peak = 0;
+    for (size_t k = 1; k + 1 < loudest.size() && 480 * (k + 1) <= movie.left.size(); ++k) {
         if (std::min({loudest[k - 1], loudest[k], loudest[k + 1]}) < level / 2)
             continue;
-        crossings += crossed[k];
+        for (size_t i = 480 * k; i < 480 * (k + 1); ++i)
+            crossings += (movie.left[i - 1] < 0) != (movie.left[i] < 0);
         ++stretches;
         peak = std::max(peak, loudest[k]);
     }
-    frequency = stretches ? double(crossings) / 2 / (double(stretches) * Stretch / 48000) : 0;
+    return {stretches ? double(crossings) / 2 / (double(stretches) * 480 / 48000) : 0, peak};
 }
 
 TEST(NDITakeTest, EachMovieHoldsItsSendersColoursAndToneInStepWithItsPictures) {
-    const fs::path folder = fs::temp_directory_path() / ("quorva-ndi-take-" + std::to_string(::getpid()));
-    fs::remove_all(folder);
-    fs::create_directories(folder);
+    const testing::TemporaryFolder folder;
     setenv("XDG_CONFIG_HOME", folder.c_str(), 1);
     FakeNDI_Reset();
     // A blinks, with its pictures and its tone turning on and off together twice a second.
@@ -154,9 +139,7 @@ TEST(NDITakeTest, EachMovieHoldsItsSendersColoursAndToneInStepWithItsPictures) {
         }
         // Sound: the tone sent, at its level.
         ASSERT_GT(movie.left.size(), 48000u * 3);
-        double frequency = 0;
-        float peak = 0;
-        MeasureTone(movie.left, expected.level, frequency, peak);
+        const auto [frequency, peak] = MeasureTone(movie, expected.level);
         EXPECT_NEAR(frequency, expected.frequency, expected.frequency * 0.02);
         EXPECT_NEAR(peak, expected.level, expected.level * 0.1);
         if (!expected.blinks)
@@ -175,8 +158,6 @@ TEST(NDITakeTest, EachMovieHoldsItsSendersColoursAndToneInStepWithItsPictures) {
     }
     controller.reset();
     EventLoop::setMainLoop(nullptr);
-    FakeNDI_Reset();
-    fs::remove_all(folder);
 }
 
 } // namespace

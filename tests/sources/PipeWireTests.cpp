@@ -1,4 +1,5 @@
 // Run inside a PipeWire session of their own (with_pipewire.sh), against publishers they start and end.
+#include "sources/ComputerSound.h"
 #include "sources/PipeWireDirectory.h"
 
 #include "platform/Log.h"
@@ -10,7 +11,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdlib>
 #include <filesystem>
 
 namespace quorva {
@@ -26,10 +26,7 @@ protected:
     PipeWireDirectory directory;
 
     size_t listed(const std::string& title) {
-        auto sources = directory.availableSources();
-        return size_t(std::count_if(sources.begin(), sources.end(), [&](const SourceDescription& source) {
-            return source.title() == title;
-        }));
+        return size_t(std::ranges::count(directory.availableSources(), title, &SourceDescription::title));
     }
 };
 
@@ -57,12 +54,13 @@ TEST_F(PipeWireTest, PublishersAreListedWhileTheyRunAndTheirSourcesDieWithThem) 
     EXPECT_GT(changes, before);
 }
 
-// Without a daemon nothing is listed, and the reason is logged once.
-TEST(PipeWireWithoutDaemon, ListsNothingAndSaysWhyOnce) {
-    const std::string saved = std::getenv("PIPEWIRE_RUNTIME_DIR") ? std::getenv("PIPEWIRE_RUNTIME_DIR") : "";
+// Without a daemon nothing is listed, and the reason is logged once; the computer's sound says why it
+// cannot start, and may still be stopped.
+TEST(PipeWireWithoutDaemon, ListsNothingAndSaysWhyOnceAndTheComputersSoundSaysWhy) {
     const auto empty = std::filesystem::path(::testing::TempDir()) / "no-pipewire";
     std::filesystem::create_directories(empty);
-    setenv("PIPEWIRE_RUNTIME_DIR", empty.c_str(), 1);
+    testing::ScopedVariable runtime("PIPEWIRE_RUNTIME_DIR");
+    runtime.set(empty.string());
     std::vector<std::string> lines;
     SetLogSink([&](const std::string& line) { lines.push_back(line); });
     {
@@ -70,12 +68,15 @@ TEST(PipeWireWithoutDaemon, ListsNothingAndSaysWhyOnce) {
         EXPECT_TRUE(directory.availableSources().empty());
         EXPECT_TRUE(directory.availableSources().empty());
     }
+    ComputerSound sound;
+    Result<> started = sound.start();
     SetLogSink({});
-    setenv("PIPEWIRE_RUNTIME_DIR", saved.c_str(), 1);
-    EXPECT_EQ(
-        std::count_if(lines.begin(), lines.end(),
-                      [](const std::string& line) { return line.starts_with("PipeWire: no PipeWire"); }),
-        1);
+    auto saysWhy = [](const std::string& line) { return line.starts_with("PipeWire: no PipeWire"); };
+    EXPECT_EQ(std::ranges::count_if(lines, saysWhy), 1);
+    ASSERT_FALSE(started);
+    EXPECT_TRUE(started.error().message().starts_with("no PipeWire daemon to connect to ("))
+        << started.error().message();
+    sound.stop();
 }
 
 // Every layout a publisher may choose arrives upright, at its size, in the colours published (YUV within
@@ -97,16 +98,15 @@ TEST_F(PipeWireTest, EachPublishedLayoutArrivesUprightInItsColours) {
         // YUV within what its rounding and the chroma's sharing between neighbours allow.
         const int tolerance = format.starts_with("RGB") || format.starts_with("BGR") ? 0 : 6;
         const testing::Pixels pixels = testing::ReadPixels(*engine, picture);
-        auto near = [&](uint32_t x, uint32_t y, testing::Pixel expected) {
-            const testing::Pixel pixel = pixels.at(x, y);
-            const bool near = std::abs(pixel.r - expected.r) <= tolerance &&
-                              std::abs(pixel.g - expected.g) <= tolerance &&
-                              std::abs(pixel.b - expected.b) <= tolerance && pixel.a == 255;
-            if (!near)
-                ADD_FAILURE() << ::testing::PrintToString(pixel) << " at " << x << ", " << y;
-        };
-        near(4, 4, {255, 255, 255, 255});
-        near(90, 4, {255, 0, 0, 255});
+        // White and blue at either end of the top.
+        for (auto [x, expected] :
+             {std::pair{4u, testing::Pixel{255, 255, 255, 255}}, {90u, {255, 0, 0, 255}}}) {
+            const testing::Pixel pixel = pixels.at(x, 4);
+            EXPECT_TRUE(std::abs(pixel.r - expected.r) <= tolerance &&
+                        std::abs(pixel.g - expected.g) <= tolerance &&
+                        std::abs(pixel.b - expected.b) <= tolerance && pixel.a == 255)
+                << ::testing::PrintToString(pixel) << " at " << x << ", 4";
+        }
         EXPECT_LT(pixels.at(4, 60).r, 128);
     }
 }

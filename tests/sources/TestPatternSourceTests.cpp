@@ -23,7 +23,7 @@ TEST(TestPatternSourceTest, SourcesDeliverPicturesAtTheirRateWithTheirSound) {
         double rate;
         std::shared_ptr<FrameSource> source;
         std::atomic<uint64_t> pictures{0}, soundFrames{0};
-        uint64_t picturesBefore = 0, soundBefore = 0;
+        std::pair<uint64_t, uint64_t> before{}; // pictures and sound frames as the window opens
     };
     Feed feeds[] = {{"Test Pattern 1080p60", 1920, 60, {}}, {"Test Pattern 720p30", 1280, 30, {}}};
     for (auto& feed : feeds) {
@@ -42,16 +42,15 @@ TEST(TestPatternSourceTest, SourcesDeliverPicturesAtTheirRateWithTheirSound) {
     for (int wait = 0; wait < 300 && (feeds[0].pictures == 0 || feeds[1].pictures == 0); ++wait)
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     for (auto& feed : feeds)
-        std::tie(feed.picturesBefore, feed.soundBefore) =
-            std::pair(feed.pictures.load(), feed.soundFrames.load());
+        feed.before = {feed.pictures, feed.soundFrames};
     double start = MediaClock::now();
     std::this_thread::sleep_for(std::chrono::seconds(2));
     double window = MediaClock::now() - start;
 
     for (auto& feed : feeds) {
         SCOPED_TRACE(feed.title);
-        double pictures = double(feed.pictures - feed.picturesBefore);
-        double seconds = double(feed.soundFrames - feed.soundBefore) / 48000;
+        double pictures = double(feed.pictures - feed.before.first);
+        double seconds = double(feed.soundFrames - feed.before.second) / 48000;
         EXPECT_GE(pictures, 1);
         EXPECT_LE(pictures, feed.rate * window + 2);
         EXPECT_GE(seconds, window / 2);

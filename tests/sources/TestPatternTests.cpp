@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 
@@ -61,41 +62,37 @@ std::string Digits(const Pixels& pixels, const TestPatternGeometry& geometry) {
     return digits;
 }
 
-TEST(TestPatternTest, ShowsTheFrameNumberInDigitsThatReadBack) {
-    for (auto [width, height] : {std::pair{1920u, 1080u}, std::pair{1280u, 720u}, std::pair{640u, 360u}}) {
-        auto source = Pattern(width, height, false);
-        // Between them every digit, and a number beyond eight digits showing its last eight.
-        for (uint64_t frame : {90817263ull, 45ull, 12345678954ull}) {
-            auto picture = Draw(*source, frame);
-            std::string expected = std::to_string(frame % 100000000);
-            expected.insert(0, 8 - expected.size(), '0');
-            EXPECT_EQ(Digits(ReadPixels(*picture), source->geometry()), expected) << width << " × " << height;
-        }
-    }
-}
-
-TEST(TestPatternTest, TheSquareMovesEveryFrameAndSizesThatCannotBeDrawnAreRefused) {
+// Between them the frames show every digit, and a number beyond eight digits showing its last eight; the
+// first three show the square moving every frame. Sizes that cannot be drawn are refused.
+TEST(TestPatternTest, ShowsTheFrameNumberInDigitsThatReadBackAndASquareThatMovesEveryFrame) {
     for (auto [width, height] : {std::pair{0u, 1080u}, {1920u, 8u}, {16385u, 1080u}})
         EXPECT_FALSE(TestPattern::make(width, height, false)) << width << " × " << height;
-    auto source = Pattern(1280, 720, false);
-    const TestPatternGeometry& geometry = source->geometry();
-    std::pair<int, int> previous{-1, -1};
-    for (uint64_t frame : {0ull, 1ull, 2ull, 100ull}) {
-        auto picture = Draw(*source, frame);
-        // The columns of the square, found along its middle row.
-        Pixels pixels = ReadPixels(*picture);
-        std::pair<int, int> columns{-1, -1};
-        for (uint32_t x = 0; x < uint32_t(geometry.width); ++x) {
-            if (pixels.at(x, uint32_t(geometry.squareTop + geometry.squareSide / 2)) == White)
-                columns = {columns.first < 0 ? int(x) : columns.first, int(x)};
+    for (auto [width, height] : {std::pair{1920u, 1080u}, std::pair{1280u, 720u}, std::pair{640u, 360u}}) {
+        SCOPED_TRACE(::testing::Message() << width << " × " << height);
+        auto source = Pattern(width, height, false);
+        const TestPatternGeometry& geometry = source->geometry();
+        std::pair<int, int> previous{-1, -1};
+        for (uint64_t frame : {0ull, 1ull, 2ull, 90817263ull, 45ull, 12345678954ull}) {
+            const Pixels pixels = ReadPixels(*Draw(*source, frame));
+            std::string expected = std::to_string(frame % 100000000);
+            expected.insert(0, 8 - expected.size(), '0');
+            EXPECT_EQ(Digits(pixels, geometry), expected);
+            // The columns of the square, found along its middle row.
+            std::pair<int, int> columns{-1, -1};
+            for (uint32_t x = 0; x < width; ++x) {
+                if (pixels.at(x, uint32_t(geometry.squareTop + geometry.squareSide / 2)) == White)
+                    columns = {columns.first < 0 ? int(x) : columns.first, int(x)};
+            }
+            Rect square = geometry.squareAt(frame);
+            EXPECT_EQ(columns, std::make_pair(int(square.x), int(square.x + square.width) - 1)) << frame;
+            if (frame <= 2) {
+                EXPECT_NE(columns, previous) << "the square stays put at frame " << frame;
+            }
+            previous = columns;
         }
-        Rect expected = geometry.squareAt(frame);
-        EXPECT_EQ(columns, std::make_pair(int(expected.x), int(expected.x + expected.width) - 1)) << frame;
-        EXPECT_NE(columns, previous) << frame;
-        previous = columns;
+        // At the end of its travel it starts again from the left.
+        EXPECT_EQ(geometry.squareAt(SquarePositions(geometry)).x, 0);
     }
-    // At the end of its travel it starts again from the left.
-    EXPECT_EQ(geometry.squareAt(SquarePositions(geometry)).x, 0);
 }
 
 TEST(TestPatternTest, DrawsSevenOpaqueColourBarsAboveAnOpaqueOrAClearGroundWithItsSquareHalfSeeThrough) {
@@ -128,8 +125,7 @@ TEST(TestPatternTest, DrawsIntoAPictureAgainOnlyOnceNobodyHoldsIt) {
     auto first = Draw(*source, 1);
     const std::vector<uint8_t> shown = first->readPixels(0, 0, 64, 36).value();
     auto second = Draw(*source, 2);
-    EXPECT_NE(second, first) << "the first is still held here";
-    EXPECT_EQ(first->readPixels(0, 0, 64, 36).value(), shown) << "the first still shows frame 1";
+    EXPECT_EQ(first->readPixels(0, 0, 64, 36).value(), shown) << "the first, still held here, shows frame 1";
 }
 
 // A picture that comes round again has only what moved drawn anew: it must then hold exactly what a
@@ -155,17 +151,10 @@ TEST(TestPatternTest, APictureDrawnAgainHoldsWhatAFreshPatternDrawsForItsNewFram
 
             auto fresh = Pattern(320, 180, transparent);
             auto expected = Draw(*fresh, after);
-            Pixels drawn = ReadPixels(*again), wanted = ReadPixels(*expected);
-            int differing = 0;
-            for (uint32_t y = 0; y < 180; ++y) {
-                for (uint32_t x = 0; x < 320; ++x) {
-                    if (drawn.at(x, y) != wanted.at(x, y) && ++differing <= 3)
-                        ADD_FAILURE()
-                            << "at " << x << ", " << y << ": " << ::testing::PrintToString(drawn.at(x, y))
-                            << " instead of " << ::testing::PrintToString(wanted.at(x, y));
-                }
-            }
-            EXPECT_EQ(differing, 0);
+            const std::vector<uint8_t> drawn = again->readPixels(0, 0, 320, 180).value(),
+                                       wanted = expected->readPixels(0, 0, 320, 180).value();
+            const auto apart = (std::ranges::mismatch(drawn, wanted).in1 - drawn.begin()) / 4;
+            EXPECT_TRUE(drawn == wanted) << "first apart at " << apart % 320 << ", " << apart / 320;
         }
     }
 }
