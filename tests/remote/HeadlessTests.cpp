@@ -3,9 +3,6 @@
 // sends them, are the receiver's tests'.)
 #include "NetworkTesting.h"
 
-#include <algorithm>
-#include <filesystem>
-#include <gtest/gtest.h>
 #include <random>
 #include <tuple>
 
@@ -139,9 +136,7 @@ TEST_F(HeadlessTest, GarbageSilenceAndAFloodAreSurvivedAndTheNextMessageStillWor
     EXPECT_EQ(StatusLine(r.queryPort, std::string(16384, 'x')), "HTTP/1.1 400 Bad Request");
     EXPECT_EQ(StatusLine(r.queryPort, "GET /?HOST_INFO HTTP/1.1\r\nHost: x"), "");
 
-    int silent = ::socket(AF_INET, SOCK_STREAM, 0); // connects, then says nothing
-    sockaddr_in server = Loopback(r.queryPort);
-    ASSERT_EQ(::connect(silent, reinterpret_cast<sockaddr*>(&server), sizeof server), 0);
+    int silent = Connected(::socket(AF_INET, SOCK_STREAM, 0), r.queryPort); // connects, then says nothing
 
     for (int i = 0; i < 1000; ++i, send(gap))
         gap[14] = char(i >> 8), gap[15] = char(i);
