@@ -170,13 +170,6 @@ struct HeadlessRecorder {
     void send(const std::string& arguments) const {
         Shell("oscsend 127.0.0.1 " + std::to_string(oscPort) + " " + arguments);
     }
-    // The camera test pattern as the first source, each source recorded to a file of its own in `dir`.
-    void prepareTake() const {
-        send("/source/1 s 720p30");
-        send("/output s separate");
-        send("/folder s " + dir);
-        send("/name s take");
-    }
     // Waits up to 20 seconds for `address` to read `expected` over OSCQuery, and answers what it read last.
     nlohmann::json value(const std::string& address, const nlohmann::json& expected = {}) const {
         nlohmann::json read;
