@@ -2,9 +2,6 @@
 
 #include "NetworkTesting.h"
 
-#include <fstream>
-#include <gtest/gtest.h>
-
 namespace quorva {
 namespace {
 
@@ -75,9 +72,6 @@ TEST_F(AvahiTest, TheServiceIsFoundAndASecondOfTheSameNameIsRenamedWithItsPort) 
     EXPECT_NE(found.find("=;lo;IPv4;QuorvaTest;_oscjson._tcp;local;"), std::string::npos) << found;
     EXPECT_NE(found.find(";127.0.0.1;" + port + ";"), std::string::npos) << found;
     EXPECT_NE(found.find("QuorvaTest\\032" + std::to_string(second->httpPort())), std::string::npos) << found;
-
-    second->stop();
-    first->stop();
 }
 
 } // namespace

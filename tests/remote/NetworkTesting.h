@@ -9,19 +9,13 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <chrono>
-#include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
-#include <iterator>
 #include <memory>
 #include <mutex>
 #include <netinet/in.h>
-#include <string>
 #include <sys/socket.h>
 #include <thread>
-#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -82,6 +76,13 @@ inline sockaddr_in Loopback(int port) {
     return {AF_INET, htons(uint16_t(port)), {htonl(INADDR_LOOPBACK)}, {}};
 }
 
+// `fd` connected to 127.0.0.1:port, or connecting when it does not block.
+inline int Connected(int fd, int port) {
+    sockaddr_in to = Loopback(port);
+    ::connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to);
+    return fd;
+}
+
 // A socket bound to every interface, or to 127.0.0.`host`, on `port` (0: one the system picks), so that a
 // test can take a port away or be a client from another address.
 inline int BoundSocket(int type, int port = 0, int host = 0) {
@@ -112,19 +113,15 @@ struct Answer {
 inline Answer Curl(int port, const std::string& target, const std::string& options = "") {
     std::string out = Shell("curl -s -i --max-time 10 " + options +
                             " 'http://127.0.0.1:" + std::to_string(port) + target + "'");
-    Answer answer;
+    int status = 0;
+    std::sscanf(out.c_str(), "HTTP/1.1 %d", &status);
     size_t end = out.find("\r\n\r\n");
-    answer.head = out.substr(0, end);
-    answer.body = end == std::string::npos ? "" : out.substr(end + 4);
-    std::sscanf(out.c_str(), "HTTP/1.1 %d", &answer.status);
-    return answer;
+    return {status, out.substr(0, end), end == std::string::npos ? "" : out.substr(end + 4)};
 }
 
 // The status line answered to raw bytes, or "" when the server closed without answering.
 inline std::string StatusLine(int port, const std::string& request) {
-    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in to = Loopback(port);
-    ::connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to);
+    int fd = Connected(::socket(AF_INET, SOCK_STREAM, 0), port);
     ::send(fd, request.data(), request.size(), MSG_NOSIGNAL);
     ::shutdown(fd, SHUT_WR);
     std::string answer;
@@ -168,20 +165,10 @@ struct HeadlessRecorder {
         EXPECT_EQ(pid ? stop() : 0, 0) << log();
         std::filesystem::remove_all(dir);
     }
-    std::string log() const {
-        std::ifstream in(dir + "/log");
-        return {std::istreambuf_iterator<char>(in), {}};
-    }
+    std::string log() const { return Shell("cat " + dir + "/log 2>/dev/null"); }
     int stop() { return End(std::exchange(pid, 0)); }
     void send(const std::string& arguments) const {
         Shell("oscsend 127.0.0.1 " + std::to_string(oscPort) + " " + arguments);
-    }
-    // The camera test pattern as the first source, each source recorded to a file of its own in `dir`.
-    void prepareTake() const {
-        send("/source/1 s 720p30");
-        send("/output s separate");
-        send("/folder s " + dir);
-        send("/name s take");
     }
     // Waits up to 20 seconds for `address` to read `expected` over OSCQuery, and answers what it read last.
     nlohmann::json value(const std::string& address, const nlohmann::json& expected = {}) const {

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <limits>
-#include <string>
 #include <string_view>
 #include <tuple>
 
@@ -74,8 +73,13 @@ TEST(OSCMessageParse, DatagramsAreReadWholeOrRejectedWhole) {
         {"text without a NUL", text + B("abcd"sv), "rejected"},
         {"text missing", text, "rejected"},
         {"padding need not be zero", B("/ab\0"sv) + B(",s\0X"sv) + B("hi\0Y"sv), "/ab hi"},
-        {"T takes no data", p + B(",iT\0"sv) + Word(3), "/p 3 1"},
-        {"N is dropped", p + B(",N\0\0"sv), "/p "},
+        {"T and F take no data", p + B(",iTF\0\0\0\0"sv) + Word(3), "/p 3 1 0"},
+        {"N and I are dropped", p + B(",NI\0"sv), "/p "},
+        // A 64-bit integer that 32 bits cannot hold, and a double that a float would round.
+        {"h d S",
+         p + B(",hdS\0\0\0\0"sv) + Word(0x80000000u) + Word(5) + Word(0x3FD55555u) + Word(0x55555555u) +
+             B("sym\0"sv),
+         "/p -9223372036854775803 0.3333333333333333 sym"},
         {"a skipped blob leaves no gap", p + B(",bi\0"sv) + Word(2) + B("xy\0\0"sv) + Word(9), "/p 9"},
         {"no tag at all", p + B(",\0\0\0"sv), "/p "},
         {"empty blob", blob + Word(0), "/b "},
@@ -155,32 +159,8 @@ TEST(OSCMessageParse, DatagramsAreReadWholeOrRejectedWhole) {
     }
 }
 
-TEST(OSCMessageParse, EveryTagConsumesItsOwnWidth) {
-    // A text after every item that is skipped shows that each consumed exactly its width: any slip
-    // would read the following text from the wrong place.
-    Bytes bytes = B("/all\0\0\0\0"sv) + B(",ihfdsSTFINcsrsmstsbsbs\0"sv) //
-                  + Word(uint32_t(-2))                                   // i
-                  + Word(0x80000000u) + Word(5)                          // h
-                  + Word(0x3FC00000u)                                    // f 1.5
-                  + Word(0xC0040000u) + Word(0)                          // d -2.5
-                  + B("text\0\0\0\0"sv) + B("sym\0"sv)                   // s S
-                  + Word(0x41) + B("c\0\0\0"sv)                          // c s
-                  + Word(0xFF0000FF) + B("r\0\0\0"sv)                    // r s
-                  + Word(0x00904060) + B("m\0\0\0"sv)                    // m s
-                  + Word(1) + Word(2) + B("t\0\0\0"sv)                   // t s
-                  + Word(5) + B("abcde\0\0\0"sv) + B("b5\0\0"sv)         // b s
-                  + Word(0) + B("end\0"sv);                              // b s
-    auto messages = OSCMessage::messagesFromPacket(bytes);
-    ASSERT_EQ(messages.size(), 1u);
-    EXPECT_EQ(messages[0].arguments(),
-              (std::vector<OSCArgument>{int32_t(-2), int64_t(-0x7FFFFFFFFFFFFFFB), 1.5f, -2.5, "text"s,
-                                        "sym"s, true, false, "c"s, "r"s, "m"s, "t"s, "b5"s, "end"s}));
-}
-
 TEST(OSCMessageEncode, TextsEndInOneToFourNulsNumbersGoAsInt32OrFloat32AndTheParserReadsThemBack) {
     EXPECT_EQ(OSCMessage("/rec").packet(), B("/rec\0\0\0\0,\0\0\0"sv));
-    EXPECT_EQ(OSCMessage("/x", {1.5, int64_t(2), "a"s}).packet(),
-              B("/x\0\0,fis\0\0\0\0"sv) + Word(0x3FC00000u) + Word(2) + B("a\0\0\0"sv));
     EXPECT_EQ(OSCMessage("/ab", {""s, "xyz"s, "wxyz"s}).packet(),
               B("/ab\0,sss\0\0\0\0"sv) + B("\0\0\0\0"sv) + B("xyz\0"sv) + B("wxyz\0\0\0\0"sv));
     OSCMessage numbers("/n", {int32_t(-1), int64_t(0x1'2345'6789), true, false, 0.1f, 1e300, -0.0});

@@ -5,7 +5,6 @@
 #include "remote/OSCMessage.h"
 
 #include <atomic>
-#include <gtest/gtest.h>
 #include <poll.h>
 
 namespace quorva {
@@ -55,10 +54,7 @@ struct SlowClients {
     }
     // Without waiting: a full accept queue must not hold up the other clients.
     int connect(size_t client) const {
-        int fd = BoundSocket(SOCK_STREAM | SOCK_NONBLOCK, 0, oneAddress ? 2 : 2 + int(client));
-        sockaddr_in to = Loopback(port);
-        ::connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to);
-        return fd;
+        return Connected(BoundSocket(SOCK_STREAM | SOCK_NONBLOCK, 0, oneAddress ? 2 : 2 + int(client)), port);
     }
     // One more byte; false once the server has closed the connection.
     bool dribble(int fd) {
@@ -78,8 +74,7 @@ int StuckListener(int port, const std::string& address) {
     int fd = ::socket(AF_INET, SOCK_STREAM, 0);
     int smallest = 1;
     ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &smallest, sizeof smallest);
-    sockaddr_in to = Loopback(port);
-    ::connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to);
+    Connected(fd, port);
     std::string upgrade = "GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
                           "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n";
     ::send(fd, upgrade.data(), upgrade.size(), MSG_NOSIGNAL);
@@ -149,9 +144,11 @@ TEST_F(OSCQueryListenerTest, AListenerThatNeverReadsIsLetGoWithoutDelayingTheOth
     LogLines log;
     start({.backlog = 16384});
     int stuck = StuckListener(port, "/x");
-    std::string out = ::testing::TempDir() + "listeners-" + std::to_string(::getpid());
-    pid_t clients = Spawn("/usr/bin/python3 " QUORVA_TEST_SOURCE_DIR "/websocket_client.py listeners " +
-                          std::to_string(port) + " 40 /x >" + out);
+    std::string received; // how many of the forty heard the last push
+    std::jthread clients([&] {
+        received = Shell("/usr/bin/python3 " QUORVA_TEST_SOURCE_DIR "/websocket_client.py listeners " +
+                         std::to_string(port) + " 40 /x");
+    });
     ASSERT_TRUE(WaitUntil(30, 10, [&] { return listening == 41; })) << listening;
 
     const std::string letGo = "OSCQuery: a WebSocket client that does not read what it listens to was let go";
@@ -166,14 +163,11 @@ TEST_F(OSCQueryListenerTest, AListenerThatNeverReadsIsLetGoWithoutDelayingTheOth
     }
     EXPECT_TRUE(log.has(letGo));
     listener->push("/x", OSCMessage("/x", {std::string("done")}).packet());
-    int status = 0;
-    ::waitpid(clients, &status, 0);
-    std::string received = Shell("cat " + out);
+    clients.join();
     EXPECT_EQ(received, "40\n");
     std::string all = log.all();
     EXPECT_EQ(all.find(letGo), all.rfind(letGo)) << all; // only the one that never read
     ::close(stuck);
-    Shell("rm -f " + out);
 }
 
 } // namespace

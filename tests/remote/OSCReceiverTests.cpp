@@ -3,52 +3,40 @@
 #include "NetworkTesting.h"
 
 #include <atomic>
-#include <fstream>
-#include <gtest/gtest.h>
 
 namespace quorva {
 namespace {
 
 using namespace quorva::testing;
 
-struct Received {
-    std::mutex lock;
-    std::vector<std::string> seen; // descriptions, and "marker" where a task posted by the first one ran
-    std::atomic<bool> offMain = false;
-    OSCReceiver::Handler handler(HeadlessEventLoop& loop) {
-        return [this, &loop](const OSCMessage& message) {
-            offMain = offMain || !loop.isCurrent();
-            std::lock_guard guard(lock);
-            if (seen.empty())
-                loop.post([this] {
-                    std::lock_guard guard(lock);
-                    seen.push_back("marker");
-                });
-            seen.push_back(message.description());
-        };
-    }
-    bool waitFor(const std::string& line) {
-        return WaitUntil(10, 10, [&] {
-            std::lock_guard guard(lock);
-            return std::find(seen.begin(), seen.end(), line) != seen.end();
-        });
-    }
-};
-
 // Garbage, floods and the port search are driven through the whole program by the headless tests.
 TEST(OSCReceiver, ABundleFromOscsendfileArrivesInOneMainThreadTaskAndStopIsIdempotent) {
     MainThread main;
-    Received received;
+    std::mutex lock;
+    std::vector<std::string> seen; // descriptions, and "marker" where a task posted by the first one ran
+    std::atomic<bool> offMain = false;
     OSCReceiver receiver;
-    ASSERT_TRUE(receiver.startOnPort(0, received.handler(*main.loop)));
+    ASSERT_TRUE(receiver.startOnPort(0, [&](const OSCMessage& message) {
+        offMain = offMain || !main.loop->isCurrent();
+        std::lock_guard guard(lock);
+        if (seen.empty())
+            main.loop->post([&] {
+                std::lock_guard guard(lock);
+                seen.push_back("marker");
+            });
+        seen.push_back(message.description());
+    }));
 
     std::string file = ::testing::TempDir() + "bundle.txt";
     std::ofstream(file) << "e0000000.00000000 /one i 1\ne0000000.00000000 /two s x\n"
                            "e0000000.00000000 /three f 1.5\n";
     Shell("oscsendfile localhost " + std::to_string(receiver.port()) + " " + file);
-    ASSERT_TRUE(received.waitFor("marker"));
-    EXPECT_EQ(received.seen, (std::vector<std::string>{"/one 1", "/two x", "/three 1.5", "marker"}));
-    EXPECT_FALSE(received.offMain);
+    ASSERT_TRUE(WaitUntil(10, 10, [&] {
+        std::lock_guard guard(lock);
+        return std::ranges::count(seen, "marker") == 1;
+    }));
+    EXPECT_EQ(seen, (std::vector<std::string>{"/one 1", "/two x", "/three 1.5", "marker"}));
+    EXPECT_FALSE(offMain);
 
     receiver.stop();
     EXPECT_EQ(receiver.port(), 0);

@@ -79,7 +79,7 @@ async def drive(query_port, osc_port):
         await until(ws, "/status/state", "idle")
         ignored_from = len(pushed)
         await ws.send(json.dumps({"COMMAND": "IGNORE", "DATA": "/status/state"}))
-        await ws.send(message("/record", 1))
+        await ws.send(message("/start"))
         await ws.send(message("/gap", 18))
         await until(ws, "/gap", 18)
         try:  # whatever else comes within a second

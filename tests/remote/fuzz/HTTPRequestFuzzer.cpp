@@ -5,10 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include <cstdint>
 #include <cstdlib>
-#include <string>
-#include <string_view>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using quorva::HTTPRequest;

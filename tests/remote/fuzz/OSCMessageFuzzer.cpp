@@ -6,13 +6,9 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <string>
 #include <type_traits>
-#include <variant>
-#include <vector>
 
 namespace {
 
