@@ -44,7 +44,7 @@ TEST(UpdateVersions, CompareAsPeopleWriteThem) {
 }
 
 // A document that does not read throws from value(), which fails the test.
-TEST(ReleaseDocuments, ReadTheReleaseServiceAndManifests) {
+TEST(ReleaseDocuments, ReadTheReleaseServiceAndManifestsAndRefuseWhatCannotBeTrusted) {
     const std::string id = "org.quorva.QuorvaRecorder";
     const std::string latest = R"({"tag_name": "v2.1.0", "body": "Faster.", "html_url": "https://x/r",
         "assets": [{"name": "notes.txt", "browser_download_url": "https://x/notes.txt"},
@@ -64,9 +64,7 @@ TEST(ReleaseDocuments, ReadTheReleaseServiceAndManifests) {
     EXPECT_EQ(
         ParseRelease(R"({"org.quorva.Other": {"version": "9"}, ")" + id + R"(": )" + entry + "}", id).value(),
         manifest);
-}
 
-TEST(ReleaseDocuments, RefuseWhatCannotBeTrusted) {
     const char* documents[] = {
         "not json",
         R"({"download_url": "https://x/a.zip"})",
@@ -79,7 +77,7 @@ TEST(ReleaseDocuments, RefuseWhatCannotBeTrusted) {
         R"({"org.quorva.Other": {"version": "2", "download_url": "https://x/a.zip"}})",
     };
     for (const char* document : documents) {
-        auto release = ParseRelease(document, "org.quorva.QuorvaRecorder");
+        auto release = ParseRelease(document, id);
         ASSERT_FALSE(release.ok()) << document;
         EXPECT_EQ(release.error().kind, UpdateError::Kind::InvalidManifest) << document;
     }
@@ -153,10 +151,17 @@ protected:
     UpdaterConfiguration configuration;
 };
 
-TEST_F(UpdaterTest, ChecksTheManifestOrTheReleaseServiceAndSaysWhyACheckFailed) {
+TEST_F(UpdaterTest, ChecksTheManifestOrTheReleaseServiceAtMostOnceADayAndSaysWhyACheckFailed) {
+    EXPECT_TRUE(service().shouldAutoCheck(1000, false)) << "never checked";
+    EXPECT_FALSE(service().shouldAutoCheck(1000, true)) << "under tests";
     server.answer("/manifest.json", 200, manifest("v1.1"));
     ASSERT_EQ(service().check(1000, ignore).kind, Kind::UpdateAvailable);
-    EXPECT_EQ(defaults->doubleForKey("org.quorva.QuorvaRecorder.lastUpdateCheck"), 1000);
+    // The next automatic check waits a day after this one, unless the clock went back.
+    EXPECT_FALSE(service().shouldAutoCheck(1000 + 86399, false));
+    EXPECT_TRUE(service().shouldAutoCheck(1000 + 86400, false));
+    EXPECT_TRUE(service().shouldAutoCheck(999, false)) << "the clock went back";
+    service().setAutoCheckOnLaunch(false);
+    EXPECT_FALSE(service().shouldAutoCheck(1000 + 86400, false));
     const std::string head = server.heads().at(0);
     for (const char* line :
          {"GET /manifest.json ", "Accept: application/vnd.github+json, application/json\r\n",
@@ -187,20 +192,9 @@ TEST_F(UpdaterTest, ChecksTheManifestOrTheReleaseServiceAndSaysWhyACheckFailed) 
         "/repos/quorva/QuorvaRecorder/releases/latest", 200,
         R"({"tag_name": "v5.0", "assets": [{"name": "q.zip", "browser_download_url": "https://x/q.zip"}]})");
     EXPECT_EQ(service().check(4000, ignore).release->version, "5.0");
-}
 
-TEST_F(UpdaterTest, ChecksAutomaticallyAtMostOnceADay) {
-    UpdateService updates = service();
-    EXPECT_TRUE(updates.shouldAutoCheck(100000, false)) << "never checked";
-    EXPECT_FALSE(updates.shouldAutoCheck(100000, true)) << "under tests";
-    (void)defaults->setDouble(100000, "org.quorva.QuorvaRecorder.lastUpdateCheck");
-    EXPECT_FALSE(updates.shouldAutoCheck(100000 + 86399, false));
-    EXPECT_TRUE(updates.shouldAutoCheck(100000 + 86400, false));
-    EXPECT_TRUE(updates.shouldAutoCheck(99999, false)) << "the clock went back";
-    updates.setAutoCheckOnLaunch(false);
-    EXPECT_FALSE(updates.shouldAutoCheck(100000 + 86400, false));
-
-    EXPECT_FALSE(updates.isRunningTestsOrHeadless());
+    // No automatic check when it is turned off, nor in a build that is no release.
+    EXPECT_FALSE(service().isRunningTestsOrHeadless());
     configuration.environment["QUORVA_DISABLE_UPDATE_CHECK"] = "1";
     EXPECT_TRUE(service().isRunningTestsOrHeadless());
     configuration.environment["QUORVA_DISABLE_UPDATE_CHECK"] = "0";
@@ -259,11 +253,10 @@ TEST_F(UpdaterTest, LeavesOtherInstallsAlone) {
     EXPECT_EQ(service().install(release(), ::getpid(), {}, ignore).error->kind,
               UpdateError::Kind::NotPortable);
     configuration.currentInstall = "/usr/bin";
-    const UpdateTexts texts = TextsOf(UpdateState{Kind::UpdateAvailable, release(), std::nullopt}, "1.0.0",
-                                      UpdateLanguage::English, service().replaceability());
-    EXPECT_EQ(texts.detail,
-              "New.\n\nThis copy of QuorvaRecorder (/usr/bin) belongs to the package manager: update "
-              "it there (sudo apt install --only-upgrade quorvarecorder).");
+    // Shown under the release's notes, as the window's update test reads.
+    EXPECT_EQ(DescribeError(service().replaceability().value(), UpdateLanguage::English),
+              "This copy of QuorvaRecorder (/usr/bin) belongs to the package manager: update it there (sudo "
+              "apt install --only-upgrade quorvarecorder).");
     EXPECT_EQ(service().install(release(), ::getpid(), {}, ignore).error->kind,
               UpdateError::Kind::PackageManaged);
     EXPECT_TRUE(server.heads().empty()) << "nothing is downloaded for an install that cannot be replaced";
