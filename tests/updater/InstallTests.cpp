@@ -1,11 +1,10 @@
 // The command line replacing a portable install of version 1.0.0 by 2.0.0, served on 127.0.0.1, as a
 // user would: the programs are real builds that trust the tests' signing key.
 #include "tests/Processes.h"
+#include "tests/core/Limits.h"
 #include "tests/updater/ReleaseTesting.h"
 
 #include <gtest/gtest.h>
-
-#include <chrono>
 
 namespace quorva {
 namespace {
@@ -49,15 +48,13 @@ TEST(UpdateCommand, ReplacesAPortableInstallAndRelaunchesIt) {
     const fs::path output = folder / "output.txt";
     EXPECT_EQ(Shell(run + " update --install >" + output.string() + " 2>&1; echo $?"), "0\n")
         << testing::ReadFile(output);
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (testing::ReadFile(output).find("QuorvaRecorder 2.0.0") == std::string::npos &&
-           std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    const std::string said = testing::ReadFile(output);
-    EXPECT_TRUE(said.starts_with("Checking for updates…\nNew version available: v2.0.0\nFaster pictures.\n"
-                                 "Downloading update…\nVerifying and installing…\n"))
-        << said;
-    EXPECT_TRUE(said.ends_with("\nQuorvaRecorder 2.0.0\n")) << said;
+    EXPECT_TRUE(testing::WaitFor([&] {
+        return testing::ReadFile(output).ends_with("\nQuorvaRecorder 2.0.0\n");
+    })) << testing::ReadFile(output);
+    EXPECT_TRUE(testing::ReadFile(output).starts_with(
+        "Checking for updates…\nNew version available: v2.0.0\nFaster pictures.\n"
+        "Downloading update…\nVerifying and installing…\n"))
+        << testing::ReadFile(output);
     EXPECT_EQ(Shell((install / "quorvarecorder").string() + " --version"), "QuorvaRecorder 2.0.0\n");
     EXPECT_TRUE(fs::exists(install / "portable-install.txt")) << "it can update itself again";
     EXPECT_FALSE(fs::exists(install.string() + ".old"));

@@ -72,12 +72,9 @@ private:
                 continue;
             std::string head;
             char buffer[4096];
-            while (head.find("\r\n\r\n") == std::string::npos) {
-                const ssize_t n = ::read(fd, buffer, sizeof buffer);
-                if (n <= 0)
-                    break;
+            for (ssize_t n;
+                 head.find("\r\n\r\n") == std::string::npos && (n = ::read(fd, buffer, sizeof buffer)) > 0;)
                 head.append(buffer, size_t(n));
-            }
             const size_t start = head.find(' ') + 1;
             const std::string path = head.substr(start, head.find(' ', start) - start);
             std::pair<int, std::string> route{404, "Not Found"};
@@ -95,12 +92,9 @@ private:
                 "HTTP/1.1 " + std::to_string(route.first) +
                 " X\r\nConnection: close\r\nContent-Length: " + std::to_string(route.second.size()) +
                 "\r\n\r\n" + route.second;
-            for (size_t sent = 0; sent < answer.size();) {
-                const ssize_t n = ::send(fd, answer.data() + sent, answer.size() - sent, MSG_NOSIGNAL);
-                if (n <= 0)
+            for (ssize_t sent = 0, n = 0; sent < ssize_t(answer.size()); sent += n)
+                if ((n = ::send(fd, answer.data() + sent, answer.size() - sent, MSG_NOSIGNAL)) <= 0)
                     break;
-                sent += size_t(n);
-            }
             ::close(fd);
         }
     }
