@@ -1,11 +1,8 @@
 // The monitor drawn with Vulkan into a real window of an X display (Xvfb), read back from the screen as
-// a user would see it.
+// a user would see it; and the processor's drawing of it, read from the widget itself.
 
 #include "App/Preview.h"
 #include "platform/Log.h"
-#include "platform/PictureEngine.h"
-#include "platform/gpu/GpuDevice.h"
-#include "platform/gpu/GpuPictureEngine.h"
 #include "tests/app/QtTesting.h"
 #include "tests/platform/PictureTesting.h"
 
@@ -18,6 +15,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <functional>
 #include <memory>
@@ -47,32 +45,18 @@ bool Near(QRgb a, QRgb b) {
 class VulkanPreviewTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        // The GPU engine even on lavapipe, which the program would otherwise leave to the processor.
-        setenv("QUORVA_PICTURES", "vulkan", 1);
         testing::Application();
         SetLogSink([](const std::string& line) { logged.push_back(line); });
-        Result<std::shared_ptr<GpuDevice>> device = GpuDevice::make();
-        ASSERT_TRUE(device) << device.error().message();
-        Result<std::shared_ptr<PictureEngine>> made = PictureEngine::make(device.value());
-        ASSERT_TRUE(made) << made.error().message();
-        engine = made.value();
-        ASSERT_TRUE(std::dynamic_pointer_cast<GpuPictureEngine>(engine)) << engine->name();
+        // The GPU engine even on lavapipe, which the program would otherwise leave to the processor.
+        engine = testing::Engine("vulkan");
     }
 
-    static void TearDownTestSuite() {
-        engine.reset();
-        SetLogSink(nullptr);
-    }
+    static void TearDownTestSuite() { SetLogSink(nullptr); }
 
     void SetUp() override {
         if (!engine)
             GTEST_SKIP() << "no GPU engine";
         logged.clear();
-    }
-
-    void TearDown() override {
-        delete view;
-        view = nullptr;
     }
 
     // A 1920 × 1080 picture of the engine, its colour at each pixel given by `colourAt`.
@@ -85,22 +69,20 @@ protected:
     }
 
     void show(int width, int height) {
-        view = PreviewView::make(
-            engine, [this] { return shown; }, nullptr, false);
+        view.reset(PreviewView::make(
+            engine, [this] { return shown; }, nullptr, false));
         view->resize(width, height);
         view->show();
     }
 
     // Waits (up to 20 seconds: lavapipe under the sanitizers is slow) until the screen shows every
-    // expected colour, then checks them, with the log of the view when they are wrong.
+    // expected colour, then checks them, with the log of the view when they are wrong, and that the view
+    // gave up on nothing.
     void expectScreen(const std::vector<Expected>& expected) {
         QImage image;
         auto matches = [&] {
-            for (const Expected& e : expected) {
-                if (!Near(pixel(image, e.x, e.y), e.colour))
-                    return false;
-            }
-            return true;
+            return std::ranges::all_of(
+                expected, [&](const Expected& e) { return Near(pixel(image, e.x, e.y), e.colour); });
         };
         QElapsedTimer waited;
         waited.start();
@@ -109,20 +91,16 @@ protected:
             image = view->screen()->grabWindow(view->winId()).toImage().convertToFormat(QImage::Format_RGB32);
         } while (!matches() && waited.elapsed() < 20000);
         std::string log;
-        for (const std::string& line : logged)
+        for (const std::string& line : logged) {
+            EXPECT_EQ(line.find("monitor"), std::string::npos) << line;
             log += line + "\n";
+        }
         for (const Expected& e : expected)
             EXPECT_TRUE(Near(pixel(image, e.x, e.y), e.colour))
                 << "at (" << e.x << ", " << e.y << ") the screen shows "
                 << QColor(pixel(image, e.x, e.y)).name().toStdString() << ", not "
                 << QColor(e.colour).name().toStdString() << "\n"
                 << log;
-    }
-
-    // The view gave up on nothing.
-    static void expectNothingLogged() {
-        for (const std::string& line : logged)
-            EXPECT_EQ(line.find("monitor"), std::string::npos) << line;
     }
 
     // The screen's pixel at a point of the view (the grab is in device pixels).
@@ -138,12 +116,11 @@ protected:
     static inline std::vector<std::string> logged;
 
     PreviewFrame shown;
-    PreviewView* view = nullptr;
+    std::unique_ptr<PreviewView> view;
 };
 
 TEST_F(VulkanPreviewTest, LetterboxesThePictureAndFollowsTheViewsSize) {
     shown.picture = MakePicture([](uint32_t x, uint32_t) { return x < 960 ? Red : Blue; });
-    ASSERT_TRUE(shown.picture);
     // In a square of 400 the picture is 400 × 225, with bars of 87.5 above and below.
     show(400, 400);
     const std::vector<Expected> square = {{200, 20, Black},  {200, 84, Black}, {100, 91, Red},
@@ -157,20 +134,31 @@ TEST_F(VulkanPreviewTest, LetterboxesThePictureAndFollowsTheViewsSize) {
                                         {37, 295, Red},    {563, 5, Blue},   {563, 295, Blue},
                                         {570, 150, Black}, {590, 150, Black}};
     expectScreen(wide);
-    expectNothingLogged();
 }
 
 TEST_F(VulkanPreviewTest, TurnsAFlippedPictureTheRightWayUpAndShowsBlackWithoutOne) {
     // Stored bottom-up: the first rows, green, are the bottom of the picture.
     shown.picture = MakePicture([](uint32_t, uint32_t y) { return y < 540 ? Green : White; });
     shown.flipped = true;
-    ASSERT_TRUE(shown.picture);
     show(400, 400);
     expectScreen({{200, 40, Black}, {200, 110, White}, {200, 290, Green}, {200, 360, Black}});
     // What the view showed before must not linger.
     shown = {};
     expectScreen({{200, 110, Black}, {200, 290, Black}, {10, 200, Black}, {390, 200, Black}});
-    expectNothingLogged();
+}
+
+// Where the processor's drawing letterboxes a picture, and in which colours, the window's tests read from
+// the screen; here, that it goes black once the picture is gone.
+TEST(ProcessorPreviewTest, ShowsBlackOnceThePictureIsGone) {
+    testing::Application();
+    const std::shared_ptr<PictureEngine> processor = testing::Engine("processor");
+    std::shared_ptr<Picture> white = testing::MakeSolidPicture(*processor, 1920, 1080, {255, 255, 255, 255});
+    auto frame = [&] { return PreviewFrame{white, false}; };
+    const std::unique_ptr<PreviewView> view(PreviewView::make(processor, frame, nullptr, false));
+    view->resize(400, 400);
+    EXPECT_GE(view->grab().toImage().pixelColor(200, 200).value(), 250); // within what the scaling rounds
+    white = nullptr;
+    EXPECT_EQ(view->grab().toImage().pixelColor(200, 200), QColor(Qt::black));
 }
 
 } // namespace

@@ -17,6 +17,7 @@
 #include "remote/RecorderNetwork.h"
 #include "sources/ToneGenerator.h"
 #include "tests/app/QtTesting.h"
+#include "tests/core/MovieReading.h"
 #include "tests/sources/SourceTesting.h"
 #include "tests/updater/ReleaseTesting.h"
 #include "updater/QuorvaUpdater.h"
@@ -76,14 +77,8 @@ protected:
         ASSERT_TRUE(QTest::qWaitForWindowExposed(_window.get()));
     }
 
-    void TearDown() override {
-        _window.reset();
-        _updater.reset();
-        _recorder.network.reset();
-        _recorder.controller.reset();
-        Language::use("en");
-        fs::remove_all(_home);
-    }
+    // (The members go in the reverse of their order: the window first, the folders last.)
+    void TearDown() override { Language::use("en"); }
 
     template <class Widget>
     Widget* find(const char* name) {
@@ -131,6 +126,15 @@ protected:
                std::abs(colour.blue() - blue) <= 16;
     }
 
+    // The entry that reads `text` in a menu of the menu bar (the first or the last), or nothing.
+    QAction* menuEntry(bool last, const QString& text) {
+        const QList<QAction*> menus = _window->menuBar()->actions();
+        for (QAction* action : (last ? menus.back() : menus.front())->menu()->actions())
+            if (action->text() == text)
+                return action;
+        return nullptr;
+    }
+
     PlaceTiles* tiles() { return find<PlaceTiles>("places"); }
 
     std::vector<std::string> tileTitles() {
@@ -140,14 +144,17 @@ protected:
         return titles;
     }
 
-    // Drops `data` onto the tiles at `point` (in the row of tiles), as a drag from the window would.
-    void dropOnTiles(QMimeData* data, QPoint point) {
+    // Drops `data` of the MIME type `type` onto the first tile's corner, as a drag from the window would.
+    void dropOnFirstTile(const char* type, const QByteArray& data) {
+        QMimeData dragged;
+        dragged.setData(type, data);
         PlaceTiles* row = tiles();
-        const QPoint at = row->widget()->mapTo(row->viewport(), point);
-        QDragEnterEvent enter(at, Qt::CopyAction | Qt::MoveAction, data, Qt::LeftButton, Qt::NoModifier);
+        const QPoint at =
+            row->widget()->mapTo(row->viewport(), row->tiles().front()->geometry().topLeft() + QPoint(4, 4));
+        QDragEnterEvent enter(at, Qt::CopyAction | Qt::MoveAction, &dragged, Qt::LeftButton, Qt::NoModifier);
         QCoreApplication::sendEvent(row->viewport(), &enter);
         ASSERT_TRUE(enter.isAccepted());
-        QDropEvent drop(at, Qt::CopyAction | Qt::MoveAction, data, Qt::LeftButton, Qt::NoModifier);
+        QDropEvent drop(at, Qt::CopyAction | Qt::MoveAction, &dragged, Qt::LeftButton, Qt::NoModifier);
         QCoreApplication::sendEvent(row->viewport(), &drop);
         QCoreApplication::processEvents();
     }
@@ -159,7 +166,7 @@ protected:
         return titles;
     }
 
-    const fs::path _home = fs::path(::testing::TempDir()) / ("window-" + std::to_string(::getpid()));
+    const testing::TemporaryFolder _home;
     testing::ReleaseServer _releases;
     RunningRecorder _recorder;
     std::shared_ptr<QuorvaUpdater> _updater;
@@ -236,18 +243,13 @@ TEST_F(WindowTest, ATakeOfThreePatternsShowsLiveTilesTheirSoundAndTheTakeThenThe
     QTest::mouseClick(sources->viewport(), Qt::LeftButton, {}, sources->visualItemRect(first).center());
     QTest::mouseDClick(sources->viewport(), Qt::LeftButton, {}, sources->visualItemRect(first).center());
     ASSERT_EQ(placeTitles(), std::vector<std::string>{"Test Pattern 720p30"});
-    {
-        QMimeData dragged;
-        dragged.setData(PlaceTiles::SourceMimeType, "Test Pattern 1080p60");
-        dropOnTiles(&dragged, tiles()->tiles().front()->geometry().topLeft() + QPoint(4, 4));
-    }
+    dropOnFirstTile(PlaceTiles::SourceMimeType, "Test Pattern 1080p60");
     sources->setCurrentItem(item("Test Pattern Alpha 1080p30"));
     QTest::mouseClick(find<QPushButton>("addSource"), Qt::LeftButton);
     const std::vector<std::string> three = {"Test Pattern 1080p60", "Test Pattern 720p30",
                                             "Test Pattern Alpha 1080p30"};
     ASSERT_EQ(placeTitles(), three);
     EXPECT_EQ(tileTitles(), three);
-    EXPECT_TRUE(find<QWidget>("monitor")->isVisible()) << "in the hint's place";
     // Each tile live, with its sound, before anything records.
     ASSERT_TRUE(waitFor(
         [&] {
@@ -302,18 +304,18 @@ TEST_F(WindowTest, ATakeOfThreePatternsShowsLiveTilesTheirSoundAndTheTakeThenThe
         }
     }
     for (size_t i = 0; i < 3; ++i) {
-        EXPECT_NEAR(Quantile(peaks[i], 0.1), tone, 1) << three[i];
-        EXPECT_NEAR(Quantile(levels[i], 0.5), tone, 1) << three[i];
-        EXPECT_GT(*std::max_element(peaks[i].begin(), peaks[i].end()), tone + 6) << three[i] << ": the click";
-        EXPECT_TRUE(tiles()->tiles()[i]->meter().isVisible());
+        SCOPED_TRACE(three[i]);
+        EXPECT_NEAR(Quantile(peaks[i], 0.1), tone, 1);
+        EXPECT_NEAR(Quantile(levels[i], 0.5), tone, 1);
+        EXPECT_GT(*std::max_element(peaks[i].begin(), peaks[i].end()), tone + 6) << "the click";
+        const PlaceTile& tile = *tiles()->tiles()[i];
+        EXPECT_TRUE(tile.meter().isVisible());
+        EXPECT_NE(tile.state(), PlaceTile::State::NoSignal);
+        EXPECT_TRUE(tile.findChild<QLabel*>("tileDropped")->text().endsWith(" dropped"));
     }
     EXPECT_NE(timecode->text(), began) << "the timecode runs";
     EXPECT_TRUE(QRegularExpression("^0:00:\\d\\d$").match(find<QLabel>("elapsed")->text()).hasMatch())
         << find<QLabel>("elapsed")->text().toStdString();
-    for (const PlaceTile* tile : tiles()->tiles()) {
-        EXPECT_NE(tile->state(), PlaceTile::State::NoSignal) << tile->place()->title();
-        EXPECT_TRUE(tile->findChild<QLabel*>("tileDropped")->text().endsWith(" dropped"));
-    }
     screenshot("window-take");
 
     QTest::mouseClick(record, Qt::LeftButton);
@@ -325,7 +327,6 @@ TEST_F(WindowTest, ATakeOfThreePatternsShowsLiveTilesTheirSoundAndTheTakeThenThe
     EXPECT_TRUE(timecodes.match(timecode->text()).hasMatch()) << "where the take's timecode began";
     auto* report = find<QPushButton>("openReportButton");
     ASSERT_TRUE(report->isVisible());
-    QCoreApplication::processEvents();
     screenshot("window-after-take");
     QTextBrowser opened;
     QDesktopServices::setUrlHandler("file", &opened, "setSource");
@@ -334,11 +335,7 @@ TEST_F(WindowTest, ATakeOfThreePatternsShowsLiveTilesTheirSoundAndTheTakeThenThe
     EXPECT_EQ(opened.source().toLocalFile().toStdString(), _recorder.controller->lastReport());
 
     // Once idle, the tiles are reordered by dragging: the third tile dragged before the first.
-    {
-        QMimeData dragged;
-        dragged.setData(PlaceTile::MimeType, "2");
-        dropOnTiles(&dragged, tiles()->tiles().front()->geometry().topLeft() + QPoint(4, 4));
-    }
+    dropOnFirstTile(PlaceTile::MimeType, "2");
     const std::vector<std::string> moved = {"Test Pattern Alpha 1080p30", "Test Pattern 1080p60",
                                             "Test Pattern 720p30"};
     EXPECT_EQ(placeTitles(), moved);
@@ -425,14 +422,8 @@ TEST_F(WindowTest, ChecksForUpdatesFromItsMenuAndSpeaksFrenchWhenChosen) {
     _releases.answer("/manifest.json", 200,
                      R"({"version": "9.0", "notes_en": "Faster.", "notes_fr": "Plus rapide.",
                          "download_url": "https://example.invalid/q.zip"})");
-    QAction* check = nullptr;
-    QAction* automatic = nullptr;
-    for (QAction* action : _window->menuBar()->actions().back()->menu()->actions()) {
-        if (action->text() == "Check for Updates…")
-            check = action;
-        if (action->text() == "Auto-check updates")
-            automatic = action;
-    }
+    QAction* check = menuEntry(true, "Check for Updates…");
+    QAction* automatic = menuEntry(true, "Auto-check updates");
     ASSERT_TRUE(check && automatic);
     EXPECT_TRUE(automatic->isChecked()) << "on for a new user";
     automatic->trigger();
@@ -487,9 +478,7 @@ std::string StatusFrom(const char* from, int64_t port) {
 
 TEST_F(WindowTest, NetworkAccessIsCheckedSavedAndServedAtOnce) {
     ASSERT_EQ(StatusFrom("127.0.0.1", _recorder.network->oscQueryPort()), "200");
-    QAction* access = nullptr;
-    for (QAction* action : _window->menuBar()->actions().front()->menu()->actions())
-        access = action->text() == "&Network Access…" ? action : access;
+    QAction* access = menuEntry(false, "&Network Access…");
     ASSERT_TRUE(access);
     const auto open = [&] {
         access->trigger();
@@ -531,31 +520,26 @@ TEST_F(WindowTest, NetworkAccessIsCheckedSavedAndServedAtOnce) {
 
 // A user of the earlier companion application finds the settings they chose there, once.
 TEST(SettingsMigration, CopiesTheSharedSettingsThatAreMissingOnce) {
-    const fs::path folder = fs::path(::testing::TempDir()) / ("migration-" + std::to_string(::getpid()));
-    fs::remove_all(folder);
-    {
-        SettingsStore earlier(SettingsMigration::EarlierIdentifier, folder);
-        ASSERT_TRUE(earlier.setString("prores422", "RecorderCodec"));
-        ASSERT_TRUE(earlier.setInteger(1280, "RecorderWidth"));
-        ASSERT_TRUE(earlier.setString("/shows", "RecorderFolder"));
-        ASSERT_TRUE(earlier.setString("assembled", "RecorderOutput"));
-        ASSERT_TRUE(earlier.flush());
-    }
-    {
-        SettingsStore store(ApplicationIdentifier, folder);
-        ASSERT_TRUE(store.setString("hevc", "RecorderCodec"));
-        SettingsMigration::migrate(SettingsMigration::EarlierIdentifier, ApplicationIdentifier, store);
-        EXPECT_EQ(store.stringForKey("RecorderCodec"), "hevc"); // its own value stays
-        EXPECT_EQ(store.integerForKey("RecorderWidth"), 1280);
-        EXPECT_EQ(store.stringForKey("RecorderFolder"), "/shows");
-        EXPECT_EQ(store.objectForKey("RecorderOutput"), std::nullopt); // never brought over
+    const testing::TemporaryFolder folder;
+    // What the earlier application saved.
+    SettingsStore earlier(SettingsMigration::EarlierIdentifier, folder);
+    ASSERT_TRUE(earlier.setString("prores422", "RecorderCodec"));
+    ASSERT_TRUE(earlier.setInteger(1280, "RecorderWidth"));
+    ASSERT_TRUE(earlier.setString("/shows", "RecorderFolder"));
+    ASSERT_TRUE(earlier.setString("assembled", "RecorderOutput"));
+    ASSERT_TRUE(earlier.flush());
+    SettingsStore store(ApplicationIdentifier, folder);
+    ASSERT_TRUE(store.setString("hevc", "RecorderCodec"));
+    SettingsMigration::migrate(SettingsMigration::EarlierIdentifier, ApplicationIdentifier, store);
+    EXPECT_EQ(store.stringForKey("RecorderCodec"), "hevc"); // its own value stays
+    EXPECT_EQ(store.integerForKey("RecorderWidth"), 1280);
+    EXPECT_EQ(store.stringForKey("RecorderFolder"), "/shows");
+    EXPECT_EQ(store.objectForKey("RecorderOutput"), std::nullopt); // never brought over
 
-        // Once marked, nothing more comes over, even what is missing.
-        ASSERT_TRUE(store.removeObjectForKey("RecorderWidth"));
-        SettingsMigration::migrate(SettingsMigration::EarlierIdentifier, ApplicationIdentifier, store);
-        EXPECT_EQ(store.objectForKey("RecorderWidth"), std::nullopt);
-    }
-    fs::remove_all(folder);
+    // Once marked, nothing more comes over, even what is missing.
+    ASSERT_TRUE(store.removeObjectForKey("RecorderWidth"));
+    SettingsMigration::migrate(SettingsMigration::EarlierIdentifier, ApplicationIdentifier, store);
+    EXPECT_EQ(store.objectForKey("RecorderWidth"), std::nullopt);
 }
 
 } // namespace

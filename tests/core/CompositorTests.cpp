@@ -43,18 +43,21 @@ protected:
     }
     Pixels pixels(const std::shared_ptr<Picture>& picture) { return testing::ReadPixels(*engine, picture); }
 
-    // Answers the target once it is drawn: then only the pool and the caller hold it. (That a target is
-    // read back drawn while its drawing is still under way is the engines' to check.)
+    // Answers the target once it is drawn, which the completion handler is given: then only the pool and
+    // the caller hold it. (That a target is read back drawn while its drawing is still under way is the
+    // engines' to check.)
     std::shared_ptr<Picture> compose(const Layout& layout,
                                      const std::vector<std::shared_ptr<Picture>>& pictures,
                                      bool transparent = false, std::vector<bool> flipped = {}) {
         if (flipped.empty())
             flipped.assign(pictures.size(), false);
-        std::promise<void> completed;
-        auto target = compositor->compose(layout, pictures, flipped, transparent,
-                                          [&](const std::shared_ptr<Picture>&) { completed.set_value(); });
-        if (target)
-            completed.get_future().wait();
+        std::promise<std::shared_ptr<Picture>> completed;
+        auto target =
+            compositor->compose(layout, pictures, flipped, transparent,
+                                [&](const std::shared_ptr<Picture>& drawn) { completed.set_value(drawn); });
+        if (target) {
+            EXPECT_EQ(completed.get_future().get(), target);
+        }
         return target;
     }
 
@@ -115,13 +118,8 @@ Pixel Gradient(uint32_t x, uint32_t y) {
 TEST_P(CompositorTest, DrawsASourcePixelForPixelAndAFlippedOneUpsideDownButNotMirrored) {
     const uint32_t width = 64, height = 32;
     auto source = testing::MakePicture(*engine, width, height, Gradient);
-    // The completion handler gets the drawn target.
-    std::promise<std::shared_ptr<Picture>> completed;
-    auto upright =
-        compositor->compose(Single(width, height), {source}, {false}, false,
-                            [&](const std::shared_ptr<Picture>& drawn) { completed.set_value(drawn); });
+    auto upright = compose(Single(width, height), {source});
     ASSERT_TRUE(upright);
-    EXPECT_EQ(completed.get_future().get(), upright);
     Pixels uprightPixels = pixels(upright);
     auto flipped = compose(Single(width, height), {source}, false, {true});
     ASSERT_TRUE(flipped);
@@ -157,23 +155,13 @@ TEST_P(CompositorTest, ScalesASourceUpByBlendingTheSourcePixelsAroundEachPixelCe
     }
 }
 
-TEST_P(CompositorTest, KeepsHalfAlphaOverATransparentBackgroundAndMakesItOpaqueOtherwise) {
-    // (The background alone, clear or black, is the reused target's case to check.)
-    auto translucent = solid(64, 64, {200, 100, 50, 128});
-    for (bool transparent : {true, false}) {
-        auto target = compose(Single(64, 64), {translucent}, transparent);
-        ASSERT_TRUE(target);
-        EXPECT_EQ(pixels(target).at(10, 10), (Pixel{200, 100, 50, uint8_t(transparent ? 128 : 255)}))
-            << transparent;
-    }
-}
-
 // A target comes back once nobody holds it; whatever it showed then must not show through the next
-// picture drawn into it, whether the pictures, the background or the size changed.
+// picture drawn into it, whether the pictures, the background or the size changed. A picture's half alpha
+// is kept over a clear background and made opaque over black.
 TEST_P(CompositorTest, EveryCompositionStartsFromItsOwnBackgroundWhateverItsTargetShowedBefore) {
     Layout pair(Row, {{16, 16}, {16, 16}}, 0, {});
     auto wide = solid(16, 8, Red); // fills rows 4 to 11 of its rectangle
-    auto green = solid(16, 16, Green);
+    auto half = solid(16, 16, {200, 100, 50, 128});
     struct Step {
         const char* what;
         Layout layout;
@@ -182,7 +170,8 @@ TEST_P(CompositorTest, EveryCompositionStartsFromItsOwnBackgroundWhateverItsTarg
         Pixel background;
     };
     const Step steps[] = {
-        {"both drawn", pair, {wide, green}, false, Black},
+        {"both drawn over a clear background", pair, {wide, half}, true, Clear},
+        {"both drawn over black", pair, {wide, half}, false, Black},
         {"the second left empty", pair, {wide, nullptr}, false, Black},
         {"the same over a clear background", pair, {wide, nullptr}, true, Clear},
         {"the same over black again", pair, {wide, nullptr}, false, Black},
@@ -195,8 +184,9 @@ TEST_P(CompositorTest, EveryCompositionStartsFromItsOwnBackgroundWhateverItsTarg
         Pixels drawn = pixels(target);
         for (uint32_t x = 0; x < target->width(); x += 5) {
             for (uint32_t y : {0u, 3u, 12u, 15u}) {
-                const bool greenHere = x >= 16 && step.pictures.size() > 1 && step.pictures[1];
-                ASSERT_EQ(drawn.at(x, y), greenHere ? Green : step.background) << x << ", " << y;
+                const bool halfHere = x >= 16 && step.pictures.size() > 1 && step.pictures[1];
+                const Pixel shown{200, 100, 50, uint8_t(step.transparent ? 128 : 255)};
+                ASSERT_EQ(drawn.at(x, y), halfHere ? shown : step.background) << x << ", " << y;
             }
         }
         EXPECT_EQ(drawn.at(3, 4), Red);
@@ -215,18 +205,13 @@ TEST_P(CompositorTest, RefusesWhatItCannotDrawAndNeverDrawsIntoATargetSomeoneHol
     // pixels.
     auto first = compose(layout, {red, nullptr});
     ASSERT_TRUE(first);
-    auto second = compose(layout, {green, green});
-    ASSERT_TRUE(second);
-    EXPECT_NE(second, first);
-    Pixels firstPixels = pixels(first), secondPixels = pixels(second);
+    ASSERT_TRUE(compose(layout, {green, green}));
+    Pixels firstPixels = pixels(first);
     EXPECT_EQ(firstPixels.at(4, 4), Red);
     EXPECT_EQ(firstPixels.at(20, 4), Black);
-    EXPECT_EQ(secondPixels.at(4, 4), Green);
-    EXPECT_EQ(secondPixels.at(20, 4), Green);
 
     // Let go of each target once it is drawn: the few targets come round again instead of piling up.
     first.reset();
-    second.reset();
     std::set<std::weak_ptr<Picture>, std::owner_less<>> seen;
     for (int i = 0; i < 20; ++i) {
         auto target = compose(layout, {red, green});

@@ -27,37 +27,35 @@ std::shared_ptr<SourceSound> Constant(uint64_t frames, float value) {
     return SourceSound::soundWithInterleavedStereoSamples(samples.data(), frames, 48000);
 }
 
-TEST(SoundLevels, ATonesPeakAndRmsReadItsLevelOnEachSide) {
+// A tone's peak and RMS read its level on each side; a reading holds what came since the last one, and
+// when the last block came and clipped stays known.
+TEST(SoundLevels, EachReadingHoldsEachSidesLevelsSinceTheLastAndAFullScaleSampleClips) {
     SoundLevels levels;
     for (uint64_t block = 0; block < 10; ++block)
         levels.measure(*Sine(480, 0.25f, 0.1f, block * 480), 1 + double(block) / 100);
-    const SoundLevels::Reading reading = levels.read();
-    EXPECT_EQ(reading.frames, (std::array<uint64_t, 2>{4800, 4800}));
+    const SoundLevels::Reading tone = levels.read();
+    EXPECT_EQ(tone.frames, (std::array<uint64_t, 2>{4800, 4800}));
     const double left = 20 * std::log10(0.25), right = 20 * std::log10(0.1);
-    EXPECT_NEAR(reading.peakDecibels(0), left, 0.05);
-    EXPECT_NEAR(reading.rmsDecibels(0), left, 0.05) << "a sine reads its peak level, as AES17 has it";
-    EXPECT_NEAR(reading.peakDecibels(1), right, 0.05);
-    EXPECT_NEAR(reading.rmsDecibels(1), right, 0.05);
-    EXPECT_DOUBLE_EQ(reading.lastSound, 1.09);
-}
+    EXPECT_NEAR(tone.peakDecibels(0), left, 0.05);
+    EXPECT_NEAR(tone.rmsDecibels(0), left, 0.05) << "a sine reads its peak level, as AES17 has it";
+    EXPECT_NEAR(tone.peakDecibels(1), right, 0.05);
+    EXPECT_NEAR(tone.rmsDecibels(1), right, 0.05);
+    EXPECT_DOUBLE_EQ(tone.lastSound, 1.09);
 
-// A reading holds what came since the last one; when the last block came and clipped stays known.
-TEST(SoundLevels, EachReadingHoldsWhatCameSinceTheLastAndAFullScaleSampleClips) {
-    SoundLevels levels;
-    levels.measure(*Constant(10, 0.99f), 1);
+    levels.measure(*Constant(10, 0.99f), 2);
     EXPECT_NEAR(levels.read().peakDecibels(0), 20 * std::log10(0.99), 0.01);
     const SoundLevels::Reading nothing = levels.read();
     EXPECT_EQ(nothing.frames[0], 0u);
     EXPECT_EQ(nothing.peakDecibels(0), SoundLevels::Floor);
     EXPECT_EQ(nothing.rmsDecibels(1), SoundLevels::Floor);
-    EXPECT_EQ(nothing.lastSound, 1);
+    EXPECT_EQ(nothing.lastSound, 2);
     EXPECT_EQ(nothing.lastClip, 0) << "0.99 is not a clip";
 
-    levels.measure(*Constant(10, -1.0f), 2);
-    levels.measure(*Constant(100, 0), 3);
+    levels.measure(*Constant(10, -1.0f), 3);
+    levels.measure(*Constant(100, 0), 4);
     const SoundLevels::Reading reading = levels.read();
     EXPECT_EQ(reading.frames[1], 110u);
-    EXPECT_EQ(reading.lastClip, 2);
+    EXPECT_EQ(reading.lastClip, 3);
     EXPECT_NEAR(reading.peakDecibels(0), 0, 1e-6);
 }
 
