@@ -6,7 +6,6 @@
 #include <nlohmann/json.hpp>
 
 #include <cstdlib>
-#include <regex>
 
 namespace quorva {
 namespace {
@@ -77,14 +76,22 @@ TEST(TakeReport, TheJSONSaysWhatEachMovieHoldsAndThePageShowsItsPictureAndMarksI
     // A strip per movie, as long as the take, with a mark where pictures were held or dropped only.
     // Each mark as "class x title".
     std::vector<std::string> marks;
-    const std::regex mark("<rect class=\"(\\w+)\" x=\"(\\d+)\"[^>]*><title>([^<]*)</title>");
-    for (std::sregex_iterator at(page.begin(), page.end(), mark), end; at != end; ++at)
-        marks.push_back((*at)[1].str() + " " + (*at)[2].str() + " " + (*at)[3].str());
+    for (size_t at = page.find("<rect class=\""); at != std::string::npos;
+         at = page.find("<rect class=\"", at + 1)) {
+        auto between = [&](const std::string& before, const std::string& after) {
+            const size_t start = page.find(before, at) + before.size();
+            return page.substr(start, page.find(after, start) - start);
+        };
+        marks.push_back(between("class=\"", "\"") + " " + between("x=\"", "\"") + " " +
+                        between("<title>", "</title>"));
+    }
     EXPECT_EQ(marks, (std::vector<std::string>{"held 1 1 s: 4 held, 0 dropped",
                                                "dropped 2 2 s: 0 held, 1 dropped"}));
-    const std::regex strip("viewBox=\"0 0 4 20\"");
-    EXPECT_EQ(std::distance(std::sregex_iterator(page.begin(), page.end(), strip), std::sregex_iterator()), 2)
-        << "3.5 s: four seconds, the last one begun";
+    size_t strips = 0;
+    for (size_t at = page.find("viewBox=\"0 0 4 20\""); at != std::string::npos;
+         at = page.find("viewBox=\"0 0 4 20\"", at + 1))
+        ++strips;
+    EXPECT_EQ(strips, 2u); // 3.5 s: four seconds, the last one begun
 }
 
 TEST(TakeReport, TimesAreWrittenAsISO8601WithTheirOffsetAndTimecodesAsTheMoviesCarryThem) {
