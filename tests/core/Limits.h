@@ -14,13 +14,15 @@
 
 namespace quorva::testing {
 
-// Whether `done` came true within `seconds`, asked every millisecond.
-[[nodiscard]] inline bool WaitFor(const std::function<bool()>& done, double seconds = 60) {
+// Whether `done` came true within `seconds`, asked every `step` seconds: a millisecond where asking costs
+// little, longer where each answer takes a request to another process.
+[[nodiscard]] inline bool WaitFor(const std::function<bool()>& done, double seconds = 60,
+                                  double step = 0.001) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
     while (!done()) {
         if (std::chrono::steady_clock::now() >= deadline)
             return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        std::this_thread::sleep_for(std::chrono::duration<double>(step));
     }
     return true;
 }

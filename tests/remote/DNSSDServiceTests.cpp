@@ -36,9 +36,9 @@ struct AvahiTest : ::testing::Test {
                        dir + "/avahi.conf' >" + dir + "/avahi.log 2>&1");
         // The daemon says so once its host name is probed and it answers clients; a busy machine (a
         // sanitised build beside other jobs) can take many seconds to get there.
-        ASSERT_TRUE(WaitUntil(30, 50, [&] {
-            return daemonLog().find("Server startup complete") != std::string::npos;
-        })) << daemonLog();
+        ASSERT_TRUE(WaitFor([&] { return daemonLog().find("Server startup complete") != std::string::npos; },
+                            30, 0.05))
+            << daemonLog();
     }
     std::string daemonLog() const { return Shell("cat " + dir + "/avahi.log"); }
     void TearDown() override {

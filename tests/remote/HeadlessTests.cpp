@@ -79,8 +79,7 @@ TEST_F(HeadlessTest, MessagesChangeSettingsOrSetTheErrorAfterAPortSearchOnTheAdd
     // published.
     const std::string unannounced =
         "OSCQuery: Bonjour publication failed: the Avahi daemon cannot be reached";
-    EXPECT_TRUE(WaitUntil(10, 100, [&] { return r.log().find(unannounced) != std::string::npos; }))
-        << r.log();
+    EXPECT_TRUE(WaitFor([&] { return r.log().find(unannounced) != std::string::npos; }, 10, 0.1)) << r.log();
     EXPECT_EQ(r.log().find("published for Bonjour"), std::string::npos) << r.log();
 }
 
@@ -144,10 +143,12 @@ TEST_F(HeadlessTest, GarbageSilenceAndAFloodAreSurvivedAndTheNextMessageStillWor
         gap[14] = char(i >> 8), gap[15] = char(i);
     // A flood can fill the socket's buffer, and the kernel then drops any sender's datagrams: the
     // message after it is sent again until the recorder has it.
-    EXPECT_TRUE(WaitUntil(10, 100, [&] {
-        r.send("/gap i 7");
-        return r.value("/gap") == 7;
-    }));
+    EXPECT_TRUE(WaitFor(
+        [&] {
+            r.send("/gap i 7");
+            return r.value("/gap") == 7;
+        },
+        10, 0.1));
     EXPECT_EQ(Curl(r.queryPort, "/gap?TYPE").body, R"({"TYPE":"i"})");
     ::close(silent);
     ::close(udp);
@@ -196,7 +197,7 @@ TEST(Headless, ARecordingOverOSCOrTheWebSocketWritesMoviesThatItsStatusDescribes
     r.send("/record f 0.5");
     ASSERT_EQ(r.value("/status/state", "recording"), "recording") << r.log();
     EXPECT_EQ(r.value("/record"), 1);
-    WaitUntil(10, 100, [&] { return r.value("/status/frames").get<int>() >= 10; });
+    (void)WaitFor([&] { return r.value("/status/frames").get<int>() >= 10; }, 10, 0.1);
     EXPECT_GT(r.value("/status/disk/minutes").get<double>(), 0);
     r.send("/record i 0");
     ASSERT_EQ(r.value("/status/state", "idle"), "idle");
@@ -263,12 +264,12 @@ TEST(Headless, OnlyTheAllowedHostsDriveOrReadTheRecorder) {
     };
 
     SendFrom(2, r.oscPort, "/gap", 23);
-    EXPECT_TRUE(WaitUntil(20, 100, [&] { return reads("/gap", 23); }));
+    EXPECT_TRUE(WaitFor([&] { return reads("/gap", 23); }, 20, 0.1));
     // Handled in the order sent: once the allowed host's second message is applied, the other's was seen.
     SendFrom(1, r.oscPort, "/gap", 24);
     SendFrom(1, r.oscPort, "/gap", 25);
     SendFrom(2, r.oscPort, "/width", 642);
-    WaitUntil(20, 100, [&] { return reads("/width", 642); });
+    (void)WaitFor([&] { return reads("/width", 642); }, 20, 0.1);
     EXPECT_TRUE(reads("/gap", 23));
     const std::string refusal = "OSC: ignoring messages from 127.0.0.1, which is not an allowed host";
     std::string log = r.log();

@@ -3,6 +3,7 @@
 #include "platform/HeadlessEventLoop.h"
 #include "platform/Log.h"
 #include "tests/Processes.h"
+#include "tests/core/Limits.h"
 
 #include <nlohmann/json.hpp>
 
@@ -20,14 +21,6 @@
 #include <vector>
 
 namespace quorva::testing {
-
-// Asks `done` every `stepMs` milliseconds until it answers true, for up to `seconds`; answers its last
-// answer. Thirty seconds is long enough for a sanitised build on a busy machine.
-inline bool WaitUntil(int seconds, int stepMs, const std::function<bool()>& done) {
-    for (int i = seconds * 1000 / stepMs; i > 0 && !done(); --i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(stepMs));
-    return done();
-}
 
 // A main loop on a thread of its own, so that the test's thread can play the client meanwhile.
 struct MainThread {
@@ -60,7 +53,7 @@ struct LogLines {
         return std::find(lines.begin(), lines.end(), line) != lines.end();
     }
     bool waitFor(const std::string& line) {
-        return WaitUntil(30, 10, [&] { return has(line); });
+        return WaitFor([&] { return has(line); }, 30, 0.01);
     }
     std::string all() {
         std::lock_guard guard(lock);
@@ -153,13 +146,15 @@ struct HeadlessRecorder {
                               " exec " QUORVA_RECORDER_PATH " --headless " + options + " 2>" + dir + "/log";
         pid = Spawn(command);
         const std::string started = "OSCQuery server started on TCP port ";
-        WaitUntil(30, 50, [&] {
-            std::string text = log();
-            size_t at = text.find(started);
-            return at != std::string::npos &&
-                   std::sscanf(text.c_str() + at + started.size(), "%d (namespace of OSC port %d)",
-                               &queryPort, &oscPort) == 2;
-        });
+        (void)WaitFor(
+            [&] {
+                std::string text = log();
+                size_t at = text.find(started);
+                return at != std::string::npos &&
+                       std::sscanf(text.c_str() + at + started.size(), "%d (namespace of OSC port %d)",
+                                   &queryPort, &oscPort) == 2;
+            },
+            30, 0.05);
     }
     ~HeadlessRecorder() {
         EXPECT_EQ(pid ? stop() : 0, 0) << log();
@@ -173,11 +168,13 @@ struct HeadlessRecorder {
     // Waits up to 20 seconds for `address` to read `expected` over OSCQuery, and answers what it read last.
     nlohmann::json value(const std::string& address, const nlohmann::json& expected = {}) const {
         nlohmann::json read;
-        WaitUntil(20, 100, [&] {
-            auto answer = nlohmann::json::parse(Curl(queryPort, address + "?VALUE").body, nullptr, false);
-            read = answer.is_object() ? answer["VALUE"][0] : nlohmann::json();
-            return expected.is_null() || read == expected;
-        });
+        (void)WaitFor(
+            [&] {
+                auto answer = nlohmann::json::parse(Curl(queryPort, address + "?VALUE").body, nullptr, false);
+                read = answer.is_object() ? answer["VALUE"][0] : nlohmann::json();
+                return expected.is_null() || read == expected;
+            },
+            20, 0.1);
         return read;
     }
 };

@@ -149,7 +149,7 @@ TEST_F(OSCQueryListenerTest, AListenerThatNeverReadsIsLetGoWithoutDelayingTheOth
         received = Shell("/usr/bin/python3 " QUORVA_TEST_SOURCE_DIR "/websocket_client.py listeners " +
                          std::to_string(port) + " 40 /x");
     });
-    ASSERT_TRUE(WaitUntil(30, 10, [&] { return listening == 41; })) << listening;
+    ASSERT_TRUE(WaitFor([&] { return listening == 41; }, 30, 0.01)) << listening;
 
     const std::string letGo = "OSCQuery: a WebSocket client that does not read what it listens to was let go";
     const std::vector<uint8_t> packet = OSCMessage("/x", {std::string(8000, 'x')}).packet();

@@ -31,10 +31,12 @@ TEST(OSCReceiver, ABundleFromOscsendfileArrivesInOneMainThreadTaskAndStopIsIdemp
     std::ofstream(file) << "e0000000.00000000 /one i 1\ne0000000.00000000 /two s x\n"
                            "e0000000.00000000 /three f 1.5\n";
     Shell("oscsendfile localhost " + std::to_string(receiver.port()) + " " + file);
-    ASSERT_TRUE(WaitUntil(10, 10, [&] {
-        std::lock_guard guard(lock);
-        return std::ranges::count(seen, "marker") == 1;
-    }));
+    ASSERT_TRUE(WaitFor(
+        [&] {
+            std::lock_guard guard(lock);
+            return std::ranges::count(seen, "marker") == 1;
+        },
+        10, 0.01));
     EXPECT_EQ(seen, (std::vector<std::string>{"/one 1", "/two x", "/three 1.5", "marker"}));
     EXPECT_FALSE(offMain);
 
